@@ -1,0 +1,1 @@
+#include <Korvo/baseRow.h>
