@@ -1,1 +1,468 @@
 #include <Korvo/baseRow.h>
+
+#include <Korvo/KoStrUtils.h>
+
+#include <array>
+#include <atomic>
+#include <charconv>
+#include <cstdint>
+#include <new>
+#include <ostream>
+
+#if defined(__SANITIZE_THREAD__)
+#define KORVO_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KORVO_THREAD_SANITIZER 1
+#endif
+#endif
+
+namespace Korvo {
+namespace {
+
+constexpr const char* thisFile = "src/baseRow.cpp";
+
+bool liesIn(const byte_t* at, const byte_t* buf, std::size_t length) {
+  const auto address = reinterpret_cast<std::uintptr_t>(at);
+  const auto begin = reinterpret_cast<std::uintptr_t>(buf);
+  return address >= begin && address - begin < length;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Ownership
+
+BaseRow::~BaseRow() = default;
+
+void BaseRow::throwNullRow() {
+  throw KoNullRow();
+}
+
+void BaseRow::replaceRow(byte_t* buf) {
+  if (!rowBuf_) throwNullRow();
+  rowBuf_->buf_ = buf;
+}
+
+void BaseRow::shareContents(const BaseRow& other) {
+  rowBuf_ = other.rowBuf_;
+}
+
+void BaseRow::nullifyRow() {
+  rowBuf_.reset();
+}
+
+bool BaseRow::isSoleHolder() const noexcept {
+  if (rowBuf_.use_count() != 1) return false;
+    // The use count is read without ordering. Former holders may have read the buffer on other
+    // threads until they let go of it, so their releases are made to happen before our writes.
+#ifdef KORVO_THREAD_SANITIZER
+  // ThreadSanitizer does not follow fences; a read-modify-write of the count makes the same edge.
+  const KoPtr<KoRowBuf> edge = rowBuf_;
+#else
+  std::atomic_thread_fence(std::memory_order_acquire);
+#endif
+  return true;
+}
+
+/// Copy-on-write: afterwards this row is the only holder of its buffer. Returns the buffer that it
+/// gave up, or null when there was nothing to do.
+KoPtr<KoRowBuf> BaseRow::makeExclusive() {
+  if (isSoleHolder()) return nullptr;
+  const byte_t* const shared = rowBuf();
+  const len_t length = loadField<len_t>(shared);
+  KoPtr<KoRowBuf> own = std::make_shared<KoRowBuf>();
+  own->buf_ = static_cast<byte_t*>(std::malloc(length));
+  if (own->buf_ == nullptr) throw std::bad_alloc();
+  std::memcpy(own->buf_, shared, length);
+  rowBuf_.swap(own);
+  return own;
+}
+
+void BaseRow::installNew(len_t baseLength, std::uint16_t rowType, oid_t oid) {
+  KoPtr<KoRowBuf> own = std::make_shared<KoRowBuf>();
+  byte_t* const buf = static_cast<byte_t*>(std::calloc(baseLength, 1));
+  if (buf == nullptr) throw std::bad_alloc();
+  own->buf_ = buf;
+  storeField<len_t>(buf + rowLengthOffset, baseLength);
+  storeField<std::uint16_t>(buf + rowTypeOffset, rowType);
+  storeField<oid_t>(buf + rowOidOffset, oid);
+  rowBuf_ = std::move(own);
+}
+
+void BaseRow::installCopy(const void* bytes, std::size_t length, len_t baseLength,
+                          std::uint16_t rowType) {
+  const auto refuse = [](const std::string& reason) {
+    throw KoInvalidArgument("Invalid Row - (" + reason + ")");
+  };
+  if (length < rowHeaderLength) refuse("no room for a header");
+  const len_t said = loadField<len_t>(static_cast<const byte_t*>(bytes) + rowLengthOffset);
+  if (said != length) {
+    refuse("header says " + std::to_string(said) + " bytes, received " + std::to_string(length));
+  }
+  if (length < baseLength) refuse("shorter than the table's columns");
+  KoPtr<KoRowBuf> own = std::make_shared<KoRowBuf>();
+  own->buf_ = static_cast<byte_t*>(std::malloc(length));
+  if (own->buf_ == nullptr) throw std::bad_alloc();
+  std::memcpy(own->buf_, bytes, length);
+  // The bytes may stand in shared memory: the length that was checked is the one that counts.
+  storeField<len_t>(own->buf_ + rowLengthOffset, said);
+  if (loadField<std::uint16_t>(own->buf_ + rowTypeOffset) != rowType) refuse("another row type");
+  rowBuf_ = std::move(own);
+}
+
+void BaseRow::clearRow() {
+  if (isNull()) return;
+  makeExclusive();
+  byte_t* const buf = rwRowBuf();
+  std::memset(buf + rowOidOffset, 0, loadField<len_t>(buf) - std::size_t{rowOidOffset});
+}
+
+// ---------------------------------------------------------------------------------------------
+// What the table's row class tells
+
+bool BaseRow::isFullyDefined() const {
+  return false;
+}
+
+std::string BaseRow::toJson() const {
+  return {};
+}
+
+// ---------------------------------------------------------------------------------------------
+// The variable area
+
+/// Where a value goes, decided before anything changes.
+struct BaseRow::Room {
+  bool inPlace;       ///< over the column's present value
+  bool afterPacking;  ///< behind the packed data; `offset` is known only then
+  len_t offset;
+  len_t rowLength;  ///< of the row that has the room
+};
+
+/// The columns that hold data, by data offset. Columns without data have none to move, whatever
+/// offset their slots still name.
+class BaseRow::PackingOrder {
+ public:
+  /// `without` names a slot that is about to be cleared, or is 0.
+  PackingOrder(const BaseRow& row, len_t without) {
+    const byte_t* const buf = row.rowBuf();
+    const vcdType& slots = row.vcd();
+    Entry* entries = few_.data();
+    if (slots.size() > few_.size()) {
+      many_.resize(slots.size());
+      entries = many_.data();
+    }
+    Entry* last = entries;
+    for (const len_t slotOffset : slots) {
+      const VColType& slot = VColType::at(buf, slotOffset);
+      if (slotOffset == without || slot.length() == 0 || slot.offset() == 0) continue;
+      *last = {slot.offset(), static_cast<len_t>(last - entries), slotOffset};
+      ++last;
+    }
+    std::sort(entries, last, [](const Entry& a, const Entry& b) {
+      return a.dataOffset != b.dataOffset ? a.dataOffset < b.dataOffset : a.index < b.index;
+    });
+    begin_ = entries;
+    end_ = last;
+  }
+  PackingOrder(const PackingOrder&) = delete;
+  PackingOrder& operator=(const PackingOrder&) = delete;
+
+  struct Entry {
+    len_t dataOffset;
+    len_t index;
+    len_t slotOffset;
+  };
+  const Entry* begin() const { return begin_; }
+  const Entry* end() const { return end_; }
+
+ private:
+  std::array<Entry, 64> few_;  // ordinary rows need no allocation
+  std::vector<Entry> many_;
+  const Entry* begin_;
+  const Entry* end_;
+};
+
+varFieldMap::varFieldMap(const BaseRow& row) {
+  const byte_t* const buf = row.rowBuf();
+  for (const len_t slotOffset : row.vcd()) {
+    const len_t dataOffset = VColType::at(buf, slotOffset).offset();
+    if (dataOffset != 0) (*this)[dataOffset] = slotOffset;
+  }
+}
+
+/// The order of the choices is part of the contract: reuse in place, append at the used end, grow
+/// by only the shortfall, pack only when that is still not enough. Rows that are not fully defined
+/// reuse in place or append at the row's end.
+BaseRow::Room BaseRow::findRoom(len_t slotOffset, len_t needed, len_t baseRowLength) const {
+  const byte_t* const buf = rowBuf();
+  const VColType& own = VColType::at(buf, slotOffset);
+  const int rowLength = loadField<len_t>(buf + rowLengthOffset);
+  if (own.length() != 0 && needed <= own.length()) {
+    return {true, false, own.offset(), static_cast<len_t>(rowLength)};
+  }
+
+  int end = rowLength;
+  int newLength = rowLength + needed;
+  const bool mayPack = isFullyDefined();
+  if (mayPack) {
+    int free = rowLength - baseRowLength;
+    end = baseRowLength;
+    for (const len_t other : vcd()) {
+      const VColType& slot = VColType::at(buf, other);
+      if (other == slotOffset || slot.length() == 0) continue;
+      free -= slot.length();
+      end = std::max(end, slot.offset() + slot.length());
+    }
+    if (needed <= rowLength - end || needed < free) {
+      newLength = rowLength;
+    } else {
+      newLength = rowLength + needed - free;
+    }
+  }
+  if (newLength > static_cast<int>(maxRowLength)) {
+    throw KoOutOfRange("Row length exceeds 65535 bytes");
+  }
+  return {false, mayPack && needed > newLength - end, static_cast<len_t>(end),
+          static_cast<len_t>(newLength)};
+}
+
+/// Every allocation comes before the first change, so a failed one leaves the row as it was.
+len_t BaseRow::takeRoom(const Room& room, len_t slotOffset, len_t baseRowLength) {
+  if (room.inPlace) return room.offset;
+  if (!room.afterPacking) {
+    grow(room.rowLength);
+    VColType::at(rwRowBuf(), slotOffset).clear();
+    return room.offset;
+  }
+  const PackingOrder order(*this, slotOffset);
+  grow(room.rowLength);
+  VColType::at(rwRowBuf(), slotOffset).clear();
+  return pack(order, baseRowLength);
+}
+
+void BaseRow::grow(len_t newLength) {
+  byte_t* const buf = rwRowBuf();
+  const len_t length = loadField<len_t>(buf + rowLengthOffset);
+  if (newLength <= length) return;
+  byte_t* const grown = static_cast<byte_t*>(std::realloc(buf, newLength));
+  if (grown == nullptr) throw std::bad_alloc();
+  replaceRow(grown);
+  // Nothing of the heap's old contents may leave the process with the row.
+  std::memset(grown + length, 0, static_cast<std::size_t>(newLength - length));
+  storeField<len_t>(grown + rowLengthOffset, newLength);
+}
+
+len_t BaseRow::makeFreeSpace(len_t slotOffset, len_t needed, len_t baseRowLength) {
+  KORVO_ASSERT(baseRowLength != 0, "baseRowLength != 0", thisFile,
+               "Korvo::len_t Korvo::BaseRow::makeFreeSpace(Korvo::len_t, Korvo::len_t, "
+               "Korvo::len_t)");
+  rwRowBuf();  // room is only ever made in a row that may be written
+  return takeRoom(findRoom(slotOffset, needed, baseRowLength), slotOffset, baseRowLength);
+}
+
+len_t BaseRow::compactVariableData(len_t baseRowLength) {
+  return pack(PackingOrder(*this, 0), baseRowLength);
+}
+
+len_t BaseRow::pack(const PackingOrder& order, len_t baseRowLength) {
+  len_t position = baseRowLength;
+  for (const auto& column : order) {
+    // Of columns that claim the same data, the last keeps it.
+    if (&column + 1 != order.end() && (&column + 1)->dataOffset == column.dataOffset) continue;
+    VColType& slot = VColType::at(rowBuf(), column.slotOffset);
+    if (slot.offset() <= position) {
+      position = static_cast<len_t>(position + slot.length());
+    } else {
+      position = moveVariableColumn(&slot, column.slotOffset, position);
+    }
+  }
+  return position;
+}
+
+len_t BaseRow::moveVariableColumn(VColType* slot, len_t slotOffset, len_t to) {
+  const len_t from = slot->offset();
+  const len_t length = slot->length();
+  if (length == 0) return to;
+  makeExclusive();
+  byte_t* const buf = rwRowBuf();
+  std::memmove(buf + to, buf + from, length);
+  VColType& moved = VColType::at(buf, slotOffset);
+  moved.valueIs(to, length, moved.isArray());
+  return static_cast<len_t>(to + length);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Writers
+
+void BaseRow::failSetColumn(const char* type, bool isArray) {
+  const std::string value = isArray ? "const std::vector<T>&" : "const T&";
+  const std::string signature = "void Korvo::BaseRow::setColumn(Korvo::len_t, " + value +
+                                ", Korvo::len_t) [with T = " + type +
+                                "; Korvo::len_t = short unsigned int]";
+  detail::assertionFailed("fdLen != 0", thisFile, __LINE__, signature.c_str());
+}
+
+/// Room for `needed` bytes in a buffer that is this row's alone. All that can fail comes before the
+/// first change, or is undone: on a throw the row is as before and still shares its buffer.
+/// `former` is the buffer that was given up; while it is held, what refers into it stays readable.
+len_t BaseRow::makeExclusiveRoom(len_t slotOffset, std::size_t needed, len_t fdLen,
+                                 KoPtr<KoRowBuf>& former) {
+  if (needed > maxValueLength) throw KoOutOfRange("Encoded value exceeds 32767 bytes");
+  KORVO_ASSERT(fdLen != 0, "baseRowLength != 0", thisFile,
+               "Korvo::len_t Korvo::BaseRow::makeFreeSpace(Korvo::len_t, Korvo::len_t, "
+               "Korvo::len_t)");
+  const Room room = findRoom(slotOffset, static_cast<len_t>(needed), fdLen);
+  former = makeExclusive();
+  try {
+    return takeRoom(room, slotOffset, fdLen);
+  } catch (...) {
+    if (former) rowBuf_ = former;
+    throw;
+  }
+}
+
+void BaseRow::clearColumn(len_t slotOffset) {
+  makeExclusive();
+  VColType::at(rwRowBuf(), slotOffset).clear();
+}
+
+void BaseRow::writeValue(len_t slotOffset, len_t fdLen, detail::EncodedValue value, bool isArray) {
+  const std::size_t length = value.length();
+  if (length == 0) return clearColumn(slotOffset);
+  // A value that stands in this very buffer would move under the writer's hands.
+  std::vector<byte_t> copy;
+  const byte_t* const buf = rowBuf();
+  if (liesIn(value.bytes, buf, loadField<len_t>(buf + rowLengthOffset))) {
+    copy.assign(value.bytes, value.bytes + value.byteCount);
+    value.bytes = copy.data();
+  }
+  KoPtr<KoRowBuf> former;
+  const len_t offset = makeExclusiveRoom(slotOffset, length, fdLen, former);
+  byte_t* const own = rwRowBuf();
+  value.store(own + offset);
+  VColType::at(own, slotOffset).valueIs(offset, static_cast<len_t>(length), isArray);
+}
+
+void BaseRow::copyVarColumn(len_t srcSlotOffset, const BaseRow& src, len_t dstSlotOffset,
+                            len_t fdLen) {
+  const byte_t* const from = src.rowBuf();
+  const VColType slot = VColType::at(from, srcSlotOffset);
+  if (slot.length() != 0) {
+    writeValue(dstSlotOffset, fdLen, {from + slot.offset(), slot.length()}, slot.isArray());
+  } else {
+    makeExclusive();
+    VColType::at(rwRowBuf(), dstSlotOffset).valueIs(0, 0, slot.isArray());
+  }
+}
+
+byte_t* BaseRow::beginArray(len_t slotOffset, len_t fdLen, std::size_t count, std::size_t length,
+                            bool variableElements) {
+  KoPtr<KoRowBuf> former;
+  const len_t offset = makeExclusiveRoom(slotOffset, length, fdLen, former);
+  byte_t* const buf = rwRowBuf();
+  VColType::at(buf, slotOffset).valueIs(offset, static_cast<len_t>(length), true);
+  byte_t* const array = buf + offset;
+  // Bits 13 to 15 stay as they are in the buffer; nobody interprets them.
+  const int kept = array[1] & ~(arrayCountHighMask | arrayVariableMark);
+  array[0] = static_cast<byte_t>(count);
+  array[1] = static_cast<byte_t>(kept | (variableElements ? arrayVariableMark : 0) |
+                                 (static_cast<int>(count >> 8) & arrayCountHighMask));
+  return array;
+}
+
+byte_t* BaseRow::appendElement(byte_t* array, std::size_t index, byte_t* data,
+                               const detail::EncodedValue& value) {
+  VColType::at(array, arrayHeaderLength + sizeof(VColType) * index)
+      .valueIs(static_cast<len_t>(data - array), static_cast<len_t>(value.length()), false);
+  value.store(data);
+  return data + value.length();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Decoding
+
+void BaseRow::decodeValue(const byte_t* src, len_t length, IpGenAddr& out) {
+  switch (length) {
+    case ipv6Length:
+      out = IpGenAddr(ipv6_, src);
+      return;
+    case ipv4Length:
+    case 0:  // no family, but the first word is taken over all the same
+      out = IpGenAddr(detail::familyOfAddress(length), src);
+      return;
+    default:
+      detail::assertionFailed("0", thisFile, __LINE__,
+                              "static void Korvo::BaseRow::decode(const void*, Korvo::len_t, T&) "
+                              "[with T = Korvo::IpGenAddr; Korvo::len_t = short unsigned int]");
+  }
+}
+
+void BaseRow::decodeValue(const byte_t* src, len_t length, IpGenPrefix& out) {
+  const bool wellFormed = length == 0 || length == ipv4Length + 1 || length == ipv6Length + 1;
+  KORVO_ASSERT(wellFormed, "0", thisFile,
+               "static void Korvo::BaseRow::decode(const void*, Korvo::len_t, T&) "
+               "[with T = Korvo::IpGenPrefix; Korvo::len_t = short unsigned int]");
+  out.reset();
+  out.addrIs(IpGenAddr(detail::familyOfPrefix(length), src + 1));
+  out.maskIs(src[0]);  // refuses host bits
+}
+
+// ---------------------------------------------------------------------------------------------
+// Text
+
+namespace {
+
+constexpr std::string_view nullRowText = "len = 0, NULL";
+
+}  // namespace
+
+std::string BaseRow::toString() const {
+  if (isNull()) return std::string(nullRowText);
+  char text[64];
+  char* to = text;
+  const auto append = [&](std::string_view label, std::uint32_t number) {
+    to = std::copy(label.begin(), label.end(), to);
+    to = std::to_chars(to, to + 10, number).ptr;
+  };
+  append("len = ", rowLength());
+  append(", type = ", rowType());
+  append(", oid = ", rowOid());
+  return {text, to};
+}
+
+std::ostream& operator<<(std::ostream& os, const BaseRow& row) {
+  if (row.isNull()) return os << nullRowText;
+  const std::ios_base::fmtflags before = os.setf(std::ios_base::dec, std::ios_base::basefield);
+  os << "len = " << row.rowLength() << ", type = " << row.rowType() << ", oid = " << row.rowOid();
+  os.setf(before & std::ios_base::basefield, std::ios_base::basefield);
+  return os;
+}
+
+std::ostream& operator<<(std::ostream& os, const StringValueReference& text) {
+  return os.write(text.data(), text.length());
+}
+
+std::ostream& operator<<(std::ostream& os, const FMT<StringValueReference>& text) {
+  return os << '"' << escapeString(std::string(text.value().view())) << '"';
+}
+
+std::ostream& operator<<(std::ostream& os, const IpGenAddrReference& addr) {
+  if (addr.addr() == nullptr) return os << "<null>";
+  // A reference without a family may stand before fewer than 4 bytes; none of them is printed.
+  return os << (addr.af() == unknown_ ? IpGenAddr() : IpGenAddr(addr.af(), addr.addr()));
+}
+
+std::ostream& operator<<(std::ostream& os, const IpGenPrefixReference& prefix) {
+  if (prefix.addr() == nullptr) return os << "<null>";
+  if (prefix.af() == unknown_) return os << IpGenPrefix(IpGenAddr(), prefix.mask());
+  return os << IpGenPrefix(prefix.af(), prefix.mask(), prefix.addr());
+}
+
+// ---------------------------------------------------------------------------------------------
+// Sub-rows
+
+SubRowReference::~SubRowReference() = default;
+
+}  // namespace Korvo
