@@ -1,17 +1,31 @@
-# Flags of this project's own targets, never handed on to those who link the library.
+# Flags of this project's own targets, never handed on to those who link the library. A project that
+# includes this one brings its own flags and gets none from here.
 
 add_library(korvo_build_flags INTERFACE)
 target_compile_features(korvo_build_flags INTERFACE cxx_std_20)
-# No absolute path of the build machine ends up in the binaries.
-target_compile_options(korvo_build_flags INTERFACE
-  "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=" "-ffile-prefix-map=${PROJECT_BINARY_DIR}/=")
 
 if(PROJECT_IS_TOP_LEVEL)
+  # No absolute path of the build machine ends up in the binaries, so that two builds are equal.
+  target_compile_options(korvo_build_flags INTERFACE
+    "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=" "-ffile-prefix-map=${PROJECT_BINARY_DIR}=.")
+
   target_compile_options(korvo_build_flags INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wnon-virtual-dtor
     -Wold-style-cast -Wcast-align -Wcast-qual -Woverloaded-virtual -Wformat=2 -Wnull-dereference
-    -Wimplicit-fallthrough -Wundef -Werror)
+    -Wimplicit-fallthrough -Wundef)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     target_compile_options(korvo_build_flags INTERFACE -Wduplicated-cond -Wlogical-op)
+  endif()
+
+  # Errors with the compilers that every change is built with; a newer one may know new warnings,
+  # which must not stop a user's build.
+  set(tested_compiler OFF)
+  if((CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION MATCHES "^12\\.")
+     OR (CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND CMAKE_CXX_COMPILER_VERSION MATCHES "^14\\."))
+    set(tested_compiler ON)
+  endif()
+  option(KORVO_WARNINGS_AS_ERRORS "Stop the build on a warning" ${tested_compiler})
+  if(KORVO_WARNINGS_AS_ERRORS)
+    target_compile_options(korvo_build_flags INTERFACE -Werror)
   endif()
 endif()

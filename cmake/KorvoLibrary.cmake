@@ -1,4 +1,4 @@
-# The library target, its installation and its packages.
+# The library target.
 
 find_package(OpenSSL REQUIRED COMPONENTS Crypto)
 
@@ -18,11 +18,24 @@ set_target_properties(KorvoAPI PROPERTIES
   CXX_VISIBILITY_PRESET hidden
   VISIBILITY_INLINES_HIDDEN ON)
 target_compile_features(KorvoAPI PUBLIC cxx_std_20)
-# A host's own framework comes before the stand-in of the same name.
-target_include_directories(KorvoAPI PUBLIC
-  $<BUILD_INTERFACE:${KORVO_VELTO_INCLUDE_DIR}>
-  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src-includes/api>
-  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+
+# A host's own framework comes before the stand-in of the same name, here and once installed.
+set(KORVO_VELTO_STAND_IN_DIR "${PROJECT_SOURCE_DIR}/src-includes/api")
+cmake_path(COMPARE "${KORVO_VELTO_INCLUDE_DIR}" EQUAL "${KORVO_VELTO_STAND_IN_DIR}"
+           KORVO_VELTO_IS_STAND_IN)
+if(NOT KORVO_VELTO_IS_STAND_IN)
+  target_include_directories(KorvoAPI PUBLIC "${KORVO_VELTO_INCLUDE_DIR}")
+endif()
+
+file(GLOB korvo_headers CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/src-includes/api/Korvo/*.h")
+list(REMOVE_ITEM korvo_headers "${PROJECT_SOURCE_DIR}/src-includes/api/Korvo/EventLoop.h")
+if(KORVO_VELTO_IS_STAND_IN)
+  file(GLOB velto_headers CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/src-includes/api/Velto/*.h")
+endif()
+target_sources(KorvoAPI PUBLIC FILE_SET HEADERS BASE_DIRS src-includes/api
+               FILES ${korvo_headers} ${velto_headers})
+set_target_properties(KorvoAPI PROPERTIES VERIFY_INTERFACE_HEADER_SETS ${PROJECT_IS_TOP_LEVEL})
+
 # File sizes and offsets are 64 bits wide on 32-bit systems too.
 target_compile_definitions(KorvoAPI PRIVATE _FILE_OFFSET_BITS=64)
 target_link_libraries(KorvoAPI PRIVATE $<BUILD_INTERFACE:korvo_build_flags> OpenSSL::Crypto)
