@@ -3,9 +3,12 @@
 find_package(OpenSSL REQUIRED COMPONENTS Crypto)
 
 add_library(KorvoAPI
+  src/addressText.cpp
   src/assertion.cpp
+  src/jsonText.cpp
   src/korvo_types.cpp
   src/baseRow.cpp
+  src/TableRow.cpp
   src/Scheduler.cpp
   src/KorvoApi.cpp
   src/KoStrUtils.cpp)

@@ -1,0 +1,423 @@
+#pragma once
+
+// Row classes of tables, declared once.
+//
+//   using PortLayout = Korvo::RowLayout<7,  // the table's row type
+//       Korvo::Column<"speed", std::uint32_t>,
+//       Korvo::Column<"name", std::string>>;
+//   Korvo::TableRow<PortLayout> port;
+//   port.create(1001);
+//   port.set<"name">("eth0");
+//   std::cout << port.view<"name">() << ' ' << port.toJson() << '\n';
+//
+// From the layout follow the columns' offsets, the base length, vcd(), columnOffset() and
+// isFullyDefined(). Overlapping columns, names used twice and types without a column form do not
+// compile. Columns stand one behind the other unless an offset is given; there is no padding.
+
+#include <Korvo/baseRow.h>
+
+#include <array>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace Korvo {
+
+// ---------------------------------------------------------------------------------------------
+// Declaring a layout
+
+/// A column's name as a template argument.
+template <std::size_t N>
+struct ColumnName {
+  char text[N];
+  constexpr ColumnName(const char (&name)[N]) {  // NOLINT: a string literal names a column
+    for (std::size_t i = 0; i < N; ++i) text[i] = name[i];
+  }
+  constexpr std::string_view view() const { return {text, N - 1}; }
+};
+
+/// The offset of a column that stands right behind the one declared before it.
+inline constexpr std::size_t behindThePrevious = 0;
+
+/// One column. T: a fixed-width type, std::string, IpGenAddr, IpGenPrefix, a vector of these three
+/// or of bool, or Nested<Layout>.
+template <ColumnName Name, typename T, std::size_t Offset = behindThePrevious>
+struct Column {
+  using Type = T;
+  static constexpr std::string_view name = Name.view();
+  static constexpr std::size_t offset = Offset;
+};
+
+/// The type of a column that holds a row of another layout.
+template <typename Layout>
+struct Nested {};
+
+struct LayoutInfo;
+
+/// What is known of a column at run time.
+struct ColumnInfo {
+  std::string_view name;
+  KorvoTypes type;  ///< of the value, or of an array's elements
+  len_t offset;     ///< of the value or the slot
+  len_t width;      ///< in the fixed area
+  bool isArray;
+  const LayoutInfo* nested;  ///< of a nested row, otherwise null
+};
+
+/// What is known of a table's rows at run time; static data.
+struct LayoutInfo {
+  std::uint16_t rowType;
+  len_t baseLength;  ///< header and fixed area: where the variable area begins
+  std::span<const ColumnInfo> columns;
+};
+
+namespace detail {
+
+template <typename T>
+struct ColumnTraits {
+  static constexpr bool known = false;
+};
+template <typename T, KorvoTypes Type>
+struct FixedTraits {
+  static constexpr bool known = true;
+  static constexpr KorvoTypes type = Type;
+  static constexpr len_t width = sizeof(T);
+  static constexpr bool isVariable = false;
+  static constexpr bool isArray = false;
+  static constexpr const LayoutInfo* nested = nullptr;
+  using View = T;
+};
+template <typename ViewType, KorvoTypes Type, bool IsArray = false>
+struct SlotTraits {
+  static constexpr bool known = true;
+  static constexpr KorvoTypes type = Type;
+  static constexpr len_t width = sizeof(VColType);
+  static constexpr bool isVariable = true;
+  static constexpr bool isArray = IsArray;
+  static constexpr const LayoutInfo* nested = nullptr;
+  using View = ViewType;
+};
+// clang-format off
+template <> struct ColumnTraits<std::uint8_t> : FixedTraits<std::uint8_t, uint8Type_> {};
+template <> struct ColumnTraits<std::uint16_t> : FixedTraits<std::uint16_t, uint16Type_> {};
+template <> struct ColumnTraits<std::uint32_t> : FixedTraits<std::uint32_t, uint32Type_> {};
+template <> struct ColumnTraits<std::uint64_t> : FixedTraits<std::uint64_t, uint64Type_> {};
+template <> struct ColumnTraits<std::int8_t> : FixedTraits<std::int8_t, int8Type_> {};
+template <> struct ColumnTraits<std::int16_t> : FixedTraits<std::int16_t, int16Type_> {};
+template <> struct ColumnTraits<std::int32_t> : FixedTraits<std::int32_t, int32Type_> {};
+template <> struct ColumnTraits<std::int64_t> : FixedTraits<std::int64_t, int64Type_> {};
+template <> struct ColumnTraits<float> : FixedTraits<float, floatType_> {};
+template <> struct ColumnTraits<double> : FixedTraits<double, doubleType_> {};
+template <> struct ColumnTraits<bool> : FixedTraits<bool, boolType_> {};
+template <> struct ColumnTraits<IpAddr> : FixedTraits<IpAddr, ipAddrType_> {};
+template <> struct ColumnTraits<Ip6Addr> : FixedTraits<Ip6Addr, ip6AddrType_> {};
+template <> struct ColumnTraits<std::string> : SlotTraits<StringValueReference, stringType_> {};
+template <> struct ColumnTraits<IpGenAddr> : SlotTraits<IpGenAddrReference, ipGenAddrType_> {};
+template <> struct ColumnTraits<IpGenPrefix>
+    : SlotTraits<IpGenPrefixReference, ipGenPrefixType_> {};
+// clang-format on
+template <typename T>
+struct ColumnTraits<std::vector<T>>
+    : SlotTraits<ArrayReference<typename ColumnTraits<T>::View>, ColumnTraits<T>::type, true> {
+  static constexpr bool known = isArrayElement<T> || std::is_same_v<T, bool>;
+};
+
+/// Whether a column is written from exactly its own type.
+template <typename T>
+inline constexpr bool takesItsType = !ColumnTraits<T>::isVariable || isVector<T>;
+
+}  // namespace detail
+
+template <typename Layout>
+class SubRow;
+
+template <typename Layout>
+struct detail::ColumnTraits<Nested<Layout>> : detail::SlotTraits<SubRow<Layout>, structType_> {
+  static constexpr const LayoutInfo* nested = &Layout::info;
+};
+
+/// The columns of a table's rows.
+template <std::uint16_t RowType, typename... Columns>
+class RowLayout {
+  static_assert((detail::ColumnTraits<typename Columns::Type>::known && ...),
+                "a column is a fixed-width type of the catalogue, std::string, IpGenAddr, "
+                "IpGenPrefix, a vector of these three or of bool, or Nested<Layout>");
+
+  static constexpr std::size_t count = sizeof...(Columns);
+  using ColumnList = std::tuple<Columns...>;
+
+  struct Place {
+    std::size_t begin;
+    std::size_t end;
+  };
+  static constexpr std::array<Place, count> places = [] {
+    std::array<Place, count> all{};
+    std::size_t next = rowHeaderLength;
+    std::size_t i = 0;
+    const auto place = [&](std::size_t offset, std::size_t width) {
+      const std::size_t begin = offset == behindThePrevious ? next : offset;
+      next = begin + width;
+      all[i++] = {begin, next};
+    };
+    (place(Columns::offset, detail::ColumnTraits<typename Columns::Type>::width), ...);
+    return all;
+  }();
+  static constexpr std::size_t fixedEnd = [] {
+    std::size_t end = rowHeaderLength;
+    for (const Place& place : places) end = std::max(end, place.end);
+    return end;
+  }();
+
+  static constexpr bool insideTheRow() {
+    for (const Place& place : places) {
+      if (place.begin < rowHeaderLength || place.end > maxRowLength) return false;
+    }
+    return true;
+  }
+  static constexpr bool disjoint() {
+    for (std::size_t i = 0; i < count; ++i) {
+      for (std::size_t j = 0; j < i; ++j) {
+        if (places[i].begin < places[j].end && places[j].begin < places[i].end) return false;
+      }
+    }
+    return true;
+  }
+  static constexpr bool namesDiffer() {
+    constexpr std::array<std::string_view, count> names = {Columns::name...};
+    for (std::size_t i = 0; i < count; ++i) {
+      for (std::size_t j = 0; j < i; ++j) {
+        if (names[i] == names[j]) return false;
+      }
+    }
+    return true;
+  }
+  static_assert(insideTheRow(), "a column lies in the header or ends beyond 65535 bytes");
+  static_assert(disjoint(), "two columns overlap");
+  static_assert(namesDiffer(), "two columns have the same name");
+
+  template <ColumnName Name>
+  static constexpr std::size_t indexOf() {
+    std::size_t index = 0;
+    const bool found = ((Columns::name == Name.view() || (++index, false)) || ...);
+    return found ? index : count;
+  }
+  template <ColumnName Name>
+  static constexpr std::size_t index = [] {
+    static_assert(indexOf<Name>() < count, "the layout has no column of this name");
+    return indexOf<Name>();
+  }();
+
+ public:
+  static constexpr std::uint16_t rowType = RowType;
+  static constexpr len_t baseLength = static_cast<len_t>(fixedEnd);
+
+  /// The columns in the order of their declaration.
+  static constexpr std::array<ColumnInfo, count> columns = [] {
+    std::size_t i = 0;
+    const auto describe = [&]<typename C>(std::type_identity<C>) {
+      using Traits = detail::ColumnTraits<typename C::Type>;
+      return ColumnInfo{C::name,       Traits::type,    static_cast<len_t>(places[i++].begin),
+                        Traits::width, Traits::isArray, Traits::nested};
+    };
+    return std::array<ColumnInfo, count>{describe(std::type_identity<Columns>())...};
+  }();
+  static constexpr LayoutInfo info = {rowType, baseLength, columns};
+
+  template <ColumnName Name>
+  using Type = typename std::tuple_element_t<index<Name>, ColumnList>::Type;
+  template <ColumnName Name>
+  static constexpr len_t offset = columns[index<Name>].offset;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Typed access
+
+namespace detail {
+
+/// The column of `row` that stands at `offset`, in place.
+template <typename T>
+typename ColumnTraits<T>::View viewColumn(const BaseRow& row, len_t offset) {
+  using View = typename ColumnTraits<T>::View;
+  if constexpr (!ColumnTraits<T>::isVariable) {
+    return row.fixedColumn<T>(offset);
+  } else if constexpr (isVector<T>) {
+    return row.arrayReference<typename ColumnTraits<typename T::value_type>::View>(offset);
+  } else if constexpr (isReference<View>) {
+    View view;
+    row.getColumn(offset, view);
+    return view;
+  } else {
+    SubRowReference nested;
+    row.getColumn(offset, nested);
+    return View(nested);
+  }
+}
+
+/// The column's value, a copy that owes nothing to the row.
+template <typename T>
+auto copyColumn(const BaseRow& row, len_t offset) {
+  if constexpr (std::is_same_v<T, std::vector<bool>>) {
+    const auto view = viewColumn<T>(row, offset);
+    return std::vector<bool>(view.begin(), view.end());
+  } else if constexpr (isVector<T> || isArrayElement<T>) {
+    T value;
+    row.getColumn(offset, value);
+    return value;
+  } else {
+    return viewColumn<T>(row, offset);
+  }
+}
+
+/// The columns of `row` as a JSON object, or null for a null row.
+KORVO_API std::string rowAsJson(const BaseRow& row, const LayoutInfo& layout);
+
+/// The slot offsets of the layout's variable-length columns, in column order.
+KORVO_API BaseRow::vcdType slotOffsets(const LayoutInfo& layout);
+
+/// Throws KoInvalidArgument "Unknown column - (name)" for a name that the layout does not have.
+KORVO_API len_t offsetOf(const LayoutInfo& layout, std::string_view name);
+
+/// The readers that rows and nested rows of a layout have in common.
+template <typename Row, typename Layout>
+class ColumnReaders {
+ public:
+  /// The column's value: numbers, addresses and prefixes as they are, text as std::string, arrays
+  /// as vectors, nested rows as SubRow (which stays a view). The null value for a null row.
+  template <ColumnName Name>
+  auto get() const {
+    return copyColumn<typename Layout::template Type<Name>>(row(), Layout::template offset<Name>);
+  }
+  /// The column in place: a value reference, an ArrayReference, a SubRow, or the number itself.
+  template <ColumnName Name>
+  auto view() const {
+    return viewColumn<typename Layout::template Type<Name>>(row(), Layout::template offset<Name>);
+  }
+  /// Comparison and hash of a column by the rules of its value reference. They throw KoNullRow for
+  /// a null row.
+  template <ColumnName Name>
+  bool equal(const BaseRow& other) const {
+    return row().template columnEqual<Reference<Name>>(at<Name>, other, at<Name>);
+  }
+  template <ColumnName Name>
+  bool less(const BaseRow& other) const {
+    return row().template columnLess<Reference<Name>>(at<Name>, other, at<Name>);
+  }
+  template <ColumnName Name>
+  unsigned int hash() const {
+    return row().template columnHash<Reference<Name>>(at<Name>);
+  }
+
+ private:
+  template <ColumnName Name>
+  using Reference = typename ColumnTraits<typename Layout::template Type<Name>>::View;
+  template <ColumnName Name>
+  static constexpr len_t at = Layout::template offset<Name>;
+
+  const BaseRow& row() const { return static_cast<const Row&>(*this); }
+};
+
+}  // namespace detail
+
+/// A nested row of a known layout, read in place; see SubRowReference for how long it is valid.
+template <typename Layout>
+class SubRow : public SubRowReference, public detail::ColumnReaders<SubRow<Layout>, Layout> {
+ public:
+  SubRow() = default;
+  explicit SubRow(const SubRowReference& row) : SubRowReference(row) {}
+
+  BaseRow::vcdType& vcd() const override {
+    static vcdType slots = detail::slotOffsets(Layout::info);
+    return slots;
+  }
+  len_t columnOffset(const std::string& name) const override {
+    return detail::offsetOf(Layout::info, name);
+  }
+  len_t baseRowLength() override { return Layout::baseLength; }
+  std::string toJson() const override { return detail::rowAsJson(*this, Layout::info); }
+};
+
+/// A row of a table. It begins as a null row; create() and adopt() give it a buffer of its own.
+template <typename RowLayoutType>
+class TableRow : public BaseRow,
+                 public detail::ColumnReaders<TableRow<RowLayoutType>, RowLayoutType> {
+ public:
+  using Layout = RowLayoutType;
+  template <ColumnName Name>
+  using ColumnType = typename Layout::template Type<Name>;
+
+  /// Makes this a new row, all columns zero or null. On a throw the row is as before.
+  void create(oid_t oid = 0) { installNew(Layout::baseLength, Layout::rowType, oid); }
+
+  /// Makes this a copy of a row that came from another process. Throws KoInvalidArgument unless
+  /// `length` is what the header says, at least the base length, and the row type is the table's;
+  /// the row is then as before.
+  void adopt(const void* bytes, std::size_t length) {
+    installCopy(bytes, length, Layout::baseLength, Layout::rowType);
+  }
+
+  // Writers of one column; their guarantees and exceptions are those of BaseRow's writers.
+
+  /// A number, a fixed-width address or an array.
+  template <ColumnName Name>
+  requires(detail::takesItsType<ColumnType<Name>>) void set(const ColumnType<Name>& value) {
+    using T = ColumnType<Name>;
+    if constexpr (std::is_same_v<T, std::vector<bool>>) {
+      updateFixElemArray(slot<Name>, Layout::baseLength, value);
+    } else if constexpr (detail::isVector<T>) {
+      setColumn(slot<Name>, value, Layout::baseLength);
+    } else {
+      setFixedColumn(slot<Name>, value);
+    }
+  }
+  /// Text: whatever converts to std::string_view. An address or a prefix: the value or its
+  /// reference. A nested row: any row of its layout.
+  template <ColumnName Name, typename Value>
+  requires(!detail::takesItsType<ColumnType<Name>>) void set(const Value& value) {
+    using T = ColumnType<Name>;
+    if constexpr (std::is_same_v<T, std::string>) {
+      const std::string_view text = value;
+      if (text.size() > maxValueLength) throw KoOutOfRange("Encoded value exceeds 32767 bytes");
+      setColumn(slot<Name>, StringValueReference(text.data(), static_cast<len_t>(text.size())),
+                Layout::baseLength);
+    } else if constexpr (!detail::isArrayElement<T>) {
+      setNested(slot<Name>, value, std::type_identity<T>());
+    } else if constexpr (std::is_same_v<Value, typename detail::ColumnTraits<T>::View>) {
+      setColumn(slot<Name>, value, Layout::baseLength);
+    } else {
+      setColumn<T>(slot<Name>, value, Layout::baseLength);
+    }
+  }
+
+  vcdType& vcd() const override {
+    static vcdType slots = detail::slotOffsets(Layout::info);
+    return slots;
+  }
+  len_t columnOffset(const std::string& name) const override {
+    return detail::offsetOf(Layout::info, name);
+  }
+  len_t baseRowLength() override { return Layout::baseLength; }
+  bool isFullyDefined() const override { return true; }
+  std::string toJson() const override { return detail::rowAsJson(*this, Layout::info); }
+
+ private:
+  template <ColumnName Name>
+  static constexpr len_t slot = Layout::template offset<Name>;
+
+  template <typename NestedLayout>
+  void setNested(len_t offset, const TableRow<NestedLayout>& row,
+                 std::type_identity<Nested<NestedLayout>>) {
+    setColumn(offset, SubRowReference(row.rowBuf()), Layout::baseLength);
+  }
+  template <typename NestedLayout>
+  void setNested(len_t offset, const SubRow<NestedLayout>& row,
+                 std::type_identity<Nested<NestedLayout>>) {
+    setColumn<SubRowReference>(offset, row, Layout::baseLength);
+  }
+};
+
+}  // namespace Korvo
