@@ -11,7 +11,8 @@ add_library(KorvoAPI
   src/TableRow.cpp
   src/Scheduler.cpp
   src/KorvoApi.cpp
-  src/KoStrUtils.cpp)
+  src/KoStrUtils.cpp
+  src/fileUtils.cpp)
 add_library(Korvo::KorvoAPI ALIAS KorvoAPI)
 
 set_target_properties(KorvoAPI PROPERTIES
