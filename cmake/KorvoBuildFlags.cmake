@@ -5,9 +5,15 @@ add_library(korvo_build_flags INTERFACE)
 target_compile_features(korvo_build_flags INTERFACE cxx_std_20)
 
 if(PROJECT_IS_TOP_LEVEL)
-  # No absolute path of the build machine ends up in the binaries, so that two builds are equal.
-  target_compile_options(korvo_build_flags INTERFACE
-    "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=" "-ffile-prefix-map=${PROJECT_BINARY_DIR}=.")
+  option(KORVO_COVERAGE "Count which lines run (g++)" OFF)
+  if(KORVO_COVERAGE)
+    target_compile_options(korvo_build_flags INTERFACE --coverage -fprofile-update=atomic)
+    target_link_options(korvo_build_flags INTERFACE --coverage)
+  else()
+    # No absolute path of the build machine ends up in the binaries, so that two builds are equal.
+    target_compile_options(korvo_build_flags INTERFACE
+      "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=" "-ffile-prefix-map=${PROJECT_BINARY_DIR}=.")
+  endif()
 
   target_compile_options(korvo_build_flags INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wnon-virtual-dtor
