@@ -1,12 +1,28 @@
+#include <Korvo/KoStrUtils.h>
+#include <Korvo/assertion.h>
 #include <Korvo/korvo_types.h>
 
+#include <algorithm>
+#include <array>
+#include <locale>
+#include <ostream>
+#include <stdexcept>
+#include <string_view>
+#include <unordered_map>
+
 namespace Korvo {
+
+// ---------------------------------------------------------------------------------------------
+// Exceptions
 
 KoBaseException::KoBaseException(const std::string& message, const std::string& className)
     : Velto::Exception(message, true), name_(className) {}
 KoBaseException::~KoBaseException() = default;
-const char* KoBaseException::name() const { return name_.c_str(); }
+const char* KoBaseException::name() const {
+  return name_.c_str();
+}
 
+// Catchers log these names; the two that differ from the class's name stay as they are.
 KoInvalidArgument::KoInvalidArgument(const std::string& message)
     : KoBaseException(message, "Korvo::KoInvalidArgument") {}
 KoInvalidTypeName::KoInvalidTypeName(const std::string& message)
@@ -16,5 +32,550 @@ KoOutOfRange::KoOutOfRange(const std::string& message)
 KoNullRow::KoNullRow() : KoBaseException("null row", "Korvo::KoNullRow") {}
 KoSchedulableDisabled::KoSchedulableDisabled(const std::string& message)
     : KoBaseException(message, "Korvo::KoSchedulableDisabled") {}
+
+// ---------------------------------------------------------------------------------------------
+// Value types
+
+namespace {
+
+struct ValueType {
+  const char* name;
+  unsigned short length;  // in the fixed part of a row
+  bool isVariableLength;
+};
+
+/// Indexed by the type's number. The numbers are those of the row format: oid_t stands before
+/// len_t.
+constexpr ValueType valueTypes[] = {
+    {"uint8_t", 1, false},  {"uint16_t", 2, false}, {"uint32_t", 4, false},  {"uint64_t", 8, false},
+    {"int8_t", 1, false},   {"int16_t", 2, false},  {"int32_t", 4, false},   {"int64_t", 8, false},
+    {"float", 4, false},    {"double", 8, false},   {"bool", 1, false},      {"string_t", 4, true},
+    {"<struct>", 4, true},  {"oid_t", 4, false},    {"len_t", 2, false},     {"IpAddr", 4, false},
+    {"Ip6Addr", 16, false}, {"IpGenAddr", 4, true}, {"IpGenPrefix", 4, true}};
+static_assert(std::size(valueTypes) == ipGenPrefixType_ + 1);
+
+struct TypeTables {
+  TypeTables() {
+    for (std::uint32_t i = 0; i < std::size(valueTypes); ++i) {
+      const auto type = static_cast<KorvoTypes>(i);
+      nameOf.emplace(type, valueTypes[i].name);
+      // "<struct>" is for printing only: in table definitions a row type goes by its own name.
+      if (type != structType_) typeOf.emplace(valueTypes[i].name, type);
+    }
+  }
+
+  std::unordered_map<KorvoTypes, std::string, hash> nameOf;
+  std::unordered_map<std::string, KorvoTypes> typeOf;
+};
+
+/// Never destroyed, so that static objects of any source file may use the tables to the end.
+const TypeTables& typeTables() {
+  static const TypeTables& tables = *new TypeTables;
+  return tables;
+}
+
+/// Builds the tables when the library is loaded.
+[[maybe_unused]] const TypeTables& builtAtLoad = typeTables();
+
+}  // namespace
+
+unsigned short getKorvoTypeLength(unsigned short type) {
+  return type < std::size(valueTypes) ? valueTypes[type].length : static_cast<unsigned short>(0);
+}
+
+bool korvoTypeIsVariableLength(KorvoTypes type) {
+  return type < std::size(valueTypes) && valueTypes[type].isVariableLength;
+}
+
+const std::string& getKorvoTypeName(KorvoTypes type) {
+  const auto& nameOf = typeTables().nameOf;
+  const auto found = nameOf.find(type);
+  // Not at(): its text differs between standard libraries, and this one is relied on.
+  if (found == nameOf.end()) throw std::out_of_range("_Map_base::at");
+  return found->second;
+}
+
+KorvoTypes korvoCppTypeNameToType(const std::string& name) {
+  const auto& typeOf = typeTables().typeOf;
+  const auto found = typeOf.find(name);
+  if (found != typeOf.end()) return found->second;
+  if (name.find("::") != name.npos) return structType_;
+  throw KoInvalidTypeName(name);
+}
+
+std::ostream& operator<<(std::ostream& os, const FMT<unsigned char>& byte) {
+  return os << static_cast<unsigned long>(byte.value());
+}
+
+std::ostream& operator<<(std::ostream& os, const FMT<signed char>& byte) {
+  return os << static_cast<int>(byte.value());
+}
+
+std::ostream& operator<<(std::ostream& os, const FMT<bool>& value) {
+  os.setf(std::ios_base::boolalpha);
+  return os << value.value();
+}
+
+std::ostream& operator<<(std::ostream& os, const FMT<std::string>& text) {
+  return os << '"' << escapeString(text.value()) << '"';
+}
+
+unsigned char byteMaskTbl[9] = {0x00, 0x80, 0xC0, 0xE0, 0xF0, 0xF8, 0xFC, 0xFE, 0xFF};
+
+// ---------------------------------------------------------------------------------------------
+// Parsing
+//
+// The parsers go over the text once and allocate nothing. What they accept is the contract, and is
+// more than an address should have: nobody may tidy it up.
+
+namespace {
+
+constexpr unsigned char noDigit = 0xFF;
+
+/// The value of every character as a digit, up to base 16.
+constexpr auto digitValues = [] {
+  std::array<unsigned char, 256> values{};
+  values.fill(noDigit);
+  for (unsigned char i = 0; i < 10; ++i) values['0' + i] = i;
+  for (unsigned char i = 0; i < 6; ++i) {
+    values['a' + i] = values['A' + i] = static_cast<unsigned char>(10 + i);
+  }
+  return values;
+}();
+
+unsigned int digitValue(char c) {
+  return digitValues[static_cast<unsigned char>(c)];
+}
+
+bool isSpace(char c) {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+/// What strtoul gives in the C locale with a 32-bit unsigned long, on either word size: leading
+/// white space and a sign are accepted, so is "0x" in base 16, anything may follow the digits, a
+/// negative number counts modulo 2^32, and one too large in either direction is the largest.
+std::uint32_t toUnsigned(std::string_view text, unsigned int base) {
+  const char* in = text.data();
+  const char* const end = in + text.size();
+  while (in != end && isSpace(*in)) ++in;
+  const bool isNegative = in != end && *in == '-';
+  if (in != end && (*in == '-' || *in == '+')) ++in;
+  if (base == 16 && end - in > 2 && in[0] == '0' && (in[1] == 'x' || in[1] == 'X') &&
+      digitValue(in[2]) != noDigit) {
+    in += 2;
+  }
+  std::uint64_t value = 0;
+  for (; in != end && digitValue(*in) < base; ++in) {
+    value = value * base + digitValue(*in);
+    if (value > UINT32_MAX) return UINT32_MAX;
+  }
+  const auto result = static_cast<std::uint32_t>(value);
+  return isNegative ? 0 - result : result;
+}
+
+std::uint32_t loadBigEndian(const unsigned char* from) {
+  return __builtin_bswap32(loadField<std::uint32_t>(from));
+}
+
+void storeBigEndian(unsigned char* to, std::uint32_t value) {
+  storeField(to, __builtin_bswap32(value));
+}
+
+/// Four decimal numbers with dots between them; leading zeros are decimal too.
+bool parseV4(std::string_view text, unsigned char (&out)[4]) {
+  unsigned int value = 0;
+  unsigned int dots = 0;
+  bool hasDigit = false;
+  for (const char c : text) {
+    if (c >= '0' && c <= '9') {
+      value = value * 10 + static_cast<unsigned int>(c - '0');
+      if (value > 255) return false;
+      hasDigit = true;
+    } else if (c == '.') {
+      if (!hasDigit || dots == 3) return false;
+      out[dots++] = static_cast<unsigned char>(value);
+      value = 0;
+      hasDigit = false;
+    } else {
+      return false;
+    }
+  }
+  if (dots != 3 || !hasDigit) return false;
+  out[3] = static_cast<unsigned char>(value);
+  return true;
+}
+
+/// Gives what expandV6Addr, validV6Addr and a base-16 conversion of every group give one after the
+/// other. A leading or trailing single colon does no harm but counts, like every colon, when it
+/// comes to how many zero groups "::" stands for.
+bool parseV6(std::string_view text, unsigned char (&out)[16]) {
+  constexpr unsigned int groupCount = 8;
+  constexpr std::ptrdiff_t maxGroupLen = 4;
+
+  std::uint32_t groups[groupCount + 2];  // and the zeros that "::" writes at the text's ends
+  unsigned int count = 0;
+  unsigned int countBeforeGap = 0;
+  bool hasGap = false;
+  std::size_t colons = 0;
+
+  const char* in = text.data();
+  const char* const end = in + text.size();
+  while (in != end) {
+    if (*in == ':') {
+      ++colons;
+      ++in;
+      if (in == end || *in != ':') continue;
+      if (hasGap) return false;
+      hasGap = true;
+      ++colons;
+      ++in;
+      if (in - text.data() == 2) groups[count++] = 0;
+      countBeforeGap = count;
+      if (in == end) groups[count++] = 0;
+      continue;
+    }
+
+    if (count == groupCount) return false;
+    const char* const start = in;
+    std::uint32_t value = 0;
+    unsigned int digit;
+    while (in != end && (digit = digitValue(*in)) != noDigit) {
+      value = value << 4 | digit;
+      ++in;
+    }
+    if (in != end && *in != ':') {
+      in = std::find(in, end, ':');
+      value = toUnsigned(std::string_view(start, static_cast<std::size_t>(in - start)), 16);
+    }
+    if (in - start > maxGroupLen) return false;
+    groups[count++] = value;
+  }
+
+  const std::size_t zeros = hasGap && colons < groupCount ? groupCount - colons : 0;
+  if (count + zeros != groupCount) return false;
+
+  std::uint32_t all[groupCount] = {};
+  std::copy(groups, groups + countBeforeGap, all);
+  std::copy(groups + countBeforeGap, groups + count, all + countBeforeGap + zeros);
+  for (unsigned int word = 0; word < 4; ++word) {
+    storeBigEndian(out + 4 * word, (all[2 * word] << 16) + all[2 * word + 1]);
+  }
+  return true;
+}
+
+[[noreturn]] void throwInvalidAddress(std::string_view text) {
+  throw KoInvalidArgument("Invalid Address - (" + std::string(text) + ")");
+}
+
+IpAddr parsedV4(std::string_view text) {
+  unsigned char bytes[4];
+  if (!parseV4(text, bytes)) throwInvalidAddress(text);
+  return IpAddr(loadField<std::uint32_t>(bytes));
+}
+
+Ip6Addr parsedV6(std::string_view text) {
+  unsigned char bytes[16];
+  if (!parseV6(text, bytes)) throwInvalidAddress(text);
+  return Ip6Addr(bytes);
+}
+
+/// A dot alone tells the family, so IPv6 text with an embedded IPv4 part is bad IPv4 text.
+IpGenAddr parsedAddr(std::string_view text) {
+  if (text.find('.') == text.npos) return parsedV6(text);
+  return parsedV4(text);
+}
+
+}  // namespace
+
+int strToV4Addr(const std::string& text, unsigned int* out) {
+  unsigned char bytes[4];
+  if (!parseV4(text, bytes)) return 0;
+  *out = loadField<std::uint32_t>(bytes);
+  return 1;
+}
+
+bool validV4Addr(const std::string& text) {
+  unsigned char bytes[4];
+  return parseV4(text, bytes);
+}
+
+std::string expandV6Addr(const std::string& text) {
+  const std::size_t gap = text.find("::");
+  if (gap == text.npos) return text;
+  if (text.find("::", gap + 2) != text.npos) throwInvalidAddress(text);
+
+  std::string expanded = gap == 0 ? "0" : text.substr(0, gap);
+  for (auto n = std::count(text.begin(), text.end(), ':') - 2; n < 6; ++n) expanded += ":0";
+  expanded += ':';
+  if (gap + 2 == text.size()) {
+    expanded += '0';
+  } else {
+    expanded.append(text, gap + 2);
+  }
+  return expanded;
+}
+
+bool validV6Addr(const std::string& text) {
+  unsigned int groups = 0;
+  for (std::size_t at = 0; at < text.size();) {
+    const std::size_t end = std::min(text.find(':', at), text.size());
+    if (end - at > 4) return false;
+    if (end != at) ++groups;
+    at = end + 1;
+  }
+  return groups == 8;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Addresses
+
+IpAddr::IpAddr(const std::string& text) : IpAddr(parsedV4(text)) {}
+
+Ip6Addr::Ip6Addr(const std::string& text) : Ip6Addr(parsedV6(text)) {}
+
+void Ip6Addr::clearLowerAddrBits(unsigned short prefixLen, unsigned short addrLenBytes) {
+  const std::size_t end = std::min<std::size_t>(addrLenBytes, sizeof bytes_);
+  if (prefixLen >= 8 * end) return;
+  const std::size_t partial = prefixLen / 8;
+  bytes_[partial] &= static_cast<unsigned char>(0xFF00U >> (prefixLen % 8));
+  std::memset(bytes_ + partial + 1, 0, end - partial - 1);
+}
+
+IpGenAddr::IpGenAddr(const std::string& text) : IpGenAddr(parsedAddr(text)) {}
+
+int IpGenAddr::addressLengthBytes() const {
+  switch (af_) {
+    case unknown_:
+      return 0;
+    case ipv4_:
+      return 4;
+    case ipv6_:
+      return 16;
+  }
+  KORVO_ASSERT(false, "0", "src/korvo_types.cpp",
+               "int Korvo::IpGenAddr::addressLengthBytes() const");
+  __builtin_unreachable();
+}
+
+void IpGenAddr::clearLowerAddrBits(unsigned short prefixLen) {
+  storage_.clearLowerAddrBits(prefixLen, static_cast<unsigned short>(addressLengthBytes()));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Prefixes
+
+namespace {
+
+constexpr const char* hostBitsMessage = "Invalid Prefix - non-zero after prefixlen";
+constexpr const char* familyChangeMessage =
+    "Cannot change between ipv4 and ipv6 address family types";
+
+void checkLength(AddressFamily af, unsigned int len) {
+  if (af == ipv4_ && len > 32) throw KoOutOfRange("Invalid IPv4 Prefix Length");
+  if (af == ipv6_ && len > 128) throw KoOutOfRange("Invalid IPv6 Prefix Length");
+}
+
+/// A length that no int can hold becomes negative, and so invalid.
+void checkHostBits(const IpGenAddr& addr, unsigned int len) {
+  if (!validPrefix(addr, static_cast<int>(len))) throw KoOutOfRange(hostBitsMessage);
+}
+
+struct PrefixText {
+  std::string_view addr;
+  std::string_view len;
+};
+
+/// The two pieces that are not empty between the slashes.
+PrefixText splitPrefix(const std::string& text) {
+  std::string_view pieces[2];
+  unsigned int count = 0;
+  for (std::size_t at = 0; at < text.size();) {
+    const std::size_t end = std::min(text.find('/', at), text.size());
+    if (end != at) {
+      if (count == 2) throw KoInvalidArgument("Invalid Prefix - (" + text + ")");
+      pieces[count++] = std::string_view(text).substr(at, end - at);
+    }
+    at = end + 1;
+  }
+  if (count < 2) throw KoInvalidArgument("Prefix missing subnet");
+  return {pieces[0], pieces[1]};
+}
+
+}  // namespace
+
+bool validPrefix(IpGenAddr addr, int len) {
+  if (addr.af() == unknown_ || len < 0) return false;
+
+  // The host bits of the word in which the length ends. A length at a word's edge examines no bit
+  // of the word after it: 10.1.2.3/0 and 2001:db8:1::/32 are valid, on purpose.
+  const unsigned int bits = static_cast<unsigned int>(len) % 32;
+  const std::uint32_t hostMask = bits == 0 ? 0 : UINT32_MAX >> bits;
+
+  if (addr.af() == ipv4_) {
+    if (len >= 32) return len == 32;
+    return (loadBigEndian(addr.bytes()) & hostMask) == 0;
+  }
+  if (len >= 128) return len == 128;
+  const unsigned char* word = addr.bytes() + len / 32 * 4;
+  if ((loadBigEndian(word) & hostMask) != 0) return false;
+  const unsigned char* const end = addr.bytes() + 16;
+  return std::all_of(word + 4, end, [](unsigned char byte) { return byte == 0; });
+}
+
+IpGenPrefix::IpGenPrefix(IpAddr addr, unsigned int len) : addr_(addr), mask_(len) {
+  checkLength(ipv4_, len);
+}
+
+IpGenPrefix::IpGenPrefix(const Ip6Addr& addr, unsigned int len) : addr_(addr), mask_(len) {
+  checkLength(ipv6_, len);
+}
+
+IpGenPrefix::IpGenPrefix(const IpGenAddr& addr, unsigned int len) : addr_(addr), mask_(len) {
+  checkLength(addr.af(), len);
+}
+
+IpGenPrefix::IpGenPrefix(AddressFamily af, unsigned int len, const unsigned char* bytes)
+    : addr_(af, bytes), mask_(len) {
+  checkLength(af, len);
+}
+
+IpGenPrefix::IpGenPrefix(const std::string& text) {
+  const PrefixText pieces = splitPrefix(text);
+  addr_ = parsedAddr(pieces.addr);
+  mask_ = toUnsigned(pieces.len, 10);
+  checkLength(addr_.af(), mask_);
+  checkHostBits(addr_, mask_);
+}
+
+bool IpGenPrefix::contains(const IpGenPrefix& other) const {
+  if (addr_.af() != other.addr_.af()) return false;
+  KORVO_ASSERT(addr_.af() == ipv4_ || addr_.af() == ipv6_,
+               "addr().af() == ipv4_ || addr_.af() == ipv6_", "src/korvo_types.cpp",
+               "bool Korvo::IpGenPrefix::contains(const Korvo::IpGenPrefix&) const");
+  if (mask_ > (addr_.af() == ipv4_ ? 32U : 128U)) return false;
+  if (mask_ == 0) return true;
+  const unsigned int last = (mask_ - 1) / 8;
+  const unsigned char* const mine = addr_.bytes();
+  const unsigned char* const others = other.addr_.bytes();
+  return std::memcmp(mine, others, last) == 0 &&
+         ((mine[last] ^ others[last]) & byteMaskTbl[mask_ - 8 * last]) == 0;
+}
+
+bool IpGenPrefix::operator<(const IpGenPrefix& other) const {
+  if (addr_.af() != other.addr_.af()) return addr_.af() < other.addr_.af();
+  const bool isNested = mask_ < other.mask_ ? contains(other) : other.contains(*this);
+  if (isNested) return mask_ > other.mask_;
+  return std::memcmp(addr_.bytes(), other.addr_.bytes(), 16) < 0;
+}
+
+void IpGenPrefix::addrIs(const IpGenAddr& addr) {
+  if (addr_.af() != unknown_) {
+    if (addr.af() != addr_.af()) throw KoInvalidArgument(familyChangeMessage);
+    checkHostBits(addr, mask_);
+  }
+  addr_ = addr;
+}
+
+void IpGenPrefix::maskIs(unsigned int len) {
+  if (addr_.af() != unknown_) checkHostBits(addr_, len);
+  mask_ = len;
+}
+
+void IpGenPrefix::afIs(AddressFamily af) {
+  if (af != addr_.af() && addr_.af() != unknown_) throw KoInvalidArgument(familyChangeMessage);
+  if (af == unknown_) return;
+  // The present family is what is checked, so a prefix without one can never be given one here.
+  checkHostBits(addr_, mask_);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Printing
+
+namespace {
+
+/// "0." to "255.", in four bytes each.
+constexpr auto dottedNumbers = [] {
+  std::array<std::array<char, 4>, 256> texts{};
+  for (unsigned int i = 0; i < 256; ++i) {
+    std::size_t at = 0;
+    if (i >= 100) texts[i][at++] = static_cast<char>('0' + i / 100);
+    if (i >= 10) texts[i][at++] = static_cast<char>('0' + i / 10 % 10);
+    texts[i][at++] = static_cast<char>('0' + i % 10);
+    texts[i][at] = '.';
+  }
+  return texts;
+}();
+
+constexpr std::size_t v6TextLen = 8 * 4 + 7;
+
+void composeV6(const unsigned char* bytes, const char* digits, char* out) {
+  for (int i = 0; i < 16; ++i) {
+    *out++ = digits[bytes[i] >> 4];
+    *out++ = digits[bytes[i] & 0x0F];
+    if (i % 2 == 1 && i != 15) *out++ = ':';
+  }
+}
+
+/// Whether eight insertions of a number give the plain digits, whatever else the stream's state and
+/// locale could make of them, and one insertion of the whole text does to the stream what they do.
+bool printsPlainDigits(const std::ostream& os) {
+  constexpr auto disturbing = std::ios_base::showbase | std::ios_base::unitbuf;
+  return os.good() && os.exceptions() == std::ios_base::goodbit && os.tie() == nullptr &&
+         (os.flags() & disturbing) == 0 &&
+         (os.flags() & std::ios_base::adjustfield) != std::ios_base::left &&
+         os.getloc() == std::locale::classic();
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& os, const IpAddr& addr) {
+  unsigned char bytes[4];
+  storeField(bytes, addr.addr());
+  char text[16];
+  std::size_t length = 0;
+  for (const unsigned char byte : bytes) {
+    std::memcpy(text + length, dottedNumbers[byte].data(), 4);
+    length += byte >= 100 ? 4U : byte >= 10 ? 3U : 2U;
+  }
+  return os << std::string_view(text, length - 1);
+}
+
+std::ostream& operator<<(std::ostream& os, const Ip6Addr& addr) {
+  // The stream's fill stays '0' and its base decimal, on purpose.
+  os.fill('0');
+  if (printsPlainDigits(os)) {
+    const bool isUpper = (os.flags() & std::ios_base::uppercase) != 0;
+    char text[v6TextLen];
+    composeV6(addr.bytes(), isUpper ? "0123456789ABCDEF" : "0123456789abcdef", text);
+    os.width(0);
+    os << std::string_view(text, sizeof text);
+  } else {
+    os.setf(std::ios_base::hex, std::ios_base::basefield);
+    for (int at = 0; at < 16; at += 2) {
+      if (at != 0) os << ':';
+      os.width(4);
+      os << (addr.bytes()[at] * 256U + addr.bytes()[at + 1]);
+    }
+  }
+  os.setf(std::ios_base::dec, std::ios_base::basefield);
+  return os;
+}
+
+std::ostream& operator<<(std::ostream& os, const IpGenAddr& addr) {
+  switch (addr.af()) {
+    case ipv4_:
+      return os << IpAddr(loadField<std::uint32_t>(addr.bytes()));
+    case ipv6_:
+      return os << Ip6Addr(addr.bytes());
+    default:
+      return os << "<unsupported address family>";
+  }
+}
+
+std::ostream& operator<<(std::ostream& os, const IpGenPrefix& prefix) {
+  os << prefix.addr() << '/';
+  os.setf(std::ios_base::dec, std::ios_base::basefield);
+  return os << prefix.mask();
+}
 
 }  // namespace Korvo

@@ -13,14 +13,15 @@
 #include <Korvo/bytes.h>
 #include <Korvo/export.h>
 
-#include <array>
 #include <compare>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <functional>
 #include <iosfwd>
 #include <memory>
 #include <string>
-#include <string_view>
+#include <utility>
 
 #pragma GCC visibility push(default)
 #include <Velto/Exception.h>
@@ -131,20 +132,26 @@ KORVO_API KorvoTypes korvoCppTypeNameToType(const std::string& name);
 template <typename T>
 class FMT {
  public:
-  explicit FMT(const T& value) : value_(value) {}
+  explicit FMT(T value) : value_(std::move(value)) {}
   const T& value() const { return value_; }
 
  private:
   T value_;
 };
 
+/// Any value without a form of its own below prints as it does without FMT.
+template <typename T>
+std::ostream& operator<<(std::ostream& os, const FMT<T>& value) {
+  return os << value.value();
+}
 KORVO_API std::ostream& operator<<(std::ostream& os, const FMT<unsigned char>& byte);
 KORVO_API std::ostream& operator<<(std::ostream& os, const FMT<signed char>& byte);
 /// Leaves std::ios_base::boolalpha set on the stream, on purpose.
 KORVO_API std::ostream& operator<<(std::ostream& os, const FMT<bool>& value);
+/// The stream's width and fill apply to the opening quote.
 KORVO_API std::ostream& operator<<(std::ostream& os, const FMT<std::string>& text);
 
-/// Entry n is a byte with its top n bits set.
+/// Entry n is a byte with its top n bits set. Prefix comparison reads it: do not change it.
 extern KORVO_API unsigned char byteMaskTbl[9];
 
 // ---------------------------------------------------------------------------------------------
@@ -164,7 +171,7 @@ class KORVO_API IpAddr {
 
   friend constexpr bool operator==(const IpAddr&, const IpAddr&) = default;
   /// Numeric order of the addresses.
-  friend std::strong_ordering operator<=>(const IpAddr& a, const IpAddr& b) {
+  friend constexpr std::strong_ordering operator<=>(const IpAddr& a, const IpAddr& b) {
     return __builtin_bswap32(a.addr_) <=> __builtin_bswap32(b.addr_);
   }
 
@@ -184,10 +191,13 @@ class KORVO_API Ip6Addr {
   /// The 16 bytes; valid as long as this object.
   const unsigned char* bytes() const { return bytes_; }
 
-  /// Zeroes every bit after the first `prefixLen` bits of the first `addrLenBytes` (4 or 16) bytes.
+  /// Zeroes every bit after the first `prefixLen` bits of the first `addrLenBytes` (4 or 16) bytes;
+  /// nothing if there is no such bit.
   void clearLowerAddrBits(unsigned short prefixLen, unsigned short addrLenBytes);
 
-  friend bool operator==(const Ip6Addr&, const Ip6Addr&) = default;
+  friend bool operator==(const Ip6Addr& a, const Ip6Addr& b) {
+    return std::memcmp(a.bytes_, b.bytes_, sizeof a.bytes_) == 0;
+  }
   /// Numeric order of the addresses.
   friend std::strong_ordering operator<=>(const Ip6Addr& a, const Ip6Addr& b) {
     return std::memcmp(a.bytes_, b.bytes_, sizeof a.bytes_) <=> 0;
@@ -201,8 +211,8 @@ class KORVO_API Ip6Addr {
 class KORVO_API IpGenAddr {
  public:
   IpGenAddr() = default;
-  IpGenAddr(IpAddr addr);          // NOLINT(google-explicit-constructor): a wider value
-  IpGenAddr(const Ip6Addr& addr);  // NOLINT(google-explicit-constructor): a wider value
+  IpGenAddr(IpAddr addr);          // NOLINT(google-explicit-constructor): keeps the value
+  IpGenAddr(const Ip6Addr& addr);  // NOLINT(google-explicit-constructor): keeps the value
   /// Takes 16 bytes for ipv6_, otherwise 4; the rest of the storage is zero. Checks nothing.
   IpGenAddr(AddressFamily af, const unsigned char* bytes);
   /// Parses an address: text with a dot anywhere is IPv4, all other text IPv6. Throws
@@ -214,7 +224,8 @@ class KORVO_API IpGenAddr {
   const unsigned char* bytes() const { return storage_.bytes(); }
   /// 0, 4 or 16. Stops the process if the family is none of the three.
   int addressLengthBytes() const;
-  /// Zeroes every bit after the first `prefixLen`; does nothing for family unknown_.
+  /// Zeroes every bit after the first `prefixLen`; does nothing for family unknown_. Stops the
+  /// process if the family is none of the three.
   void clearLowerAddrBits(unsigned short prefixLen);
 
   friend bool operator==(const IpGenAddr&, const IpGenAddr&) = default;
@@ -233,13 +244,17 @@ class KORVO_API IpGenPrefix {
   /// The reset value: family unknown_, all zero.
   IpGenPrefix() = default;
   /// These four throw KoOutOfRange "Invalid IPv4 Prefix Length" or "Invalid IPv6 Prefix Length" for
-  /// a length above 32 or 128; family unknown_ takes any length.
+  /// a length above 32 or 128; family unknown_ takes any length. They keep host bits as given.
   IpGenPrefix(IpAddr addr, unsigned int len);
   IpGenPrefix(const Ip6Addr& addr, unsigned int len);
   IpGenPrefix(const IpGenAddr& addr, unsigned int len);
   /// Takes 16 bytes for ipv6_, otherwise 4.
   IpGenPrefix(AddressFamily af, unsigned int len, const unsigned char* bytes);
-  /// Parses "address/length"; throws KoInvalidArgument or KoOutOfRange.
+  /// Parses "address/length"; empty pieces beside a slash do not count. The length may have white
+  /// space and a sign before it and anything after it, and without digits it is 0. Throws
+  /// KoInvalidArgument "Prefix missing subnet", "Invalid Prefix - (text)" for a second length or
+  /// "Invalid Address - (address)"; KoOutOfRange for a length beyond the family's, as above, or
+  /// "Invalid Prefix - non-zero after prefixlen" for host bits that validPrefix finds.
   explicit IpGenPrefix(const std::string& text);
 
   const IpGenAddr& addr() const { return addr_; }
@@ -253,13 +268,16 @@ class KORVO_API IpGenPrefix {
   /// A more specific prefix comes before one that contains it; others by address. Stops the process
   /// when both families are unknown_.
   bool operator<(const IpGenPrefix& other) const;
+  /// Family, all 16 bytes of storage (host bits included) and length.
   friend bool operator==(const IpGenPrefix&, const IpGenPrefix&) = default;
 
+  /// Zeroes the host bits, for the prefix's own length (modulo 65536) or a given one; the length
+  /// stays.
   void clearLowerAddrBits() { clearLowerAddrBits(static_cast<unsigned short>(mask_)); }
   void clearLowerAddrBits(unsigned short len) { addr_.clearLowerAddrBits(len); }
 
   // Setters. On a throw the prefix is as before. On family unknown_, addrIs and maskIs take
-  // anything.
+  // anything. "Host bits" are those that validPrefix examines.
 
   /// Throws KoInvalidArgument on a change of family, KoOutOfRange if host bits are set.
   void addrIs(const IpGenAddr& addr);
@@ -274,42 +292,102 @@ class KORVO_API IpGenPrefix {
   unsigned int mask_ = 0;
 };
 
-/// Parses dotted IPv4 text into a word in network byte order; on failure returns 0 and leaves
-/// `*out` as it was.
+/// Parses dotted IPv4 text (four decimal numbers, leading zeros allowed) into a word in network
+/// byte order and returns nonzero; on failure returns 0 and leaves `*out` as it was.
 KORVO_API int strToV4Addr(const std::string& text, unsigned int* out);
 KORVO_API bool validV4Addr(const std::string& text);
-/// Writes out the "::" of an IPv6 text; throws KoInvalidArgument on a second "::".
+/// Writes out the "::" of an IPv6 text; throws KoInvalidArgument "Invalid Address - (text)" on a
+/// second "::".
 KORVO_API std::string expandV6Addr(const std::string& text);
-/// Whether text without "::" has eight groups of at most four characters.
+/// Whether expanded text has eight groups of one to four characters; which characters is not
+/// looked at, on purpose, and empty groups do not count.
 KORVO_API bool validV6Addr(const std::string& text);
 /// Whether `len` fits the address's family and no host bit is set. The word in which the host part
 /// begins is not examined when `len` is 0, 32, 64 or 96, on purpose.
 KORVO_API bool validPrefix(IpGenAddr addr, int len);
 
-/// "10.1.0.9"
+/// "10.1.0.9"; the stream's width and fill apply to the whole text.
 KORVO_API std::ostream& operator<<(std::ostream& os, const IpAddr& addr);
 /// Eight groups of four hexadecimal digits. Leaves the stream's fill at '0' and its base at
 /// decimal, on purpose.
 KORVO_API std::ostream& operator<<(std::ostream& os, const Ip6Addr& addr);
+/// As the two above; "<unsupported address family>" for any other family.
 KORVO_API std::ostream& operator<<(std::ostream& os, const IpGenAddr& addr);
 /// "address/length". Leaves the stream's base at decimal, on purpose.
 KORVO_API std::ostream& operator<<(std::ostream& os, const IpGenPrefix& prefix);
 
+// ---------------------------------------------------------------------------------------------
+// Inline bodies
+
+static_assert(sizeof(IpAddr) == 4 && sizeof(Ip6Addr) == 16, "stored in rows as they are");
+static_assert(sizeof(IpGenAddr) == 20 && sizeof(IpGenPrefix) == 24, "no padding to compare");
+
+inline IpGenAddr::IpGenAddr(IpAddr addr) : af_(ipv4_) {
+  unsigned char bytes[16] = {};
+  storeField(bytes, addr.addr());
+  storage_ = Ip6Addr(bytes);
+}
+
+inline IpGenAddr::IpGenAddr(const Ip6Addr& addr) : af_(ipv6_), storage_(addr) {}
+
+inline IpGenAddr::IpGenAddr(AddressFamily af, const unsigned char* bytes) : af_(af) {
+  if (af == ipv6_) {
+    storage_ = Ip6Addr(bytes);
+  } else {
+    unsigned char padded[16] = {};
+    std::memcpy(padded, bytes, 4);
+    storage_ = Ip6Addr(padded);
+  }
+}
+
+namespace detail {
+
+/// Every bit of the result depends on every bit of both arguments.
+constexpr std::uint64_t hashMix(std::uint64_t seed, std::uint64_t value) noexcept {
+  std::uint64_t x = seed * 0x9E3779B97F4A7C15 ^ value;
+  x = (x ^ x >> 33) * 0xFF51AFD7ED558CCD;
+  x = (x ^ x >> 33) * 0xC4CEB9FE1A85EC53;
+  return x ^ x >> 33;
+}
+
+/// The 16 bytes of an address.
+inline std::uint64_t hashStorage(std::uint64_t seed, const unsigned char* bytes) noexcept {
+  return hashMix(hashMix(seed, loadField<std::uint64_t>(bytes)),
+                 loadField<std::uint64_t>(bytes + 8));
+}
+
+}  // namespace detail
+
 }  // namespace Korvo
+
+// Hashes that go with ==, for unordered containers. The values may change with the library's
+// version: do not store them.
 
 template <>
 struct std::hash<Korvo::IpAddr> {
-  std::size_t operator()(const Korvo::IpAddr& addr) const noexcept;
+  std::size_t operator()(const Korvo::IpAddr& addr) const noexcept {
+    return static_cast<std::size_t>(Korvo::detail::hashMix(1, addr.addr()));
+  }
 };
+
 template <>
 struct std::hash<Korvo::Ip6Addr> {
-  std::size_t operator()(const Korvo::Ip6Addr& addr) const noexcept;
+  std::size_t operator()(const Korvo::Ip6Addr& addr) const noexcept {
+    return static_cast<std::size_t>(Korvo::detail::hashStorage(1, addr.bytes()));
+  }
 };
+
 template <>
 struct std::hash<Korvo::IpGenAddr> {
-  std::size_t operator()(const Korvo::IpGenAddr& addr) const noexcept;
+  std::size_t operator()(const Korvo::IpGenAddr& addr) const noexcept {
+    return static_cast<std::size_t>(Korvo::detail::hashStorage(addr.af() + 1ULL, addr.bytes()));
+  }
 };
+
 template <>
 struct std::hash<Korvo::IpGenPrefix> {
-  std::size_t operator()(const Korvo::IpGenPrefix& prefix) const noexcept;
+  std::size_t operator()(const Korvo::IpGenPrefix& prefix) const noexcept {
+    const std::uint64_t seed = prefix.addr().af() + 1ULL + (std::uint64_t{prefix.mask()} << 32);
+    return static_cast<std::size_t>(Korvo::detail::hashStorage(seed, prefix.addr().bytes()));
+  }
 };
