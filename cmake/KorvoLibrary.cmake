@@ -9,6 +9,7 @@ add_library(KorvoAPI
   src/korvo_types.cpp
   src/baseRow.cpp
   src/TableRow.cpp
+  src/rowCheck.cpp
   src/Scheduler.cpp
   src/KorvoApi.cpp
   src/KoStrUtils.cpp

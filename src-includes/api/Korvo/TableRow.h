@@ -149,7 +149,6 @@ class RowLayout {
                 "IpGenPrefix, a vector of these three or of bool, or Nested<Layout>");
 
   static constexpr std::size_t count = sizeof...(Columns);
-  using ColumnList = std::tuple<Columns...>;
 
   struct Place {
     std::size_t begin;
@@ -206,11 +205,6 @@ class RowLayout {
     const bool found = ((Columns::name == Name.view() || (++index, false)) || ...);
     return found ? index : count;
   }
-  template <ColumnName Name>
-  static constexpr std::size_t index = [] {
-    static_assert(indexOf<Name>() < count, "the layout has no column of this name");
-    return indexOf<Name>();
-  }();
 
  public:
   static constexpr std::uint16_t rowType = RowType;
@@ -228,8 +222,15 @@ class RowLayout {
   }();
   static constexpr LayoutInfo info = {rowType, baseLength, columns};
 
+  /// The column's place in `columns`.
   template <ColumnName Name>
-  using Type = typename std::tuple_element_t<index<Name>, ColumnList>::Type;
+  static constexpr std::size_t index = [] {
+    static_assert(indexOf<Name>() < count, "the layout has no column of this name");
+    return indexOf<Name>();
+  }();
+
+  template <ColumnName Name>
+  using Type = typename std::tuple_element_t<index<Name>, std::tuple<Columns...>>::Type;
   template <ColumnName Name>
   static constexpr len_t offset = columns[index<Name>].offset;
 };

@@ -1,0 +1,243 @@
+#include <Korvo/rowCheck.h>
+
+#include <array>
+#include <bit>
+
+namespace Korvo {
+namespace {
+
+/// Which bytes of the row belong to a value already: one bit for each byte.
+class TakenBytes {
+ public:
+  /// Forgets all about `length` bytes at `begin`.
+  void release(std::size_t begin, std::size_t length) noexcept {
+    forEachWord(begin, length, [](std::uint64_t& word, std::uint64_t mask) {
+      word &= ~mask;
+      return true;
+    });
+  }
+  /// False if one of the bytes is taken.
+  bool take(std::size_t begin, std::size_t length) noexcept {
+    return forEachWord(begin, length, [](std::uint64_t& word, std::uint64_t mask) {
+      if ((word & mask) != 0) return false;
+      word |= mask;
+      return true;
+    });
+  }
+
+ private:
+  static constexpr std::size_t wordBits = 64;
+
+  template <typename Visit>
+  bool forEachWord(std::size_t begin, std::size_t length, Visit visit) noexcept {
+    while (length != 0) {
+      const std::size_t bit = begin % wordBits;
+      const std::size_t count = std::min(length, wordBits - bit);
+      const std::uint64_t ones = ~std::uint64_t{0} >> (wordBits - count);
+      if (!visit(words_[begin / wordBits], ones << bit)) return false;
+      begin += count;
+      length -= count;
+    }
+    return true;
+  }
+
+  std::array<std::uint64_t, (maxRowLength + wordBits) / wordBits> words_;  // used after release()
+};
+
+/// A stretch of the outermost row: offsets in it are compared with what is left of it, never added
+/// to first.
+struct Stretch {
+  const byte_t* bytes;
+  std::size_t position;  ///< in the outermost row
+  std::size_t length;
+
+  bool has(std::size_t offset, std::size_t count) const {
+    return offset <= length && count <= length - offset;
+  }
+  Stretch part(std::size_t offset, std::size_t count) const {
+    return {bytes + offset, position + offset, count};
+  }
+};
+
+/// One element slot or column slot, each field read once.
+struct SlotValue {
+  std::size_t offset;
+  std::size_t length;
+  bool isArray;
+
+  explicit SlotValue(const byte_t* at) noexcept {
+    const std::uint32_t fields = loadField<std::uint32_t>(at);
+    offset = fields & 0xFFFF;
+    length = fields >> 16 & 0x7FFF;
+    isArray = fields >> 31 != 0;
+  }
+};
+
+class Checker {
+ public:
+  explicit Checker(PrefixRule prefixes) noexcept : prefixes_(prefixes) {}
+
+  RowFault checkRow(const Stretch& row, const LayoutInfo& layout, unsigned int depth) noexcept {
+    if (row.length < layout.baseLength) {
+      return {RowFaultKind::shortFixedArea, row.position + row.length};
+    }
+    taken_.release(row.position, row.length);
+    for (const ColumnInfo& column : layout.columns) {
+      if (!hasSlot(column)) continue;
+      if (const RowFault fault = checkColumn(row, layout, column, depth)) return fault;
+    }
+    return {};
+  }
+
+ private:
+  static bool hasSlot(const ColumnInfo& column) noexcept {
+    return column.isArray || column.type == stringType_ || column.type == structType_ ||
+           column.type == ipGenAddrType_ || column.type == ipGenPrefixType_;
+  }
+
+  RowFault checkColumn(const Stretch& row, const LayoutInfo& layout, const ColumnInfo& column,
+                       unsigned int depth) noexcept {
+    const std::size_t slotPosition = row.position + column.offset;
+    const SlotValue slot(row.bytes + column.offset);
+    if (slot.length == 0) return {};  // an offset or a mark beside length 0 says nothing
+    if (slot.offset < layout.baseLength) return {RowFaultKind::valueInHeader, slotPosition};
+    if (!row.has(slot.offset, slot.length)) return {RowFaultKind::valueBeyondRow, slotPosition};
+    const Stretch value = row.part(slot.offset, slot.length);
+    if (!taken_.take(value.position, value.length)) return {RowFaultKind::overlap, slotPosition};
+    if (slot.isArray != column.isArray) return {RowFaultKind::arrayMark, slotPosition};
+    if (column.isArray) return checkArray(value, column.type);
+    if (column.type == structType_) return checkNested(value, *column.nested, depth);
+    return checkValue(value, column.type);
+  }
+
+  RowFault checkValue(const Stretch& value, KorvoTypes type) const noexcept {
+    if (type == ipGenAddrType_ && detail::familyOfAddress(value.length) == unknown_) {
+      return {RowFaultKind::addressLength, value.position};
+    }
+    if (type == ipGenPrefixType_) return checkPrefix(value);
+    return {};  // any bytes are a string
+  }
+
+  RowFault checkPrefix(const Stretch& value) const noexcept {
+    const AddressFamily af = detail::familyOfPrefix(value.length);
+    if (af == unknown_) return {RowFaultKind::prefixLength, value.position};
+    const std::size_t bits = 8 * (value.length - 1);
+    const std::size_t mask = value.bytes[0];
+    if (mask > bits) return {RowFaultKind::prefixBits, value.position};
+    if (prefixes_ == PrefixRule::noHostBits &&
+        !validPrefix(IpGenAddr(af, value.bytes + 1), static_cast<int>(mask))) {
+      return {RowFaultKind::hostBits, value.position};
+    }
+    return {};
+  }
+
+  RowFault checkArray(const Stretch& array, KorvoTypes type) const noexcept {
+    if (array.length < arrayHeaderLength) return {RowFaultKind::arrayLength, array.position};
+    const unsigned int header = loadField<std::uint16_t>(array.bytes);
+    const std::size_t count = header & arrayCountMask;
+    const bool variable = (header >> 8 & arrayVariableMark) != 0;
+    if (variable != (type != boolType_)) return {RowFaultKind::elementMark, array.position};
+    const std::size_t left = array.length - arrayHeaderLength;
+    if (!variable) {
+      // Arrays of more than 4095 elements keep only the low bits of their count.
+      if ((left & arrayCountMask) != count) return {RowFaultKind::arrayLength, array.position};
+      return {};
+    }
+    if (left / sizeof(VColType) < count) return {RowFaultKind::arrayLength, array.position};
+    std::size_t end = arrayHeaderLength + sizeof(VColType) * count;
+    for (std::size_t i = 0; i < count; ++i) {
+      const std::size_t at = arrayHeaderLength + sizeof(VColType) * i;
+      const SlotValue slot(array.bytes + at);
+      // Elements stand in order, so one that begins before the last one's end overlaps it.
+      if (slot.offset < end || !array.has(slot.offset, slot.length)) {
+        return {RowFaultKind::elementOutside, array.position + at};
+      }
+      end = slot.offset + slot.length;
+      if (slot.length == 0) continue;
+      if (const RowFault fault = checkValue(array.part(slot.offset, slot.length), type)) {
+        return fault;
+      }
+    }
+    return {};
+  }
+
+  RowFault checkNested(const Stretch& value, const LayoutInfo& layout,
+                       unsigned int depth) noexcept {
+    if (value.length < rowHeaderLength) return {RowFaultKind::nestedLength, value.position};
+    if (loadField<len_t>(value.bytes + rowLengthOffset) != value.length) {
+      return {RowFaultKind::nestedLength, value.position};
+    }
+    if (depth == maxRowNesting) return {RowFaultKind::nestedTooDeep, value.position};
+    const RowFault fault = checkRow(value, layout, depth + 1);
+    // The nested row kept account of its own values; to the row that holds it, all of it is taken.
+    taken_.release(value.position, value.length);
+    taken_.take(value.position, value.length);
+    return fault;
+  }
+
+  PrefixRule prefixes_;
+  TakenBytes taken_;
+};
+
+const char* describe(RowFaultKind kind) {
+  switch (kind) {
+    case RowFaultKind::none:
+      return "no fault";
+    case RowFaultKind::shortHeader:
+      return "fewer bytes than a row header";
+    case RowFaultKind::truncated:
+      return "the row is longer than what was received";
+    case RowFaultKind::trailingBytes:
+      return "bytes follow the row";
+    case RowFaultKind::shortFixedArea:
+      return "the row ends before its fixed area does";
+    case RowFaultKind::valueInHeader:
+      return "a value lies in the header or the fixed area";
+    case RowFaultKind::valueBeyondRow:
+      return "a value lies beyond the row's end";
+    case RowFaultKind::overlap:
+      return "two values share a byte";
+    case RowFaultKind::arrayMark:
+      return "the array mark contradicts the column";
+    case RowFaultKind::elementMark:
+      return "the element mark contradicts the column";
+    case RowFaultKind::arrayLength:
+      return "an array's length does not fit its count";
+    case RowFaultKind::elementOutside:
+      return "an element lies outside its array or over another";
+    case RowFaultKind::addressLength:
+      return "no address has this length";
+    case RowFaultKind::prefixLength:
+      return "no prefix has this length";
+    case RowFaultKind::prefixBits:
+      return "a prefix length beyond its family's bits";
+    case RowFaultKind::hostBits:
+      return "a prefix has host bits set";
+    case RowFaultKind::nestedLength:
+      return "a nested row's length is not its value's";
+    case RowFaultKind::nestedTooDeep:
+      return "rows are nested too deep";
+  }
+  return "unknown fault";
+}
+
+}  // namespace
+
+std::string RowFault::text() const {
+  std::string text = describe(kind);
+  if (kind != RowFaultKind::none) text += " (at byte " + std::to_string(offset) + ")";
+  return text;
+}
+
+RowFault checkRow(const void* bytes, std::size_t length, const LayoutInfo& layout,
+                  PrefixRule prefixes) noexcept {
+  if (length < rowHeaderLength) return {RowFaultKind::shortHeader, length};
+  const byte_t* const row = static_cast<const byte_t*>(bytes);
+  const std::size_t said = loadField<len_t>(row + rowLengthOffset);
+  if (said > length) return {RowFaultKind::truncated, rowLengthOffset};
+  if (said < length) return {RowFaultKind::trailingBytes, said};
+  Checker checker(prefixes);
+  return checker.checkRow({row, 0, length}, layout, 0);
+}
+
+}  // namespace Korvo
