@@ -17,7 +17,7 @@ if(PROJECT_IS_TOP_LEVEL)
 
   target_compile_options(korvo_build_flags INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wnon-virtual-dtor
-    -Wold-style-cast -Wcast-align -Wcast-qual -Woverloaded-virtual -Wformat=2 -Wnull-dereference
+    -Wold-style-cast -Wcast-align -Wcast-qual -Woverloaded-virtual -Wformat=2
     -Wimplicit-fallthrough -Wundef)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     target_compile_options(korvo_build_flags INTERFACE -Wduplicated-cond -Wlogical-op)
