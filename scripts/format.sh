@@ -1,11 +1,18 @@
-#!/bin/sh
+#!/bin/bash
 # Reformats the sources, or with --check only tells which ones need it.
-set -eu
+#
+#   scripts/format.sh [--check] [FILE...]
+set -euo pipefail
 cd "$(dirname "$0")/.."
-files=$(git ls-files -co --exclude-standard '*.h' '*.cpp' | grep -v '^build/')
+
+mode=(-i)
 if [ "${1:-}" = --check ]; then
-  # shellcheck disable=SC2086
-  exec clang-format --dry-run -Werror $files
+  mode=(--dry-run -Werror)
+  shift
 fi
-# shellcheck disable=SC2086
-clang-format -i $files
+files=("$@")
+if [ ${#files[@]} -eq 0 ]; then
+  mapfile -t files < <(git ls-files -co --exclude-standard '*.h' '*.cpp')
+fi
+# One version formats alike everywhere.
+clang-format-14 "${mode[@]}" "${files[@]}"

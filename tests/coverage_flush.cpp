@@ -7,7 +7,9 @@ extern "C" void __gcov_dump(void);
 
 namespace {
 
-extern "C" void writeCountersOnAbort(int) { __gcov_dump(); }
+extern "C" void writeCountersOnAbort(int) {
+  __gcov_dump();
+}
 
 [[maybe_unused]] const auto previousHandler = std::signal(SIGABRT, writeCountersOnAbort);
 

@@ -1,0 +1,5 @@
+#pragma once
+
+/// Does nothing.
+/// \param canaryParameter is not there
+void canary(int parameter);

@@ -1,0 +1,5 @@
+#include <gtest/gtest.h>
+
+TEST(CanaryTest, Fails) {
+  EXPECT_EQ(1, 2);
+}

@@ -1,0 +1,3 @@
+#!/bin/sh
+# Splits what it is given into words by accident.
+ls $1

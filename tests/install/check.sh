@@ -1,0 +1,74 @@
+#!/bin/bash
+# Installs a built tree and uses the library in the three ways that a user may: find_package,
+# pkg-config and add_subdirectory.
+#
+#   tests/install/check.sh BUILD_DIR WORK_DIR
+#
+# KORVO_SPOIL=header or KORVO_SPOIL=library damages the installed tree first, to show that the check
+# would see it.
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+source_dir=$(cd "$here/../.." && pwd)
+build=$1
+work=$2
+
+shared=$(sed -n 's/^BUILD_SHARED_LIBS:BOOL=//p' "$build/CMakeCache.txt")
+rm -rf "$work"
+mkdir -p "$work"
+work=$(cd "$work" && pwd)
+
+# The tree is moved after the installation: nothing may depend on where it was installed first.
+cmake --install "$build" --prefix "$work/first" >"$work/install.log"
+prefix=$work/moved
+mv "$work/first" "$prefix"
+libdir=$(dirname "$(find "$prefix" -name pkgconfig -type d)")
+
+case ${KORVO_SPOIL:-} in
+  header) echo 'Canary' >>"$prefix/include/Korvo/korvo_types.h" ;;
+  library) rm "$libdir"/libKorvoAPI.* ;;
+esac
+
+# run_consumer PROGRAM: it prints what it should, and uses the kind of library it was linked with.
+run_consumer() {
+  LD_LIBRARY_PATH=$libdir "$1" | diff "$here/consumer.expected" -
+  if readelf -d "$1" | grep -q 'NEEDED.*libKorvoAPI'; then
+    [ "$shared" = ON ]
+  else
+    [ "$shared" = OFF ]
+  fi
+}
+
+components=()
+if [ -e "$libdir/cmake/KorvoAPI/KorvoEventLoopTargets.cmake" ]; then
+  components=(-DCOMPONENTS=EventLoop)
+fi
+cmake -G Ninja -S "$here/find_package" -B "$work/find_package" -DCMAKE_PREFIX_PATH="$prefix" \
+  "${components[@]}"
+cmake --build "$work/find_package"
+run_consumer "$work/find_package/consumer"
+echo "find_package: good"
+
+# A component that does not exist is refused.
+if cmake -G Ninja -S "$here/find_package" -B "$work/no_such" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCOMPONENTS=NoSuch >"$work/no_such.log" 2>&1; then
+  echo "find_package accepts a component that does not exist" >&2
+  exit 1
+fi
+
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+static=()
+[ "$shared" = ON ] || static=(--static)
+read -ra flags <<<"$(pkg-config --cflags --libs "${static[@]}" KorvoAPI)"
+"${CXX:-c++}" -std=c++20 "$here/consumer.cpp" -o "$work/pkg_config" "${flags[@]}"
+run_consumer "$work/pkg_config"
+echo "pkg-config: good"
+
+cmake -G Ninja -S "$here/subdirectory" -B "$work/subdirectory" -DBUILD_SHARED_LIBS="$shared" \
+  -DKORVO_SOURCE_DIR="$source_dir"
+cmake --build "$work/subdirectory"
+run_consumer "$work/subdirectory/consumer"
+if grep -q -e '-Werror' "$work/subdirectory/compile_commands.json"; then
+  echo "add_subdirectory brings flags of its own" >&2
+  exit 1
+fi
+echo "add_subdirectory: good"
