@@ -7,13 +7,6 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-# compare OLD NEW
-compare() {
-  local status=0
-  abidiff "$1" "$2" || status=$?
-  return $status
-}
-
 # describe ARCHITECTURE OPTION...: builds the library and writes what abidw says of it to
 # build/abi/KorvoAPI.ARCHITECTURE.abi.
 describe() {
@@ -22,8 +15,8 @@ describe() {
   cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKORVO_TESTS=OFF \
     -DKORVO_EXAMPLES=OFF -DKORVO_EVENT_LOOP=OFF "$@" >/dev/null
   cmake --build "$build" --target KorvoAPI >/dev/null
-  abidw --no-corpus-path --no-comp-dir-path --no-show-locs --type-id-style hash \
-    --headers-dir src-includes/api --drop-private-types \
+  abidw --no-corpus-path --no-comp-dir-path --no-show-locs --no-elf-needed \
+    --exported-interfaces-only --type-id-style hash --suppressions abi/libabigail.suppr \
     --out-file "build/abi/KorvoAPI.$architecture.abi" "$build/libKorvoAPI.so"
 }
 
@@ -40,7 +33,7 @@ case ${1:-} in
     changed=0
     for architecture in x86_64 i386; do
       echo "== $architecture"
-      compare abi/KorvoAPI.$architecture.abi build/abi/KorvoAPI.$architecture.abi || changed=1
+      abidiff abi/KorvoAPI.$architecture.abi build/abi/KorvoAPI.$architecture.abi || changed=1
     done
     if [ $changed -ne 0 ]; then
       echo "The binary interface has changed; if that is intended: scripts/abi.sh --update" >&2
@@ -52,7 +45,7 @@ case ${1:-} in
     mkdir -p abi
     cp build/abi/KorvoAPI.*.abi abi/
     ;;
-  --compare) compare "$2" "$3" ;;
+  --compare) abidiff "$2" "$3" ;;
   *)
     echo "usage: scripts/abi.sh --check | --update | --compare OLD NEW" >&2
     exit 2

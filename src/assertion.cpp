@@ -2,7 +2,7 @@
 
 // The C library declares its reporting function only while assertions are on.
 #undef NDEBUG
-#include <assert.h>
+#include <cassert>
 
 namespace Korvo::detail {
 
