@@ -43,4 +43,18 @@ set_target_properties(KorvoAPI PROPERTIES VERIFY_INTERFACE_HEADER_SETS ${PROJECT
 
 # File sizes and offsets are 64 bits wide on 32-bit systems too.
 target_compile_definitions(KorvoAPI PRIVATE _FILE_OFFSET_BITS=64)
+# Calls inside the library go straight to their target: none of its functions is meant to be replaced
+# by another of the same name.
+target_compile_options(KorvoAPI PRIVATE -fno-semantic-interposition)
+if(BUILD_SHARED_LIBS)
+  target_link_options(KorvoAPI PRIVATE -Wl,-Bsymbolic-functions)
+endif()
 target_link_libraries(KorvoAPI PRIVATE $<BUILD_INTERFACE:korvo_build_flags> OpenSSL::Crypto)
+
+# Times are computed in exact double precision, so that a limit is reached at the same moment on
+# every word size and processor: no wider intermediate results, no fused operations.
+set(exact_double -ffp-contract=off)
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  list(APPEND exact_double -msse2 -mfpmath=sse)
+endif()
+set_source_files_properties(src/Scheduler.cpp PROPERTIES COMPILE_OPTIONS "${exact_double}")

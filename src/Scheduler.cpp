@@ -1,1 +1,412 @@
 #include <Korvo/Scheduler.h>
+#include <Korvo/assertion.h>
+
+#include <time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cfloat>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+#include <locale>
+#include <sstream>
+
+#include "DestructionWatch.h"
+
+// Time limits and run times are the same on every word size only if no operation keeps more
+// precision than a double.
+static_assert(FLT_EVAL_METHOD == 0, "compile this file with -msse2 -mfpmath=sse");
+
+namespace Korvo {
+
+namespace {
+
+constexpr const char* kSourceFile = "src/Scheduler.cpp";
+
+// ---------------------------------------------------------------------------------------------
+// Traces
+
+constexpr unsigned int kInvokeLevel = 6;
+constexpr unsigned int kRequestLevel = 8;
+constexpr unsigned int kQueueLevel = 9;
+
+template <typename Print>
+[[gnu::noinline, gnu::cold]] void sendTrace(Velto::DebugChannel& channel, unsigned int level,
+                                            unsigned int line, const char* function, Print print) {
+  std::ostringstream text;
+  text.imbue(std::locale::classic());
+  text.precision(12);
+  print(text);
+  channel.trace(text, level, kSourceFile, line, function);
+}
+
+/// Sends what `print` writes if the level is on; nothing is built otherwise.
+template <typename Print>
+void trace(const Velto::DebugSupport& debug, unsigned int level, const char* function, Print print,
+           unsigned int line = __builtin_LINE()) {
+  Velto::DebugChannel* channel = debug.channel();
+  if (channel == nullptr || (channel->levelMask() >> level & 1U) == 0) return;
+  sendTrace(*channel, level, line, function, print);
+}
+
+/// How traces tell units and schedulers apart: the low 28 bits of the address.
+int id(const void* object) {
+  return static_cast<int>(reinterpret_cast<std::uintptr_t>(object) & 0x0FFFFFFF);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Time
+
+constexpr long kNanosecondsPerSecond = 1'000'000'000;
+
+/// Sum and difference that wrap where the system's counters do.
+long wrappingSum(long a, long b) {
+  return static_cast<long>(static_cast<unsigned long>(a) + static_cast<unsigned long>(b));
+}
+std::int32_t wrappingDifference(long a, long b) {
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) - static_cast<std::uint32_t>(b));
+}
+
+/// Field by field. A sum of exactly 1,000,000,000 nanoseconds is kept as it is, on purpose: only
+/// more than that carries a second.
+std::timespec sliceEnd(const std::timespec& start, const std::timespec& slice) {
+  std::timespec end{};
+  end.tv_sec = wrappingSum(start.tv_sec, slice.tv_sec);
+  end.tv_nsec = wrappingSum(start.tv_nsec, slice.tv_nsec);
+  if (end.tv_nsec > kNanosecondsPerSecond) {
+    end.tv_sec = wrappingSum(end.tv_sec, 1);
+    end.tv_nsec -= kNanosecondsPerSecond;
+  }
+  return end;
+}
+
+/// In 32-bit arithmetic, on purpose: what lasts longer than 35 minutes wraps.
+std::int32_t elapsedMicroseconds(const std::timespec& start, const std::timespec& end) {
+  const std::int32_t seconds = wrappingDifference(end.tv_sec, start.tv_sec);
+  const std::int32_t nanoseconds = wrappingDifference(end.tv_nsec, start.tv_nsec);
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(seconds) * 1'000'000U +
+                                   static_cast<std::uint32_t>(nanoseconds / 1'000));
+}
+
+double seconds(const std::timespec& time) {
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+std::timespec readClockOrExit() {
+  std::timespec now{};
+  if (clock_gettime(CLOCK_MONOTONIC_RAW, &now) != 0) {
+    std::fputs("gettime failure in Schedulable::run()\n", stderr);
+    std::fflush(stderr);
+    std::exit(-1);
+  }
+  return now;
+}
+
+/// What an override of pauseTime() may return: anything. The fraction of a nanosecond is cut off,
+/// and what a timespec cannot hold becomes a request that the system refuses.
+long pauseNanoseconds(float pauseTime) {
+  if (pauseTime == 0.005F) return 5'000'000;
+  constexpr double kLowest = static_cast<double>(std::numeric_limits<long>::min());
+  const double nanoseconds = static_cast<double>(pauseTime) * 1e9;
+  if (nanoseconds >= kLowest && nanoseconds < -kLowest) return static_cast<long>(nanoseconds);
+  return nanoseconds > 0.0 ? std::numeric_limits<long>::max() : std::numeric_limits<long>::min();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Places in a queue
+
+void unlinkPlace(RunnableEntry*& places, const RunnableEntry* entry) noexcept {
+  RunnableEntry** link = &places;
+  while (*link != nullptr && *link != entry) link = &(*link)->nextOfUnit;
+  if (*link != nullptr) *link = entry->nextOfUnit;
+}
+
+void markDead(RunnableEntry& entry) noexcept {
+  entry.unit = nullptr;
+  entry.valid = false;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Schedulable
+
+Schedulable::Schedulable(const std::string& name, const KoPtr<Scheduler>& scheduler,
+                         const std::timespec& timeSlice)
+    : name_(name), timeSlice_(timeSlice), scheduler_(scheduler) {}
+
+Schedulable& Schedulable::operator=(const Schedulable& other) {
+  if (&other == this) return *this;
+  name_ = other.name_;
+  schedulingEnabled_ = other.schedulingEnabled_;
+  scheduler_ = other.scheduler_;
+  invocations_ = 0;
+  totalRunTime_ = 0.0;
+  runnable_ = false;
+  clientReady_ = false;
+  running_ = false;
+  disabled_ = false;
+  entry_ = nullptr;
+  return *this;
+}
+
+Schedulable::~Schedulable() {
+  detail::DestructionWatch::notify(watches_);
+  Schedulable::cleanup();
+  while (places_ != nullptr) {
+    RunnableEntry& place = *places_;
+    places_ = place.nextOfUnit;
+    markDead(place);
+    place.scheduler->unschedule(this);
+  }
+}
+
+void Schedulable::cleanup() {
+  if (entry_ == nullptr) return;
+  unlinkPlace(places_, entry_);
+  markDead(*entry_);
+  entry_ = nullptr;
+  if (scheduler_ != nullptr) scheduler_->unschedule(this);
+}
+
+void Schedulable::clearScheduler() {
+  runnableIs(false);
+  cleanup();
+  scheduler_.reset();
+}
+
+void Schedulable::clientReadyIs(bool ready) {
+  trace(debug_, kRequestLevel, "clientReadyIs", [&](std::ostream& out) {
+    out << "virtual void Korvo::Schedulable::clientReadyIs(bool) " << name_ << " ready: " << ready;
+  });
+  if (ready == clientReady_) return;
+  clientReady_ = ready;
+  onClientReady();
+  if (ready) _considerRunnability();
+}
+
+void Schedulable::onClientReady() {}
+
+void Schedulable::invoke(bool arg) {
+  trace(debug_, kInvokeLevel, "invoke",
+        [&](std::ostream& out) { out << " invoking " << name_ << "(unit: " << id(this) << ")"; });
+  if (disabled_) {
+    throw KoSchedulableDisabled("A schedulable unit (" + name_ +
+                                ") cannot be invoked after it is disabled"
+                                " (probably threw an exception on its last invocation)");
+  }
+  ++invocations_;
+  const int ret = clock_gettime(CLOCK_MONOTONIC_RAW, &startTime_);
+  KORVO_ASSERT(!ret, "!ret", kSourceFile, "void Korvo::Schedulable::invoke(bool)");
+  deadline_ = sliceEnd(startTime_, timeSlice_);
+  running_ = true;
+  runnableIs(false);
+  {
+    const detail::DestructionWatch watch(watches_);
+    run(arg);
+    if (watch.destroyed()) return;
+  }
+  running_ = false;
+  std::timespec end = startTime_;
+  clock_gettime(CLOCK_MONOTONIC_RAW, &end);  // on failure no time has passed
+  totalRunTime_ += elapsedMicroseconds(startTime_, end) / 1e6;
+}
+
+void Schedulable::runnableIs(bool runnable) {
+  if (runnable == runnable_) return;
+  runnable_ = runnable;
+  _considerRunnability();
+}
+
+void Schedulable::_considerRunnability() {
+  if (runnable_ && clientReady_ && scheduler_ != nullptr) scheduler_->runnableIs(this, true);
+}
+
+bool Schedulable::shouldYield() const {
+  std::timespec now = startTime_;
+  clock_gettime(CLOCK_MONOTONIC_RAW, &now);  // on failure no time has passed
+  if (now.tv_sec != deadline_.tv_sec) return now.tv_sec > deadline_.tv_sec;
+  return now.tv_nsec > deadline_.tv_nsec;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Scheduler: the queue
+
+Scheduler::Scheduler(const std::string& name) : name_(name) {}
+
+Scheduler::~Scheduler() {
+  detail::DestructionWatch::notify(watches_);
+  active_ = false;
+  triggerSuppressed_ = false;
+  entries_.clear();
+  while (!runQueue_.empty()) {
+    RunnableEntry* entry = runQueue_.front();
+    runQueue_.pop_front();
+    if (entry->valid) {
+      unlinkPlace(entry->unit->places_, entry);
+      entry->unit->entry_ = nullptr;
+    }
+    delete entry;
+  }
+  while (spareEntries_ != nullptr) delete std::exchange(spareEntries_, spareEntries_->nextOfUnit);
+}
+
+void Scheduler::triggerScheduler() {}
+
+void Scheduler::runnableIs(Schedulable* unit, bool runnable) {
+  trace(debug_, kQueueLevel, "runnableIs", [&](std::ostream& out) {
+    out << " " << unit->name_
+        << " virtual void Korvo::Scheduler::runnableIs(Korvo::Schedulable*, bool) marking "
+        << id(unit) << " " << runnable;
+  });
+  if (!runnable) return;
+  if (!unit->schedulingEnabled_) return;
+  if (unit->scheduler_.get() != this || entries_.contains(unit)) {
+    trace(debug_, kQueueLevel, "runnableIs", [&](std::ostream& out) {
+      out << "  not scheduled by " << id(this) << " on scheduler " << id(unit->scheduler_.get())
+          << " count: " << entries_.count(unit);
+    });
+    return;
+  }
+  trace(debug_, kQueueLevel, "runnableIs", [&](std::ostream& out) {
+    out << "  adding to runqueue (" << runQueue_.size() << " elts)";
+  });
+  const bool wake = active_ && runQueue_.empty();
+  enqueue(unit);
+  if (wake && !triggerSuppressed_) triggerScheduler();
+}
+
+void Scheduler::enqueue(Schedulable* unit) {
+  RunnableEntry* entry = newEntry();
+  try {
+    entries_.emplace(unit, entry);
+    runQueue_.push_back(entry);
+  } catch (...) {
+    entries_.erase(unit);
+    freeEntry(entry);
+    throw;
+  }
+  *entry = RunnableEntry{true, unit, this, unit->places_};
+  unit->places_ = entry;
+  unit->entry_ = entry;
+}
+
+void Scheduler::unschedule(Schedulable* unit) {
+  entries_.erase(unit);
+}
+
+RunnableEntry* Scheduler::newEntry() {
+  if (spareEntries_ == nullptr) return new RunnableEntry;
+  return std::exchange(spareEntries_, spareEntries_->nextOfUnit);
+}
+
+void Scheduler::freeEntry(RunnableEntry* entry) noexcept {
+  entry->nextOfUnit = spareEntries_;
+  spareEntries_ = entry;
+}
+
+Schedulable* Scheduler::popUnit() noexcept {
+  RunnableEntry* entry = runQueue_.front();
+  Schedulable* unit = entry->valid ? entry->unit : nullptr;
+  if (unit != nullptr) {
+    entries_.erase(unit);
+    unlinkPlace(unit->places_, entry);
+    unit->entry_ = nullptr;
+  }
+  runQueue_.pop_front();
+  freeEntry(entry);
+  return unit;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Scheduler: the loop
+
+float Scheduler::pauseTime() {
+  return 0.005F;
+}
+
+int Scheduler::pauseScheduler(timespec* pause) {
+  return nanosleep(pause, nullptr);
+}
+
+void Scheduler::run() {
+  run(0, 0.0, false);
+}
+
+void Scheduler::run(int count, double timeLimit, bool exitOnQuiescence) {
+  trace(debug_, kRequestLevel, "run", [&](std::ostream& out) {
+    out << "virtual void Korvo::Scheduler::run(int, double, bool) " << name_ << "(" << count << ","
+        << timeLimit << ", " << exitOnQuiescence << ")";
+  });
+  // The seconds stay 0, on purpose: pauses of a second or more are refused by the system.
+  std::timespec pause{0, pauseNanoseconds(pauseTime())};
+  const std::timespec start = timeLimit > 0.0 ? readClockOrExit() : std::timespec{};
+  const int limit = count == -1 ? eligibleUnits() : std::max(count, 0);
+  int counter = 0;
+
+  const detail::DestructionWatch watch(watches_);
+  while (!watch.destroyed() && active_) {
+    if (timeLimit > 0.0 && seconds(readClockOrExit()) - seconds(start) >= timeLimit) {
+      trace(debug_, kQueueLevel, "run",
+            [&](std::ostream& out) { out << " " << name_ << " exited due to time limit."; });
+      return;
+    }
+    if (count != 0 && counter >= limit) {
+      trace(debug_, kQueueLevel, "run", [&](std::ostream& out) {
+        out << " " << name_ << " exited due to count:" << counter << " >= expected: " << limit;
+      });
+      return;
+    }
+    if (runQueue_.empty()) {
+      if (exitOnQuiescence) {
+        trace(debug_, kQueueLevel, "run",
+              [&](std::ostream& out) { out << " " << name_ << " exited due to quiescence."; });
+        return;
+      }
+      pauseOrExit(pause);
+      continue;
+    }
+    Schedulable* unit = popUnit();
+    if (unit == nullptr || !eligible(*unit)) continue;
+    unit->invoke(false);
+    if (count != 0) ++counter;
+  }
+}
+
+void Scheduler::pauseOrExit(std::timespec& pause) {
+  const int result = pauseScheduler(&pause);
+  if (result == 0) return;
+  const int error = errno;
+  std::fprintf(stderr, "pauseScheduler() returned %d with errno: %d\n", result, error);
+  std::exit(-1);
+}
+
+bool Scheduler::eligible(const Schedulable& unit) {
+  return unit.runnable_ && unit.clientReady_ && !unit.disabled_;
+}
+
+int Scheduler::eligibleUnits() const {
+  return static_cast<int>(std::count_if(entries_.begin(), entries_.end(), [](const auto& element) {
+    return element.second->valid && eligible(*element.second->unit);
+  }));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Scheduler: what it does not offer
+
+Velto::Platform::TimerControl* Scheduler::getTimerControl(Velto::Platform::TimeoutHandler*) {
+  KORVO_ASSERT(false, "0", kSourceFile,
+               "virtual Velto::Platform::TimerControl* "
+               "Korvo::Scheduler::getTimerControl(Velto::Platform::TimeoutHandler*)");
+  return nullptr;
+}
+
+Velto::Platform::FdControl* Scheduler::getFdControl(Velto::Platform::FdEventHandler*) {
+  KORVO_ASSERT(false, "0", kSourceFile,
+               "virtual Velto::Platform::FdControl* "
+               "Korvo::Scheduler::getFdControl(Velto::Platform::FdEventHandler*)");
+  return nullptr;
+}
+
+}  // namespace Korvo

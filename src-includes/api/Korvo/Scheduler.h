@@ -1,1 +1,276 @@
 #pragma once
+
+// Cooperative scheduling: units of work that take turns on one thread.
+//
+//   struct Feeder : Korvo::Schedulable {
+//     using Schedulable::Schedulable;
+//     void run(bool) override {
+//       while (feedOne() && !shouldYield()) {}
+//       if (moreToFeed()) runnableIs(true);  // queued again, behind the others
+//     }
+//   };
+//   const Korvo::KoPtr<Korvo::Scheduler> scheduler(new Korvo::Scheduler("main"));
+//   Feeder feeder("feeder", scheduler);
+//   feeder.clientReadyIs(true);
+//   feeder.runnableIs(true);
+//   scheduler->run(0, 0.0, true);  // until there is nothing left to do
+//
+// A scheduler, its units and all their operations are used from the one thread that runs the
+// scheduler. Nothing is pre-empted: a unit gets a time slice per invocation and asks shouldYield()
+// whether it is used up.
+//
+// What a unit may destroy while it works: itself, other units, and with them the last link to its
+// scheduler. Nothing of what is destroyed is touched afterwards, and a loop whose scheduler is gone
+// returns.
+
+#include <Korvo/RecyclingAllocator.h>
+#include <Korvo/export.h>
+#include <Korvo/korvo_types.h>
+
+#include <cstdint>
+#include <ctime>
+#include <deque>
+#include <functional>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#pragma GCC visibility push(default)
+#include <Velto/DebugSupport.h>
+#include <Velto/Platform.h>
+#pragma GCC visibility pop
+
+namespace Korvo {
+
+static_assert(sizeof(std::time_t) == sizeof(long),
+              "KorvoAPI is built with a time_t as wide as long: compile without _TIME_BITS=64");
+
+namespace detail {
+class DestructionWatch;
+}
+
+class Schedulable;
+class Scheduler;
+
+/// One place in a scheduler's run queue. Belongs to the scheduler.
+struct RunnableEntry {
+  bool valid = false;           ///< false once the unit withdrew
+  Schedulable* unit = nullptr;  ///< the queued unit; null once it withdrew
+
+  Scheduler* scheduler = nullptr;       ///< the scheduler whose queue this is in
+  RunnableEntry* nextOfUnit = nullptr;  ///< the unit's other places, or the next one to be reused
+};
+
+/// A unit of cooperative work. It is queued while it is runnable (it has work) and client-ready
+/// (whatever it serves is ready for it), and it is never invoked while it is disabled.
+///
+/// Destroying a queued unit withdraws it.
+class KORVO_API Schedulable {
+ public:
+  static constexpr std::timespec defaultTimeSlice{0, 10'000'000};
+
+  /// A unit that may be scheduled, is neither runnable nor client-ready, and has no debug channel.
+  /// `scheduler` may be null; the unit shares it.
+  Schedulable(const std::string& name, const KoPtr<Scheduler>& scheduler = nullptr,
+              const std::timespec& timeSlice = defaultTimeSlice);
+  Schedulable(const Schedulable&) = delete;
+
+  /// Takes over name, scheduler and whether scheduling is enabled; the counters and the other flags
+  /// start anew. Time slice, start time, deadline and debug channel stay as they are. Nothing is
+  /// queued or unqueued: a place in a queue stays there and still gets the unit its turn.
+  Schedulable& operator=(const Schedulable& other);
+
+  virtual ~Schedulable();
+
+  /// Withdraws the unit from its scheduler's run queue; its place is dropped when its turn comes.
+  virtual void cleanup();
+
+  /// Makes the unit not runnable, withdraws it and lets go of the scheduler.
+  virtual void clearScheduler();
+
+  /// Sets whether the unit's client is ready. A unit that is not ready keeps its place in the queue
+  /// and is passed over when its turn comes.
+  virtual void clientReadyIs(bool ready);
+
+  /// Called on every change of clientReady(); does nothing by default.
+  virtual void onClientReady();
+
+  /// The work: returns once shouldYield() is true or nothing is left to do. `arg` comes from
+  /// invoke(). An exception goes through the scheduler's loop to its caller, and the unit keeps
+  /// running() set.
+  virtual void run(bool arg) = 0;
+
+  /// Runs the unit once, on the spot; the scheduler's loop passes false. Throws
+  /// KoSchedulableDisabled, with the unit as before, if it is disabled. Stops the process if the
+  /// clock cannot be read.
+  void invoke(bool arg);
+
+  /// Sets whether the unit has work. It has no more as soon as it is invoked, and asks for another
+  /// turn by setting this again.
+  void runnableIs(bool runnable);
+
+  /// Asks the scheduler to queue the unit if it is runnable and client-ready.
+  void _considerRunnability();
+
+  /// Whether the time slice of the current invocation is over; not yet at the deadline itself.
+  bool shouldYield() const;
+
+  const std::string& name() const { return name_; }
+  const KoPtr<Scheduler>& scheduler() const { return scheduler_; }
+  bool runnable() const { return runnable_; }
+  bool clientReady() const { return clientReady_; }
+  /// Whether the work is under way, or ended with an exception the last time.
+  bool running() const { return running_; }
+
+  /// How long one invocation may run before shouldYield() turns true.
+  const std::timespec& timeSlice() const { return timeSlice_; }
+  void timeSliceIs(const std::timespec& timeSlice) { timeSlice_ = timeSlice; }
+
+  /// Whether the scheduler accepts the unit into its queue.
+  bool schedulingEnabled() const { return schedulingEnabled_; }
+  void schedulingEnabledIs(bool enabled) { schedulingEnabled_ = enabled; }
+
+  /// Whether the unit must not be invoked any more. Set by whoever catches what a unit throws.
+  bool disabled() const { return disabled_; }
+  void disabledIs(bool disabled) { disabled_ = disabled; }
+
+  /// Number of invocations that reached the work.
+  std::uint32_t invocations() const { return invocations_; }
+  /// Seconds spent in invocations that returned.
+  double totalRunTime() const { return totalRunTime_; }
+
+  /// When the current or last invocation started and when its time slice ends, on the clock
+  /// CLOCK_MONOTONIC_RAW. The deadline may hold 1,000,000,000 nanoseconds.
+  const std::timespec& startTime() const { return startTime_; }
+  const std::timespec& deadline() const { return deadline_; }
+
+  /// The place in the run queue, null while there is none; valid until the unit's turn.
+  RunnableEntry* entry() const { return entry_; }
+
+  /// Sends the unit's traces to `channel`, which may be null; the unit deletes it if `owned`.
+  void debugChannelIs(Velto::DebugChannel* channel, bool owned) {
+    debug_.channelIs(channel, owned);
+  }
+
+ protected:
+  std::string name_;
+  std::timespec timeSlice_;
+  bool schedulingEnabled_ = true;
+  std::uint32_t invocations_ = 0;
+  double totalRunTime_ = 0.0;
+  KoPtr<Scheduler> scheduler_;
+  bool runnable_ = false;
+  bool clientReady_ = false;
+  bool running_ = false;
+  bool disabled_ = false;
+  RunnableEntry* entry_ = nullptr;
+  std::timespec startTime_{};
+  std::timespec deadline_{};
+  Velto::DebugSupport debug_;
+
+ private:
+  friend class Scheduler;
+
+  /// Every live place of the unit in a queue. More than `entry_` knows: assignment and unschedule()
+  /// leave places behind that the unit has to be withdrawn from when it is destroyed.
+  RunnableEntry* places_ = nullptr;
+  detail::DestructionWatch* watches_ = nullptr;
+};
+
+/// A first-in, first-out queue of units, and the loop that invokes them. Units share their
+/// scheduler; one that is destroyed while units are queued leaves them without a place.
+class KORVO_API Scheduler {
+ public:
+  /// An active scheduler without a debug channel.
+  explicit Scheduler(const std::string& name);
+  Scheduler(const Scheduler&) = delete;
+  Scheduler& operator=(const Scheduler&) = delete;
+  virtual ~Scheduler();
+
+  /// Length of one idle pause in seconds, asked for once per run. One second or more, or less than
+  /// zero, makes the default pauseScheduler() fail.
+  virtual float pauseTime();
+
+  /// Waits once while there is nothing to do: sleeps for `pause`. Any result but 0 ends the
+  /// process.
+  virtual int pauseScheduler(timespec* pause);
+
+  /// Called when a unit is queued into the empty queue of an active scheduler; does nothing by
+  /// default. An event loop that drives the scheduler sees to it here that run() is called soon.
+  virtual void triggerScheduler();
+
+  /// Queues the unit, unless it is queued already, belongs to another scheduler or has its
+  /// scheduling disabled. Does nothing if `runnable` is false. Throws std::bad_alloc with the queue
+  /// as before.
+  virtual void runnableIs(Schedulable* unit, bool runnable);
+
+  /// Forgets that the unit is queued; its place has been marked dead before, by its cleanup().
+  virtual void unschedule(Schedulable* unit);
+
+  /// Runs until the scheduler is deactivated.
+  virtual void run();
+
+  /// Invokes queued units in the order of their arrival, until one of these ends it:
+  /// - `count` invocations; 0 for no limit, -1 for as many as there are eligible units in the queue
+  ///   at the start, any other negative value for none;
+  /// - `timeLimit` seconds, 0 or less for no limit;
+  /// - an empty queue, if `exitOnQuiescence`; the loop pauses otherwise;
+  /// - activeIs(false).
+  /// All are looked at between invocations only. What a unit throws leaves the loop at once; the
+  /// unit has left the queue by then. Ends the process if the clock or the pause fails.
+  virtual void run(int count, double timeLimit, bool exitOnQuiescence);
+
+  /// Controls for timers and file descriptors: this scheduler has none and stops the process.
+  virtual Velto::Platform::TimerControl* getTimerControl(Velto::Platform::TimeoutHandler* handler);
+  virtual Velto::Platform::FdControl* getFdControl(Velto::Platform::FdEventHandler* handler);
+
+  const std::string& name() const { return name_; }
+
+  /// Whether the loop runs; cleared from a unit's work, it stops before the next unit.
+  bool active() const { return active_; }
+  void activeIs(bool active) { active_ = active; }
+
+  /// Whether queueing never calls triggerScheduler().
+  bool triggerSuppressed() const { return triggerSuppressed_; }
+  void triggerSuppressedIs(bool suppressed) { triggerSuppressed_ = suppressed; }
+
+  /// Sends the scheduler's traces to `channel`, which may be null; the scheduler deletes it if
+  /// `owned`.
+  void debugChannelIs(Velto::DebugChannel* channel, bool owned) {
+    debug_.channelIs(channel, owned);
+  }
+
+ protected:
+  class __veltoDebug : public Velto::DebugSupport {};
+
+  // Neither queue nor map allocates while as many units come as go.
+  template <typename T>
+  using Allocator = detail::RecyclingAllocator<T>;
+  using RunQueue = std::deque<RunnableEntry*, Allocator<RunnableEntry*>>;
+  using EntryMap = std::unordered_map<Schedulable*, RunnableEntry*, std::hash<Schedulable*>,
+                                      std::equal_to<Schedulable*>,
+                                      Allocator<std::pair<Schedulable* const, RunnableEntry*>>>;
+
+  std::string name_;
+  RunQueue runQueue_;
+  EntryMap entries_;
+  bool active_ = true;
+  bool triggerSuppressed_ = false;
+  __veltoDebug debug_;
+
+ private:
+  friend class Schedulable;
+
+  void enqueue(Schedulable* unit);
+  Schedulable* popUnit() noexcept;
+  RunnableEntry* newEntry();
+  void freeEntry(RunnableEntry* entry) noexcept;
+  void pauseOrExit(std::timespec& pause);
+  static bool eligible(const Schedulable& unit);
+  int eligibleUnits() const;
+
+  RunnableEntry* spareEntries_ = nullptr;
+  detail::DestructionWatch* watches_ = nullptr;
+};
+
+}  // namespace Korvo
