@@ -33,8 +33,6 @@ bool liesIn(const byte_t* at, const byte_t* buf, std::size_t length) {
 // ---------------------------------------------------------------------------------------------
 // Ownership
 
-BaseRow::~BaseRow() = default;
-
 void BaseRow::throwNullRow() {
   throw KoNullRow();
 }
@@ -134,10 +132,14 @@ std::string BaseRow::toJson() const {
 
 /// Where a value goes, decided before anything changes.
 struct BaseRow::Room {
-  bool inPlace;       ///< over the column's present value
-  bool afterPacking;  ///< behind the packed data; `offset` is known only then
-  len_t offset;
-  len_t rowLength;  ///< of the row that has the room
+  enum class Place : unsigned int {
+    ofPresentValue,   ///< over the column's present value
+    atOffset,         ///< at `offset`
+    behindPackedData  ///< `offset` is known only after packing
+  };
+  Place place;
+  unsigned int offset;
+  unsigned int rowLength;  ///< of the row that has the room, unless it is in place
 };
 
 /// The columns that hold data, by data offset. Columns without data have none to move, whatever
@@ -195,26 +197,29 @@ varFieldMap::varFieldMap(const BaseRow& row) {
 /// The order of the choices is part of the contract: reuse in place, append at the used end, grow
 /// by only the shortfall, pack only when that is still not enough. Rows that are not fully defined
 /// reuse in place or append at the row's end.
-BaseRow::Room BaseRow::findRoom(len_t slotOffset, len_t needed, len_t baseRowLength) const {
+void BaseRow::findRoom(len_t slotOffset, len_t needed, len_t baseRowLength, Room& room) const {
   const byte_t* const buf = rowBuf();
   const VColType& own = VColType::at(buf, slotOffset);
   const int rowLength = loadField<len_t>(buf + rowLengthOffset);
   if (own.length() != 0 && needed <= own.length()) {
-    return {true, false, own.offset(), static_cast<len_t>(rowLength)};
+    room.place = Room::Place::ofPresentValue;
+    room.offset = own.offset();
+    return;
   }
 
   int end = rowLength;
   int newLength = rowLength + needed;
   const bool mayPack = isFullyDefined();
   if (mayPack) {
-    int free = rowLength - baseRowLength;
+    int used = 0;
     end = baseRowLength;
-    for (const len_t other : vcd()) {
+    for (const len_t other : vcd()) {  // no branches: rows have many columns
       const VColType& slot = VColType::at(buf, other);
-      if (other == slotOffset || slot.length() == 0) continue;
-      free -= slot.length();
-      end = std::max(end, slot.offset() + slot.length());
+      const int length = other == slotOffset ? 0 : slot.length();
+      used += length;
+      end = std::max(end, length == 0 ? 0 : slot.offset() + length);
     }
+    const int free = rowLength - baseRowLength - used;
     if (needed <= rowLength - end || needed < free) {
       newLength = rowLength;
     } else {
@@ -224,20 +229,24 @@ BaseRow::Room BaseRow::findRoom(len_t slotOffset, len_t needed, len_t baseRowLen
   if (newLength > static_cast<int>(maxRowLength)) {
     throw KoOutOfRange("Row length exceeds 65535 bytes");
   }
-  return {false, mayPack && needed > newLength - end, static_cast<len_t>(end),
-          static_cast<len_t>(newLength)};
+  const bool fitsBehind = !mayPack || needed <= newLength - end;
+  room.place = fitsBehind ? Room::Place::atOffset : Room::Place::behindPackedData;
+  room.offset = static_cast<unsigned int>(end);
+  room.rowLength = static_cast<unsigned int>(newLength);
 }
 
 /// Every allocation comes before the first change, so a failed one leaves the row as it was.
 len_t BaseRow::takeRoom(const Room& room, len_t slotOffset, len_t baseRowLength) {
-  if (room.inPlace) return room.offset;
-  if (!room.afterPacking) {
-    grow(room.rowLength);
+  const len_t offset = static_cast<len_t>(room.offset);
+  if (room.place == Room::Place::ofPresentValue) return offset;
+  const len_t rowLength = static_cast<len_t>(room.rowLength);
+  if (room.place == Room::Place::atOffset) {
+    grow(rowLength);
     VColType::at(rwRowBuf(), slotOffset).clear();
-    return room.offset;
+    return offset;
   }
   const PackingOrder order(*this, slotOffset);
-  grow(room.rowLength);
+  grow(rowLength);
   VColType::at(rwRowBuf(), slotOffset).clear();
   return pack(order, baseRowLength);
 }
@@ -259,7 +268,9 @@ len_t BaseRow::makeFreeSpace(len_t slotOffset, len_t needed, len_t baseRowLength
                "Korvo::len_t Korvo::BaseRow::makeFreeSpace(Korvo::len_t, Korvo::len_t, "
                "Korvo::len_t)");
   rwRowBuf();  // room is only ever made in a row that may be written
-  return takeRoom(findRoom(slotOffset, needed, baseRowLength), slotOffset, baseRowLength);
+  Room room;
+  findRoom(slotOffset, needed, baseRowLength, room);
+  return takeRoom(room, slotOffset, baseRowLength);
 }
 
 len_t BaseRow::compactVariableData(len_t baseRowLength) {
@@ -313,7 +324,8 @@ len_t BaseRow::makeExclusiveRoom(len_t slotOffset, std::size_t needed, len_t fdL
   KORVO_ASSERT(fdLen != 0, "baseRowLength != 0", thisFile,
                "Korvo::len_t Korvo::BaseRow::makeFreeSpace(Korvo::len_t, Korvo::len_t, "
                "Korvo::len_t)");
-  const Room room = findRoom(slotOffset, static_cast<len_t>(needed), fdLen);
+  Room room;
+  findRoom(slotOffset, static_cast<len_t>(needed), fdLen, room);
   former = makeExclusive();
   try {
     return takeRoom(room, slotOffset, fdLen);
@@ -328,12 +340,14 @@ void BaseRow::clearColumn(len_t slotOffset) {
   VColType::at(rwRowBuf(), slotOffset).clear();
 }
 
-void BaseRow::writeValue(len_t slotOffset, len_t fdLen, detail::EncodedValue value, bool isArray) {
+void BaseRow::writeValue(len_t slotOffset, len_t fdLen, const detail::EncodedValue& given,
+                         bool isArray) {
+  detail::EncodedValue value = given;
   const std::size_t length = value.length();
   if (length == 0) return clearColumn(slotOffset);
+  const byte_t* const buf = rowBuf();
   // A value that stands in this very buffer would move under the writer's hands.
   std::vector<byte_t> copy;
-  const byte_t* const buf = rowBuf();
   if (liesIn(value.bytes, buf, loadField<len_t>(buf + rowLengthOffset))) {
     copy.assign(value.bytes, value.bytes + value.byteCount);
     value.bytes = copy.data();
@@ -459,10 +473,5 @@ std::ostream& operator<<(std::ostream& os, const IpGenPrefixReference& prefix) {
   if (prefix.af() == unknown_) return os << IpGenPrefix(IpGenAddr(), prefix.mask());
   return os << IpGenPrefix(prefix.af(), prefix.mask(), prefix.addr());
 }
-
-// ---------------------------------------------------------------------------------------------
-// Sub-rows
-
-SubRowReference::~SubRowReference() = default;
 
 }  // namespace Korvo

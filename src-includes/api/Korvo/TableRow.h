@@ -240,28 +240,33 @@ class RowLayout {
 
 namespace detail {
 
-/// The column of `row` that stands at `offset`, in place.
-template <typename T>
-typename ColumnTraits<T>::View viewColumn(const BaseRow& row, len_t offset) {
+/// The column of `row` that stands at `offset`, in place. Row's own rowBuf() and isNull() are
+/// final, so that a read comes down to its loads.
+template <typename T, typename Row>
+typename ColumnTraits<T>::View viewColumn(const Row& row, len_t offset) {
   using View = typename ColumnTraits<T>::View;
+  if (row.isNull()) return View();
+  const byte_t* const buf = row.rowBuf();
   if constexpr (!ColumnTraits<T>::isVariable) {
-    return row.fixedColumn<T>(offset);
-  } else if constexpr (isVector<T>) {
-    return row.arrayReference<typename ColumnTraits<typename T::value_type>::View>(offset);
-  } else if constexpr (isReference<View>) {
-    View view;
-    row.getColumn(offset, view);
-    return view;
+    return fixedAt<T>(buf + offset);
   } else {
-    SubRowReference nested;
-    row.getColumn(offset, nested);
-    return View(nested);
+    const VColType& slot = VColType::at(buf, offset);
+    const len_t length = slot.length();
+    if (length == 0) return View();
+    const byte_t* const value = buf + slot.offset();
+    if constexpr (isVector<T>) {
+      return View(value, buf + loadField<len_t>(buf + rowLengthOffset));
+    } else if constexpr (isReference<View>) {
+      return referenceTo<View>(value, length);
+    } else {
+      return View(value);
+    }
   }
 }
 
 /// The column's value, a copy that owes nothing to the row.
-template <typename T>
-auto copyColumn(const BaseRow& row, len_t offset) {
+template <typename T, typename Row>
+auto copyColumn(const Row& row, len_t offset) {
   if constexpr (std::is_same_v<T, std::vector<bool>>) {
     const auto view = viewColumn<T>(row, offset);
     return std::vector<bool>(view.begin(), view.end());
@@ -319,16 +324,18 @@ class ColumnReaders {
   template <ColumnName Name>
   static constexpr len_t at = Layout::template offset<Name>;
 
-  const BaseRow& row() const { return static_cast<const Row&>(*this); }
+  const Row& row() const { return static_cast<const Row&>(*this); }
 };
 
 }  // namespace detail
 
 /// A nested row of a known layout, read in place; see SubRowReference for how long it is valid.
 template <typename Layout>
-class SubRow : public SubRowReference, public detail::ColumnReaders<SubRow<Layout>, Layout> {
+class SubRow final : public SubRowReference, public detail::ColumnReaders<SubRow<Layout>, Layout> {
  public:
   SubRow() = default;
+  /// The row that begins at `row`.
+  explicit SubRow(const byte_t* row) : SubRowReference(row) {}
   explicit SubRow(const SubRowReference& row) : SubRowReference(row) {}
 
   BaseRow::vcdType& vcd() const override {
@@ -394,7 +401,10 @@ class TableRow : public BaseRow,
     }
   }
 
-  vcdType& vcd() const override {
+  byte_t* rowBuf() const final { return BaseRow::rowBuf(); }
+  byte_t* rwRowBuf() final { return BaseRow::rwRowBuf(); }
+  bool isNull() const final { return BaseRow::isNull(); }
+  vcdType& vcd() const final {
     static vcdType slots = detail::slotOffsets(Layout::info);
     return slots;
   }
@@ -402,7 +412,7 @@ class TableRow : public BaseRow,
     return detail::offsetOf(Layout::info, name);
   }
   len_t baseRowLength() override { return Layout::baseLength; }
-  bool isFullyDefined() const override { return true; }
+  bool isFullyDefined() const final { return true; }
   std::string toJson() const override { return detail::rowAsJson(*this, Layout::info); }
 
  private:

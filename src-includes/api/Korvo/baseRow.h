@@ -80,14 +80,14 @@ struct VColType {
 
   len_t offset() const noexcept { return loadField<len_t>(offsetBytes); }
   len_t length() const noexcept {
-    return static_cast<len_t>(lengthBytes[0] | (lengthBytes[1] & 0x7F) << 8);
+    return static_cast<len_t>(loadField<len_t>(lengthBytes) & maxValueLength);
   }
   bool isArray() const noexcept { return (lengthBytes[1] & slotArrayMark) != 0; }
 
   /// `length` is at most 32767.
   void valueIs(len_t offset, len_t length, bool isArray) noexcept {
-    storeField<len_t>(offsetBytes, offset);
-    storeField<len_t>(lengthBytes, static_cast<len_t>(length | (isArray ? slotArrayMark << 8 : 0)));
+    const std::uint32_t mark = isArray ? slotArrayMark : 0;
+    storeField(this, std::uint32_t{offset} | std::uint32_t{length} << 16 | mark << 24);
   }
   /// Makes the column empty. The array mark stays, on purpose: a cleared array column is still
   /// marked as one.
@@ -345,6 +345,16 @@ inline T referenceTo(const byte_t* bytes, len_t length) {
   }
 }
 
+/// The fixed-width value at `at`. Another process's bool need not be 0 or 1.
+template <typename T>
+inline T fixedAt(const byte_t* at) {
+  if constexpr (std::is_same_v<T, bool>) {
+    return *at != 0;
+  } else {
+    return loadField<T>(at);
+  }
+}
+
 /// The 32-bit MurmurHash2: what the standard string hash of the system's 32-bit hosts gives. The
 /// same on every word size, because hashes are compared between processes.
 inline std::uint32_t hashString(const byte_t* bytes, std::size_t length) noexcept {
@@ -500,7 +510,7 @@ class KORVO_API BaseRow {
   virtual void replaceRow(byte_t* buf);
   /// Shares the other row's buffer; this row's own loses a holder.
   virtual void shareContents(const BaseRow& other);
-  virtual ~BaseRow();
+  virtual ~BaseRow() = default;
   /// These three belong to the table's row class; here they stop the process.
   virtual vcdType& vcd() const;
   virtual len_t columnOffset(const std::string& name) const;
@@ -623,14 +633,14 @@ class KORVO_API BaseRow {
 
   bool isSoleHolder() const noexcept;
   KoPtr<KoRowBuf> makeExclusive();
-  Room findRoom(len_t slotOffset, len_t needed, len_t baseRowLength) const;
+  void findRoom(len_t slotOffset, len_t needed, len_t baseRowLength, Room& room) const;
   len_t takeRoom(const Room& room, len_t slotOffset, len_t baseRowLength);
   void grow(len_t newLength);
   len_t pack(const PackingOrder& order, len_t baseRowLength);
   len_t makeExclusiveRoom(len_t slotOffset, std::size_t needed, len_t fdLen,
                           KoPtr<KoRowBuf>& former);
   void clearColumn(len_t slotOffset);
-  void writeValue(len_t slotOffset, len_t fdLen, detail::EncodedValue value, bool isArray);
+  void writeValue(len_t slotOffset, len_t fdLen, const detail::EncodedValue& given, bool isArray);
   /// Room for an array of `length` bytes, its slot and header written; returns its first byte.
   byte_t* beginArray(len_t slotOffset, len_t fdLen, std::size_t count, std::size_t length,
                      bool variableElements);
@@ -673,7 +683,7 @@ class KORVO_API SubRowReference : public BaseRow {
 
   byte_t* rowBuf() const override;
   byte_t* rwRowBuf() override;
-  ~SubRowReference() override;
+  ~SubRowReference() override = default;
   void nullifyRow() override;
   bool isNull() const override;
 
@@ -801,12 +811,7 @@ template <typename T>
 T BaseRow::fixedColumn(len_t offset) const {
   static_assert(detail::isFixed<T>, "fixedColumn<T>: T is a fixed-width type of the catalogue");
   if (isNull()) return T();
-  const byte_t* const at = rowBuf() + offset;
-  if constexpr (std::is_same_v<T, bool>) {
-    return *at != 0;  // another process's byte need not be 0 or 1
-  } else {
-    return loadField<T>(at);
-  }
+  return detail::fixedAt<T>(rowBuf() + offset);
 }
 
 template <typename T>
