@@ -1,0 +1,348 @@
+// Removal of a tree when the system fails it, or when somebody changes the tree at the worst
+// moment: this program's own versions of the calls stand between the library and the system.
+
+#include <Korvo/KoStrUtils.h>
+
+#include <dirent.h>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <functional>
+#include <new>
+#include <string>
+#include <utility>
+
+#include "confined.h"
+#include "file_test_support.h"
+
+#define INTERPOSED extern "C" __attribute__((visibility("default")))
+
+namespace {
+
+/// Counts calls and fails one of them.
+struct Fault {
+  int failing = 0;  // the call that fails, counted from 1; none if 0
+  int calls = 0;
+
+  bool due() { return ++calls == failing; }
+};
+
+struct Faults {
+  Fault open, fdopendir, fstat, readdir, closedir, unlink, rmdir, allocate;
+};
+Faults faults;
+bool armed = false;
+
+bool failNow(Fault& fault, int error) {
+  if (!armed || !fault.due()) return false;
+  errno = error;
+  return true;
+}
+
+/// Called with each entry that is read, and with null at the end of a folder.
+std::function<void(dirent64*)> onEntry;
+
+template <typename Function>
+Function* next(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+int openNext(const char* function, int parent, const char* path, int flags, mode_t mode) {
+  if (failNow(faults.open, EIO)) return -1;
+  return next<int(int, const char*, int, ...)>(function)(parent, path, flags, mode);
+}
+
+int fstatNext(const char* function, int fd, void* info) {
+  if (failNow(faults.fstat, EIO)) return -1;
+  return next<int(int, void*)>(function)(fd, info);
+}
+
+}  // namespace
+
+INTERPOSED int openat(int parent, const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return openNext("openat", parent, path, flags, mode);
+}
+
+INTERPOSED int openat64(int parent, const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return openNext("openat64", parent, path, flags, mode);
+}
+
+INTERPOSED int fstat(int fd, struct stat* info) noexcept {
+  return fstatNext("fstat", fd, info);
+}
+INTERPOSED int fstat64(int fd, struct stat64* info) noexcept {
+  return fstatNext("fstat64", fd, info);
+}
+
+INTERPOSED DIR* fdopendir(int fd) {
+  if (failNow(faults.fdopendir, ENOMEM)) return nullptr;
+  return next<DIR*(int)>("fdopendir")(fd);
+}
+
+// The library is built with 64-bit offsets on either word size.
+INTERPOSED dirent64* readdir64(DIR* dir) {
+  if (failNow(faults.readdir, EIO)) return nullptr;
+  dirent64* const entry = next<dirent64*(DIR*)>("readdir64")(dir);
+  if (armed && onEntry) {
+    armed = false;
+    onEntry(entry);
+    armed = true;
+  }
+  return entry;
+}
+#if __SIZEOF_POINTER__ == 8
+INTERPOSED dirent* readdir(DIR* dir) {
+  return reinterpret_cast<dirent*>(readdir64(dir));
+}
+#endif
+
+INTERPOSED int closedir(DIR* dir) {
+  const bool failed = failNow(faults.closedir, EIO);
+  const int result = next<int(DIR*)>("closedir")(dir);
+  if (failed) errno = EIO;
+  return failed ? -1 : result;
+}
+
+INTERPOSED int unlinkat(int parent, const char* path, int flags) noexcept {
+  if (failNow((flags & AT_REMOVEDIR) != 0 ? faults.rmdir : faults.unlink, EIO)) return -1;
+  return next<int(int, const char*, int)>("unlinkat")(parent, path, flags);
+}
+
+// Not inlined, so that the compiler takes them for the pair that they are.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  if (armed && faults.allocate.due()) throw std::bad_alloc();
+  if (void* const block = std::malloc(size)) return block;
+  throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* block) noexcept {
+  std::free(block);
+}
+[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept {
+  std::free(block);
+}
+
+namespace {
+
+/// Removes the tree with the faults at work, which are as if never used afterwards.
+int removeWithFaults(std::string path) {
+  errno = 0;
+  armed = true;
+  const int result = Korvo::removeTree(std::move(path));
+  armed = false;
+  return result;
+}
+
+/// A tree deeper than what is kept open, with a file on each level.
+void makeTree() {
+  std::string path = "/d";
+  for (int level = 0; level < 20; ++level) {
+    makeFolder(path);
+    makeFile(path + "/file");
+    path += "/a folder with a name beyond a short string";
+  }
+}
+
+/// Fails the first call, then the second, and so on, until a removal needs no further one.
+void failEveryCall(Fault& fault, int expectedErrno) {
+  int failures = 0;
+  for (;; ++failures) {
+    makeTree();
+    const int before = openDescriptors();
+    fault = {failures + 1, 0};
+    const int result = removeWithFaults("/d");
+    const int error = errno;
+    const bool failed = fault.calls >= fault.failing;
+    fault = {};
+    EXPECT_EQ(openDescriptors(), before) << failures;
+    if (!failed) {
+      EXPECT_EQ(result, 0) << std::strerror(error);
+      break;
+    }
+    EXPECT_EQ(result, -1) << failures;
+    EXPECT_EQ(error, expectedErrno) << failures << ' ' << std::strerror(error);
+    if (exists("/d")) {
+      ASSERT_EQ(removeWithFaults("/d"), 0);
+    }
+  }
+  EXPECT_FALSE(exists("/d"));
+  EXPECT_GT(failures, 0) << "the call was never seen";
+}
+
+TEST(RemoveTreeFaults, FailsWhenOpeningFails) {
+  confined([] { failEveryCall(faults.open, EIO); });
+}
+TEST(RemoveTreeFaults, FailsWhenExaminingFails) {
+  confined([] { failEveryCall(faults.fstat, EIO); });
+}
+TEST(RemoveTreeFaults, FailsWhenReadingCannotBegin) {
+  confined([] { failEveryCall(faults.fdopendir, ENOMEM); });
+}
+TEST(RemoveTreeFaults, FailsWhenUnlinkFails) {
+  confined([] { failEveryCall(faults.unlink, EIO); });
+}
+TEST(RemoveTreeFaults, FailsWhenRemovingAFolderFails) {
+  confined([] { failEveryCall(faults.rmdir, EIO); });
+}
+TEST(RemoveTreeFaults, FailsWithoutMemoryAndThrowsNothing) {
+  confined([] { failEveryCall(faults.allocate, ENOMEM); });
+}
+
+// A folder that stops being read counts as read to its end: removing it then tells.
+TEST(RemoveTreeFaults, FailsToRemoveAFolderThatStopsBeingRead) {
+  confined([] {
+    makeTree();
+    faults.readdir.failing = 1;
+    EXPECT_EQ(removeWithFaults("/d"), -1);
+    EXPECT_EQ(errno, ENOTEMPTY);
+    EXPECT_TRUE(exists("/d/file"));
+    EXPECT_EQ(removeWithFaults("/d"), 0);
+  });
+}
+
+TEST(RemoveTreeFaults, FailsWhenClosingFails) {
+  confined([] {
+    makeFolder("/d");
+    makeFolder("/d/sub");
+    for (const int failing : {1, 2}) {
+      const int before = openDescriptors();
+      faults.closedir = {failing, 0};
+      EXPECT_EQ(removeWithFaults("/d"), -1) << failing;
+      EXPECT_EQ(errno, EIO);
+      EXPECT_EQ(openDescriptors(), before);
+      EXPECT_EQ(exists("/d/sub"), failing == 1) << "a folder that was not closed stays";
+      EXPECT_TRUE(exists("/d"));
+      if (failing == 1) {
+        ASSERT_EQ(rmdir("/d/sub"), 0);
+        makeFolder("/d/sub");
+      }
+    }
+  });
+}
+
+// -------------------------------------------------------------------------------------------------
+
+// Entries of unknown type count as files on purpose, so folders among them fail.
+TEST(RemoveTreeFaults, TakesEntriesOfUnknownTypeForFiles) {
+  confined([] {
+    onEntry = [](dirent64* entry) {
+      if (entry != nullptr) entry->d_type = DT_UNKNOWN;
+    };
+    makeFolder("/d");
+    makeFile("/d/file");
+    EXPECT_EQ(removeWithFaults("/d"), 0) << std::strerror(errno);
+    EXPECT_FALSE(exists("/d"));
+
+    makeFolder("/d");
+    makeFolder("/d/sub");
+    EXPECT_EQ(removeWithFaults("/d"), -1);
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_TRUE(exists("/d/sub"));
+  });
+}
+
+TEST(RemoveTreeFaults, FailsWhenAFileAppearsAtTheEnd) {
+  confined([] {
+    makeFolder("/d");
+    onEntry = [](dirent64* entry) {
+      if (entry == nullptr) makeFile("/d/late");
+    };
+    EXPECT_EQ(removeWithFaults("/d"), -1);
+    EXPECT_EQ(errno, ENOTEMPTY);
+    EXPECT_TRUE(exists("/d/late"));
+  });
+}
+
+TEST(RemoveTreeFaults, DoesNotFollowALinkPutInAFoldersPlaceBeforeItIsOpened) {
+  confined([] {
+    makeFolder("/outside");
+    makeFile("/outside/file");
+    makeFolder("/d");
+    makeFolder("/d/victim");
+    onEntry = [](dirent64* entry) {
+      if (entry == nullptr || std::string(entry->d_name) != "victim") return;
+      ASSERT_EQ(rename("/d/victim", "/moved"), 0);
+      makeLink("/outside", "/d/victim");
+    };
+    const int before = openDescriptors();
+    EXPECT_EQ(removeWithFaults("/d"), -1);
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(contentOf("/outside/file"), "content");
+    EXPECT_TRUE(exists("/d/victim"));
+  });
+}
+
+TEST(RemoveTreeFaults, DoesNotFollowALinkPutInAnOpenFoldersPlace) {
+  confined([] {
+    makeFolder("/outside");
+    makeFile("/outside/file");
+    makeFolder("/d");
+    makeFolder("/d/victim");
+    makeFile("/d/victim/file");
+    onEntry = [](dirent64* entry) {
+      if (entry == nullptr || std::string(entry->d_name) != "file") return;
+      ASSERT_EQ(rename("/d/victim", "/moved"), 0);
+      makeLink("/outside", "/d/victim");
+    };
+    EXPECT_EQ(removeWithFaults("/d"), -1);
+    EXPECT_EQ(errno, ENOTDIR);
+    EXPECT_EQ(contentOf("/outside/file"), "content");
+    EXPECT_FALSE(exists("/moved/file")) << "it was part of the tree when it was opened";
+  });
+}
+
+// The way back to a level that is no longer kept open leads elsewhere when its child was moved.
+TEST(RemoveTreeFaults, DoesNotGoBackIntoAnotherFolder) {
+  confined([] {
+    makeFolder("/outside");
+    makeFile("/outside/file");
+    std::string path = "/d";
+    for (int level = 0; level < 20; ++level) {
+      makeFolder(path);
+      path += "/n";
+    }
+    makeFile("/d/n/file beside");
+    makeFolder(path);
+    makeFile(path + "/innermost");
+    onEntry = [](dirent64* entry) {
+      if (entry == nullptr || std::string(entry->d_name) != "innermost") return;
+      ASSERT_EQ(rename("/d/n/n", "/outside/n"), 0);
+    };
+    const int before = openDescriptors();
+    EXPECT_EQ(removeWithFaults("/d"), -1);
+    EXPECT_EQ(errno, ESTALE);
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(contentOf("/outside/file"), "content");
+    EXPECT_TRUE(exists("/outside/n")) << "moved out of the tree, so no longer to be removed";
+  });
+}
+
+// Also the last step, removing the tree's own folder, does not go by the path.
+TEST(RemoveTreeFaults, DoesNotRemoveAFolderOfTheSameNameElsewhere) {
+  confined([] {
+    makeFolder("/a");
+    makeFolder("/a/d");
+    makeFolder("/b");
+    makeFolder("/b/d");
+    onEntry = [](dirent64* entry) {
+      if (entry != nullptr) return;
+      ASSERT_EQ(rename("/a", "/moved"), 0);
+      makeLink("/b", "/a");
+    };
+    EXPECT_EQ(removeWithFaults("/a/d"), 0);
+    EXPECT_TRUE(exists("/b/d"));
+    EXPECT_FALSE(exists("/moved/d"));
+  });
+}
+
+}  // namespace
