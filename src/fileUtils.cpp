@@ -194,12 +194,10 @@ class TreeRemoval {
 bool writeAll(int fd, const char* data, std::size_t size) {
   while (size > 0) {
     const ssize_t written = ::write(fd, data, size);
-    if (written >= 0) {
-      data += written;
-      size -= static_cast<std::size_t>(written);
-    } else if (errno != EINTR) {
-      return false;
-    }
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    data += written;
+    size -= static_cast<std::size_t>(written);
   }
   return true;
 }

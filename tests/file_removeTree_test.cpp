@@ -344,11 +344,11 @@ TEST(RemoveTree, TakesAWideTree) {
   confined([] {
     makeFolder("/d");
     for (int i = 0; i < 300; ++i) {
-      const std::string folder = "/d/" + std::to_string(i);
+      const std::string folder = numbered("/d/", i);
       makeFolder(folder);
-      for (int j = 0; j < 10; ++j) makeFile(folder + '/' + std::to_string(j));
+      for (int j = 0; j < 10; ++j) makeFile(numbered(folder + '/', j));
     }
-    for (int i = 300; i < 3000; ++i) makeFile("/d/" + std::to_string(i));
+    for (int i = 300; i < 3000; ++i) makeFile(numbered("/d/", i));
     EXPECT_EQ(removeTree("/d"), 0) << std::strerror(errno);
     EXPECT_FALSE(exists("/d"));
   });
@@ -420,11 +420,11 @@ TEST(RemoveTree, LeaksNothingWhereItFailsDeepDown) {
 TEST(RemoveTree, NeverFollowsALinkThatTakesAFoldersPlace) {
   confined([] {
     makeFolder("/outside");
-    for (int i = 0; i < 20; ++i) makeFile("/outside/" + std::to_string(i));
+    for (int i = 0; i < 20; ++i) makeFile(numbered("/outside/", i));
     for (int round = 0; round < 200; ++round) {
       makeFolder("/d");
       makeFolder("/d/victim");
-      for (int i = 0; i < 5; ++i) makeFile("/d/victim/" + std::to_string(i));
+      for (int i = 0; i < 5; ++i) makeFile(numbered("/d/victim/", i));
       makeLink("/outside", "/spare");
       std::atomic<bool> stop = false;
       std::thread exchanger([&stop] {
@@ -435,7 +435,7 @@ TEST(RemoveTree, NeverFollowsALinkThatTakesAFoldersPlace) {
       removeTree("/d");
       stop = true;
       exchanger.join();
-      for (int i = 0; i < 20; ++i) ASSERT_TRUE(exists("/outside/" + std::to_string(i))) << round;
+      for (int i = 0; i < 20; ++i) ASSERT_TRUE(exists(numbered("/outside/", i))) << round;
       // One of the two names is a link by now, or neither.
       for (const char* rest : {"/d/victim", "/spare"}) {
         struct stat info;

@@ -27,6 +27,11 @@ inline void makeLink(const std::string& target, const std::string& path) {
   ASSERT_EQ(symlink(target.c_str(), path.c_str()), 0) << path << ": " << std::strerror(errno);
 }
 
+inline std::string numbered(std::string path, int number) {
+  path += std::to_string(number);
+  return path;
+}
+
 /// Whether something has this name; a symbolic link is not followed.
 inline bool exists(const std::string& path) {
   struct stat info;
