@@ -1,5 +1,9 @@
 #pragma once
 
-/// Does nothing.
-/// \param canaryParameter is not there
-void canary(int parameter);
+/// A class whose comments are wrong.
+class Canary {
+ public:
+  /// Does nothing.
+  /// \param canaryParameter is not there
+  void nothing(int parameter);
+};

@@ -3,8 +3,8 @@
 #include <cstdlib>
 
 int main() {
-  const volatile char* const block = static_cast<const volatile char*>(std::malloc(64));
+  char* volatile block = static_cast<char*>(std::malloc(64));
   const int result = block[5] == 42 ? 1 : 0;
-  std::free(const_cast<char*>(block));
+  std::free(block);
   return result;
 }
