@@ -21,6 +21,8 @@ if(PROJECT_IS_TOP_LEVEL)
     -Wimplicit-fallthrough -Wundef)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     target_compile_options(korvo_build_flags INTERFACE -Wduplicated-cond -Wlogical-op)
+    # g++ 12 sees overlaps in the standard library's own string operators.
+    target_compile_options(korvo_build_flags INTERFACE -Wno-restrict)
   endif()
 
   # Errors with the compilers that every change is built with; a newer one may know new warnings,
