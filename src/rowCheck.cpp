@@ -1,14 +1,27 @@
 #include <Korvo/rowCheck.h>
 
+#include <algorithm>
 #include <array>
-#include <bit>
 
 namespace Korvo {
 namespace {
 
+/// Reads a field, and reads it once: what was checked is what is used, also while another process
+/// changes the bytes. Without the barrier the compiler might read them again.
+template <typename T>
+T readOnce(const byte_t* at) noexcept {
+  T value = loadField<T>(at);
+  asm volatile("" : "+r"(value));
+  return value;
+}
+
 /// Which bytes of the row belong to a value already: one bit for each byte.
 class TakenBytes {
  public:
+  /// Of `length` bytes, none is taken.
+  explicit TakenBytes(std::size_t length) noexcept {
+    std::fill_n(words_.begin(), length / wordBits + 1, std::uint64_t{0});
+  }
   /// Forgets all about `length` bytes at `begin`.
   void release(std::size_t begin, std::size_t length) noexcept {
     forEachWord(begin, length, [](std::uint64_t& word, std::uint64_t mask) {
@@ -41,7 +54,7 @@ class TakenBytes {
     return true;
   }
 
-  std::array<std::uint64_t, (maxRowLength + wordBits) / wordBits> words_;  // used after release()
+  std::array<std::uint64_t, maxRowLength / wordBits + 1> words_;  // only as many as were set to 0
 };
 
 /// A stretch of the outermost row: offsets in it are compared with what is left of it, never added
@@ -66,7 +79,7 @@ struct SlotValue {
   bool isArray;
 
   explicit SlotValue(const byte_t* at) noexcept {
-    const std::uint32_t fields = loadField<std::uint32_t>(at);
+    const auto fields = readOnce<std::uint32_t>(at);
     offset = fields & 0xFFFF;
     length = fields >> 16 & 0x7FFF;
     isArray = fields >> 31 != 0;
@@ -75,13 +88,12 @@ struct SlotValue {
 
 class Checker {
  public:
-  explicit Checker(PrefixRule prefixes) noexcept : prefixes_(prefixes) {}
+  Checker(std::size_t length, PrefixRule prefixes) noexcept : prefixes_(prefixes), taken_(length) {}
 
   RowFault checkRow(const Stretch& row, const LayoutInfo& layout, unsigned int depth) noexcept {
     if (row.length < layout.baseLength) {
       return {RowFaultKind::shortFixedArea, row.position + row.length};
     }
-    taken_.release(row.position, row.length);
     for (const ColumnInfo& column : layout.columns) {
       if (!hasSlot(column)) continue;
       if (const RowFault fault = checkColumn(row, layout, column, depth)) return fault;
@@ -105,24 +117,28 @@ class Checker {
     const Stretch value = row.part(slot.offset, slot.length);
     if (!taken_.take(value.position, value.length)) return {RowFaultKind::overlap, slotPosition};
     if (slot.isArray != column.isArray) return {RowFaultKind::arrayMark, slotPosition};
-    if (column.isArray) return checkArray(value, column.type);
-    if (column.type == structType_) return checkNested(value, *column.nested, depth);
-    return checkValue(value, column.type);
+    return column.isArray ? checkArray(value, column, depth) : checkValue(value, column, depth);
   }
 
-  RowFault checkValue(const Stretch& value, KorvoTypes type) const noexcept {
-    if (type == ipGenAddrType_ && detail::familyOfAddress(value.length) == unknown_) {
-      return {RowFaultKind::addressLength, value.position};
+  RowFault checkValue(const Stretch& value, const ColumnInfo& column, unsigned int depth) noexcept {
+    switch (column.type) {
+      case structType_:
+        return checkNested(value, *column.nested, depth);
+      case ipGenAddrType_:
+        if (detail::familyOfAddress(value.length) != unknown_) return {};
+        return {RowFaultKind::addressLength, value.position};
+      case ipGenPrefixType_:
+        return checkPrefix(value);
+      default:
+        return {};  // any bytes are a string
     }
-    if (type == ipGenPrefixType_) return checkPrefix(value);
-    return {};  // any bytes are a string
   }
 
   RowFault checkPrefix(const Stretch& value) const noexcept {
     const AddressFamily af = detail::familyOfPrefix(value.length);
     if (af == unknown_) return {RowFaultKind::prefixLength, value.position};
     const std::size_t bits = 8 * (value.length - 1);
-    const std::size_t mask = value.bytes[0];
+    const std::size_t mask = readOnce<byte_t>(value.bytes);
     if (mask > bits) return {RowFaultKind::prefixBits, value.position};
     if (prefixes_ == PrefixRule::noHostBits &&
         !validPrefix(IpGenAddr(af, value.bytes + 1), static_cast<int>(mask))) {
@@ -131,12 +147,12 @@ class Checker {
     return {};
   }
 
-  RowFault checkArray(const Stretch& array, KorvoTypes type) const noexcept {
+  RowFault checkArray(const Stretch& array, const ColumnInfo& column, unsigned int depth) noexcept {
     if (array.length < arrayHeaderLength) return {RowFaultKind::arrayLength, array.position};
-    const unsigned int header = loadField<std::uint16_t>(array.bytes);
+    const unsigned int header = readOnce<std::uint16_t>(array.bytes);
     const std::size_t count = header & arrayCountMask;
     const bool variable = (header >> 8 & arrayVariableMark) != 0;
-    if (variable != (type != boolType_)) return {RowFaultKind::elementMark, array.position};
+    if (variable != (column.type != boolType_)) return {RowFaultKind::elementMark, array.position};
     const std::size_t left = array.length - arrayHeaderLength;
     if (!variable) {
       // Arrays of more than 4095 elements keep only the low bits of their count.
@@ -154,9 +170,8 @@ class Checker {
       }
       end = slot.offset + slot.length;
       if (slot.length == 0) continue;
-      if (const RowFault fault = checkValue(array.part(slot.offset, slot.length), type)) {
-        return fault;
-      }
+      const Stretch element = array.part(slot.offset, slot.length);
+      if (const RowFault fault = checkValue(element, column, depth)) return fault;
     }
     return {};
   }
@@ -164,12 +179,13 @@ class Checker {
   RowFault checkNested(const Stretch& value, const LayoutInfo& layout,
                        unsigned int depth) noexcept {
     if (value.length < rowHeaderLength) return {RowFaultKind::nestedLength, value.position};
-    if (loadField<len_t>(value.bytes + rowLengthOffset) != value.length) {
+    if (readOnce<len_t>(value.bytes + rowLengthOffset) != value.length) {
       return {RowFaultKind::nestedLength, value.position};
     }
     if (depth == maxRowNesting) return {RowFaultKind::nestedTooDeep, value.position};
+    // The nested row keeps account of its own values; to the row that holds it, all of it is taken.
+    taken_.release(value.position, value.length);
     const RowFault fault = checkRow(value, layout, depth + 1);
-    // The nested row kept account of its own values; to the row that holds it, all of it is taken.
     taken_.release(value.position, value.length);
     taken_.take(value.position, value.length);
     return fault;
@@ -233,10 +249,10 @@ RowFault checkRow(const void* bytes, std::size_t length, const LayoutInfo& layou
                   PrefixRule prefixes) noexcept {
   if (length < rowHeaderLength) return {RowFaultKind::shortHeader, length};
   const byte_t* const row = static_cast<const byte_t*>(bytes);
-  const std::size_t said = loadField<len_t>(row + rowLengthOffset);
+  const std::size_t said = readOnce<len_t>(row + rowLengthOffset);
   if (said > length) return {RowFaultKind::truncated, rowLengthOffset};
   if (said < length) return {RowFaultKind::trailingBytes, said};
-  Checker checker(prefixes);
+  Checker checker(length, prefixes);
   return checker.checkRow({row, 0, length}, layout, 0);
 }
 

@@ -3,7 +3,12 @@
 #include <Korvo/rowCheck.h>
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <csignal>
 #include <functional>
 #include <memory>
 #include <random>
@@ -381,6 +386,110 @@ TEST(RowCheck, OneBudgetLimitsTheNesting) {
     VColType::at(outer.data(), 8).valueIs(12, static_cast<len_t>(row.size()), false);
     row = outer;
   }
+}
+
+// No row class declares arrays of nested rows; a layout made by hand may, as the row format does.
+TEST(RowCheck, ChecksTheElementsOfAnArrayOfNestedRows) {
+  const ColumnInfo columns[] = {{"rows", structType_, 8, 4, true, &InnerLayout::info}};
+  const LayoutInfo layout = {1, 12, columns};
+  TableRow<InnerLayout> inner;
+  inner.create();
+  inner.set<"text">("deep");
+  const std::vector<byte_t> nested = bytesOf(inner);
+  const auto size = static_cast<len_t>(nested.size());
+
+  constexpr std::size_t array = 12;
+  constexpr std::size_t first = array + 2 + 2 * 4;
+  std::vector<byte_t> good(first);
+  good.insert(good.end(), nested.begin(), nested.end());
+  good.insert(good.end(), nested.begin(), nested.end());
+  storeField<len_t>(good.data(), static_cast<len_t>(good.size()));
+  VColType::at(good.data(), 8).valueIs(array, static_cast<len_t>(good.size() - array), true);
+  storeField<std::uint16_t>(good.data() + array, 0x1002);
+  VColType::at(good.data(), array + 2).valueIs(first - array, size, false);
+  VColType::at(good.data(), array + 6)
+      .valueIs(static_cast<len_t>(first - array + size), size, false);
+  EXPECT_EQ(checkRow(good.data(), good.size(), layout), RowFault());
+
+  for (const std::size_t element : {first, first + size}) {
+    std::vector<byte_t> bytes = good;
+    bytes[element] = static_cast<byte_t>(bytes[element] + 1);
+    EXPECT_EQ(checkRow(bytes.data(), bytes.size(), layout),
+              fault(RowFaultKind::nestedLength, element));
+    bytes = good;
+    const std::size_t slot = element + InnerLayout::offset<"text">;
+    VColType::at(bytes.data(), slot).valueIs(size, 1, false);
+    EXPECT_EQ(checkRow(bytes.data(), bytes.size(), layout),
+              fault(RowFaultKind::valueBeyondRow, slot));
+  }
+}
+
+extern const LayoutInfo endlessArrays;
+const ColumnInfo endlessArrayColumns[] = {{"next", structType_, 8, 4, true, &endlessArrays}};
+const LayoutInfo endlessArrays = {1, 12, endlessArrayColumns};
+
+TEST(RowCheck, OneBudgetLimitsTheNestingInArraysToo) {
+  std::vector<byte_t> row(12, 0);
+  row[0] = 12;
+  for (unsigned int depth = 0; depth <= maxRowNesting + 1; ++depth) {
+    EXPECT_EQ(checkRow(row.data(), row.size(), endlessArrays),
+              depth <= maxRowNesting ? RowFault()
+                                     : fault(RowFaultKind::nestedTooDeep, 18 * (maxRowNesting + 1)))
+        << depth;
+    std::vector<byte_t> outer(18, 0);
+    outer.insert(outer.end(), row.begin(), row.end());
+    storeField<len_t>(outer.data(), static_cast<len_t>(outer.size()));
+    VColType::at(outer.data(), 8).valueIs(12, static_cast<len_t>(row.size() + 6), true);
+    storeField<std::uint16_t>(outer.data() + 12, 0x1001);
+    VColType::at(outer.data(), 14).valueIs(6, static_cast<len_t>(row.size()), false);
+    row = outer;
+  }
+}
+TEST(RowCheck, ReadsNothingOutsideWhileTheBytesChange) {
+  // The row ends where a page ends, and the next page may not be touched.
+  const auto pageSize = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  void* const pages =
+      mmap(nullptr, 2 * pageSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(pages, MAP_FAILED);
+  byte_t* const end = static_cast<byte_t*>(pages) + pageSize;
+  ASSERT_EQ(mprotect(end, pageSize, PROT_NONE), 0);
+  const std::vector<byte_t> good = bytesOf(fullRow());
+  const std::size_t length = good.size();
+  byte_t* const row = end - length;
+  std::copy(good.begin(), good.end(), row);
+
+  const pid_t parent = getpid();
+  const pid_t writer = fork();
+  ASSERT_NE(writer, -1);
+  if (writer == 0) {  // changes slots and array headers to and fro until it is stopped
+    std::mt19937 random(7);
+    volatile byte_t* const shared = row;
+    while (getppid() == parent) {
+      for (int i = 0; i < 1000; ++i) {
+        const std::size_t at = 8 + random() % (length - 8);
+        shared[at] = static_cast<byte_t>(random());
+        shared[at] = good[at];
+      }
+    }
+    _exit(0);
+  }
+  int passed = 0;
+  int refused = 0;
+  const auto begin = std::chrono::steady_clock::now();
+  const auto runsFor = [&](std::chrono::milliseconds time) {
+    return std::chrono::steady_clock::now() - begin < time;
+  };
+  while (runsFor(std::chrono::milliseconds(300)) ||
+         ((passed == 0 || refused == 0) && runsFor(std::chrono::seconds(30)))) {
+    for (int i = 0; i < 100; ++i) {
+      ++(checkRow(row, length, Layout::info, PrefixRule::noHostBits) ? refused : passed);
+    }
+  }
+  kill(writer, SIGKILL);
+  waitpid(writer, nullptr, 0);
+  munmap(pages, 2 * pageSize);
+  EXPECT_GT(passed, 0);
+  EXPECT_GT(refused, 0);
 }
 
 TEST(RowCheck, PassesTheLargestRow) {

@@ -12,7 +12,8 @@
 // comparisons, ordering, hashes, printing, JSON) reads outside the row or stops the process, and no
 // writer touches memory outside it. What remains, because the rules of the values ask for it:
 //
-//  - ordering two prefixes that have no family stops the process (IpGenPrefixReference::operator<);
+//  - asking two prefixes that both have no family for their order, or whether one contains the
+//    other, stops the process (operator<, contains() of IpGenPrefixReference and IpGenPrefix);
 //  - a prefix may be stored with host bits set; getColumn<IpGenPrefix> then throws KoOutOfRange.
 //    PrefixRule::noHostBits refuses such rows;
 //  - an array may hold prefixes without a family; ArrayReference<IpGenPrefix> reads such an element
