@@ -1,0 +1,45 @@
+#!/bin/bash
+# Installs what is missing, builds the benchmarks and measures the library beside its peers.
+#
+#   scripts/bench.sh            short: a few minutes, ratios good to about a tenth
+#   scripts/bench.sh --full     long enough to quote
+#   scripts/bench.sh --once     runs each benchmark once, as a test
+#
+# BENCH_FILTER=REGEX takes only the benchmarks whose name it matches. Results: a table in
+# build/bench/results/table.md, and one .json beside it for each program.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+mode=${1:---short}
+case $mode in
+  --short) options=(--benchmark_repetitions=3 --benchmark_min_time=0.05) ;;
+  --full) options=(--benchmark_repetitions=15 --benchmark_min_time=0.25) ;;
+  --once) ;;
+  *)
+    echo "usage: scripts/bench.sh [--full | --once]" >&2
+    exit 2
+    ;;
+esac
+
+scripts/install-deps.sh bench
+scripts/check-cmake.sh
+cmake --preset bench >/dev/null
+cmake --build --preset bench --parallel "$(nproc)"
+
+if [ "$mode" = --once ]; then
+  exec ctest --preset bench
+fi
+
+results=build/bench/results
+rm -rf $results
+mkdir -p $results
+for program in build/bench/benchmarks/*_bench; do
+  name=$(basename "$program")
+  echo "== $name"
+  # The repetitions of all contestants take turns, so that a slow moment hits each of them.
+  "$program" "${options[@]}" --benchmark_enable_random_interleaving=true \
+    --benchmark_filter="${BENCH_FILTER:-.}" --benchmark_report_aggregates_only=true \
+    --benchmark_out="$results/$name.json" --benchmark_out_format=json >"$results/$name.txt"
+done
+python3 scripts/bench-table.py $results/*.json >$results/table.md
+cat $results/table.md
