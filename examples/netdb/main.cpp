@@ -1,0 +1,187 @@
+// netdb: the world's network prefixes in rows, and which of them an address lies in.
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "agent.h"
+#include "progress.h"
+#include "report.h"
+#include "transfer.h"
+
+namespace {
+
+using Korvo::IpGenAddr;
+using netdb::grouped;
+using netdb::PrefixRow;
+using netdb::RowTable;
+
+/// A user's mistake: one line on standard error and exit status 2.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Bytes of memory that the process occupies now.
+std::uint64_t residentBytes() {
+  std::ifstream statm("/proc/self/statm");
+  std::uint64_t all = 0;
+  std::uint64_t resident = 0;
+  statm >> all >> resident;
+  return resident * static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+}
+
+/// The library reads any text as an address in its own lenient way; a person's typing error is
+/// better told than looked up.
+IpGenAddr parseAddress(const std::string& text) {
+  if (text.find_first_not_of("0123456789abcdefABCDEF:.") == text.npos) {
+    try {
+      return IpGenAddr(text);
+    } catch (const Korvo::KoInvalidArgument&) {  // told below
+    }
+  }
+  throw UsageError("not an address: " + text);
+}
+
+struct Options {
+  netdb::TransferOptions transfer;
+  std::vector<std::string> addresses;
+  std::string country;
+  std::size_t limit = 0;
+  bool json = false;
+};
+
+/// The table with all rows of the input, indexed. Ends the program if the stream broke.
+netdb::TransferResult loadTable(const Options& options, RowTable& table) {
+  const netdb::TransferResult result = netdb::transferRows(options.transfer, table);
+  table.index();
+  return result;
+}
+
+int load(const Options& options) {
+  const std::uint64_t before = residentBytes();
+  RowTable table;
+  const netdb::TransferResult result = loadTable(options, table);
+  const std::uint64_t memory = residentBytes() - before;
+  const std::uint64_t rows = table.rows().size();
+  const auto perRow = [&](std::uint64_t n) { return rows == 0 ? 0 : n / rows; };
+  std::printf("%-16s %s\n", "rows", grouped(rows).c_str());
+  std::printf("%-16s %s (%s per row)\n", "bytes", grouped(result.rowBytes).c_str(),
+              grouped(perRow(result.rowBytes)).c_str());
+  std::printf(
+      "%-16s %s\n", "rows per second",
+      grouped(static_cast<std::uint64_t>(static_cast<double>(rows) / result.seconds)).c_str());
+  std::printf("%-16s %s bytes per row, indexes included\n", "memory",
+              grouped(perRow(memory)).c_str());
+  std::printf("%-16s %.2f s\n", "time", result.seconds);
+  if (result.malformedLines != 0) {
+    std::printf("%-16s %s\n", "malformed lines", grouped(result.malformedLines).c_str());
+  }
+  if (result.refusedRows != 0) {
+    std::printf("%-16s %s\n", "refused rows", grouped(result.refusedRows).c_str());
+  }
+  return result.complete ? 0 : 1;
+}
+
+/// Looks the addresses up one after the other.
+void lookUp(const RowTable& table, const std::vector<IpGenAddr>& addrs, const Options& options,
+            const std::function<void(std::size_t, const PrefixRow*)>& found) {
+  if constexpr (netdb::agentsAvailable) {
+    if (!options.transfer.blocking) {
+      return netdb::runLookupAgent(table, addrs, found, options.transfer.trace);
+    }
+  }
+  for (std::size_t i = 0; i < addrs.size(); ++i) found(i, table.lookup(addrs[i]));
+}
+
+int lookup(const Options& options) {
+  std::vector<IpGenAddr> addrs;
+  for (const std::string& text : options.addresses) addrs.push_back(parseAddress(text));
+  RowTable table;
+  const netdb::TransferResult result = loadTable(options, table);
+  bool allFound = true;
+  lookUp(table, addrs, options, [&](std::size_t i, const PrefixRow* row) {
+    if (row == nullptr) {
+      std::fprintf(stderr, "netdb: no prefix contains %s\n", options.addresses[i].c_str());
+      allFound = false;
+    } else if (options.json) {
+      std::cout << row->toJson() << '\n';
+    } else {
+      if (i != 0) std::cout << '\n';
+      netdb::printRow(std::cout, *row);
+    }
+  });
+  return result.complete && allFound ? 0 : 1;
+}
+
+int country(const Options& options) {
+  RowTable table;
+  const netdb::TransferResult result = loadTable(options, table);
+  netdb::printCountry(std::cout, table, options.country, options.limit);
+  return result.complete && !table.ofCountry(options.country).empty() ? 0 : 1;
+}
+
+int stats(const Options& options) {
+  RowTable table;
+  const netdb::TransferResult result = loadTable(options, table);
+  netdb::printStats(std::cout, table, options.limit);
+  return result.complete ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  CLI::App app(
+      "Holds the world's network prefixes in rows, and tells which one an address is in.\n"
+      "A publisher process reads the input and sends its rows to this one.",
+      "netdb");
+  app.require_subcommand(1);
+  app.fallthrough();
+  app.get_formatter()->column_width(34);
+  app.add_option("--input", options.transfer.inputs,
+                 "Files of address ranges: first,last,country in each line")
+      ->type_name("FILE...")
+      ->required();
+  app.add_flag("--quiet", options.transfer.quiet, "Show no progress");
+  if (netdb::agentsAvailable) {
+    app.add_flag("--trace", options.transfer.trace, "Write the schedulers' traces");
+    app.add_flag("--blocking", options.transfer.blocking, "Work in plain loops, not in units");
+  }
+  app.add_subcommand("load", "Load the rows and tell how many, how fast, in how much memory");
+  CLI::App* const lookupCommand =
+      app.add_subcommand("lookup", "Show the row of the most specific prefix of each address");
+  lookupCommand->add_option("ADDRESS", options.addresses, "IPv4 or IPv6 addresses")->required();
+  lookupCommand->add_flag("--json", options.json, "Print each row as one line of JSON");
+  CLI::App* const countryCommand = app.add_subcommand("country", "List the prefixes of a country");
+  countryCommand->add_option("CC", options.country, "The country's two letters")->required();
+  countryCommand->add_option("--limit", options.limit, "How many prefixes to list; 0 for all");
+  CLI::App* const statsCommand =
+      app.add_subcommand("stats", "Count rows by country and by prefix length");
+  statsCommand->add_option("--limit", options.limit, "How many countries to show; 0 for all");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);  // --help
+    std::fprintf(stderr, "netdb: %s (see netdb --help)\n", e.what());
+    return 2;
+  }
+  try {
+    if (app.got_subcommand("load")) return load(options);
+    if (app.got_subcommand("lookup")) return lookup(options);
+    if (app.got_subcommand("country")) return country(options);
+    return stats(options);
+  } catch (const UsageError& e) {
+    std::fprintf(stderr, "netdb: %s\n", e.what());
+    return 2;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "netdb: %s\n", e.what());
+    return 1;
+  }
+}

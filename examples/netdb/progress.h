@@ -1,0 +1,44 @@
+#pragma once
+
+// What a load shows while it runs, and the numbers that it shows afterwards.
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace netdb {
+
+/// 1234567 as "1,234,567".
+std::string grouped(std::uint64_t number);
+
+/// How far the publisher is; in memory that both processes share.
+struct SharedProgress {
+  std::atomic<std::uint32_t> permille;
+  std::atomic<std::uint32_t> malformedLines;
+};
+
+/// Lines on standard error while a load runs: a bar on a terminal, otherwise a line for each tenth.
+class ProgressDisplay {
+ public:
+  explicit ProgressDisplay(bool quiet);
+  ~ProgressDisplay() { clear(); }
+  ProgressDisplay(const ProgressDisplay&) = delete;
+  ProgressDisplay& operator=(const ProgressDisplay&) = delete;
+
+  /// May be called as often as there is news; it draws at most 20 times a second.
+  void show(std::uint32_t permille, std::uint64_t rows);
+  /// Removes the bar, so that another line can be written.
+  void clear();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  bool quiet_;
+  bool terminal_;
+  bool drawn_ = false;
+  std::uint32_t nextTenth_ = 1;
+  Clock::time_point lastDrawn_{};
+};
+
+}  // namespace netdb

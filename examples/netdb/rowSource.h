@@ -1,0 +1,47 @@
+#pragma once
+
+// The publisher's side: ranges become rows.
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "prefixRow.h"
+#include "rangeFile.h"
+
+namespace netdb {
+
+/// Makes one row for each prefix of each range of the input files, in their order.
+class RowSource {
+ public:
+  /// Told of each malformed line: file, line number and reason.
+  using Complaint =
+      std::function<void(const std::string& file, std::uint32_t line, const std::string& reason)>;
+
+  /// Throws InputError if one of the files cannot be opened; nothing has been read then.
+  RowSource(const std::vector<std::string>& paths, Complaint complaint);
+
+  /// Makes the next row; false when there are no more. Throws InputError if reading fails.
+  bool next(PrefixRow& row);
+
+  /// How much of the input has been read, from 0 to 1.
+  double progress() const;
+
+ private:
+  bool nextRange();
+
+  std::vector<std::unique_ptr<RangeFile>> files_;
+  std::size_t current_ = 0;
+  RangeLine range_;
+  std::vector<Korvo::IpGenPrefix> prefixes_;
+  std::size_t nextPrefix_ = 0;
+  Korvo::oid_t lastOid_ = 0;
+};
+
+/// Makes the row of one prefix.
+PrefixRow makeRow(const Korvo::IpGenPrefix& prefix, const std::string& country,
+                  const std::string& file, std::uint32_t line, Korvo::oid_t oid);
+
+}  // namespace netdb

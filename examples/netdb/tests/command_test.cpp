@@ -1,0 +1,187 @@
+// The program as a person meets it: what it prints, where, and its exit status.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+namespace {
+
+std::string program;  // the first argument of this test
+
+struct Outcome {
+  std::string out;
+  std::string err;
+  int status = -1;
+};
+
+std::string contentOf(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+Outcome run(const std::string& arguments) {
+  const std::string out = testing::TempDir() + "netdb_out." + std::to_string(getpid());
+  const std::string err = testing::TempDir() + "netdb_err." + std::to_string(getpid());
+  const int status =
+      std::system((program + " " + arguments + " >" + out + " 2>" + err).c_str());  // NOLINT
+  Outcome result{contentOf(out), contentOf(err), WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+  std::remove(out.c_str());
+  std::remove(err.c_str());
+  return result;
+}
+
+const std::string sample = "--quiet --input " NETDB_SAMPLE "/geoip " NETDB_SAMPLE "/geoip6 ";
+
+TEST(Netdb, Loads) {
+  const Outcome result = run("--input " NETDB_SAMPLE "/geoip " NETDB_SAMPLE "/geoip6 load");
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out.substr(0, 5), "rows ");
+  EXPECT_NE(result.out.find("\nrows per second "), std::string::npos);
+  EXPECT_NE(result.out.find("\nmemory "), std::string::npos);
+  EXPECT_NE(result.err.find("loading: 100 %"), std::string::npos) << result.err;
+}
+
+TEST(Netdb, LooksUpBothFamilies) {
+  const Outcome result = run(sample + "lookup 8.8.8.8 2606:4700:4700::1111");
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.out.substr(0, 11), "prefix     ");
+  EXPECT_NE(result.out.find("\ncountry     US\n"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("\n\nprefix      2606:4700:0000:"), std::string::npos) << result.out;
+}
+
+TEST(Netdb, PrintsJson) {
+  const Outcome result = run(sample + "lookup --json 1.1.1.1");
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out.substr(0, 33), R"({"prefix":"1.1.1.0/24","first":"1)");
+}
+
+TEST(Netdb, TellsWhenNoPrefixContainsAnAddress) {
+  const Outcome result = run(sample + "lookup 127.0.0.1");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "netdb: no prefix contains 127.0.0.1\n");
+}
+
+TEST(Netdb, ListsACountry) {
+  const Outcome result = run(sample + "country AU --limit 2");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out.substr(0, 11), "1.0.0.0/24\n");
+  EXPECT_NE(result.out.find(" rows of AU\n"), std::string::npos);
+  const Outcome unknown = run(sample + "country XX");
+  EXPECT_EQ(unknown.status, 1);
+  EXPECT_EQ(unknown.out, "0 rows of XX\n");
+}
+
+TEST(Netdb, CountsRows) {
+  const Outcome result = run(sample + "stats");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out.substr(0, 46), "  country         IPv4        IPv6        rows");
+  EXPECT_NE(result.out.find("\n  length          IPv4        IPv6        rows\n"),
+            std::string::npos);
+}
+
+TEST(Netdb, AnswersMistakesWithOneLine) {
+  struct Case {
+    std::string arguments;
+    int status;
+    std::string err;
+  };
+  const Case cases[] = {
+      {"", 2, "netdb: --input is required (see netdb --help)\n"},
+      {sample, 2, "netdb: A subcommand is required (see netdb --help)\n"},
+      {sample + "lookup", 2, "netdb: ADDRESS is required (see netdb --help)\n"},
+      {sample + "lookup 1.2.3", 2, "netdb: not an address: 1.2.3\n"},
+      {sample + "lookup example", 2, "netdb: not an address: example\n"},
+      {sample + "lookup 1.2.3.256", 2, "netdb: not an address: 1.2.3.256\n"},
+      {"load", 2, "netdb: --input is required (see netdb --help)\n"},
+      {"--input /nowhere/geoip load", 1, "netdb: /nowhere/geoip: No such file or directory\n"},
+      {"--input / load", 1, "netdb: /: is a directory\n"},
+  };
+  for (const Case& c : cases) {
+    const Outcome result = run(c.arguments);
+    EXPECT_EQ(result.status, c.status) << c.arguments;
+    EXPECT_EQ(result.err, c.err) << c.arguments;
+    EXPECT_EQ(result.out, "") << c.arguments;
+  }
+  const Outcome unknown = run(sample + "frobnicate");
+  EXPECT_EQ(unknown.status, 2);
+  EXPECT_EQ(std::count(unknown.err.begin(), unknown.err.end(), '\n'), 1) << unknown.err;
+}
+
+TEST(Netdb, SkipsMalformedLinesAndTellsThem) {
+  const std::string path = testing::TempDir() + "netdb_bad." + std::to_string(getpid());
+  std::ofstream(path) << "1,2,AU\n1,2\n5,4,AU\n7,7,DE\n";
+  const Outcome result = run("--quiet --input " + path + " load");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, path + ":2: not three fields; line skipped\n" + path +
+                            ":3: the last address is before the first; line skipped\n");
+  EXPECT_NE(result.out.find("malformed lines  2\n"), std::string::npos) << result.out;
+  std::remove(path.c_str());
+}
+
+/// The only child of a process, once it has one.
+pid_t childOf(pid_t parent) {
+  const std::string id = std::to_string(parent);
+  for (int tries = 0; tries < 2000; ++tries) {
+    std::ifstream children("/proc/" + id + "/task/" + id + "/children");
+    pid_t child = 0;
+    if (children >> child) return child;
+    ::usleep(5000);
+  }
+  return 0;
+}
+
+TEST(Netdb, TellsThatTheStreamBrokeWhenThePublisherDies) {
+  const std::string err = testing::TempDir() + "netdb_broken." + std::to_string(getpid());
+  int input[2];
+  ASSERT_EQ(::pipe(input), 0);
+  const pid_t netdb = ::fork();
+  ASSERT_GE(netdb, 0);
+  if (netdb == 0) {
+    ::dup2(input[0], 0);
+    ::close(input[0]);
+    ::close(input[1]);
+    const int file = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const int nothing = ::open("/dev/null", O_WRONLY);
+    ::dup2(nothing, 1);
+    ::dup2(file, 2);
+    ::execl(program.c_str(), program.c_str(), "--quiet", "--input", "/dev/stdin", "load", nullptr);
+    ::_exit(127);
+  }
+  ::close(input[0]);
+  // The input does not end, so the publisher waits for more of it when it is killed.
+  const std::string line = "16777216,16777471,AU\n";
+  ASSERT_EQ(::write(input[1], line.data(), line.size()), static_cast<ssize_t>(line.size()));
+  const pid_t publisher = childOf(netdb);
+  ASSERT_NE(publisher, 0);
+  ASSERT_EQ(::kill(publisher, SIGKILL), 0);
+  int status = 0;
+  ASSERT_EQ(::waitpid(netdb, &status, 0), netdb);
+  ::close(input[1]);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+  EXPECT_EQ(contentOf(err), "netdb: the stream broke; 0 rows were received before\n");
+  std::remove(err.c_str());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  testing::InitGoogleTest(&argc, argv);
+  if (argc != 2) {
+    std::fputs("usage: command_test NETDB\n", stderr);
+    return 2;
+  }
+  program = argv[1];
+  return RUN_ALL_TESTS();
+}

@@ -1,0 +1,148 @@
+#include "transfer.h"
+
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <new>
+#include <system_error>
+
+#include "agent.h"
+#include "progress.h"
+#include "rowLink.h"
+#include "rowSource.h"
+
+namespace netdb {
+namespace {
+
+struct Unmap {
+  void operator()(SharedProgress* shared) const { ::munmap(shared, sizeof *shared); }
+};
+
+std::unique_ptr<SharedProgress, Unmap> makeSharedProgress() {
+  void* const memory = ::mmap(nullptr, sizeof(SharedProgress), PROT_READ | PROT_WRITE,
+                              MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) throw std::system_error(errno, std::generic_category(), "mmap");
+  return std::unique_ptr<SharedProgress, Unmap>(new (memory) SharedProgress{});
+}
+
+void publishBlocking(RowSource& source, int socket, const std::function<void()>& report) {
+  RowSender sender(socket);
+  PrefixRow row;
+  while (source.next(row)) {
+    sender.add(row);
+    if (!sender.full()) continue;
+    sender.send(true);
+    report();
+  }
+  sender.send(true);
+  sender.sendEnd(true);
+}
+
+void receiveBlocking(int socket, Subscriber& subscriber, const std::function<void()>& report) {
+  RowReceiver receiver(socket);
+  while (receiver.receive(true) == RowReceiver::Result::received) {
+    for (const RowReceiver::Packet& packet : receiver.packets()) {
+      subscriber.take(packet.bytes, packet.length);
+    }
+    report();
+  }
+}
+
+void publishRows(RowSource& source, int socket, const std::function<void()>& report,
+                 const TransferOptions& options) {
+  if constexpr (agentsAvailable) {
+    if (!options.blocking) return runPublisherAgent(source, socket, report, options.trace);
+  }
+  publishBlocking(source, socket, report);
+}
+
+void receiveRows(int socket, Subscriber& subscriber, const std::function<void()>& report,
+                 const TransferOptions& options) {
+  if constexpr (agentsAvailable) {
+    if (!options.blocking) return runSubscriberAgent(socket, subscriber, report, options.trace);
+  }
+  receiveBlocking(socket, subscriber, report);
+}
+
+/// All the work of the publisher process; returns its exit status.
+int publisherProcess(RowSource& source, int socket, SharedProgress& shared,
+                     const TransferOptions& options) {
+  try {
+    const auto report = [&] {
+      shared.permille = static_cast<std::uint32_t>(1000 * source.progress());
+    };
+    publishRows(source, socket, report, options);
+    report();
+    return 0;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "netdb: publisher: %s\n", e.what());
+    return 1;
+  }
+}
+
+void awaitProcess(pid_t process) {
+  int status = 0;
+  while (::waitpid(process, &status, 0) < 0 && errno == EINTR) {
+  }
+}
+
+}  // namespace
+
+TransferResult transferRows(const TransferOptions& options, RowTable& table) {
+  const auto begin = std::chrono::steady_clock::now();
+  const auto shared = makeSharedProgress();
+  RowSource source(
+      options.inputs, [&](const std::string& file, std::uint32_t line, const std::string& reason) {
+        ++shared->malformedLines;
+        std::fprintf(stderr, "%s:%u: %s; line skipped\n", file.c_str(), line, reason.c_str());
+      });
+  RowSockets sockets;
+
+  std::fflush(nullptr);
+  const pid_t publisher = ::fork();
+  if (publisher < 0) throw std::system_error(errno, std::generic_category(), "fork");
+  if (publisher == 0) {
+    sockets.subscriber.close();
+    const int status = publisherProcess(source, sockets.publisher.get(), *shared, options);
+    std::fflush(nullptr);
+    ::_exit(status);
+  }
+  sockets.publisher.close();
+
+  ProgressDisplay display(options.quiet);
+  Subscriber subscriber(table, [&](std::uint64_t number, const std::string& reason) {
+    display.clear();
+    std::fprintf(stderr, "netdb: row %llu refused: %s\n", static_cast<unsigned long long>(number),
+                 reason.c_str());
+  });
+  const auto report = [&] { display.show(shared->permille, table.rows().size()); };
+  try {
+    receiveRows(sockets.subscriber.get(), subscriber, report, options);
+  } catch (...) {
+    sockets.subscriber.close();  // the publisher's next row fails, and it ends
+    awaitProcess(publisher);
+    throw;
+  }
+  awaitProcess(publisher);
+  report();
+  display.clear();
+  if (!subscriber.complete()) {
+    std::fprintf(stderr, "netdb: the stream broke; %s rows were received before\n",
+                 grouped(table.rows().size()).c_str());
+  }
+
+  TransferResult result;
+  result.refusedRows = subscriber.refused();
+  result.malformedLines = shared->malformedLines;
+  result.rowBytes = subscriber.bytes();
+  result.complete = subscriber.complete();
+  result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+  return result;
+}
+
+}  // namespace netdb
