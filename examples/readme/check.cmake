@@ -1,0 +1,15 @@
+# The program prints what is expected, and the README shows that source and that output.
+
+execute_process(COMMAND ${PROGRAM} OUTPUT_VARIABLE output COMMAND_ERROR_IS_FATAL ANY)
+file(READ ${SOURCE}/expected.txt expected)
+if(NOT output STREQUAL expected)
+  message(FATAL_ERROR "expected:\n${expected}printed:\n${output}")
+endif()
+file(READ ${README} readme)
+file(READ ${SOURCE}/readme.cpp source)
+foreach(shown IN ITEMS "${source}" "${expected}")
+  string(FIND "${readme}" "${shown}" position)
+  if(position EQUAL -1)
+    message(FATAL_ERROR "the README does not show:\n${shown}")
+  endif()
+endforeach()
