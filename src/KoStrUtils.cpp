@@ -44,24 +44,108 @@ constexpr std::size_t firstMatch(Block matched) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Splitting
+// Escaping
 
-/// Calls `take` with each piece of the text: a delimiter ends a piece, and what follows the last
-/// one is a piece only if it is not empty.
-template <typename Take>
-void forEachPiece(std::string_view text, char delim, Take take) {
-  while (!text.empty()) {
-    const std::size_t end = text.find(delim);
-    take(text.substr(0, end));
-    if (end == text.npos) return;
-    text.remove_prefix(end + 1);
+/// How many bytes satisfy the predicate. The inner loop has a fixed length and a narrow counter, so
+/// that compilers turn it into vector instructions.
+template <typename Predicate>
+std::size_t countBytes(std::string_view text, Predicate predicate) {
+  constexpr std::size_t stretch = 128;
+  std::size_t count = 0;
+  while (text.size() >= stretch) {
+    unsigned char inStretch = 0;
+    for (std::size_t i = 0; i < stretch; ++i) {
+      inStretch = static_cast<unsigned char>(inStretch + predicate(text[i]));
+    }
+    count += inStretch;
+    text.remove_prefix(stretch);
   }
+  for (const char c : text) count += static_cast<std::size_t>(predicate(c));
+  return count;
 }
+
+/// What each byte is written as: one or two bytes.
+struct EscapeTable {
+  std::array<std::array<char, 2>, 256> bytes;
+  std::array<unsigned char, 256> length;
+
+  /// Writes each byte of `escaped` as a backslash and the byte in the same place of `letters`.
+  constexpr EscapeTable(std::string_view escaped, std::string_view letters) {
+    for (std::size_t b = 0; b < 256; ++b) {
+      bytes[b] = {static_cast<char>(b), '\0'};
+      length[b] = 1;
+    }
+    for (std::size_t i = 0; i < escaped.size(); ++i) {
+      const auto b = static_cast<unsigned char>(escaped[i]);
+      bytes[b] = {'\\', letters[i]};
+      length[b] = 2;
+    }
+  }
+};
+
+/// The text as the table writes it; `escapes` bytes of it become two. Takes the same steps for
+/// every byte, because branches on the bytes of a text are hard to predict.
+std::string escaped(const std::string& text, const EscapeTable& table, std::size_t escapes) {
+  if (escapes == 0) return text;
+  // One more, since two bytes are stored even where only the first one stays.
+  std::string result(text.size() + escapes + 1, '\0');
+  char* out = result.data();
+  for (const char c : text) {
+    const auto b = static_cast<unsigned char>(c);
+    storeField(out, table.bytes[b]);
+    out += table.length[b];
+  }
+  result.pop_back();
+  return result;
+}
+
+/// What the byte after a backslash stands for; 0 for bytes that do not follow one.
+constexpr std::array<char, 256> unescaped = [] {
+  std::array<char, 256> table = {};
+  table['\\'] = '\\';
+  table['"'] = '"';
+  table['n'] = '\n';
+  table['t'] = '\t';
+  return table;
+}();
+
+// ---------------------------------------------------------------------------------------------
+// Splitting
 
 /// Whether appending to `out` may move or free `text`.
 bool isElementOf(const std::vector<std::string>& out, const std::string& text) {
   const std::less<const std::string*> before;
   return !before(&text, out.data()) && before(&text, out.data() + out.size());
+}
+
+/// Makes room for `count` more elements, growing at least to twice the size, so that many small
+/// additions stay cheap.
+void makeRoom(std::vector<std::string>& out, std::size_t count) {
+  const std::size_t needed = out.size() + count;
+  if (needed > out.capacity()) out.reserve(std::max(needed, 2 * out.capacity()));
+}
+
+/// Appends the pieces of the text: a delimiter ends a piece, and what follows the last one is a
+/// piece only if it is not empty.
+void appendPieces(std::string_view text, char delim, bool skipEmpty,
+                  std::vector<std::string>& out) {
+  // Most pieces are short. Copying a fixed number of bytes and cutting them is faster than copying
+  // a few, as long as so many are there.
+  constexpr std::size_t shortPiece = 15;
+
+  if (text.empty()) return;
+  makeRoom(out, countBytes(text, [delim](char c) { return c == delim; }) + 1);
+  while (!text.empty()) {
+    const std::size_t size = std::min(text.find(delim), text.size());
+    if (size == 0 && skipEmpty) {
+      // no piece
+    } else if (size <= shortPiece && text.size() >= shortPiece) {
+      out.emplace_back(text.data(), shortPiece).resize(size);
+    } else {
+      out.emplace_back(text.data(), size);
+    }
+    text.remove_prefix(std::min(size + 1, text.size()));
+  }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -88,7 +172,7 @@ std::size_t findQuoteOrSlash(std::string_view text, std::size_t pos) {
 
 /// The index of the quote that ends the one at `pos`. Only the one byte before a quote decides
 /// whether it is escaped, on purpose: a quote after an escaped backslash counts as escaped too.
-std::size_t closingQuote(const std::string& text, std::size_t pos) {
+std::size_t closingQuote(std::string_view text, std::size_t pos) {
   std::size_t quote = pos;
   do {
     quote = text.find(text[pos], quote + 1);
@@ -97,22 +181,35 @@ std::size_t closingQuote(const std::string& text, std::size_t pos) {
   return quote;
 }
 
+/// Whether canonical text has the block as it is after a byte `last`: no control byte, and no two
+/// blanks in a row.
+bool isCanonical(Block block, char last) {
+  constexpr Block highBits = inEachByte(0x80);
+  // Shifted out of a neighbouring byte comes only what the high bits do not show.
+  const Block printable = (block << 1 | block << 2) & ~block & highBits;
+  const Block zeroAtBlank = block ^ inEachByte(' ');
+  const Block blanks = ~(((zeroAtBlank & ~highBits) + ~highBits) | zeroAtBlank) & highBits;
+  const Block afterBlank = blanks << 8 | (last == ' ' ? 0x80 : 0);
+  return printable == highBits && (blanks & afterBlank) == 0;
+}
+
 /// Collects canonical text: control bytes as blanks, one blank of each run, none at the ends.
 class CanonicalText {
  public:
   explicit CanonicalText(std::size_t maxSize) : text_(maxSize, '\0') {}
 
-  void append(const char* begin, const char* end) {
-    char* out = text_.data() + size_;
-    char last = last_;
-    for (; begin != end; ++begin) {
-      const char c = isControl(*begin) ? ' ' : *begin;
-      *out = c;
-      out += c != ' ' || last != ' ';
-      last = c;
+  void append(std::string_view piece) {
+    for (; piece.size() >= sizeof(Block); piece.remove_prefix(sizeof(Block))) {
+      const auto block = loadField<Block>(piece.data());
+      if (isCanonical(block, last_)) {
+        storeField(text_.data() + size_, block);
+        size_ += sizeof block;
+        last_ = piece[sizeof block - 1];
+      } else {
+        appendBytes(piece.substr(0, sizeof block));
+      }
     }
-    last_ = last;
-    size_ = static_cast<std::size_t>(out - text_.data());
+    appendBytes(piece);
   }
 
   std::string take() && {
@@ -122,6 +219,18 @@ class CanonicalText {
   }
 
  private:
+  void appendBytes(std::string_view bytes) {
+    char* out = text_.data() + size_;
+    for (const char byte : bytes) {
+      const char c = isControl(byte) ? ' ' : byte;
+      // Overwritten by the next one if it is a blank too many.
+      *out = c;
+      out += c != ' ' || last_ != ' ' ? 1 : 0;
+      last_ = c;
+    }
+    size_ = static_cast<std::size_t>(out - text_.data());
+  }
+
   std::string text_;
   std::size_t size_ = 0;
   char last_ = ' ';  // so that blanks at the start count as repeated
@@ -142,58 +251,38 @@ struct LastWords {
   std::size_t count = 0;
 };
 
+constexpr auto hexDigits = [] {
+  std::array<std::array<char, 2>, 256> table = {};
+  for (std::size_t b = 0; b < 256; ++b) {
+    table[b] = {"0123456789abcdef"[b >> 4], "0123456789abcdef"[b & 0xf]};
+  }
+  return table;
+}();
+
 std::string beforeLastSemicolon(std::string_view word) {
   return std::string(word.substr(0, word.rfind(';')));
 }
 
-/// Whether the texts are equal after the C library's tolower of every byte: what its own comparison
-/// does, except that it stops at a NUL.
-bool equalIgnoringCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  while (!a.empty()) {
-    if (strncasecmp(a.data(), b.data(), a.size()) != 0) return false;
-    const std::size_t nul = a.find('\0');
-    if (nul == a.npos) return true;
-    a.remove_prefix(nul + 1);
-    b.remove_prefix(nul + 1);
-  }
-  return true;
+/// Whether the word is the keyword, in any letter case.
+bool isKeyword(std::string_view word, std::string_view keyword) {
+  return word.size() == keyword.size() &&
+         strncasecmp(word.data(), keyword.data(), keyword.size()) == 0;
 }
 
 }  // namespace
 
 std::string escapeString(const std::string& text) {
-  const auto isEscaped = [](char c) { return c == '\n' || c == '\t' || c == '"' || c == '\\'; };
-  const auto escapes = std::count_if(text.begin(), text.end(), isEscaped);
-  if (escapes == 0) return text;
-
-  std::string result(text.size() + static_cast<std::size_t>(escapes), '\0');
-  const char* in = text.data();
-  const char* const end = in + text.size();
-  char* out = result.data();
-  while (in != end) {
-    // The result has room for a whole block wherever one is left to read.
-    if (end - in >= static_cast<std::ptrdiff_t>(sizeof(Block))) {
-      const Block block = loadField<Block>(in);
-      storeField(out, block);
-      const Block matched =
-          matches(block, '\n') | matches(block, '\t') | matches(block, '"') | matches(block, '\\');
-      const std::size_t plain = matched == 0 ? sizeof block : firstMatch(matched);
-      in += plain;
-      out += plain;
-      if (matched == 0) continue;
-    }
-    const char c = *in++;
-    if (isEscaped(c)) *out++ = '\\';
-    *out++ = c == '\n' ? 'n' : c == '\t' ? 't' : c;
-  }
-  return result;
+  static constexpr EscapeTable table("\n\t\"\\", "nt\"\\");
+  return escaped(text, table, countBytes(text, [](char c) -> bool {
+                   return (c == '\n') | (c == '\t') | (c == '"') | (c == '\\');
+                 }));
 }
 
 std::string deescapeString(const std::string& text) {
   constexpr const char* file = "src/KoStrUtils.cpp";
   constexpr const char* signature = "std::string Korvo::deescapeString(const string&)";
 
+  if (text.find('\\') == text.npos) return text;
   std::string result(text.size(), '\0');
   const char* in = text.data();
   const char* const end = in + text.size();
@@ -201,7 +290,7 @@ std::string deescapeString(const std::string& text) {
   while (in != end) {
     // `out` never passes `in`, so there is room for a whole block wherever one is left to read.
     if (end - in >= static_cast<std::ptrdiff_t>(sizeof(Block))) {
-      const Block block = loadField<Block>(in);
+      const auto block = loadField<Block>(in);
       storeField(out, block);
       const Block matched = matches(block, '\\');
       const std::size_t plain = matched == 0 ? sizeof block : firstMatch(matched);
@@ -212,10 +301,8 @@ std::string deescapeString(const std::string& text) {
     char c = *in++;
     if (c == '\\') {
       KORVO_ASSERT(in != end, "0", file, signature);
-      c = *in++;
-      KORVO_ASSERT(c == '\\' || c == '"' || c == 'n' || c == 't', "0", file, signature);
-      if (c == 'n') c = '\n';
-      if (c == 't') c = '\t';
+      c = unescaped[static_cast<unsigned char>(*in++)];
+      KORVO_ASSERT(c != 0, "0", file, signature);
     }
     *out++ = c;
   }
@@ -225,70 +312,64 @@ std::string deescapeString(const std::string& text) {
 
 int splitString(const std::string& text, char delim, std::vector<std::string>& out) {
   if (isElementOf(out, text)) return splitString(std::string(text), delim, out);
-  forEachPiece(text, delim, [&out](std::string_view piece) {
-    if (!piece.empty()) out.emplace_back(piece);
-  });
+  appendPieces(text, delim, true, out);
   return static_cast<int>(out.size());
 }
 
 std::vector<std::string>& KoStrUtils::split(const std::string& text, char delim,
                                             std::vector<std::string>& out) {
   if (isElementOf(out, text)) return split(std::string(text), delim, out);
-  forEachPiece(text, delim, [&out](std::string_view piece) { out.emplace_back(piece); });
+  appendPieces(text, delim, false, out);
   return out;
 }
 
 std::vector<std::string> processArrayString(const std::string& text) {
   std::vector<std::string> items;
   if (text.empty()) return items;
-  items.emplace_back();
-  for (const char c : text) {
-    if (c == ',') {
-      items.emplace_back();
-    } else if (c != '"') {
-      items.back() += c;
-    }
-  }
+  std::string bare = text;
+  std::erase(bare, '"');
+  appendPieces(bare, ',', false, items);
+  // Unlike a piece, an item may be empty at the end too.
+  if (bare.empty() || bare.back() == ',') items.emplace_back();
   return items;
 }
 
 std::string KoStrUtils::canonicalize(const std::string& text) {
-  CanonicalText result(text.size());
-  const char* const data = text.data();
+  const std::string_view all = text;
+  CanonicalText result(all.size());
   // Everything but the comments stays. Quoted text is looked for only because comment markers in it
   // are none; the clean-up applies to it as well, on purpose.
-  std::size_t kept = 0;  // all before is written or dropped
+  std::size_t kept = 0;  // what is before has been appended or dropped
   std::size_t next = 0;  // where to look for the next quote or comment
-  while ((next = findQuoteOrSlash(text, next)) < text.size()) {
-    if (text[next] != '/') {
-      next = closingQuote(text, next) + 1;
-    } else if (next + 1 < text.size() && text[next + 1] == '*') {
+  while ((next = findQuoteOrSlash(all, next)) < all.size()) {
+    if (all[next] != '/') {
+      next = closingQuote(all, next) + 1;
+    } else if (next + 1 < all.size() && all[next + 1] == '*') {
       // From the asterisk of the opening marker on, on purpose: "/*/" is a whole comment.
-      const std::size_t end = text.find("*/", next + 1);
-      if (end == text.npos) throw std::exception();
-      result.append(data + kept, data + next);
+      const std::size_t end = all.find("*/", next + 1);
+      if (end == all.npos) throw std::exception();
+      result.append(all.substr(kept, next - kept));
       next = kept = end + 2;
     } else {
       ++next;
     }
   }
-  result.append(data + kept, data + text.size());
+  result.append(all.substr(kept));
   return std::move(result).take();
 }
 
 std::string KoStrUtils::extractQueryName(const std::string& text) {
   const LastWords words(text);
-  if (words.count < 2 || !equalIgnoringCase(words.word[1], "named")) return {};
+  if (words.count < 2 || !isKeyword(words.word[1], "named")) return {};
   return beforeLastSemicolon(words.word[0]);
 }
 
 std::string KoStrUtils::extractOutputType(const std::string& text) {
   const LastWords words(text);
-  if (words.count >= 2 && equalIgnoringCase(words.word[1], "into")) {
+  if (words.count >= 2 && isKeyword(words.word[1], "into")) {
     return beforeLastSemicolon(words.word[0]);
   }
-  KORVO_ASSERT(words.count >= 4 && equalIgnoringCase(words.word[3], "into"), "false",
-               "src/KoStrUtils.cpp",
+  KORVO_ASSERT(words.count >= 4 && isKeyword(words.word[3], "into"), "false", "src/KoStrUtils.cpp",
                "static std::string Korvo::KoStrUtils::extractOutputType(const string&)");
   return std::string(words.word[2]);
 }
@@ -316,19 +397,21 @@ std::string KoStrUtils::trim(const std::string& text) {
 }
 
 std::string KoStrUtils::escapeString(const std::string& text) {
-  std::string result;
-  result.reserve(text.size());
-  std::size_t start = 0;
-  for (std::size_t quote; (quote = text.find('"', start)) != text.npos; start = quote + 1) {
-    result.append(text, start, quote - start);
-    result += "\\\"";
-  }
-  return result.append(text, start);
+  static constexpr EscapeTable table("\"", "\"");
+  return escaped(text, table, countBytes(text, [](char c) { return c == '"'; }));
 }
 
 std::string KoStrUtils::replaceCtrl(const std::string& text) {
-  std::string result = text;
-  for (char& c : result) c = isControl(c) ? ' ' : c;
+  std::string result;
+  result.reserve(text.size());
+  // Through a small buffer, since a string can only be extended with bytes that are there.
+  char replaced[4096];
+  for (std::size_t pos = 0; pos < text.size(); pos += sizeof replaced) {
+    const char* const in = text.data() + pos;
+    const std::size_t size = std::min(sizeof replaced, text.size() - pos);
+    for (std::size_t i = 0; i < size; ++i) replaced[i] = isControl(in[i]) ? ' ' : in[i];
+    result.append(replaced, size);
+  }
   return result;
 }
 
@@ -351,15 +434,6 @@ std::string KoStrUtils::keepTail(const std::string& text, const std::string& tai
   return found == text.npos ? text : text.substr(found + tail.size());
 }
 
-std::uint64_t KoStrUtils::stoUint64_t(const std::string& text) {
-  std::uint64_t value = 0;
-  for (const char c : text) {
-    // A negative difference wraps round, and so does the sum.
-    value = value * 10 + static_cast<std::uint64_t>(static_cast<signed char>(c) - '0');
-  }
-  return value;
-}
-
 double KoStrUtils::stoDouble(const std::string& text) {
   const int errnoBefore = errno;
   errno = 0;
@@ -372,8 +446,13 @@ double KoStrUtils::stoDouble(const std::string& text) {
   return value;
 }
 
-bool KoStrUtils::iequals(const std::string& a, const std::string& b) {
-  return equalIgnoringCase(a, b);
+bool KoStrUtils::equalAfterNul(const std::string& a, const std::string& b) {
+  std::size_t pos = std::strlen(a.c_str()) + 1;
+  while (pos < a.size()) {
+    if (strcasecmp(a.c_str() + pos, b.c_str() + pos) != 0) return false;
+    pos += std::strlen(a.c_str() + pos) + 1;
+  }
+  return true;
 }
 
 std::string KoStrUtils::sha1(const std::string& data) {
@@ -381,13 +460,9 @@ std::string KoStrUtils::sha1(const std::string& data) {
   if (SHA1(reinterpret_cast<const unsigned char*>(data.data()), data.size(), digest) == nullptr) {
     throw std::runtime_error("SHA-1 is not available from the cryptographic library");
   }
-  std::string text;
-  text.reserve(2 * sizeof digest);
-  for (const unsigned char byte : digest) {
-    text += "0123456789abcdef"[byte >> 4];
-    text += "0123456789abcdef"[byte & 0xf];
-  }
-  return text;
+  char text[2 * sizeof digest];
+  for (std::size_t i = 0; i < sizeof digest; ++i) storeField(text + 2 * i, hexDigits[digest[i]]);
+  return {text, sizeof text};
 }
 
 }  // namespace Korvo

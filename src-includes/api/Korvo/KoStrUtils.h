@@ -16,7 +16,10 @@
 
 #include <Korvo/export.h>
 
+#include <strings.h>
+
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -99,6 +102,10 @@ class KORVO_API KoStrUtils {
   /// The SHA-1 digest as 40 lower-case hexadecimal digits. Throws std::runtime_error if the
   /// cryptographic library refuses to compute it.
   static std::string sha1(const std::string& data);
+
+ private:
+  /// Compares what follows the first NUL of two texts that are equal up to there.
+  static bool equalAfterNul(const std::string& a, const std::string& b);
 };
 
 /// Puts a backslash before double quotes and backslashes, and writes line feeds and tabs as \n and
@@ -130,5 +137,31 @@ KORVO_API int removeTree(std::string path);
 /// is copying a file onto itself, under any name, which leaves it whole. An error that shows only
 /// at closing is not reported.
 KORVO_API int copyFile(const std::string& from, const std::string& to);
+
+// These two are here because a call costs as much as the work on a short text.
+
+inline std::uint64_t KoStrUtils::stoUint64_t(const std::string& text) {
+  // A negative difference wraps round, and so do the sums.
+  const auto digit = [](char c) {
+    return static_cast<std::uint64_t>(static_cast<signed char>(c) - '0');
+  };
+  std::uint64_t value = 0;
+  const char* in = text.data();
+  const char* const end = in + text.size();
+  // Four at once, since each step waits for the multiplication of the one before.
+  for (; end - in >= 4; in += 4) {
+    value = value * 10000 + (digit(in[0]) * 1000 + digit(in[1]) * 100) +
+            (digit(in[2]) * 10 + digit(in[3]));
+  }
+  for (; in != end; ++in) value = value * 10 + digit(*in);
+  return value;
+}
+
+inline bool KoStrUtils::iequals(const std::string& a, const std::string& b) {
+  if (a.size() != b.size()) return false;
+  // Compares what tolower gives, but only up to a NUL.
+  if (::strcasecmp(a.c_str(), b.c_str()) != 0) return false;
+  return std::strlen(a.c_str()) == a.size() || equalAfterNul(a, b);
+}
 
 }  // namespace Korvo
