@@ -9,8 +9,8 @@
 set -euo pipefail
 
 build_packages=(g++ cmake ninja-build libssl-dev libuv1-dev pkgconf)
-test_packages=("${build_packages[@]}" googletest locales)
-demo_packages=("${build_packages[@]}" libcli11-dev nlohmann-json3-dev)
+test_packages=("${build_packages[@]}" googletest libcli11-dev locales)
+demo_packages=("${build_packages[@]}" libcli11-dev)
 bench_packages=("${build_packages[@]}" libbenchmark-dev libflatbuffers-dev flatbuffers-compiler
   libcapnp-dev capnproto libprotobuf-dev protobuf-compiler libevent-dev libboost-dev libabsl-dev
   libre2-dev rapidjson-dev libsqlite3-dev python3)
@@ -47,9 +47,12 @@ fi
 
 echo "Installing ${missing[*]}"
 # One unreachable index of several does not matter as long as the packages can be had.
-"${as_root[@]}" apt-get -qq -o DPkg::Lock::Timeout=300 update || true
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+"${as_root[@]}" apt-get -qq -o DPkg::Lock::Timeout=300 update >>"$log" 2>&1 || true
 if ! "${as_root[@]}" apt-get -qq -y --no-install-recommends -o DPkg::Lock::Timeout=300 \
-  install "${missing[@]}" >/dev/null; then
+  install "${missing[@]}" >>"$log" 2>&1; then
+  tail -n 20 "$log" >&2
   echo "install-deps.sh: cannot be had: ${missing[*]}" >&2
   exit 69
 fi
