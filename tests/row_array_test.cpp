@@ -440,6 +440,25 @@ TEST(EmptyElements, BulkReadTakesTheRowsOwnBytesBehindTheArray) {
   EXPECT_EQ(hex(out[0].bytes(), 4), "01 02 00 00") << "and beyond the row there are zeros";
 }
 
+TEST(EmptyElements, ViewTakesTheRowsOwnBytesBehindTheArray) {
+  FullRow row(1, 1);
+  setArray<IpGenAddr>(row, kList, {IpGenAddr()});
+  setString(row, kName, "\x01\x02");
+  const PlainRow exact(imageOf(row));
+  EXPECT_EQ(exact.arrayReference<IpGenAddr>(kList)[0], IpGenAddr("102::"));
+}
+
+TEST(EmptyElements, ViewOfAnArrayAloneReadsNothingBehindIt) {
+  // Nothing but the array's first byte is known: the block ends where the array does.
+  FullRow row(1, 1);
+  setArray<IpGenAddr>(row, kList, {IpGenAddr("10.1.2.3"), IpGenAddr()});
+  const ExactBlock addrs(valueOf(row, kList));
+  EXPECT_EQ(ArrayReference<IpGenAddr>(addrs.data())[1], IpGenAddr("::"));
+  setArray<IpGenPrefix>(row, kChild, {IpGenPrefix(), IpGenPrefix("10.0.0.0/8")});
+  const ExactBlock prefixes(valueOf(row, kChild));
+  EXPECT_EQ(ArrayReference<IpGenPrefix>(prefixes.data())[0], IpGenPrefix(IpGenAddr("a00::"), 8));
+}
+
 TEST(EmptyElements, InASubRowThatEndsItsParent) {
   FullRow start(1, 1);
   setArray<IpGenAddr>(start, kList, {IpGenAddr("10.1.2.3"), IpGenAddr()});

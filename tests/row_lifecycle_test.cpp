@@ -7,6 +7,7 @@
 #include <map>
 #include <sstream>
 #include <type_traits>
+#include <utility>
 
 namespace rowtest {
 namespace {
@@ -338,6 +339,52 @@ TEST(RowOwnership, ReplaceRowIsSeenByAllSharersAndFreesNothing) {
   EXPECT_EQ(row.useCount(), 2);
   EXPECT_EQ(loadField<oid_t>(former + 4), 11u) << "the old block is the caller's";
   std::free(former);
+}
+
+/// Counts how the library reaches its buffer.
+class CountingRow : public FullRow {
+ public:
+  using FullRow::FullRow;
+  byte_t* rowBuf() const override {
+    ++reads;
+    return FullRow::rowBuf();
+  }
+  byte_t* rwRowBuf() override {
+    ++writes;
+    return FullRow::rwRowBuf();
+  }
+  void replaceRow(byte_t* buf) override {
+    ++replacements;
+    FullRow::replaceRow(buf);
+  }
+  void reset() { reads = writes = replacements = 0; }
+  mutable int reads = 0;
+  int writes = 0;
+  int replacements = 0;
+};
+
+TEST(RowOwnership, BufferIsReachedThroughTheRowClass) {
+  CountingRow row(1, 1);
+  row.setColumn<std::string>(PlainRow::kName, "grows", PlainRow::kBase);
+  EXPECT_GT(row.writes, 0);
+  EXPECT_EQ(row.replacements, 1) << "a grown buffer is installed once";
+  row.reset();
+  row.setColumn<std::string>(PlainRow::kName, "fits", PlainRow::kBase);
+  EXPECT_GT(row.writes, 0);
+  EXPECT_EQ(row.replacements, 0);
+  row.reset();
+  EXPECT_EQ(stringOf(row, PlainRow::kName), "fits");
+  EXPECT_TRUE(row.columnEqualConst<StringValueReference>(PlainRow::kName, stringRef("fits")));
+  EXPECT_GT(row.reads, 0);
+  EXPECT_EQ(row.writes, 0);
+}
+
+TEST(RowOwnership, MovingARowTakesItsBufferAlong) {
+  FullRow row(1, 1);
+  const byte_t* const buffer = row.rowBuf();
+  const FullRow moved(std::move(row));
+  EXPECT_EQ(moved.rowBuf(), buffer);
+  EXPECT_EQ(moved.useCount(), 1);
 }
 
 TEST(RowOwnership, BufferForWritingIsNotCopied) {

@@ -541,6 +541,26 @@ TYPED_TEST(RowLimits, FailedCopyOfASharedRowLeavesIt) {
   failsCleanly(fragmentedRow<TypeParam>(), true, [](TypeParam& row) { setString(row, kName, ""); });
 }
 
+TEST(FullyDefinedLimits, FailedAllocationOfARowOfManyColumns) {
+  WideRow start;
+  for (unsigned column = 0; column < WideRow::kColumns; ++column) {
+    start.setColumn<std::string>(WideRow::slot(column), "some value", WideRow::kWideBase);
+  }
+  start.setColumn<std::string>(WideRow::slot(3), "", WideRow::kWideBase);
+  for (const bool shared : {false, true}) {
+    // Room is found by packing, without and with growth.
+    for (const unsigned length : {10u, 20u, 1000u}) {
+      SCOPED_TRACE(std::to_string(length) + (shared ? " bytes, shared" : " bytes, alone"));
+      const std::string text(length, 'v');
+      failsCleanly(start, shared, [&](WideRow& row) {
+        row.setColumn<std::string>(WideRow::slot(3), text, WideRow::kWideBase);
+      });
+    }
+    SCOPED_TRACE(shared ? "shared" : "alone");
+    failsCleanly(start, shared, [](WideRow& row) { row.compactVariableData(WideRow::kWideBase); });
+  }
+}
+
 TEST(FullyDefinedLimits, FailedAllocationOfACompaction) {
   for (const bool shared : {false, true}) {
     SCOPED_TRACE(shared ? "shared" : "alone");

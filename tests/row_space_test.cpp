@@ -388,6 +388,43 @@ TEST(CompactVariableData, SharedBufferIsCopiedBeforeTheFirstMove) {
   EXPECT_EQ(slotOf(row, kPrefix), (Slot{39, 6, false}));
 }
 
+TEST(CompactVariableData, OfColumnsWithTheSameDataTheLastInTheListIsMoved) {
+  FullRow row = threeColumns<FullRow>();
+  setString(row, kPrefix, "");
+  setString(row, kName, "");
+  setSlot(row, kPrefix, slotOf(row, kAddr));
+  EXPECT_EQ(row.compactVariableData(kBase), 39);
+  EXPECT_EQ(slotOf(row, kPrefix), (Slot{33, 6, false}));
+  EXPECT_EQ(slotOf(row, kAddr), (Slot{39, 6, false}));
+  EXPECT_EQ(stringOf(row, kPrefix), "bbbbbb");
+}
+
+TEST(CompactVariableData, RowOfManyColumns) {
+  // Written in an order that is not that of the slots; every third is cleared, then packed.
+  WideRow row;
+  const auto column = [](unsigned i) { return i * 67 % WideRow::kColumns; };
+  const auto text = [](unsigned i) { return "value " + std::to_string(i); };
+  for (unsigned i = 0; i < WideRow::kColumns; ++i) {
+    row.setColumn<std::string>(WideRow::slot(column(i)), text(i), WideRow::kWideBase);
+  }
+  const len_t full = rowLength(row);
+  std::size_t freed = 0;
+  for (unsigned i = 0; i + 1 < WideRow::kColumns; i += 3) {
+    row.setColumn<std::string>(WideRow::slot(column(i)), "", WideRow::kWideBase);
+    freed += text(i).size();
+  }
+  row.setColumn<std::string>(WideRow::slot(column(0)), std::string(freed, 'x'), WideRow::kWideBase);
+  EXPECT_EQ(rowLength(row), full);
+  unsigned expected = WideRow::kWideBase;
+  for (unsigned i = 0; i < WideRow::kColumns; ++i) {
+    if (i % 3 == 0 && i + 1 < WideRow::kColumns) continue;
+    EXPECT_EQ(slotOf(row, WideRow::slot(column(i))).offset, expected) << i;
+    EXPECT_EQ(stringOf(row, WideRow::slot(column(i))), text(i));
+    expected += static_cast<unsigned>(text(i).size());
+  }
+  EXPECT_EQ(slotOf(row, WideRow::slot(column(0))).offset, expected);
+}
+
 TEST(CompactVariableData, NullColumnWithAnOffsetTakesNoRoom) {
   FullRow row = threeColumns<FullRow>();
   setSlot(row, kName, {33, 0, false});

@@ -228,6 +228,21 @@ TYPED_TEST(SubRow, NestsToAnyDepth) {
   EXPECT_TRUE(subRowOf(view, kChild).isNull());
 }
 
+TYPED_TEST(SubRow, ReferenceStepsDownIntoItsOwnColumn) {
+  const FullRow child = childRow();
+  FullRow middle(6, 6);
+  setSubRow(middle, kChild, viewOf(child));
+  TypeParam row(1, 1);
+  setSubRow(row, kChild, viewOf(middle));
+  SubRowReference view = viewOf(row);
+  view.getColumn<SubRowReference>(kChild, view);
+  EXPECT_EQ(view.toString(), middle.toString());
+  view.getColumn<SubRowReference>(kChild, view);
+  EXPECT_EQ(view.toString(), child.toString());
+  view.getColumn<SubRowReference>(kChild, view);
+  EXPECT_TRUE(view.isNull());
+}
+
 TYPED_TEST(SubRow, ElementOfAnArrayReadsLikeAColumn) {
   const FullRow child = childRow();
   const Bytes image = imageOf(child);

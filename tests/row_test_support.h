@@ -172,6 +172,29 @@ class FullRow : public PlainRow {
   bool isFullyDefined() const override { return true; }
 };
 
+/// A fully defined row of 150 variable columns: more than a table ordinarily has.
+class WideRow : public PlainRow {
+ public:
+  static constexpr unsigned kColumns = 150;
+  static constexpr len_t kWideBase = 8 + 4 * kColumns;
+
+  WideRow() : PlainRow(Bytes(kWideBase)) {}
+  explicit WideRow(const Bytes& image) : PlainRow(image) {}
+
+  static constexpr len_t slot(unsigned column) { return static_cast<len_t>(8 + 4 * column); }
+
+  vcdType& vcd() const override {
+    static vcdType slots = [] {
+      vcdType all;
+      for (unsigned column = 0; column < kColumns; ++column) all.push_back(slot(column));
+      return all;
+    }();
+    return slots;
+  }
+  len_t baseRowLength() override { return kWideBase; }
+  bool isFullyDefined() const override { return true; }
+};
+
 inline constexpr len_t kVariableSlots[] = {PlainRow::kName, PlainRow::kAddr, PlainRow::kPrefix,
                                            PlainRow::kList, PlainRow::kChild};
 
