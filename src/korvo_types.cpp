@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 namespace Korvo {
 
@@ -205,50 +206,119 @@ bool parseV4(std::string_view text, unsigned char (&out)[4]) {
   return true;
 }
 
-/// Gives what expandV6Addr, validV6Addr and a base-16 conversion of every group give one after the
-/// other. A leading or trailing single colon does no harm but counts, like every colon, when it
-/// comes to how many zero groups "::" stands for.
-bool parseV6(std::string_view text, unsigned char (&out)[16]) {
-  constexpr unsigned int groupCount = 8;
-  constexpr std::ptrdiff_t maxGroupLen = 4;
+/// The groups of an IPv6 text, as one number.
+struct GroupNumber {
+  std::uint64_t high = 0;
+  std::uint64_t low = 0;
 
-  std::uint32_t groups[groupCount + 2];  // and the zeros that "::" writes at the text's ends
+  void append(unsigned int group) {
+    high = high << 16 | low >> 48;
+    low = low << 16 | group;
+  }
+
+  /// Moves the groups left by 1 to 7 places.
+  void shift(unsigned int places) {
+    if (places >= 4) {
+      high = low;
+      low = 0;
+      places -= 4;
+    }
+    if (places == 0) return;
+    high = high << 16 * places | low >> (64 - 16 * places);
+    low <<= 16 * places;
+  }
+};
+
+constexpr unsigned int groupCount = 8;
+
+/// Parses what is written as addresses usually are: groups of one to four hexadecimal digits, one
+/// "::" at most and no colon too many. False, with `out` as before, for anything else, which may
+/// still be an address. The character after the text must be readable, and neither a digit nor a
+/// colon: it stops the scan.
+bool parsePlainV6(std::string_view text, unsigned char (&out)[16]) {
+  const char* in = text.data();
+  const char* const end = in + text.size();
+  GroupNumber beforeGap;
+  GroupNumber groups;
   unsigned int count = 0;
   unsigned int countBeforeGap = 0;
   bool hasGap = false;
-  std::size_t colons = 0;
 
-  const char* in = text.data();
-  const char* const end = in + text.size();
-  while (in != end) {
-    if (*in == ':') {
-      ++colons;
-      ++in;
-      if (in == end || *in != ':') continue;
-      if (hasGap) return false;
-      hasGap = true;
-      ++colons;
-      ++in;
-      if (in - text.data() == 2) groups[count++] = 0;
-      countBeforeGap = count;
-      if (in == end) groups[count++] = 0;
+  if (in[0] == ':') {
+    if (in[1] != ':') return false;
+    hasGap = true;
+    in += 2;
+  }
+  while (!hasGap || in != end) {
+    unsigned int group = digitValue(*in);
+    if (group == noDigit) return false;
+    // Unrolled, as the branches are then foreseen group by group.
+    unsigned int digit;
+    if ((digit = digitValue(*++in)) != noDigit) {
+      group = group << 4 | digit;
+      if ((digit = digitValue(*++in)) != noDigit) {
+        group = group << 4 | digit;
+        if ((digit = digitValue(*++in)) != noDigit) {
+          group = group << 4 | digit;
+          ++in;
+        }
+      }
+    }
+    groups.append(group);
+    ++count;
+    if (*in != ':') break;
+    if (*++in != ':') {
+      if (in == end) return false;
       continue;
     }
+    if (hasGap) return false;
+    hasGap = true;
+    beforeGap = std::exchange(groups, {});
+    countBeforeGap = count;
+    ++in;
+  }
+  if (in != end || (hasGap ? count >= groupCount : count != groupCount)) return false;
 
-    if (count == groupCount) return false;
-    const char* const start = in;
-    std::uint32_t value = 0;
-    unsigned int digit;
-    while (in != end && (digit = digitValue(*in)) != noDigit) {
-      value = value << 4 | digit;
-      ++in;
+  if (countBeforeGap != 0) {
+    beforeGap.shift(groupCount - countBeforeGap);
+    groups.high |= beforeGap.high;
+    groups.low |= beforeGap.low;
+  }
+  storeField(out, __builtin_bswap64(groups.high));
+  storeField(out + 8, __builtin_bswap64(groups.low));
+  return true;
+}
+
+/// Parses every text that is accepted, in one go over it: the result is that of expandV6Addr,
+/// validV6Addr and a base-16 conversion of each group. A single colon at either end does no harm
+/// but counts, like every colon, when it comes to how many zero groups "::" stands for.
+bool parseAnyV6(std::string_view text, unsigned char (&out)[16]) {
+  constexpr std::size_t maxGroupLen = 4;
+
+  std::uint32_t groups[groupCount + 2];  // and the zeros that "::" writes at the text's ends
+  std::size_t count = 0;
+  std::size_t countBeforeGap = 0;
+  std::size_t colons = 0;
+  bool hasGap = false;
+
+  for (std::size_t at = 0; at < text.size();) {
+    if (text[at] != ':') {
+      const std::string_view group = text.substr(at, text.find(':', at) - at);
+      if (group.size() > maxGroupLen || count == groupCount) return false;
+      groups[count++] = toUnsigned(group, 16);
+      at += group.size();
+    } else if (text.substr(at, 2) != "::") {
+      ++colons;
+      ++at;
+    } else {
+      if (hasGap) return false;
+      hasGap = true;
+      if (at == 0) groups[count++] = 0;
+      countBeforeGap = count;
+      colons += 2;
+      at += 2;
+      if (at == text.size()) groups[count++] = 0;
     }
-    if (in != end && *in != ':') {
-      in = std::find(in, end, ':');
-      value = toUnsigned(std::string_view(start, static_cast<std::size_t>(in - start)), 16);
-    }
-    if (in - start > maxGroupLen) return false;
-    groups[count++] = value;
   }
 
   const std::size_t zeros = hasGap && colons < groupCount ? groupCount - colons : 0;
@@ -257,10 +327,15 @@ bool parseV6(std::string_view text, unsigned char (&out)[16]) {
   std::uint32_t all[groupCount] = {};
   std::copy(groups, groups + countBeforeGap, all);
   std::copy(groups + countBeforeGap, groups + count, all + countBeforeGap + zeros);
-  for (unsigned int word = 0; word < 4; ++word) {
+  for (std::size_t word = 0; word < 4; ++word) {
+    // A group with a sign may be wider than 16 bits and reach into the one before it.
     storeBigEndian(out + 4 * word, (all[2 * word] << 16) + all[2 * word + 1]);
   }
   return true;
+}
+
+bool parseV6(std::string_view text, unsigned char (&out)[16]) {
+  return parsePlainV6(text, out) || parseAnyV6(text, out);
 }
 
 [[noreturn]] void throwInvalidAddress(std::string_view text) {
@@ -331,7 +406,9 @@ bool validV6Addr(const std::string& text) {
 
 IpAddr::IpAddr(const std::string& text) : IpAddr(parsedV4(text)) {}
 
-Ip6Addr::Ip6Addr(const std::string& text) : Ip6Addr(parsedV6(text)) {}
+Ip6Addr::Ip6Addr(const std::string& text) {
+  if (!parseV6(text, bytes_)) throwInvalidAddress(text);
+}
 
 void Ip6Addr::clearLowerAddrBits(unsigned short prefixLen, unsigned short addrLenBytes) {
   const std::size_t end = std::min<std::size_t>(addrLenBytes, sizeof bytes_);
@@ -378,6 +455,19 @@ void checkLength(AddressFamily af, unsigned int len) {
 /// A length that no int can hold becomes negative, and so invalid.
 void checkHostBits(const IpGenAddr& addr, unsigned int len) {
   if (!validPrefix(addr, static_cast<int>(len))) throw KoOutOfRange(hostBitsMessage);
+}
+
+/// Whether the first `count` (1 to 128) bits of two addresses' storage are the same.
+bool haveSameBits(const unsigned char* a, const unsigned char* b, unsigned int count) {
+  const unsigned int last = (count - 1) / 8;
+  if (((a[last] ^ b[last]) & byteMaskTbl[count - 8 * last]) != 0) return false;
+  // The bytes before the last one: bytes come first to last from a word's low end.
+  const unsigned int lastInWord = last % 8;
+  const std::uint64_t mask = (std::uint64_t{1} << 8 * lastInWord) - 1;
+  const std::uint64_t first = loadField<std::uint64_t>(a) ^ loadField<std::uint64_t>(b);
+  if (last < 8) return (first & mask) == 0;
+  const std::uint64_t second = loadField<std::uint64_t>(a + 8) ^ loadField<std::uint64_t>(b + 8);
+  return (first | (second & mask)) == 0;
 }
 
 struct PrefixText {
@@ -454,11 +544,7 @@ bool IpGenPrefix::contains(const IpGenPrefix& other) const {
                "bool Korvo::IpGenPrefix::contains(const Korvo::IpGenPrefix&) const");
   if (mask_ > (addr_.af() == ipv4_ ? 32U : 128U)) return false;
   if (mask_ == 0) return true;
-  const unsigned int last = (mask_ - 1) / 8;
-  const unsigned char* const mine = addr_.bytes();
-  const unsigned char* const others = other.addr_.bytes();
-  return std::memcmp(mine, others, last) == 0 &&
-         ((mine[last] ^ others[last]) & byteMaskTbl[mask_ - 8 * last]) == 0;
+  return haveSameBits(addr_.bytes(), other.addr_.bytes(), mask_);
 }
 
 bool IpGenPrefix::operator<(const IpGenPrefix& other) const {
