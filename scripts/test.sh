@@ -8,6 +8,6 @@ scripts/install-deps.sh test
 scripts/check-cmake.sh
 
 jobs=$(nproc)
-cmake --preset release
+cmake --preset release -DKORVO_TESTS=ON
 cmake --build --preset release --parallel "$jobs" --target all all_verify_interface_header_sets
 ctest --preset release --parallel "$jobs" "$@"
