@@ -3,13 +3,17 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <iomanip>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include "agent.h"
+#include "defaultInput.h"
 #include "progress.h"
 #include "report.h"
 #include "transfer.h"
@@ -56,35 +60,43 @@ struct Options {
   bool json = false;
 };
 
-/// The table with all rows of the input, indexed. Ends the program if the stream broke.
+/// The table with all rows of the input, indexed; those that came before if the stream broke.
 netdb::TransferResult loadTable(const Options& options, RowTable& table) {
   const netdb::TransferResult result = netdb::transferRows(options.transfer, table);
   table.index();
   return result;
 }
 
+void printFigure(const char* name, const std::string& value) {
+  std::cout << std::left << std::setw(17) << name << value << '\n';
+}
+
+std::string seconds(double value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.2f s", value);
+  return text;
+}
+
 int load(const Options& options) {
   const std::uint64_t before = residentBytes();
+  const auto begin = std::chrono::steady_clock::now();
   RowTable table;
   const netdb::TransferResult result = loadTable(options, table);
+  const std::chrono::duration<double> whole = std::chrono::steady_clock::now() - begin;
   const std::uint64_t memory = residentBytes() - before;
   const std::uint64_t rows = table.rows().size();
-  const auto perRow = [&](std::uint64_t n) { return rows == 0 ? 0 : n / rows; };
-  std::printf("%-16s %s\n", "rows", grouped(rows).c_str());
-  std::printf("%-16s %s (%s per row)\n", "bytes", grouped(result.rowBytes).c_str(),
-              grouped(perRow(result.rowBytes)).c_str());
-  std::printf(
-      "%-16s %s\n", "rows per second",
-      grouped(static_cast<std::uint64_t>(static_cast<double>(rows) / result.seconds)).c_str());
-  std::printf("%-16s %s bytes per row, indexes included\n", "memory",
-              grouped(perRow(memory)).c_str());
-  std::printf("%-16s %.2f s\n", "time", result.seconds);
-  if (result.malformedLines != 0) {
-    std::printf("%-16s %s\n", "malformed lines", grouped(result.malformedLines).c_str());
-  }
-  if (result.refusedRows != 0) {
-    std::printf("%-16s %s\n", "refused rows", grouped(result.refusedRows).c_str());
-  }
+  const auto withShare = [&](std::uint64_t n) {
+    return grouped(n) + (rows == 0 ? "" : " (" + grouped(n / rows) + " per row)");
+  };
+  printFigure("rows", grouped(rows));
+  printFigure("bytes", withShare(result.rowBytes));
+  printFigure("memory", withShare(memory));
+  printFigure("rows per second",
+              grouped(static_cast<std::uint64_t>(static_cast<double>(rows) / result.seconds)));
+  printFigure("load time", seconds(result.seconds));
+  printFigure("index time", seconds(whole.count() - result.seconds));
+  if (result.malformedLines != 0) printFigure("malformed lines", grouped(result.malformedLines));
+  if (result.refusedRows != 0) printFigure("refused rows", grouped(result.refusedRows));
   return result.complete ? 0 : 1;
 }
 
@@ -122,8 +134,12 @@ int lookup(const Options& options) {
 int country(const Options& options) {
   RowTable table;
   const netdb::TransferResult result = loadTable(options, table);
-  netdb::printCountry(std::cout, table, options.country, options.limit);
-  return result.complete && !table.ofCountry(options.country).empty() ? 0 : 1;
+  std::string code = options.country;
+  std::transform(code.begin(), code.end(), code.begin(), [](char c) {
+    return 'a' <= c && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+  });
+  netdb::printCountry(std::cout, table, code, options.limit);
+  return result.complete && !table.ofCountry(code).empty() ? 0 : 1;
 }
 
 int stats(const Options& options) {
@@ -131,6 +147,40 @@ int stats(const Options& options) {
   const netdb::TransferResult result = loadTable(options, table);
   netdb::printStats(std::cout, table, options.limit);
   return result.complete ? 0 : 1;
+}
+
+/// What the command line asks for, as far as the parser cannot tell by itself.
+void checkCommandLine(const CLI::App& app, Options& options) {
+  const std::vector<std::string> left = app.remaining(true);
+  if (app.get_subcommands().empty()) {
+    throw UsageError(left.empty() ? "no command" : "unknown command: " + left.front());
+  }
+  if (!left.empty()) throw UsageError("unexpected argument: " + left.front());
+  const std::string& country = options.country;
+  if (app.got_subcommand("country") && country.size() != 2) {
+    throw UsageError("not a country of two letters: " + country);
+  }
+  if (options.transfer.inputs.empty())
+    options.transfer.inputs = netdb::defaultInput(netdb::programFolder());
+  if (options.transfer.inputs.empty()) throw UsageError("no data: name files with --input");
+}
+
+int runCommand(const CLI::App& app, const Options& options) {
+  if (app.got_subcommand("load")) return load(options);
+  if (app.got_subcommand("lookup")) return lookup(options);
+  if (app.got_subcommand("country")) return country(options);
+  return stats(options);
+}
+
+/// Without it, the parser takes -1 for a very large number.
+std::string naturalNumber(const std::string& text) {
+  const bool natural = text.find_first_not_of("0123456789") == text.npos;
+  return natural ? "" : "not a number from 0: " + text;
+}
+
+int mistake(const std::string& what) {
+  std::fprintf(stderr, "netdb: %s (see netdb --help)\n", what.c_str());
+  return 2;
 }
 
 }  // namespace
@@ -141,13 +191,14 @@ int main(int argc, char** argv) {
       "Holds the world's network prefixes in rows, and tells which one an address is in.\n"
       "A publisher process reads the input and sends its rows to this one.",
       "netdb");
-  app.require_subcommand(1);
+  app.require_subcommand(0, 1);
   app.fallthrough();
+  app.allow_extras();
   app.get_formatter()->column_width(34);
   app.add_option("--input", options.transfer.inputs,
-                 "Files of address ranges: first,last,country in each line")
-      ->type_name("FILE...")
-      ->required();
+                 "Files of lines first,last,country. If none is named: those of the\n"
+                 "demo, of the package tor-geoipdb, or a small sample")
+      ->type_name("FILE");
   app.add_flag("--quiet", options.transfer.quiet, "Show no progress");
   if (netdb::agentsAvailable) {
     app.add_flag("--trace", options.transfer.trace, "Write the schedulers' traces");
@@ -156,30 +207,33 @@ int main(int argc, char** argv) {
   app.add_subcommand("load", "Load the rows and tell how many, how fast, in how much memory");
   CLI::App* const lookupCommand =
       app.add_subcommand("lookup", "Show the row of the most specific prefix of each address");
-  lookupCommand->add_option("ADDRESS", options.addresses, "IPv4 or IPv6 addresses")->required();
+  lookupCommand->add_option("ADDRESS", options.addresses, "IPv4 or IPv6 addresses")
+      ->required()
+      ->type_name("");
   lookupCommand->add_flag("--json", options.json, "Print each row as one line of JSON");
   CLI::App* const countryCommand = app.add_subcommand("country", "List the prefixes of a country");
-  countryCommand->add_option("CC", options.country, "The country's two letters")->required();
-  countryCommand->add_option("--limit", options.limit, "How many prefixes to list; 0 for all");
+  countryCommand->add_option("CC", options.country, "The country's two letters")
+      ->required()
+      ->type_name("");
+  countryCommand->add_option("--limit", options.limit, "How many prefixes to list; 0 for all")
+      ->check(naturalNumber)
+      ->type_name("N");
   CLI::App* const statsCommand =
       app.add_subcommand("stats", "Count rows by country and by prefix length");
-  statsCommand->add_option("--limit", options.limit, "How many countries to show; 0 for all");
+  statsCommand->add_option("--limit", options.limit, "How many countries to show; 0 for all")
+      ->check(naturalNumber)
+      ->type_name("N");
 
   try {
     app.parse(argc, argv);
+    checkCommandLine(app, options);
+    const int status = runCommand(app, options);
+    if (!std::cout.flush()) throw std::runtime_error("the output cannot be written");
+    return status;
   } catch (const CLI::ParseError& e) {
-    if (e.get_exit_code() == 0) return app.exit(e);  // --help
-    std::fprintf(stderr, "netdb: %s (see netdb --help)\n", e.what());
-    return 2;
-  }
-  try {
-    if (app.got_subcommand("load")) return load(options);
-    if (app.got_subcommand("lookup")) return lookup(options);
-    if (app.got_subcommand("country")) return country(options);
-    return stats(options);
+    return e.get_exit_code() == 0 ? app.exit(e) : mistake(e.what());  // --help is no mistake
   } catch (const UsageError& e) {
-    std::fprintf(stderr, "netdb: %s\n", e.what());
-    return 2;
+    return mistake(e.what());
   } catch (const std::exception& e) {
     std::fprintf(stderr, "netdb: %s\n", e.what());
     return 1;

@@ -12,6 +12,12 @@ std::string grouped(std::uint64_t number) {
   return text;
 }
 
+void complain(const std::string& line) {
+  std::fflush(stderr);
+  const std::string text = (::isatty(2) != 0 ? "\r\033[K" : "") + line + '\n';
+  [[maybe_unused]] const auto written = ::write(2, text.data(), text.size());  // nowhere to tell
+}
+
 ProgressDisplay::ProgressDisplay(bool quiet) : quiet_(quiet), terminal_(::isatty(2) != 0) {}
 
 void ProgressDisplay::show(std::uint32_t permille, std::uint64_t rows) {

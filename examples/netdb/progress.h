@@ -12,6 +12,10 @@ namespace netdb {
 /// 1234567 as "1,234,567".
 std::string grouped(std::uint64_t number);
 
+/// Writes a line to standard error in one piece, so that lines of both processes stay whole, and
+/// over the progress bar if there may be one.
+void complain(const std::string& line);
+
 /// How far the publisher is; in memory that both processes share.
 struct SharedProgress {
   std::atomic<std::uint32_t> permille;

@@ -1,5 +1,6 @@
 #include "rowLink.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <array>
@@ -15,6 +16,11 @@ namespace {
 
 bool wouldBlock() {
   return errno == EAGAIN;
+}
+
+bool hungUp(int socket) {
+  pollfd entry{socket, POLLRDHUP, 0};
+  return ::poll(&entry, 1, 0) == 1;
 }
 
 }  // namespace
@@ -91,10 +97,13 @@ RowReceiver::Result RowReceiver::receive(bool wait) {
     if (errno == ECONNRESET) return Result::closed;
     fail("receiving rows");
   }
-  for (int i = 0; i < count; ++i) {
-    const std::size_t length = messages_[static_cast<std::size_t>(i)].msg_len;
-    if (length == 0) break;  // the publisher has closed its end
-    packets_.push_back({room_.data() + static_cast<std::size_t>(i) * packetRoom, length});
+  auto end = static_cast<std::size_t>(count);
+  if (messages_[end - 1].msg_len == 0 && hungUp(socket_)) {
+    // A closed socket reads as empty packets without end; others are rows torn to nothing.
+    while (end != 0 && messages_[end - 1].msg_len == 0) --end;
+  }
+  for (std::size_t i = 0; i < end; ++i) {
+    packets_.push_back({room_.data() + i * packetRoom, messages_[i].msg_len});
   }
   return packets_.empty() ? Result::closed : Result::received;
 }

@@ -80,7 +80,7 @@ int publisherProcess(RowSource& source, int socket, SharedProgress& shared,
     report();
     return 0;
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "netdb: publisher: %s\n", e.what());
+    complain(std::string("netdb: publisher: ") + e.what());
     return 1;
   }
 }
@@ -96,11 +96,11 @@ void awaitProcess(pid_t process) {
 TransferResult transferRows(const TransferOptions& options, RowTable& table) {
   const auto begin = std::chrono::steady_clock::now();
   const auto shared = makeSharedProgress();
-  RowSource source(
-      options.inputs, [&](const std::string& file, std::uint32_t line, const std::string& reason) {
-        ++shared->malformedLines;
-        std::fprintf(stderr, "%s:%u: %s; line skipped\n", file.c_str(), line, reason.c_str());
-      });
+  RowSource source(options.inputs,
+                   [&](const std::string& file, std::uint32_t line, const std::string& reason) {
+                     ++shared->malformedLines;
+                     complain(file + ':' + std::to_string(line) + ": " + reason + "; line skipped");
+                   });
   RowSockets sockets;
 
   std::fflush(nullptr);
@@ -116,9 +116,7 @@ TransferResult transferRows(const TransferOptions& options, RowTable& table) {
 
   ProgressDisplay display(options.quiet);
   Subscriber subscriber(table, [&](std::uint64_t number, const std::string& reason) {
-    display.clear();
-    std::fprintf(stderr, "netdb: row %llu refused: %s\n", static_cast<unsigned long long>(number),
-                 reason.c_str());
+    complain("netdb: row " + grouped(number) + " refused: " + reason);
   });
   const auto report = [&] { display.show(shared->permille, table.rows().size()); };
   try {
@@ -132,8 +130,8 @@ TransferResult transferRows(const TransferOptions& options, RowTable& table) {
   report();
   display.clear();
   if (!subscriber.complete()) {
-    std::fprintf(stderr, "netdb: the stream broke; %s rows were received before\n",
-                 grouped(table.rows().size()).c_str());
+    complain("netdb: the stream broke; " + grouped(table.rows().size()) +
+             " rows were received before");
   }
 
   TransferResult result;

@@ -77,6 +77,7 @@ TEST(Netdb, ListsACountry) {
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out.substr(0, 11), "1.0.0.0/24\n");
   EXPECT_NE(result.out.find(" rows of AU\n"), std::string::npos);
+  EXPECT_EQ(run(sample + "country au --limit 2").out, result.out);
   const Outcome unknown = run(sample + "country XX");
   EXPECT_EQ(unknown.status, 1);
   EXPECT_EQ(unknown.out, "0 rows of XX\n");
@@ -97,13 +98,25 @@ TEST(Netdb, AnswersMistakesWithOneLine) {
     std::string err;
   };
   const Case cases[] = {
-      {"", 2, "netdb: --input is required (see netdb --help)\n"},
-      {sample, 2, "netdb: A subcommand is required (see netdb --help)\n"},
+      {"", 2, "netdb: no command (see netdb --help)\n"},
+      {sample, 2, "netdb: no command (see netdb --help)\n"},
+      {"frobnicate", 2, "netdb: unknown command: frobnicate (see netdb --help)\n"},
+      {"frobnicate " + sample, 2, "netdb: unknown command: frobnicate (see netdb --help)\n"},
+      {sample + "load twice", 2, "netdb: unexpected argument: twice (see netdb --help)\n"},
+      {sample + "load --fast", 2, "netdb: unexpected argument: --fast (see netdb --help)\n"},
       {sample + "lookup", 2, "netdb: ADDRESS is required (see netdb --help)\n"},
-      {sample + "lookup 1.2.3", 2, "netdb: not an address: 1.2.3\n"},
-      {sample + "lookup example", 2, "netdb: not an address: example\n"},
-      {sample + "lookup 1.2.3.256", 2, "netdb: not an address: 1.2.3.256\n"},
-      {"load", 2, "netdb: --input is required (see netdb --help)\n"},
+      {sample + "lookup 1.2.3", 2, "netdb: not an address: 1.2.3 (see netdb --help)\n"},
+      {sample + "lookup example", 2, "netdb: not an address: example (see netdb --help)\n"},
+      {sample + "lookup 1.2.3.256", 2, "netdb: not an address: 1.2.3.256 (see netdb --help)\n"},
+      {sample + "lookup 8.8.8.8/8", 2, "netdb: not an address: 8.8.8.8/8 (see netdb --help)\n"},
+      {sample + "lookup ''", 2, "netdb: not an address:  (see netdb --help)\n"},
+      {sample + "country", 2, "netdb: CC is required (see netdb --help)\n"},
+      {sample + "country USA", 2, "netdb: not a country of two letters: USA (see netdb --help)\n"},
+      {sample + "country US --limit=-1", 2,
+       "netdb: --limit: not a number from 0: -1 (see netdb --help)\n"},
+      {sample + "stats --limit x", 2,
+       "netdb: --limit: not a number from 0: x (see netdb --help)\n"},
+      {"load --input", 2, "netdb: --input: 1 required FILE missing (see netdb --help)\n"},
       {"--input /nowhere/geoip load", 1, "netdb: /nowhere/geoip: No such file or directory\n"},
       {"--input / load", 1, "netdb: /: is a directory\n"},
   };
@@ -113,9 +126,21 @@ TEST(Netdb, AnswersMistakesWithOneLine) {
     EXPECT_EQ(result.err, c.err) << c.arguments;
     EXPECT_EQ(result.out, "") << c.arguments;
   }
-  const Outcome unknown = run(sample + "frobnicate");
-  EXPECT_EQ(unknown.status, 2);
-  EXPECT_EQ(std::count(unknown.err.begin(), unknown.err.end(), '\n'), 1) << unknown.err;
+}
+
+TEST(Netdb, TellsWhenItsOutputIsLost) {
+  const Outcome result = run(sample + "stats >/dev/full; test $? = 1 && echo failed");
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.out, "failed\n");
+}
+
+TEST(Netdb, HelpsWithoutData) {
+  const Outcome result = run("--help");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  for (const char* command : {"load", "lookup", "country", "stats"}) {
+    EXPECT_NE(result.out.find(std::string("\n  ") + command + " "), std::string::npos) << command;
+  }
 }
 
 TEST(Netdb, SkipsMalformedLinesAndTellsThem) {

@@ -12,6 +12,7 @@
 namespace {
 
 using namespace netdb;
+using Korvo::byte_t;
 using Korvo::IpAddr;
 using Korvo::IpGenAddr;
 using Korvo::IpGenPrefix;
@@ -69,6 +70,39 @@ TEST(CoveringPrefixes, OfRandomRangesFollowOneAnotherAndCannotBeMerged) {
   }
 }
 
+/// How many blocks of a tree of `size` leaves cover [first, last] and nothing else.
+int fewestBlocks(int first, int last, int begin, int size) {
+  if (last < begin || first > begin + size - 1) return 0;
+  if (first <= begin && begin + size - 1 <= last) return 1;
+  return fewestBlocks(first, last, begin, size / 2) +
+         fewestBlocks(first, last, begin + size / 2, size / 2);
+}
+
+TEST(CoveringPrefixes, OfAllRangesInASmallBlockAreTheFewest) {
+  const auto leaf = [](bool ipv6, int number) {
+    byte_t bytes[16] = {0x20, 0x01};
+    bytes[ipv6 ? 15 : 3] = static_cast<byte_t>(number);
+    return IpGenAddr(ipv6 ? Korvo::ipv6_ : Korvo::ipv4_, bytes);
+  };
+  for (const bool ipv6 : {false, true}) {
+    for (int first = 0; first < 64; ++first) {
+      for (int last = first; last < 64; ++last) {
+        const AddressRange range{leaf(ipv6, first), leaf(ipv6, last)};
+        const std::vector<IpGenPrefix> found = coveringPrefixes(range);
+        ASSERT_EQ(static_cast<int>(found.size()), fewestBlocks(first, last, 0, 64));
+        for (int number = 0; number < 64; ++number) {
+          int holders = 0;
+          for (const IpGenPrefix& prefix : found) {
+            const IpGenAddr addr = leaf(ipv6, number);
+            holders += prefix.addr() <= addr && addr <= lastAddress(prefix);
+          }
+          ASSERT_EQ(holders, first <= number && number <= last ? 1 : 0);
+        }
+      }
+    }
+  }
+}
+
 TEST(AddressCount, Saturates) {
   EXPECT_EQ(addressCount(IpGenPrefix("0.0.0.0/0")), std::uint64_t{1} << 32);
   EXPECT_EQ(addressCount(IpGenPrefix("1.2.3.4/32")), 1U);
@@ -120,6 +154,10 @@ TEST(RangeLine, TellsWhyItIsMalformed) {
       {"1,2,au", "no country code: au"},
       {"1,2,AUS", "no country code: AUS"},
       {"1,2,A?", "no country code: A?"},
+      {"1,2,A\x1b[2J\xff", "no country code: A\\x1b[2J\\xff"},
+      {"1,2,AU ", "no country code: AU "},
+      {" 1,2,AU", "no IPv6 address:  1"},
+      {"::g,::,AU", "no IPv6 address: ::g"},
   };
   for (const Case& c : cases) {
     try {
@@ -128,6 +166,15 @@ TEST(RangeLine, TellsWhyItIsMalformed) {
     } catch (const std::invalid_argument& e) {
       EXPECT_STREQ(e.what(), c.reason) << c.text;
     }
+  }
+}
+
+TEST(RangeLine, CutsWhatIsVeryLong) {
+  try {
+    parseRangeLine("1,2," + std::string(100000, 'x'));
+    ADD_FAILURE();
+  } catch (const std::invalid_argument& e) {
+    EXPECT_EQ(e.what(), "no country code: " + std::string(60, 'x') + "...");
   }
 }
 

@@ -6,9 +6,11 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <random>
 
+#include "defaultInput.h"
 #include "rowLink.h"
 #include "rowSource.h"
 #include "rowTable.h"
@@ -234,16 +236,17 @@ TEST(Subscriber, RefusesBadRowsAndGoesOn) {
   std::vector<byte_t> trailing = good;
   trailing.push_back(0);
   std::vector<byte_t> tooLong(65536, 0);
+  const std::vector<byte_t> empty;
   PrefixRow noPrefix;
   noPrefix.create();
   PrefixRow hostBits = row("10.0.0.0/8");
   hostBits.set<"prefix">(IpGenPrefix(IpGenAddr("10.0.0.1"), 8));
   const Reception reception({good, torn, shortRow, lying, otherType, trailing, tooLong,
-                             bytesOf(noPrefix), bytesOf(hostBits), good, endMark});
+                             bytesOf(noPrefix), bytesOf(hostBits), empty, good, endMark});
   EXPECT_TRUE(reception.complete);
-  EXPECT_EQ(reception.received, 10U);
+  EXPECT_EQ(reception.received, 11U);
   EXPECT_EQ(reception.table.rows().size(), 2U);
-  ASSERT_EQ(reception.refusals.size(), 8U);
+  ASSERT_EQ(reception.refusals.size(), 9U);
   EXPECT_EQ(reception.refusals[0], "2: the row is longer than what was received (at byte 0)");
   EXPECT_EQ(reception.refusals[1], "3: fewer bytes than a row header (at byte 5)");
   EXPECT_EQ(reception.refusals[2], "4: a value lies beyond the row's end (at byte " +
@@ -253,6 +256,7 @@ TEST(Subscriber, RefusesBadRowsAndGoesOn) {
             "6: bytes follow the row (at byte " + std::to_string(good.size()) + ")");
   EXPECT_EQ(reception.refusals[6], "8: a row without a prefix");
   EXPECT_EQ(reception.refusals[7].substr(0, 27), "9: a prefix has host bits s");
+  EXPECT_EQ(reception.refusals[8], "10: fewer bytes than a row header (at byte 0)");
 }
 
 TEST(Subscriber, RefusesRowsAfterTheEnd) {
@@ -266,6 +270,51 @@ TEST(Subscriber, KnowsThatTheStreamBroke) {
   const Reception reception({bytesOf(row("10.0.0.0/8")), bytesOf(row("11.0.0.0/8"))});
   EXPECT_FALSE(reception.complete);
   EXPECT_EQ(reception.table.rows().size(), 2U);
+}
+
+TEST(RowReceiver, TakesEmptyPacketsForRowsAndEndsWhenTheSocketIsClosed) {
+  RowSockets sockets;
+  RowReceiver receiver(sockets.subscriber.get());
+  for (const std::size_t length : {0U, 3U, 0U}) {
+    ASSERT_EQ(::send(sockets.publisher.get(), "abc", length, 0), static_cast<ssize_t>(length));
+  }
+  ASSERT_EQ(receiver.receive(false), RowReceiver::Result::received);
+  ASSERT_EQ(receiver.packets().size(), 3U);
+  EXPECT_EQ(receiver.packets()[0].length, 0U);
+  EXPECT_EQ(receiver.packets()[1].length, 3U);
+  EXPECT_EQ(receiver.packets()[2].length, 0U);
+  EXPECT_EQ(receiver.receive(false), RowReceiver::Result::wouldBlock);
+
+  ASSERT_EQ(::send(sockets.publisher.get(), "abc", 3, 0), 3);
+  sockets.publisher.close();
+  ASSERT_EQ(receiver.receive(true), RowReceiver::Result::received);
+  EXPECT_EQ(receiver.packets().size(), 1U);
+  EXPECT_EQ(receiver.receive(true), RowReceiver::Result::closed);
+  EXPECT_EQ(receiver.receive(false), RowReceiver::Result::closed);
+}
+
+TEST(DefaultInput, PrefersTheDataOfTheDemo) {
+  namespace fs = std::filesystem;
+  const fs::path root = fs::path(testing::TempDir()) / ("netdb_input." + std::to_string(getpid()));
+  const fs::path program = root / "build/release/examples/netdb";
+  const fs::path demo = root / "build/demo-data/usr/share/tor";
+  const auto fill = [](const fs::path& folder) {
+    fs::create_directories(folder);
+    std::ofstream(folder / "geoip");
+    std::ofstream(folder / "geoip6");
+  };
+  const auto filesIn = [](const fs::path& folder) {
+    return std::vector<std::string>{folder / "geoip", folder / "geoip6"};
+  };
+  fill(program / "sample");
+  const bool installed = fs::exists("/usr/share/tor/geoip") && fs::exists("/usr/share/tor/geoip6");
+  EXPECT_EQ(defaultInput(program),
+            filesIn(installed ? fs::path("/usr/share/tor") : program / "sample"));
+  fill(demo);
+  EXPECT_EQ(defaultInput(program), filesIn(demo));
+  std::vector<fs::path> made = {root};
+  for (const auto& entry : fs::recursive_directory_iterator(root)) made.push_back(entry.path());
+  for (auto path = made.rbegin(); path != made.rend(); ++path) fs::remove(*path);
 }
 
 TEST(RowSender, ThrowsWhenTheSubscriberIsGone) {

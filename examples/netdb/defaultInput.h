@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace netdb {
+
+/// The folder that this program lies in.
+std::string programFolder();
+
+/// The two files that are read when the user names none: those that the demo unpacked beside the
+/// program's build, those of an installed data package, or the small sample. Empty if there are
+/// none.
+std::vector<std::string> defaultInput(const std::string& programFolder);
+
+}  // namespace netdb
