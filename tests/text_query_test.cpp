@@ -11,11 +11,13 @@
 #include <typeinfo>
 #include <vector>
 
+#include "text_oracles.h"
 #include "text_test_support.h"
 
 namespace {
 
 using Korvo::KoStrUtils;
+using namespace oracle;
 using Texts = std::vector<std::string>;
 
 /// Expects exactly std::exception, no class derived from it.
@@ -26,67 +28,6 @@ using Texts = std::vector<std::string>;
   } catch (const std::exception& thrown) {                              \
     EXPECT_EQ(typeid(thrown), typeid(std::exception)) << thrown.what(); \
   }
-
-// -------------------------------------------------------------------------------------------------
-// The steps, one after the other
-
-std::string trimmedBySteps(std::string text) {
-  while (!text.empty() && text.front() == ' ') text.erase(0, 1);
-  while (!text.empty() && text.back() == ' ') text.pop_back();
-  return text;
-}
-
-std::string singleBlanksBySteps(const std::string& text) {
-  std::string result;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (i > 0 && text[i] == ' ' && text[i - 1] == ' ') continue;
-    result += text[i];
-  }
-  return result;
-}
-
-/// The index after the closing quote.
-std::size_t quotedBySteps(Texts& out, const std::string& text, std::size_t pos) {
-  for (std::size_t i = pos + 1; i < text.size(); ++i) {
-    if (text[i] == text[pos] && text[i - 1] != '\\') {
-      out.push_back(text.substr(pos, i + 1 - pos));
-      return i + 1;
-    }
-  }
-  throw std::exception();
-}
-
-std::string canonicalBySteps(const std::string& text) {
-  Texts code;
-  Texts kept;
-  std::size_t pieceStart = 0;
-  std::size_t pos = 0;
-  for (;;) {
-    const std::size_t i = text.find_first_of("/\"'", pos);
-    if (i == std::string::npos) break;
-    if (text[i] != '/') {
-      code.push_back(text.substr(pieceStart, i - pieceStart));
-      pos = pieceStart = quotedBySteps(kept, text, i);
-    } else if (i + 1 < text.size() && text[i + 1] == '*') {
-      const std::size_t end = text.find("*/", i + 1);
-      if (end == std::string::npos) throw std::exception();
-      code.push_back(text.substr(pieceStart, i - pieceStart));
-      kept.emplace_back();
-      pos = pieceStart = end + 2;
-    } else {
-      pos = i + 1;
-    }
-  }
-  code.push_back(text.substr(pieceStart));
-
-  std::string joined;
-  for (std::size_t i = 0; i < kept.size(); ++i) joined += code[i] + kept[i];
-  joined += code.back();
-  for (char& c : joined) {
-    if (static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) > 0x7f) c = ' ';
-  }
-  return trimmedBySteps(singleBlanksBySteps(joined));
-}
 
 /// Empty if the call throws std::exception.
 template <typename Call>

@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "text_oracles.h"
 #include "text_test_support.h"
 
 namespace {
@@ -13,14 +13,8 @@ namespace {
 using Korvo::KoStrUtils;
 using Korvo::processArrayString;
 using Korvo::splitString;
+using namespace oracle;
 using Texts = std::vector<std::string>;
-
-Texts piecesByGetline(const std::string& text, char delim) {
-  Texts pieces;
-  std::istringstream stream(text);
-  for (std::string piece; std::getline(stream, piece, delim);) pieces.push_back(piece);
-  return pieces;
-}
 
 Texts splitAt(const std::string& text, char delim) {
   Texts pieces;
@@ -70,7 +64,7 @@ TEST(Split, TakesAnyByteAsDelimiter) {
 
 TEST(Split, MatchesReadingLines) {
   const auto check = [](const std::string& text) {
-    const Texts pieces = piecesByGetline(text, ':');
+    const Texts pieces = piecesBySteps(text, ':');
     ASSERT_EQ(splitAt(text, ':'), pieces) << text;
 
     Texts expected{"x"};
@@ -129,21 +123,7 @@ TEST(ProcessArrayString, KeepsBlanks) {
 
 TEST(ProcessArrayString, MatchesItsSteps) {
   const auto check = [](const std::string& text) {
-    Texts expected;
-    if (!text.empty()) {
-      std::string item;
-      for (const char c : text) {
-        if (c == 0x22) continue;
-        if (c == 0x2C) {
-          expected.push_back(item);
-          item.clear();
-        } else {
-          item.push_back(c);
-        }
-      }
-      expected.push_back(item);
-    }
-    ASSERT_EQ(processArrayString(text), expected) << text;
+    ASSERT_EQ(processArrayString(text), itemsBySteps(text)) << text;
   };
   forEachText(std::string_view("a,\"\0", 4), 7, check);
   forRandomTexts("", 200, 2000, check);
