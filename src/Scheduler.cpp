@@ -113,21 +113,25 @@ long pauseNanoseconds(float pauseTime) {
   return nanoseconds > 0.0 ? std::numeric_limits<long>::max() : std::numeric_limits<long>::min();
 }
 
-// ---------------------------------------------------------------------------------------------
-// Places in a queue
-
-void unlinkPlace(RunnableEntry*& places, const RunnableEntry* entry) noexcept {
-  RunnableEntry** link = &places;
-  while (*link != nullptr && *link != entry) link = &(*link)->nextOfUnit;
-  if (*link != nullptr) *link = entry->nextOfUnit;
-}
-
-void markDead(RunnableEntry& entry) noexcept {
-  entry.unit = nullptr;
-  entry.valid = false;
-}
-
 }  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// The map of entries
+
+void detail::EntryMap::clear() noexcept {
+  for (RunnableEntry*& bucket : buckets_) {
+    while (bucket != &end_) erase(bucket);
+  }
+}
+
+void detail::EntryMap::grow() {
+  std::vector<RunnableEntry*> old(buckets_.size() * 2, &end_);
+  old.swap(buckets_);
+  --shift_;
+  for (RunnableEntry* entry : old) {
+    while (entry != &end_) link(std::exchange(entry, entry->nextInBucket_));
+  }
+}
 
 // ---------------------------------------------------------------------------------------------
 // Schedulable
@@ -155,19 +159,33 @@ Schedulable::~Schedulable() {
   detail::DestructionWatch::notify(watches_);
   Schedulable::cleanup();
   while (places_ != nullptr) {
-    RunnableEntry& place = *places_;
-    places_ = place.nextOfUnit;
-    markDead(place);
-    place.scheduler->unschedule(this);
+    Scheduler* scheduler = places_->scheduler_;
+    withdrawFrom(places_);
+    scheduler->unschedule(this);
   }
 }
 
 void Schedulable::cleanup() {
   if (entry_ == nullptr) return;
-  unlinkPlace(places_, entry_);
-  markDead(*entry_);
-  entry_ = nullptr;
+  withdrawFrom(std::exchange(entry_, nullptr));
   if (scheduler_ != nullptr) scheduler_->unschedule(this);
+}
+
+void Schedulable::addPlace(RunnableEntry* entry) noexcept {
+  entry->nextOfUnit_ = places_;
+  places_ = entry;
+}
+
+void Schedulable::removePlace(RunnableEntry* entry) noexcept {
+  RunnableEntry** link = &places_;
+  while (*link != nullptr && *link != entry) link = &(*link)->nextOfUnit_;
+  if (*link != nullptr) *link = entry->nextOfUnit_;
+}
+
+void Schedulable::withdrawFrom(RunnableEntry* entry) noexcept {
+  removePlace(entry);
+  entry->unit = nullptr;
+  entry->valid = false;
 }
 
 void Schedulable::clearScheduler() {
@@ -177,7 +195,7 @@ void Schedulable::clearScheduler() {
 }
 
 void Schedulable::clientReadyIs(bool ready) {
-  trace(debug_, kRequestLevel, "clientReadyIs", [&](std::ostream& out) {
+  trace(debug_, kRequestLevel, "clientReadyIs", [this, ready](std::ostream& out) {
     out << "virtual void Korvo::Schedulable::clientReadyIs(bool) " << name_ << " ready: " << ready;
   });
   if (ready == clientReady_) return;
@@ -208,19 +226,10 @@ void Schedulable::invoke(bool arg) {
     if (watch.destroyed()) return;
   }
   running_ = false;
-  std::timespec end = startTime_;
-  clock_gettime(CLOCK_MONOTONIC_RAW, &end);  // on failure no time has passed
-  totalRunTime_ += elapsedMicroseconds(startTime_, end) / 1e6;
-}
-
-void Schedulable::runnableIs(bool runnable) {
-  if (runnable == runnable_) return;
-  runnable_ = runnable;
-  _considerRunnability();
-}
-
-void Schedulable::_considerRunnability() {
-  if (runnable_ && clientReady_ && scheduler_ != nullptr) scheduler_->runnableIs(this, true);
+  std::timespec end;
+  if (clock_gettime(CLOCK_MONOTONIC_RAW, &end) != 0) return;  // no time that could be counted
+  const std::int32_t elapsed = elapsedMicroseconds(startTime_, end);
+  if (elapsed != 0) totalRunTime_ += elapsed / 1e6;  // most turns are spared the division
 }
 
 bool Schedulable::shouldYield() const {
@@ -240,36 +249,28 @@ Scheduler::~Scheduler() {
   active_ = false;
   triggerSuppressed_ = false;
   entries_.clear();
-  while (!runQueue_.empty()) {
-    RunnableEntry* entry = runQueue_.front();
-    runQueue_.pop_front();
-    if (entry->valid) {
-      unlinkPlace(entry->unit->places_, entry);
-      entry->unit->entry_ = nullptr;
-    }
-    delete entry;
-  }
-  while (spareEntries_ != nullptr) delete std::exchange(spareEntries_, spareEntries_->nextOfUnit);
+  while (!runQueue_.empty()) popUnit();
+  while (spareEntries_ != nullptr) delete takeSpare();
 }
 
 void Scheduler::triggerScheduler() {}
 
 void Scheduler::runnableIs(Schedulable* unit, bool runnable) {
-  trace(debug_, kQueueLevel, "runnableIs", [&](std::ostream& out) {
+  trace(debug_, kQueueLevel, "runnableIs", [unit, runnable](std::ostream& out) {
     out << " " << unit->name_
         << " virtual void Korvo::Scheduler::runnableIs(Korvo::Schedulable*, bool) marking "
         << id(unit) << " " << runnable;
   });
   if (!runnable) return;
   if (!unit->schedulingEnabled_) return;
-  if (unit->scheduler_.get() != this || entries_.contains(unit)) {
-    trace(debug_, kQueueLevel, "runnableIs", [&](std::ostream& out) {
+  if (unit->scheduler_.get() != this || isQueued(unit)) {
+    trace(debug_, kQueueLevel, "runnableIs", [this, unit](std::ostream& out) {
       out << "  not scheduled by " << id(this) << " on scheduler " << id(unit->scheduler_.get())
           << " count: " << entries_.count(unit);
     });
     return;
   }
-  trace(debug_, kQueueLevel, "runnableIs", [&](std::ostream& out) {
+  trace(debug_, kQueueLevel, "runnableIs", [this](std::ostream& out) {
     out << "  adding to runqueue (" << runQueue_.size() << " elts)";
   });
   const bool wake = active_ && runQueue_.empty();
@@ -277,18 +278,22 @@ void Scheduler::runnableIs(Schedulable* unit, bool runnable) {
   if (wake && !triggerSuppressed_) triggerScheduler();
 }
 
+bool Scheduler::isQueued(const Schedulable* unit) const {
+  return unit->places_ != nullptr && entries_.contains(unit);  // most units have no place at all
+}
+
 void Scheduler::enqueue(Schedulable* unit) {
-  RunnableEntry* entry = newEntry();
-  try {
-    entries_.emplace(unit, entry);
-    runQueue_.push_back(entry);
-  } catch (...) {
-    entries_.erase(unit);
-    freeEntry(entry);
-    throw;
-  }
-  *entry = RunnableEntry{true, unit, this, unit->places_};
-  unit->places_ = entry;
+  // All that can fail comes first.
+  if (spareEntries_ == nullptr) keepSpare(new RunnableEntry);
+  entries_.makeRoom();
+  runQueue_.push_back(spareEntries_);
+
+  RunnableEntry* entry = takeSpare();
+  entry->valid = true;
+  entry->unit = unit;
+  entry->scheduler_ = this;
+  entries_.insert(unit, entry);
+  unit->addPlace(entry);
   unit->entry_ = entry;
 }
 
@@ -296,27 +301,31 @@ void Scheduler::unschedule(Schedulable* unit) {
   entries_.erase(unit);
 }
 
-RunnableEntry* Scheduler::newEntry() {
-  if (spareEntries_ == nullptr) return new RunnableEntry;
-  return std::exchange(spareEntries_, spareEntries_->nextOfUnit);
-}
-
-void Scheduler::freeEntry(RunnableEntry* entry) noexcept {
-  entry->nextOfUnit = spareEntries_;
-  spareEntries_ = entry;
-}
-
 Schedulable* Scheduler::popUnit() noexcept {
   RunnableEntry* entry = runQueue_.front();
-  Schedulable* unit = entry->valid ? entry->unit : nullptr;
+  Schedulable* unit = entry->unit;
+  const bool valid = entry->valid;
   if (unit != nullptr) {
-    entries_.erase(unit);
-    unlinkPlace(unit->places_, entry);
+    if (detail::EntryMap::holds(entry)) {
+      entries_.erase(entry);
+    } else {
+      entries_.erase(unit);  // forgotten by unschedule() and queued once more since
+    }
+    unit->removePlace(entry);
     unit->entry_ = nullptr;
   }
   runQueue_.pop_front();
-  freeEntry(entry);
-  return unit;
+  keepSpare(entry);
+  return valid ? unit : nullptr;
+}
+
+void Scheduler::keepSpare(RunnableEntry* entry) noexcept {
+  entry->nextOfUnit_ = spareEntries_;
+  spareEntries_ = entry;
+}
+
+RunnableEntry* Scheduler::takeSpare() noexcept {
+  return std::exchange(spareEntries_, spareEntries_->nextOfUnit_);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -335,7 +344,7 @@ void Scheduler::run() {
 }
 
 void Scheduler::run(int count, double timeLimit, bool exitOnQuiescence) {
-  trace(debug_, kRequestLevel, "run", [&](std::ostream& out) {
+  trace(debug_, kRequestLevel, "run", [=, this](std::ostream& out) {
     out << "virtual void Korvo::Scheduler::run(int, double, bool) " << name_ << "(" << count << ","
         << timeLimit << ", " << exitOnQuiescence << ")";
   });
@@ -349,11 +358,11 @@ void Scheduler::run(int count, double timeLimit, bool exitOnQuiescence) {
   while (!watch.destroyed() && active_) {
     if (timeLimit > 0.0 && seconds(readClockOrExit()) - seconds(start) >= timeLimit) {
       trace(debug_, kQueueLevel, "run",
-            [&](std::ostream& out) { out << " " << name_ << " exited due to time limit."; });
+            [this](std::ostream& out) { out << " " << name_ << " exited due to time limit."; });
       return;
     }
     if (count != 0 && counter >= limit) {
-      trace(debug_, kQueueLevel, "run", [&](std::ostream& out) {
+      trace(debug_, kQueueLevel, "run", [=, this](std::ostream& out) {
         out << " " << name_ << " exited due to count:" << counter << " >= expected: " << limit;
       });
       return;
@@ -361,7 +370,7 @@ void Scheduler::run(int count, double timeLimit, bool exitOnQuiescence) {
     if (runQueue_.empty()) {
       if (exitOnQuiescence) {
         trace(debug_, kQueueLevel, "run",
-              [&](std::ostream& out) { out << " " << name_ << " exited due to quiescence."; });
+              [this](std::ostream& out) { out << " " << name_ << " exited due to quiescence."; });
         return;
       }
       pauseOrExit(pause);

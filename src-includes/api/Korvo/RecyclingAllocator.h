@@ -5,6 +5,8 @@
 
 #include <cstddef>
 #include <memory>
+#include <new>
+#include <type_traits>
 
 namespace Korvo::detail {
 

@@ -24,16 +24,14 @@
 // returns.
 
 #include <Korvo/RecyclingAllocator.h>
+#include <Korvo/RunnableEntry.h>
 #include <Korvo/export.h>
 #include <Korvo/korvo_types.h>
 
 #include <cstdint>
 #include <ctime>
 #include <deque>
-#include <functional>
 #include <string>
-#include <unordered_map>
-#include <utility>
 
 #pragma GCC visibility push(default)
 #include <Velto/DebugSupport.h>
@@ -48,18 +46,6 @@ static_assert(sizeof(std::time_t) == sizeof(long),
 namespace detail {
 class DestructionWatch;
 }
-
-class Schedulable;
-class Scheduler;
-
-/// One place in a scheduler's run queue. Belongs to the scheduler.
-struct RunnableEntry {
-  bool valid = false;           ///< false once the unit withdrew
-  Schedulable* unit = nullptr;  ///< the queued unit; null once it withdrew
-
-  Scheduler* scheduler = nullptr;       ///< the scheduler whose queue this is in
-  RunnableEntry* nextOfUnit = nullptr;  ///< the unit's other places, or the next one to be reused
-};
 
 /// A unit of cooperative work. It is queued while it is runnable (it has work) and client-ready
 /// (whatever it serves is ready for it), and it is never invoked while it is disabled.
@@ -171,6 +157,11 @@ class KORVO_API Schedulable {
  private:
   friend class Scheduler;
 
+  // Inline ones without a body here are used by the library's own source only.
+  inline void addPlace(RunnableEntry* entry) noexcept;
+  inline void removePlace(RunnableEntry* entry) noexcept;
+  void withdrawFrom(RunnableEntry* entry) noexcept;
+
   /// Every live place of the unit in a queue. More than `entry_` knows: assignment and unschedule()
   /// leave places behind that the unit has to be withdrawn from when it is destroyed.
   RunnableEntry* places_ = nullptr;
@@ -244,16 +235,11 @@ class KORVO_API Scheduler {
   class __veltoDebug : public Velto::DebugSupport {};
 
   // Neither queue nor map allocates while as many units come as go.
-  template <typename T>
-  using Allocator = detail::RecyclingAllocator<T>;
-  using RunQueue = std::deque<RunnableEntry*, Allocator<RunnableEntry*>>;
-  using EntryMap = std::unordered_map<Schedulable*, RunnableEntry*, std::hash<Schedulable*>,
-                                      std::equal_to<Schedulable*>,
-                                      Allocator<std::pair<Schedulable* const, RunnableEntry*>>>;
+  using RunQueue = std::deque<RunnableEntry*, detail::RecyclingAllocator<RunnableEntry*>>;
 
   std::string name_;
   RunQueue runQueue_;
-  EntryMap entries_;
+  detail::EntryMap entries_;
   bool active_ = true;
   bool triggerSuppressed_ = false;
   __veltoDebug debug_;
@@ -261,10 +247,12 @@ class KORVO_API Scheduler {
  private:
   friend class Schedulable;
 
-  void enqueue(Schedulable* unit);
-  Schedulable* popUnit() noexcept;
-  RunnableEntry* newEntry();
-  void freeEntry(RunnableEntry* entry) noexcept;
+  // Inline ones without a body here are used by the library's own source only.
+  inline bool isQueued(const Schedulable* unit) const;
+  inline void enqueue(Schedulable* unit);
+  inline Schedulable* popUnit() noexcept;
+  inline void keepSpare(RunnableEntry* entry) noexcept;
+  inline RunnableEntry* takeSpare() noexcept;
   void pauseOrExit(std::timespec& pause);
   static bool eligible(const Schedulable& unit);
   int eligibleUnits() const;
@@ -272,5 +260,18 @@ class KORVO_API Scheduler {
   RunnableEntry* spareEntries_ = nullptr;
   detail::DestructionWatch* watches_ = nullptr;
 };
+
+// ---------------------------------------------------------------------------------------------
+// Inline members
+
+inline void Schedulable::runnableIs(bool runnable) {
+  if (runnable == runnable_) return;
+  runnable_ = runnable;
+  _considerRunnability();
+}
+
+inline void Schedulable::_considerRunnability() {
+  if (runnable_ && clientReady_ && scheduler_ != nullptr) scheduler_->runnableIs(this, true);
+}
 
 }  // namespace Korvo
