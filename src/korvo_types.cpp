@@ -603,7 +603,7 @@ void composeV6(const unsigned char* bytes, const char* digits, char* out) {
 }
 
 /// Whether eight insertions of a number give the plain digits, whatever else the stream's state and
-/// locale could make of them, and one insertion of the whole text does to the stream what they do.
+/// locale could make of them, and inserting the text instead does to the stream what they do.
 bool printsPlainDigits(const std::ostream& os) {
   constexpr auto disturbing = std::ios_base::showbase | std::ios_base::unitbuf;
   return os.good() && os.exceptions() == std::ios_base::goodbit && os.tie() == nullptr &&
@@ -633,8 +633,13 @@ std::ostream& operator<<(std::ostream& os, const Ip6Addr& addr) {
     const bool isUpper = (os.flags() & std::ios_base::uppercase) != 0;
     char text[v6TextLen];
     composeV6(addr.bytes(), isUpper ? "0123456789ABCDEF" : "0123456789abcdef", text);
+    // The last group stands alone so that a stream that breaks ends in the same state: one that
+    // broke earlier refuses this insertion and keeps its width.
+    constexpr std::size_t lastGroup = v6TextLen - 4;
     os.width(0);
-    os << std::string_view(text, sizeof text);
+    os << std::string_view(text, lastGroup);
+    if (!os.good()) os.width(4);
+    os << std::string_view(text + lastGroup, 4);
   } else {
     os.setf(std::ios_base::hex, std::ios_base::basefield);
     for (int at = 0; at < 16; at += 2) {
