@@ -27,6 +27,8 @@ TEST(EntryMap, StartsEmpty) {
   EXPECT_EQ(map.count(unitAt(16)), 0U);
   EXPECT_FALSE(map.contains(nullptr));
   EXPECT_THROW(map.at(unitAt(16)), std::out_of_range);
+  EXPECT_EQ(map[unitAt(16)], nullptr);
+  EXPECT_EQ(map.count(unitAt(16)), 0U);
 }
 
 TEST(EntryMap, FindsWhatWasInserted) {
@@ -38,6 +40,7 @@ TEST(EntryMap, FindsWhatWasInserted) {
   map.insert(unitAt(32), &b);
   EXPECT_EQ(map.size(), 2U);
   EXPECT_EQ(map.at(unitAt(16)), &a);
+  EXPECT_EQ(map[unitAt(16)], &a);
   EXPECT_EQ(map.find(unitAt(32))->second, &b);
   EXPECT_EQ((*map.find(unitAt(32))).first, unitAt(32));
   EXPECT_EQ(map.count(unitAt(16)), 1U);

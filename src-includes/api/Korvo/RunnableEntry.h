@@ -58,6 +58,11 @@ class KORVO_API EntryMap {
   bool contains(const Schedulable* unit) const { return entryOf(unit) != &end_; }
   std::size_t count(const Schedulable* unit) const { return contains(unit) ? 1 : 0; }
   RunnableEntry* at(const Schedulable* unit) const;
+  /// The unit's entry, null if there is none; never inserts one.
+  RunnableEntry* operator[](const Schedulable* unit) const {
+    RunnableEntry* entry = entryOf(unit);
+    return entry != &end_ ? entry : nullptr;
+  }
   const_iterator find(const Schedulable* unit) const;
   const_iterator begin() const;
   const_iterator end() const;
