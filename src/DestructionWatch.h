@@ -25,7 +25,9 @@ class DestructionWatch {
     if (!destroyed_) watches_ = outer_;
   }
 
-  bool destroyed() const { return destroyed_; }
+  bool destroyed() const {
+    return destroyed_;
+  }
 
   static void notify(DestructionWatch* watches) {
     for (; watches != nullptr; watches = watches->outer_) watches->destroyed_ = true;

@@ -76,6 +76,7 @@ std::string sysname() {
 
 void sysnameIs(const std::string& name) {
   Registry& state = registry();
+  // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): see the reason behind it
   const std::string newName = name;  // a callback may change what `name` refers to
   const std::string oldName = std::exchange(state._sysname_, newName);
   if (oldName.empty() || oldName == newName) return;

@@ -27,7 +27,7 @@ PrefixRow makeRow(const Korvo::IpGenPrefix& prefix, const std::string& country,
   return row;
 }
 
-RowSource::RowSource(const std::vector<std::string>& paths, Complaint complaint) {
+RowSource::RowSource(const std::vector<std::string>& paths, const Complaint& complaint) {
   for (const std::string& path : paths) {
     files_.push_back(std::make_unique<RangeFile>(
         path, [path, complaint](std::uint32_t line, const std::string& reason) {

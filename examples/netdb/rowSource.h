@@ -21,7 +21,7 @@ class RowSource {
       std::function<void(const std::string& file, std::uint32_t line, const std::string& reason)>;
 
   /// Throws InputError if one of the files cannot be opened; nothing has been read then.
-  RowSource(const std::vector<std::string>& paths, Complaint complaint);
+  RowSource(const std::vector<std::string>& paths, const Complaint& complaint);
 
   /// Makes the next row; false when there are no more. Throws InputError if reading fails.
   bool next(PrefixRow& row);

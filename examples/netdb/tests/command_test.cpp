@@ -157,8 +157,9 @@ TEST(Netdb, SkipsMalformedLinesAndTellsThem) {
 /// The only child of a process, once it has one.
 pid_t childOf(pid_t parent) {
   const std::string id = std::to_string(parent);
+  const std::string path = "/proc/" + id + "/task/" + id + "/children";
   for (int tries = 0; tries < 2000; ++tries) {
-    std::ifstream children("/proc/" + id + "/task/" + id + "/children");
+    std::ifstream children(path);
     pid_t child = 0;
     if (children >> child) return child;
     ::usleep(5000);

@@ -300,8 +300,8 @@ TEST(DefaultInput, PrefersTheDataOfTheDemo) {
   const fs::path demo = root / "build/demo-data/usr/share/tor";
   const auto fill = [](const fs::path& folder) {
     fs::create_directories(folder);
-    std::ofstream(folder / "geoip");
-    std::ofstream(folder / "geoip6");
+    const std::ofstream ipv4(folder / "geoip");
+    const std::ofstream ipv6(folder / "geoip6");
   };
   const auto filesIn = [](const fs::path& folder) {
     return std::vector<std::string>{folder / "geoip", folder / "geoip6"};

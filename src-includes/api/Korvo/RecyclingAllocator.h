@@ -21,7 +21,8 @@ class RecyclingAllocator {
   RecyclingAllocator() = default;
   RecyclingAllocator(const RecyclingAllocator&) noexcept {}
   template <typename U>
-  RecyclingAllocator(const RecyclingAllocator<U>&) noexcept {}
+  RecyclingAllocator(const RecyclingAllocator<U>&) noexcept {}  // NOLINT: containers convert it
+  // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): nothing is assigned
   RecyclingAllocator& operator=(const RecyclingAllocator&) noexcept { return *this; }
   ~RecyclingAllocator() {
     while (kept_ != nullptr) std::allocator<T>().deallocate(takeKept(), keptLength_);
@@ -33,6 +34,7 @@ class RecyclingAllocator {
   }
 
   void deallocate(T* block, std::size_t length) noexcept {
+    // NOLINTNEXTLINE(bugprone-sizeof-expression,misc-redundant-expression): true of some T only
     static_assert(sizeof(T) >= sizeof(Kept) && alignof(T) >= alignof(Kept));
     if (keptLength_ == 0) keptLength_ = length;
     if (length == keptLength_) {

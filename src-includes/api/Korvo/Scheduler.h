@@ -57,6 +57,7 @@ class KORVO_API Schedulable {
 
   /// A unit that may be scheduled, is neither runnable nor client-ready, and has no debug channel.
   /// `scheduler` may be null; the unit shares it.
+  // NOLINTNEXTLINE(google-explicit-constructor): a name alone makes a unit
   Schedulable(const std::string& name, const KoPtr<Scheduler>& scheduler = nullptr,
               const std::timespec& timeSlice = defaultTimeSlice);
   Schedulable(const Schedulable&) = delete;
@@ -232,6 +233,7 @@ class KORVO_API Scheduler {
   }
 
  protected:
+  // NOLINTNEXTLINE(bugprone-reserved-identifier): the host's tools know it by this name
   class __veltoDebug : public Velto::DebugSupport {};
 
   // Neither queue nor map allocates while as many units come as go.

@@ -158,7 +158,7 @@ class RowLayout {
     std::array<Place, count> all{};
     std::size_t next = rowHeaderLength;
     std::size_t i = 0;
-    const auto place = [&](std::size_t offset, std::size_t width) {
+    [[maybe_unused]] const auto place = [&](std::size_t offset, std::size_t width) {
       const std::size_t begin = offset == behindThePrevious ? next : offset;
       next = begin + width;
       all[i++] = {begin, next};
@@ -213,7 +213,7 @@ class RowLayout {
   /// The columns in the order of their declaration.
   static constexpr std::array<ColumnInfo, count> columns = [] {
     std::size_t i = 0;
-    const auto describe = [&]<typename C>(std::type_identity<C>) {
+    [[maybe_unused]] const auto describe = [&]<typename C>(std::type_identity<C>) {
       using Traits = detail::ColumnTraits<typename C::Type>;
       return ColumnInfo{C::name,       Traits::type,    static_cast<len_t>(places[i++].begin),
                         Traits::width, Traits::isArray, Traits::nested};

@@ -230,6 +230,7 @@ class KORVO_API IpGenAddr {
 
   friend bool operator==(const IpGenAddr&, const IpGenAddr&) = default;
   /// By family first, then by address.
+  // NOLINTNEXTLINE(modernize-use-nullptr): the tool sees a zero that is not there
   friend std::strong_ordering operator<=>(const IpGenAddr&, const IpGenAddr&) = default;
 
  private:
