@@ -3,7 +3,6 @@
 #include <Korvo/bytes.h>
 
 #include <openssl/sha.h>
-#include <strings.h>
 
 #include <algorithm>
 #include <array>
@@ -265,8 +264,7 @@ std::string beforeLastSemicolon(std::string_view word) {
 
 /// Whether the word is the keyword, in any letter case.
 bool isKeyword(std::string_view word, std::string_view keyword) {
-  return word.size() == keyword.size() &&
-         strncasecmp(word.data(), keyword.data(), keyword.size()) == 0;
+  return KoStrUtils::iequals(std::string(word), std::string(keyword));
 }
 
 }  // namespace
@@ -444,15 +442,6 @@ double KoStrUtils::stoDouble(const std::string& text) {
   if (end == text.c_str()) throw std::invalid_argument("stod");
   if (outOfRange) throw std::out_of_range("stod");
   return value;
-}
-
-bool KoStrUtils::equalAfterNul(const std::string& a, const std::string& b) {
-  std::size_t pos = std::strlen(a.c_str()) + 1;
-  while (pos < a.size()) {
-    if (strcasecmp(a.c_str() + pos, b.c_str() + pos) != 0) return false;
-    pos += std::strlen(a.c_str() + pos) + 1;
-  }
-  return true;
 }
 
 std::string KoStrUtils::sha1(const std::string& data) {

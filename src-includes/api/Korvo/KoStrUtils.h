@@ -16,10 +16,9 @@
 
 #include <Korvo/export.h>
 
-#include <strings.h>
-
+#include <cctype>
+#include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -102,10 +101,6 @@ class KORVO_API KoStrUtils {
   /// The SHA-1 digest as 40 lower-case hexadecimal digits. Throws std::runtime_error if the
   /// cryptographic library refuses to compute it.
   static std::string sha1(const std::string& data);
-
- private:
-  /// Compares what follows the first NUL of two texts that are equal up to there.
-  static bool equalAfterNul(const std::string& a, const std::string& b);
 };
 
 /// Puts a backslash before double quotes and backslashes, and writes line feeds and tabs as \n and
@@ -159,9 +154,12 @@ inline std::uint64_t KoStrUtils::stoUint64_t(const std::string& text) {
 
 inline bool KoStrUtils::iequals(const std::string& a, const std::string& b) {
   if (a.size() != b.size()) return false;
-  // Compares what tolower gives, but only up to a NUL.
-  if (::strcasecmp(a.c_str(), b.c_str()) != 0) return false;
-  return std::strlen(a.c_str()) == a.size() || equalAfterNul(a, b);
+  // Most bytes are equal as they stand, and the locale is asked about the others only.
+  const auto lower = [](char c) { return std::tolower(static_cast<unsigned char>(c)); };
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (a[i] != b[i] && lower(a[i]) != lower(b[i])) return false;
+  }
+  return true;
 }
 
 }  // namespace Korvo
