@@ -416,6 +416,10 @@ TEST(PublicApiTest, Units) {
   EXPECT_TRUE(unit.startTime().tv_sec == 0 && unit.deadline().tv_sec == 0);
 }
 
+TEST(PublicApiTest, EntryMaps) {
+  EXPECT_TRUE(called<detail::EntryMap>({[](detail::EntryMap& map) { map.clear(); }}));
+}
+
 TEST(PublicApiTest, Schedulers) {
   EXPECT_TRUE(called<Scheduler>(
       {[](Scheduler& scheduler) { scheduler.Scheduler::pauseTime(); },
