@@ -51,7 +51,7 @@ inline void becomeAbleToConfine() {
     writeFile("/proc/self/gid_map", id + ' ' + std::to_string(gid) + " 1");
   }
   // Mounts stay in this process's own namespace.
-  mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+  mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr);
 }
 
 inline bool hasCapabilities() {

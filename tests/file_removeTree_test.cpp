@@ -215,7 +215,7 @@ TEST(RemoveTree, RefusesTheRootWhereItIsMounted) {
           [[maybe_unused]] const int result =
               chown(folder, confinement::unprivilegedId, confinement::unprivilegedId);
         }
-        mount(".", "d/root", nullptr, MS_BIND, nullptr);
+        mount(".", "d/root", "none", MS_BIND, nullptr);
       });
 }
 
@@ -291,13 +291,19 @@ TEST(RemoveTree, TakesATreeDeeperThanThePathLimit) {
   });
 }
 
+void allowDescriptors(int count) {
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  limit.rlim_cur = static_cast<rlim_t>(count);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+}
+
 TEST(RemoveTree, TakesATreeDeeperThanTheLimitOfOpenFiles) {
   confined([] {
     makeDeepTree(300, "n");
     const int before = openDescriptors();
     // Three descriptors to spare are enough.
-    const rlimit limit{static_cast<rlim_t>(before) + 3, static_cast<rlim_t>(before) + 3};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    allowDescriptors(before + 3);
     EXPECT_EQ(removeTree("/d"), 0) << std::strerror(errno);
     EXPECT_FALSE(exists("/d"));
     EXPECT_EQ(openDescriptors(), before);
@@ -308,9 +314,8 @@ TEST(RemoveTree, FailsWithoutDescriptorsToWorkWith) {
   confined([] {
     makeDeepTree(2, "n");
     const int before = openDescriptors();
-    for (const rlim_t spare : {2u, 1u, 0u}) {
-      const rlimit limit{static_cast<rlim_t>(before) + spare, static_cast<rlim_t>(before) + spare};
-      ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    for (const int spare : {2, 1, 0}) {
+      allowDescriptors(before + spare);
       expectFailure("/d", EMFILE);
       EXPECT_EQ(openDescriptors(), before);
     }
