@@ -20,7 +20,7 @@ def medians(paths):
             for run in json.load(file)["benchmarks"]:
                 if run.get("aggregate_name") != "median":
                     continue
-                parts = run["run_name"].split("/")
+                parts = [part for part in run["run_name"].split("/") if part != "manual_time"]
                 if len(parts) < 2:
                     sys.exit(f"{path}: {run['run_name']} is not named WORKLOAD/CONTESTANT")
                 workload = " ".join([parts[0], *parts[2:]])
