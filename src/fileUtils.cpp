@@ -19,6 +19,9 @@ namespace Korvo {
 
 namespace {
 
+static_assert(sizeof(off_t) == 8,
+              "compile with _FILE_OFFSET_BITS=64: files of any size are copied");
+
 /// Closes a descriptor and leaves errno alone, so that the cause of a failure reaches the caller.
 void closeQuietly(int fd) {
   const int errnoBefore = errno;
