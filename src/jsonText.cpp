@@ -77,7 +77,7 @@ void appendJsonString(std::string& json, std::string_view text) {
     if (text.empty()) break;
     const char c = text.front();
     std::size_t length = 1;
-    if ((c >= 0 && c < 0x20) || c == '"' || c == '\\') {
+    if (static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\') {
       appendEscaped(json, c);
     } else if ((length = utf8SequenceLength(text)) != 0) {
       json += text.substr(0, length);
