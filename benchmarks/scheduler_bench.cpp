@@ -3,6 +3,7 @@
 // Each benchmark keeps 1, 100 or 10,000 units going and reports turns as items. A turn of ours
 // reads the clock twice, so that every contestant is shown as it is and with the same two reads.
 
+#include <Korvo/EventLoop.h>
 #include <Korvo/Scheduler.h>
 
 #include <benchmark/benchmark.h>
@@ -78,14 +79,16 @@ class Unit : public Korvo::Schedulable {
   Work work_;
 };
 
-void SchedulerRun(benchmark::State& state) {
-  const auto scheduler = std::make_shared<Korvo::Scheduler>("bench");
+template <typename Scheduler>
+void Run(benchmark::State& state) {
+  const auto scheduler = std::make_shared<Scheduler>("bench");
   std::vector<std::unique_ptr<Unit>> all;
   for (int i = 0; i < state.range(0); ++i) all.push_back(std::make_unique<Unit>(scheduler));
   for (auto _ : state) scheduler->run(kTurnsPerRun, 0.0, true);
   state.SetItemsProcessed(state.iterations() * kTurnsPerRun);
 }
-BENCHMARK(SchedulerRun)->Apply(units);
+BENCHMARK_TEMPLATE(Run, Korvo::Scheduler)->Apply(units);
+BENCHMARK_TEMPLATE(Run, Korvo::EventLoop)->Apply(units);  // looks at its sockets and timers, too
 
 // ---------------------------------------------------------------------------------------------
 // Boost.Asio, without its locks

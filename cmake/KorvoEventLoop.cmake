@@ -1,12 +1,31 @@
 # Korvo::EventLoop, the scheduler on libuv: a library of its own, so that KorvoAPI needs no libuv.
+# Built by default where libuv is found.
 
-find_package(PkgConfig QUIET)
-if(PkgConfig_FOUND)
-  pkg_check_modules(LIBUV QUIET IMPORTED_TARGET libuv)
+if(PROJECT_IS_TOP_LEVEL OR KORVO_EVENT_LOOP)
+  find_package(PkgConfig QUIET)
+  if(PkgConfig_FOUND)
+    pkg_check_modules(LIBUV QUIET IMPORTED_TARGET libuv)
+  endif()
 endif()
-if(NOT TARGET PkgConfig::LIBUV)
-  message(WARNING "libuv was not found: Korvo::EventLoop is not built")
+if(PROJECT_IS_TOP_LEVEL AND LIBUV_FOUND AND KORVO_VELTO_IS_STAND_IN)
+  set(korvo_event_loop_default ON)
+else()
+  set(korvo_event_loop_default OFF)
+endif()
+option(KORVO_EVENT_LOOP "Build Korvo::EventLoop, a scheduler on libuv" ${korvo_event_loop_default})
+
+if(NOT KORVO_EVENT_LOOP)
+  if(PROJECT_IS_TOP_LEVEL)
+    message(STATUS "Without Korvo::EventLoop")
+  endif()
   return()
+endif()
+if(NOT LIBUV_FOUND)
+  message(FATAL_ERROR "KORVO_EVENT_LOOP needs libuv (package libuv1-dev) and pkg-config")
+endif()
+if(NOT KORVO_VELTO_IS_STAND_IN)
+  message(FATAL_ERROR "KORVO_EVENT_LOOP implements the controls of the stand-in's Velto/Platform.h, "
+                      "and KORVO_VELTO_INCLUDE_DIR names another framework")
 endif()
 
 add_library(KorvoEventLoop src/EventLoop.cpp)

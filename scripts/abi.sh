@@ -1,5 +1,5 @@
 #!/bin/bash
-# The library's binary interface, as abi/KorvoAPI.{x86_64,i386}.abi describe it.
+# The libraries' binary interfaces, as abi/{KorvoAPI,KorvoEventLoop}.{x86_64,i386}.abi describe them.
 #
 #   scripts/abi.sh --check            reports how the sources' interface differs from them
 #   scripts/abi.sh --update           writes them anew: an intended change becomes a visible edit
@@ -7,24 +7,31 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-# describe ARCHITECTURE OPTION...: builds the library and writes what abidw says of it to
-# build/abi/KorvoAPI.ARCHITECTURE.abi.
+libraries=(KorvoAPI KorvoEventLoop)
+
+# describe ARCHITECTURE OPTION...: builds the libraries and writes what abidw says of each to
+# build/abi/LIBRARY.ARCHITECTURE.abi.
 describe() {
   local architecture=$1 build=build/abi/$1
   shift
   cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKORVO_TESTS=OFF \
-    -DKORVO_EXAMPLES=OFF -DKORVO_EVENT_LOOP=OFF "$@" >/dev/null
-  cmake --build "$build" --target KorvoAPI >/dev/null
-  abidw --no-corpus-path --no-comp-dir-path --no-show-locs --no-elf-needed \
-    --exported-interfaces-only --type-id-style hash --suppressions abi/libabigail.suppr \
-    --out-file "build/abi/KorvoAPI.$architecture.abi" "$build/libKorvoAPI.so"
+    -DKORVO_EXAMPLES=OFF -DKORVO_EVENT_LOOP=ON "$@" >/dev/null
+  cmake --build "$build" --target "${libraries[@]}" >/dev/null
+  local library
+  for library in "${libraries[@]}"; do
+    abidw --no-corpus-path --no-comp-dir-path --no-show-locs --no-elf-needed \
+      --exported-interfaces-only --type-id-style hash --suppressions abi/libabigail.suppr \
+      --out-file "build/abi/$library.$architecture.abi" "$build/lib$library.so"
+  done
 }
 
 describe_both() {
   describe x86_64
-  scripts/get-crypto32.sh
-  describe i386 -DCMAKE_CXX_FLAGS=-m32 -DOPENSSL_INCLUDE_DIR="$PWD/build/crypto32/usr/include" \
-    -DOPENSSL_CRYPTO_LIBRARY="$PWD/build/crypto32/usr/lib/i386-linux-gnu/libcrypto.so"
+  scripts/get-libs32.sh
+  local libs32=$PWD/build/libs32
+  PKG_CONFIG_SYSROOT_DIR=$libs32 PKG_CONFIG_LIBDIR=$libs32/usr/lib/i386-linux-gnu/pkgconfig \
+    describe i386 -DCMAKE_CXX_FLAGS=-m32 -DOPENSSL_INCLUDE_DIR="$libs32/usr/include" \
+    -DOPENSSL_CRYPTO_LIBRARY="$libs32/usr/lib/i386-linux-gnu/libcrypto.so"
 }
 
 case ${1:-} in
@@ -32,8 +39,10 @@ case ${1:-} in
     describe_both
     changed=0
     for architecture in x86_64 i386; do
-      echo "== $architecture"
-      abidiff abi/KorvoAPI.$architecture.abi build/abi/KorvoAPI.$architecture.abi || changed=1
+      for library in "${libraries[@]}"; do
+        echo "== $library, $architecture"
+        abidiff "abi/$library.$architecture.abi" "build/abi/$library.$architecture.abi" || changed=1
+      done
     done
     if [ $changed -ne 0 ]; then
       echo "The binary interface has changed; if that is intended: scripts/abi.sh --update" >&2
@@ -43,7 +52,7 @@ case ${1:-} in
   --update)
     describe_both
     mkdir -p abi
-    cp build/abi/KorvoAPI.*.abi abi/
+    cp build/abi/*.abi abi/
     ;;
   --compare) abidiff "$2" "$3" ;;
   *)

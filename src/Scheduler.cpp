@@ -344,6 +344,11 @@ void Scheduler::run() {
 }
 
 void Scheduler::run(int count, double timeLimit, bool exitOnQuiescence) {
+  runLoop(count, timeLimit, exitOnQuiescence, nullptr);
+}
+
+void Scheduler::runLoop(int count, double timeLimit, bool exitOnQuiescence,
+                        void (*betweenUnits)(Scheduler&)) {
   trace(debug_, kRequestLevel, "run", [=, this](std::ostream& out) {
     out << "virtual void Korvo::Scheduler::run(int, double, bool) " << name_ << "(" << count << ","
         << timeLimit << ", " << exitOnQuiescence << ")";
@@ -380,6 +385,7 @@ void Scheduler::run(int count, double timeLimit, bool exitOnQuiescence) {
     if (unit == nullptr || !eligible(*unit)) continue;
     unit->invoke(false);
     if (count != 0) ++counter;
+    if (betweenUnits != nullptr && !watch.destroyed()) betweenUnits(*this);
   }
 }
 

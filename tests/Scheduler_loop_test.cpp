@@ -1,6 +1,8 @@
 // The scheduler's loop: what it invokes, what ends it, how it pauses, what it says.
 
 #include <cmath>
+#include <deque>
+#include <functional>
 #include <limits>
 #include <locale>
 #include <stdexcept>
@@ -560,6 +562,52 @@ TEST_F(SchedulerLoopDeathTest, AnyResultButZeroEndsTheProcess) {
   } scheduler;
   EXPECT_EXIT(scheduler.run(), testing::ExitedWithCode(255),
               testing::Eq("pauseScheduler() returned 17 with errno: 1234\n"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// A host with an event loop of its own
+
+TEST_F(SchedulerLoopTest, AHostRunsItInSlicesWhenItIsTriggered) {
+  std::deque<std::function<void()>> hostEvents;
+  /// Has the host's loop call run() soon, and again for as long as there is something left.
+  struct Hosted : OpenScheduler {
+    explicit Hosted(std::deque<std::function<void()>>& queue) : events(queue) {}
+    void triggerScheduler() override {
+      if (std::exchange(scheduled, true)) return;
+      events.push_back([this] {
+        scheduled = false;
+        ++slices;
+        run(2, 0.0, true);
+        if (!runQueue_.empty()) triggerScheduler();
+      });
+    }
+    std::deque<std::function<void()>>& events;
+    bool scheduled = false;
+    int slices = 0;
+  };
+  const auto hosted = std::make_shared<Hosted>(hostEvents);
+  std::string order;
+  const auto work = [&](Unit& unit) {
+    order += unit.name();
+    if (unit.invocations() < 3) unit.runnableIs(true);
+  };
+  Unit a("a", hosted, work);
+  Unit b("b", hosted, work);
+  Unit c("c", hosted, work);
+  for (Unit* unit : {&a, &b, &c}) {
+    hostEvents.push_back([&order, unit] {
+      order += '+';
+      unit->arm();
+    });
+  }
+  while (!hostEvents.empty()) {
+    const std::function<void()> event = hostEvents.front();
+    hostEvents.pop_front();
+    event();
+  }
+  EXPECT_EQ(order, "+++abcabcabc");
+  EXPECT_EQ(hosted->slices, 5);
+  EXPECT_TRUE(fakeSleep.requests.empty());
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -420,6 +420,12 @@ TEST(PublicApiTest, EntryMaps) {
   EXPECT_TRUE(called<detail::EntryMap>({[](detail::EntryMap& map) { map.clear(); }}));
 }
 
+/// What a scheduler on an event loop derives from.
+struct LoopedScheduler : Scheduler {
+  using Scheduler::runLoop;
+  using Scheduler::Scheduler;
+};
+
 TEST(PublicApiTest, Schedulers) {
   EXPECT_TRUE(called<Scheduler>(
       {[](Scheduler& scheduler) { scheduler.Scheduler::pauseTime(); },
@@ -431,6 +437,8 @@ TEST(PublicApiTest, Schedulers) {
        [](Scheduler& scheduler) { scheduler.Scheduler::run(1, 0.0, true); },
        [](Scheduler& scheduler) { scheduler.Scheduler::getTimerControl(nullptr); },
        [](Scheduler& scheduler) { scheduler.Scheduler::getFdControl(nullptr); }}));
+  EXPECT_TRUE(called<LoopedScheduler>(
+      {[](LoopedScheduler& scheduler) { scheduler.runLoop(1, 0.0, true, nullptr); }}));
   Scheduler scheduler("scheduler");
   scheduler.activeIs(true);
   scheduler.triggerSuppressedIs(false);

@@ -4,7 +4,7 @@
 #
 #   tests/install/check.sh BUILD_DIR WORK_DIR
 #
-# KORVO_SPOIL=header or KORVO_SPOIL=library damages the installed tree first, to show that the check
+# KORVO_SPOIL=header, library or eventLoop damages the installed tree first, to show that the check
 # would see it.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -26,6 +26,7 @@ libdir=$(dirname "$(find "$prefix" -name pkgconfig -type d)")
 case ${KORVO_SPOIL:-} in
   header) echo 'Canary' >>"$prefix/include/Korvo/korvo_types.h" ;;
   library) rm "$libdir"/libKorvoAPI.* ;;
+  eventLoop) rm "$libdir"/libKorvoEventLoop.* ;;
 esac
 
 # run_consumer PROGRAM: it prints what it should, and uses the kind of library it was linked with.
@@ -38,14 +39,24 @@ run_consumer() {
   fi
 }
 
-components=()
-if [ -e "$libdir/cmake/KorvoAPI/KorvoEventLoopTargets.cmake" ]; then
-  components=(-DCOMPONENTS=EventLoop)
-fi
-cmake -G Ninja -S "$here/find_package" -B "$work/find_package" -DCMAKE_PREFIX_PATH="$prefix" \
-  "${components[@]}"
+run_event_loop() {
+  [ "$(LD_LIBRARY_PATH=$libdir "$1")" = 'the timer ran out' ]
+}
+
+# The library itself comes without the event loop.
+cmake -G Ninja -S "$here/find_package" -B "$work/find_package" -DCMAKE_PREFIX_PATH="$prefix"
 cmake --build "$work/find_package"
 run_consumer "$work/find_package/consumer"
+if readelf -d "$work/find_package/consumer" "$libdir"/libKorvoAPI.so* 2>/dev/null |
+  grep -E 'NEEDED.*(libuv|EventLoop)'; then
+  echo "the library needs the event loop" >&2
+  exit 1
+fi
+cmake -G Ninja -S "$here/find_package" -B "$work/event_loop" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCOMPONENTS=EventLoop
+cmake --build "$work/event_loop"
+run_consumer "$work/event_loop/consumer"
+run_event_loop "$work/event_loop/event_loop"
 echo "find_package: good"
 
 # A component that does not exist is refused.
@@ -61,6 +72,9 @@ static=()
 read -ra flags <<<"$(pkg-config --cflags --libs "${static[@]}" KorvoAPI)"
 "${CXX:-c++}" -std=c++20 "$here/consumer.cpp" -o "$work/pkg_config" "${flags[@]}"
 run_consumer "$work/pkg_config"
+read -ra flags <<<"$(pkg-config --cflags --libs "${static[@]}" KorvoEventLoop)"
+"${CXX:-c++}" -std=c++20 "$here/event_loop.cpp" -o "$work/pkg_config_event_loop" "${flags[@]}"
+run_event_loop "$work/pkg_config_event_loop"
 echo "pkg-config: good"
 
 cmake -G Ninja -S "$here/subdirectory" -B "$work/subdirectory" -DBUILD_SHARED_LIBS="$shared" \

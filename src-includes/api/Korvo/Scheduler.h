@@ -246,6 +246,11 @@ class KORVO_API Scheduler {
   bool triggerSuppressed_ = false;
   __veltoDebug debug_;
 
+  /// run(), with a call of `betweenUnits`, unless it is null, after each invocation: for a
+  /// scheduler that has more to look after than its units.
+  void runLoop(int count, double timeLimit, bool exitOnQuiescence,
+               void (*betweenUnits)(Scheduler& scheduler));
+
  private:
   friend class Schedulable;
 

@@ -12,7 +12,8 @@
 // The host implements the handlers; a scheduler on an event loop hands out the controls, which
 // belong to the caller. Everything is used on the scheduler's thread. A host that brings its own
 // framework builds against that one instead (CMake setting KORVO_VELTO_INCLUDE_DIR); the library
-// uses only the names of these four classes.
+// uses only the names of these four classes. Korvo::EventLoop implements the controls as they are
+// here, and is built with this header only.
 
 #include <chrono>
 
