@@ -1,0 +1,408 @@
+// Rows that pass the check through every reader and every writer. Only what the check's header
+// names may happen: KoOutOfRange from the value form of prefixes. No writer may change a twin that
+// shares the buffer, and what a writer makes has to pass again.
+//
+// Input: layout and source; then either the row's bytes, or what a row is built from and changes to
+// single bytes of it; then what to write.
+
+#include <functional>
+#include <sstream>
+
+#include "row_fuzz_support.h"
+
+namespace {
+
+using namespace fuzz;
+
+// ---------------------------------------------------------------------------------------------
+// Readers
+
+/// Reads what only the rules for null prefixes may refuse.
+template <typename Read>
+bool mayBeOutOfRange(const Read& read) {
+  try {
+    read();
+    return true;
+  } catch (const KoOutOfRange&) {
+    return false;
+  }
+}
+
+class Reader {
+ public:
+  explicit Reader(PrefixRule rule) : rule_(rule) {}
+
+  /// Everything there is to read; columns are compared with themselves and with the other row's.
+  void read(const BaseRow& row, const BaseRow& other, const LayoutInfo& layout) {
+    readRow(row, other, layout);
+  }
+
+ private:
+  void readRow(const BaseRow& row, const BaseRow& other, const LayoutInfo& layout) {
+    out_ << row << row.toString() << Korvo::detail::rowAsJson(row, layout) << row.rowLength()
+         << row.rowType() << row.rowOid();
+    std::size_t emptyColumns = 0;
+    for (const ColumnInfo& column : layout.columns) {
+      if (hasSlot(column) && VColType::at(row.rowBuf(), column.offset).length() == 0 &&
+          ++emptyColumns > 12) {
+        continue;  // the empty ones are all alike, and reading them takes its time
+      }
+      if (column.isArray) {
+        readArray(row, column);
+      } else if (hasSlot(column)) {
+        readValue(row, other, column);
+      } else {
+        readFixed(row, column);
+      }
+    }
+  }
+
+  void readFixed(const BaseRow& row, const ColumnInfo& column) {
+    const len_t at = column.offset;
+    switch (column.type) {
+      case boolType_:
+        out_ << FMT<bool>(row.fixedColumn<bool>(at));
+        break;
+      case ipAddrType_:
+        out_ << row.fixedColumn<IpAddr>(at);
+        break;
+      case ip6AddrType_:
+        out_ << row.fixedColumn<Ip6Addr>(at);
+        break;
+      case doubleType_:
+        out_ << row.fixedColumn<double>(at);
+        break;
+      case floatType_:
+        out_ << row.fixedColumn<float>(at);
+        break;
+      case uint64Type_:
+        out_ << row.fixedColumn<std::uint64_t>(at);
+        break;
+      case int16Type_:
+        out_ << row.fixedColumn<std::int16_t>(at);
+        break;
+      default:
+        out_ << FMT<unsigned char>(row.fixedColumn<std::uint8_t>(at));
+    }
+  }
+
+  template <typename Reference>
+  void compare(const BaseRow& row, const BaseRow& other, len_t at, const Reference& mine) {
+    FUZZ_REQUIRE(row.columnEqual<Reference>(at, row, at));
+    FUZZ_REQUIRE(row.columnEqualConst<Reference>(at, mine));
+    out_ << row.columnHash<Reference>(at);
+    Reference others;
+    other.getColumn(at, others);
+    if constexpr (std::is_same_v<Reference, IpGenPrefixReference>) {
+      if (mine.af() == unknown_ && others.af() == unknown_) return;  // these two have no order
+      out_ << mine.contains(others) << others.contains(mine);
+    }
+    out_ << row.columnLess<Reference>(at, other, at) << other.columnLess<Reference>(at, row, at)
+         << (mine == others) << (mine != others) << (mine < others) << (mine > others)
+         << (mine <= others) << (mine >= others);
+    if (row.columnEqual<Reference>(at, other, at)) {
+      FUZZ_REQUIRE(row.columnHash<Reference>(at) == other.columnHash<Reference>(at));
+    }
+  }
+
+  void readValue(const BaseRow& row, const BaseRow& other, const ColumnInfo& column) {
+    const len_t at = column.offset;
+    switch (column.type) {
+      case stringType_: {
+        std::string text;
+        StringValueReference view;
+        row.getColumn(at, text);
+        row.getColumn(at, view);
+        FUZZ_REQUIRE(text == view.view());
+        out_ << view << FMT<StringValueReference>(view) << FMT<std::string>(text);
+        compare(row, other, at, view);
+        break;
+      }
+      case ipGenAddrType_: {
+        IpGenAddr addr;
+        IpGenAddrReference view;
+        row.getColumn(at, addr);
+        row.getColumn(at, view);
+        FUZZ_REQUIRE(addr.af() == view.af());
+        out_ << addr << view << addr.addressLengthBytes();
+        compare(row, other, at, view);
+        break;
+      }
+      case ipGenPrefixType_: {
+        IpGenPrefixReference view;
+        row.getColumn(at, view);
+        out_ << view;
+        compare(row, other, at, view);
+        IpGenPrefix prefix;
+        const bool isValue = mayBeOutOfRange([&] { row.getColumn(at, prefix); });
+        if (rule_ == PrefixRule::noHostBits) FUZZ_REQUIRE(isValue);
+        if (isValue) out_ << prefix;
+        break;
+      }
+      default: {
+        SubRowReference nested;
+        row.getColumn(at, nested);
+        out_ << nested;
+        SubRowReference others;
+        other.getColumn(at, others);
+        if (nested.isNull()) break;
+        readRow(nested, others.isNull() ? nested : others, *column.nested);
+        Bytes copy(BaseRow::encodeLength(nested));
+        FUZZ_REQUIRE(BaseRow::encode(copy.data(), nested) == copy.size());
+        out_.write(reinterpret_cast<const char*>(copy.data()),
+                   static_cast<std::streamsize>(copy.size()));
+      }
+    }
+  }
+
+  /// The elements one by one, in every form, and none beyond the last.
+  template <typename Element>
+  void readElements(const BaseRow& row, len_t at) {
+    const ArrayReference<Element> view = row.arrayReference<Element>(at);
+    for (unsigned int i = 0; i < view.size(); ++i) {
+      const auto print = [&] { out_ << view[i]; };
+      if constexpr (std::is_same_v<Element, IpGenPrefix>) {
+        out_ << mayBeOutOfRange(print);
+      } else {
+        print();
+      }
+    }
+    FUZZ_REQUIRE(!mayBeOutOfRange([&] { view[view.size()]; }));
+  }
+
+  template <typename T, typename Reference>
+  void readVariableArray(const BaseRow& row, len_t at) {
+    readElements<Reference>(row, at);
+    readElements<T>(row, at);
+    std::vector<T> values(2);
+    const bool areValues = mayBeOutOfRange([&] { row.getColumn(at, values); });
+    if (!std::is_same_v<T, IpGenPrefix> || rule_ == PrefixRule::noHostBits) {
+      FUZZ_REQUIRE(areValues);
+    }
+    FUZZ_REQUIRE(values.size() == 2 + (areValues ? row.arrayReference<T>(at).size() : 0));
+    for (const T& value : values) out_ << value;
+    std::vector<T> again;
+    mayBeOutOfRange([&] { row.getVarElemArray(at, again); });
+    FUZZ_REQUIRE(std::equal(again.begin(), again.end(), values.begin() + 2, values.end()));
+  }
+
+  void readArray(const BaseRow& row, const ColumnInfo& column) {
+    switch (column.type) {
+      case stringType_:
+        return readVariableArray<std::string, StringValueReference>(row, column.offset);
+      case ipGenAddrType_:
+        return readVariableArray<IpGenAddr, IpGenAddrReference>(row, column.offset);
+      case ipGenPrefixType_:
+        return readVariableArray<IpGenPrefix, IpGenPrefixReference>(row, column.offset);
+      default:
+        return readElements<bool>(row, column.offset);
+    }
+  }
+
+  PrefixRule rule_;
+  std::ostringstream out_;
+};
+
+/// The readers of the row classes, by name.
+void readByName(const Bytes& bytes, PrefixRule rule) {
+  TableRow<Mixed> row;
+  const ExactBlock block(bytes);
+  try {
+    row.adopt(block.data(), bytes.size());
+  } catch (const KoInvalidArgument&) {  // of another type
+    return;
+  }
+  std::ostringstream out;
+  out << row.view<"u8">() << row.get<"i16">() << row.view<"u64">() << row.get<"real">()
+      << row.view<"single">() << row.get<"flag">() << row.view<"v4">() << row.get<"v6">();
+  out << row.get<"text">() << row.view<"text">() << row.hash<"text">() << row.equal<"text">(row)
+      << row.less<"other">(row);
+  out << row.get<"addr">() << row.view<"addr">() << row.hash<"addr">() << row.less<"addr">(row);
+  out << row.view<"net">() << row.hash<"net">() << row.equal<"net">(row);
+  if (row.view<"net">().af() != unknown_) FUZZ_REQUIRE(!row.less<"net">(row));
+  const auto netIsValue = mayBeOutOfRange([&] { out << row.get<"net">(); });
+  const auto netsAreValues = mayBeOutOfRange([&] { out << row.get<"nets">().size(); });
+  if (rule == PrefixRule::noHostBits) FUZZ_REQUIRE(netIsValue && netsAreValues);
+  for (const auto& text : row.view<"texts">()) out << text;
+  for (const auto& text : row.get<"texts">()) out << text;
+  for (const auto& addr : row.view<"addrs">()) out << addr;
+  for (const auto& addr : row.get<"addrs">()) out << addr;
+  for (const auto& net : row.view<"nets">()) out << net;
+  for (const bool flag : row.view<"flags">()) out << flag;
+  FUZZ_REQUIRE(row.get<"flags">().size() == row.view<"flags">().size());
+  const auto middle = row.view<"middle">();
+  out << middle.get<"addr">() << middle.view<"nets">().size() << middle.toJson();
+  const auto leaf = middle.view<"leaf">();
+  out << leaf.get<"flag">() << leaf.get<"text">() << leaf.get<"flags">().size();
+  if (!leaf.isNull()) out << leaf.hash<"text">() << leaf.equal<"text">(leaf);
+  out << row.toJson() << row.toString() << varFieldMap(row).size();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Writers
+
+/// Applies one operation of the input to the row.
+class Writer {
+ public:
+  Writer(Input& input, AnyRow& row) : input_(input), row_(row) {}
+
+  void write() {
+    const auto& columns = row_.layout().columns;
+    const std::size_t operation = input_.below(16);
+    if (operation == 0) {
+      row_.clearRow();
+    } else if (operation == 1) {
+      row_.rowOidIs(input_.word());
+    } else if (columns.empty()) {
+      return;
+    } else if (const ColumnInfo& column = columns[input_.below(columns.size())]; !hasSlot(column)) {
+      writeFixed(column);
+    } else if (operation == 2) {
+      row_.rowOidIs(7);  // room is only made in a buffer that is the row's alone
+      row_.makeFreeSpace(column.offset, input_.byte(), base());
+    } else if (operation == 3) {
+      if (row_.isFullyDefined()) row_.compactVariableData(base());
+    } else if (operation < 7) {
+      copyColumn(column);
+    } else if (column.isArray) {
+      writeArray(column);
+    } else {
+      writeValue(column);
+    }
+  }
+
+ private:
+  len_t base() const { return row_.layout().baseLength; }
+
+  void writeFixed(const ColumnInfo& column) {
+    if (column.width == 1) row_.setFixedColumn<std::uint8_t>(column.offset, input_.byte());
+    if (column.width == 2) row_.setFixedColumn<std::int16_t>(column.offset, -1);
+    if (column.width == 4) row_.setFixedColumn<IpAddr>(column.offset, IpAddr(input_.byte()));
+    if (column.width == 8) row_.setFixedColumn<std::uint64_t>(column.offset, input_.word());
+    if (column.width == 16) row_.setFixedColumn<Ip6Addr>(column.offset, Ip6Addr());
+  }
+
+  /// From any column of the same kind, this one included.
+  void copyColumn(const ColumnInfo& column) {
+    const auto& columns = row_.layout().columns;
+    const std::size_t first = input_.below(columns.size());
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+      const ColumnInfo& source = columns[(first + i) % columns.size()];
+      if (source.type != column.type || source.isArray != column.isArray ||
+          source.nested != column.nested) {
+        continue;
+      }
+      row_.copyVarColumn(source.offset, row_, column.offset, base());
+      return;
+    }
+  }
+
+  void writeArray(const ColumnInfo& column) {
+    const len_t at = column.offset;
+    switch (column.type) {
+      case stringType_:
+        return row_.setColumn(at, arrayFrom<std::string>(input_), base());
+      case ipGenAddrType_:
+        return row_.setColumn(at, arrayFrom<IpGenAddr>(input_), base());
+      case ipGenPrefixType_:
+        return row_.setColumn(at, arrayFrom<IpGenPrefix>(input_), base());
+      default:
+        return row_.updateFixElemArray(at, base(), arrayFrom<bool>(input_));
+    }
+  }
+
+  /// A value of the input's, or a reference into this row.
+  void writeValue(const ColumnInfo& column) {
+    const len_t at = column.offset;
+    const bool own = input_.below(3) == 0;
+    switch (column.type) {
+      case stringType_:
+        if (own) return writeOwn<StringValueReference>(column);
+        return row_.setColumn(
+            at,
+            input_.below(64) == 1 ? std::string(input_.word(), 'x') : input_.text(input_.below(60)),
+            base());
+      case ipGenAddrType_:
+        if (own) return writeOwn<IpGenAddrReference>(column);
+        return row_.setColumn(at, addrFrom(input_), base());
+      case ipGenPrefixType_:
+        if (own) return writeOwn<IpGenPrefixReference>(column);
+        return row_.setColumn(at, prefixFrom(input_), base());
+      default: {
+        SubRowReference nested;
+        row_.getColumn(at, nested);
+        if (own && !nested.isNull()) return row_.setColumn(at, nested, base());
+        const Bytes built = builtRow(input_, *column.nested, 2);
+        if (checkRow(built.data(), built.size(), *column.nested)) return;
+        row_.setColumn(at, SubRowReference(built.data()), base());
+      }
+    }
+  }
+
+  template <typename Reference>
+  void writeOwn(const ColumnInfo& column) {
+    const auto& columns = row_.layout().columns;
+    const ColumnInfo& source = columns[input_.below(columns.size())];
+    if (source.type != column.type || source.isArray) return;
+    Reference value;
+    row_.getColumn(source.offset, value);
+    row_.setColumn(column.offset, value, base());
+  }
+
+  Input& input_;
+  AnyRow& row_;
+};
+
+/// Checks the bytes; if they pass, reads, writes and reads again.
+void use(const Bytes& bytes, const LayoutInfo& layout, Input& input) {
+  const ExactBlock block(bytes);
+  if (checkRow(block.data(), bytes.size(), layout)) return;
+  const PrefixRule rule = checkRow(block.data(), bytes.size(), layout, PrefixRule::noHostBits)
+                              ? PrefixRule::anyBits
+                              : PrefixRule::noHostBits;
+  AnyRow row(layout, input.flag(), bytes);
+  AnyRow other(layout, true, [&] {
+    Bytes header(layout.baseLength);
+    putWord(header, 0, layout.baseLength);
+    return header;
+  }());
+  Reader(rule).read(row, other, layout);
+  FUZZ_REQUIRE(varFieldMap(row).size() <= row.vcd().size());
+  if (&layout == &Mixed::info) readByName(bytes, rule);
+  FUZZ_REQUIRE(bytesOf(row) == bytes);
+
+  for (int step = 0; step < 8 && !input.empty(); ++step) {
+    const Bytes before = bytesOf(row);
+    const bool shared = input.flag();
+    if (shared) other.shareContents(row);
+    try {
+      Writer(input, row).write();
+    } catch (const KoOutOfRange&) {
+      FUZZ_REQUIRE(bytesOf(row) == before);
+    }
+    if (shared) FUZZ_REQUIRE(bytesOf(other) == before);
+    const Bytes after = bytesOf(row);
+    FUZZ_REQUIRE(!checkRow(after.data(), after.size(), layout));
+  }
+  Reader(PrefixRule::anyBits).read(row, other, layout);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Input input(data, size);
+  const unsigned int choice = input.byte();
+  const LayoutInfo& layout = *rowLayouts[(choice >> 2) % std::size(rowLayouts)];
+  if ((choice & 1) == 0) {
+    Bytes bytes = input.bytes(input.word());
+    if ((choice & 2) != 0 && bytes.size() >= 2) putWord(bytes, 0, bytes.size());
+    use(bytes, layout, input);
+    return 0;
+  }
+  Bytes bytes = builtRow(input, layout, 3);
+  for (std::size_t changes = input.below(4); changes != 0; --changes) {
+    bytes[input.below(bytes.size())] ^= input.byte();
+  }
+  use(bytes, layout, input);
+  return 0;
+}
