@@ -4,14 +4,6 @@
 
 namespace Korvo::detail {
 
-BaseRow::vcdType slotOffsets(const LayoutInfo& layout) {
-  BaseRow::vcdType offsets;
-  for (const ColumnInfo& column : layout.columns) {
-    if (column.isArray || korvoTypeIsVariableLength(column.type)) offsets.push_back(column.offset);
-  }
-  return offsets;
-}
-
 len_t offsetOf(const LayoutInfo& layout, std::string_view name) {
   for (const ColumnInfo& column : layout.columns) {
     if (column.name == name) return column.offset;
@@ -21,7 +13,7 @@ len_t offsetOf(const LayoutInfo& layout, std::string_view name) {
 
 namespace {
 
-void appendRow(std::string& json, const BaseRow& row, const LayoutInfo& layout);
+void appendRow(JsonText& json, const BaseRow& row, const LayoutInfo& layout);
 
 template <typename T>
 T valueOf(const BaseRow& row, len_t slotOffset) {
@@ -30,74 +22,74 @@ T valueOf(const BaseRow& row, len_t slotOffset) {
   return value;
 }
 
-void appendValue(std::string& json, const StringValueReference& text) {
-  appendJsonString(json, text.view());
+void appendValue(JsonText& json, const StringValueReference& text) {
+  json.putString(text.view());
 }
-void appendValue(std::string& json, const IpGenAddrReference& addr) {
+void appendValue(JsonText& json, const IpGenAddrReference& addr) {
   if (addr.af() == unknown_) {
-    json += "null";
+    json.put("null");
   } else {
-    appendJsonAddress(json, addr.af(), addr.addr());
+    json.putAddress(addr.af(), addr.addr());
   }
 }
-void appendValue(std::string& json, const IpGenPrefixReference& prefix) {
+void appendValue(JsonText& json, const IpGenPrefixReference& prefix) {
   if (prefix.af() == unknown_) {
-    json += "null";
+    json.put("null");
   } else {
-    appendJsonPrefix(json, prefix.af(), prefix.addr(), prefix.mask());
+    json.putPrefix(prefix.af(), prefix.addr(), prefix.mask());
   }
 }
-void appendValue(std::string& json, bool value) {
-  json += value ? "true" : "false";
+void appendValue(JsonText& json, bool value) {
+  json.put(value ? "true" : "false");
 }
 
 template <typename T>
-void appendArray(std::string& json, const BaseRow& row, len_t slotOffset) {
-  json += '[';
+void appendArray(JsonText& json, const BaseRow& row, len_t slotOffset) {
+  json.put('[');
   const char* separator = "";
   for (const T& element : row.arrayReference<T>(slotOffset)) {
-    json += separator;
+    json.put(separator);
     appendValue(json, element);
     separator = ",";
   }
-  json += ']';
+  json.put(']');
 }
 
-void appendColumn(std::string& json, const BaseRow& row, const ColumnInfo& column) {
+void appendColumn(JsonText& json, const BaseRow& row, const ColumnInfo& column) {
   const len_t at = column.offset;
   switch (column.type) {
     case uint8Type_:
-      return appendJsonNumber(json, std::uint64_t{row.fixedColumn<std::uint8_t>(at)});
+      return json.putNumber(std::uint64_t{row.fixedColumn<std::uint8_t>(at)});
     case uint16Type_:
     case lenType_:
-      return appendJsonNumber(json, std::uint64_t{row.fixedColumn<std::uint16_t>(at)});
+      return json.putNumber(std::uint64_t{row.fixedColumn<std::uint16_t>(at)});
     case uint32Type_:
     case oidType_:
-      return appendJsonNumber(json, std::uint64_t{row.fixedColumn<std::uint32_t>(at)});
+      return json.putNumber(std::uint64_t{row.fixedColumn<std::uint32_t>(at)});
     case uint64Type_:
-      return appendJsonNumber(json, row.fixedColumn<std::uint64_t>(at));
+      return json.putNumber(row.fixedColumn<std::uint64_t>(at));
     case int8Type_:
-      return appendJsonNumber(json, std::int64_t{row.fixedColumn<std::int8_t>(at)});
+      return json.putNumber(std::int64_t{row.fixedColumn<std::int8_t>(at)});
     case int16Type_:
-      return appendJsonNumber(json, std::int64_t{row.fixedColumn<std::int16_t>(at)});
+      return json.putNumber(std::int64_t{row.fixedColumn<std::int16_t>(at)});
     case int32Type_:
-      return appendJsonNumber(json, std::int64_t{row.fixedColumn<std::int32_t>(at)});
+      return json.putNumber(std::int64_t{row.fixedColumn<std::int32_t>(at)});
     case int64Type_:
-      return appendJsonNumber(json, row.fixedColumn<std::int64_t>(at));
+      return json.putNumber(row.fixedColumn<std::int64_t>(at));
     case floatType_:
-      return appendJsonNumber(json, row.fixedColumn<float>(at));
+      return json.putNumber(row.fixedColumn<float>(at));
     case doubleType_:
-      return appendJsonNumber(json, row.fixedColumn<double>(at));
+      return json.putNumber(row.fixedColumn<double>(at));
     case boolType_:
       if (column.isArray) return appendArray<bool>(json, row, at);
       return appendValue(json, row.fixedColumn<bool>(at));
     case ipAddrType_: {
       const unsigned int word = row.fixedColumn<IpAddr>(at).addr();
-      return appendJsonAddress(json, ipv4_, reinterpret_cast<const byte_t*>(&word));
+      return json.putAddress(ipv4_, reinterpret_cast<const byte_t*>(&word));
     }
     case ip6AddrType_: {
       const Ip6Addr addr = row.fixedColumn<Ip6Addr>(at);
-      return appendJsonAddress(json, ipv6_, addr.bytes());
+      return json.putAddress(ipv6_, addr.bytes());
     }
     case stringType_:
       if (column.isArray) return appendArray<StringValueReference>(json, row, at);
@@ -113,29 +105,33 @@ void appendColumn(std::string& json, const BaseRow& row, const ColumnInfo& colum
   }
 }
 
-void appendRow(std::string& json, const BaseRow& row, const LayoutInfo& layout) {
+void appendRow(JsonText& json, const BaseRow& row, const LayoutInfo& layout) {
   if (row.isNull()) {
-    json += "null";
+    json.put("null");
     return;
   }
   char separator = '{';
   for (const ColumnInfo& column : layout.columns) {
-    json += separator;
-    appendJsonString(json, column.name);
-    json += ':';
+    json.put(separator);
+    json.putString(column.name);
+    json.put(':');
     appendColumn(json, row, column);
     separator = ',';
   }
-  if (layout.columns.empty()) json += '{';
-  json += '}';
+  if (layout.columns.empty()) json.put('{');
+  json.put('}');
 }
 
 }  // namespace
 
 std::string rowAsJson(const BaseRow& row, const LayoutInfo& layout) {
-  std::string json;
+  constexpr std::size_t besidesAName = 16;  // quotes, colon, comma, digits
+  std::size_t expectedLength = row.isNull() ? 0 : row.rowLength();
+  for (const ColumnInfo& column : layout.columns)
+    expectedLength += column.name.size() + besidesAName;
+  JsonText json(expectedLength);
   appendRow(json, row, layout);
-  return json;
+  return json.take();
 }
 
 }  // namespace Korvo::detail

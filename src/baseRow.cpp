@@ -3,24 +3,27 @@
 #include <Korvo/KoStrUtils.h>
 
 #include <array>
-#include <atomic>
 #include <charconv>
 #include <cstdint>
 #include <new>
 #include <ostream>
 
-#if defined(__SANITIZE_THREAD__)
-#define KORVO_THREAD_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define KORVO_THREAD_SANITIZER 1
-#endif
-#endif
-
 namespace Korvo {
 namespace {
 
 constexpr const char* thisFile = "src/baseRow.cpp";
+
+void storeValue(byte_t* buf, len_t slotOffset, len_t offset, const detail::EncodedValue& value,
+                bool isArray) {
+  value.store(buf + offset);
+  VColType::at(buf, slotOffset).valueIs(offset, static_cast<len_t>(value.length()), isArray);
+}
+
+void moveValue(byte_t* buf, len_t slotOffset, len_t from, len_t length, len_t to) {
+  detail::moveBytes(buf + to, buf + from, length);
+  VColType& slot = VColType::at(buf, slotOffset);
+  slot.valueIs(to, length, slot.isArray());
+}
 
 bool liesIn(const byte_t* at, const byte_t* buf, std::size_t length) {
   const auto address = reinterpret_cast<std::uintptr_t>(at);
@@ -50,19 +53,6 @@ void BaseRow::nullifyRow() {
   rowBuf_.reset();
 }
 
-bool BaseRow::isSoleHolder() const noexcept {
-  if (rowBuf_.use_count() != 1) return false;
-    // The use count is read without ordering. Former holders may have read the buffer on other
-    // threads until they let go of it, so their releases are made to happen before our writes.
-#ifdef KORVO_THREAD_SANITIZER
-  // ThreadSanitizer does not follow fences; a read-modify-write of the count makes the same edge.
-  const KoPtr<KoRowBuf> edge = rowBuf_;
-#else
-  std::atomic_thread_fence(std::memory_order_acquire);
-#endif
-  return true;
-}
-
 /// Copy-on-write: afterwards this row is the only holder of its buffer. Returns the buffer that it
 /// gave up, or null when there was nothing to do.
 KoPtr<KoRowBuf> BaseRow::makeExclusive() {
@@ -75,6 +65,10 @@ KoPtr<KoRowBuf> BaseRow::makeExclusive() {
   std::memcpy(own->buf_, shared, length);
   rowBuf_.swap(own);
   return own;
+}
+
+void BaseRow::copySharedRow() {
+  makeExclusive();
 }
 
 void BaseRow::installNew(len_t baseLength, std::uint16_t rowType, oid_t oid) {
@@ -111,7 +105,7 @@ void BaseRow::installCopy(const void* bytes, std::size_t length, len_t baseLengt
 
 void BaseRow::clearRow() {
   if (isNull()) return;
-  makeExclusive();
+  if (!isSoleHolder()) makeExclusive();
   byte_t* const buf = rwRowBuf();
   std::memset(buf + rowOidOffset, 0, loadField<len_t>(buf) - std::size_t{rowOidOffset});
 }
@@ -132,14 +126,14 @@ std::string BaseRow::toJson() const {
 
 /// Where a value goes, decided before anything changes.
 struct BaseRow::Room {
-  enum class Place : unsigned int {
+  enum class Place : byte_t {
     ofPresentValue,   ///< over the column's present value
     atOffset,         ///< at `offset`
     behindPackedData  ///< `offset` is known only after packing
   };
   Place place;
   unsigned int offset;
-  unsigned int rowLength;  ///< of the row that has the room, unless it is in place
+  unsigned int rowLength;  ///< of the row that has the room
 };
 
 /// The columns that hold data, by data offset. Columns without data have none to move, whatever
@@ -150,30 +144,25 @@ class BaseRow::PackingOrder {
   PackingOrder(const BaseRow& row, len_t without) {
     const byte_t* const buf = row.rowBuf();
     const vcdType& slots = row.vcd();
-    Entry* entries = few_.data();
+    begin_ = end_ = few_.data();
     if (slots.size() > few_.size()) {
       many_.resize(slots.size());
-      entries = many_.data();
+      begin_ = end_ = many_.data();
     }
-    Entry* last = entries;
     for (const len_t slotOffset : slots) {
       const VColType& slot = VColType::at(buf, slotOffset);
       if (slotOffset == without || slot.length() == 0 || slot.offset() == 0) continue;
-      *last = {slot.offset(), static_cast<len_t>(last - entries), slotOffset};
-      ++last;
+      *end_++ = {slot.offset(), slotOffset};
     }
-    std::sort(entries, last, [](const Entry& a, const Entry& b) {
-      return a.dataOffset != b.dataOffset ? a.dataOffset < b.dataOffset : a.index < b.index;
-    });
-    begin_ = entries;
-    end_ = last;
+    const auto before = [](const Entry& a, const Entry& b) { return a.dataOffset < b.dataOffset; };
+    // Columns with one offset stay in column order.
+    if (!std::is_sorted(begin_, end_, before)) std::stable_sort(begin_, end_, before);
   }
   PackingOrder(const PackingOrder&) = delete;
   PackingOrder& operator=(const PackingOrder&) = delete;
 
   struct Entry {
     len_t dataOffset;
-    len_t index;
     len_t slotOffset;
   };
   const Entry* begin() const { return begin_; }
@@ -182,8 +171,8 @@ class BaseRow::PackingOrder {
  private:
   std::array<Entry, 64> few_;  // ordinary rows need no allocation
   std::vector<Entry> many_;
-  const Entry* begin_;
-  const Entry* end_;
+  Entry* begin_;
+  Entry* end_;
 };
 
 varFieldMap::varFieldMap(const BaseRow& row) {
@@ -194,83 +183,88 @@ varFieldMap::varFieldMap(const BaseRow& row) {
   }
 }
 
+namespace {
+
+/// Adds a row's bytes and a value's; throws where no row is as long.
+unsigned int checkedRowLength(unsigned int length) {
+  if (length > maxRowLength) throw KoOutOfRange("Row length exceeds 65535 bytes");
+  return length;
+}
+
+/// The length of a row that has room for `needed` bytes behind `others`, or among them if they are
+/// packed.
+unsigned int lengthWithRoom(unsigned int rowLength, unsigned int needed, unsigned int baseLength,
+                            const detail::Extent& others) {
+  if (others.end + needed <= rowLength) return rowLength;
+  const int free = static_cast<int>(rowLength - baseLength - others.used);
+  const int shortfall = static_cast<int>(needed) - free;
+  if (shortfall < 0) return rowLength;
+  return checkedRowLength(rowLength + static_cast<unsigned int>(shortfall));
+}
+
+}  // namespace
+
 /// The order of the choices is part of the contract: reuse in place, append at the used end, grow
 /// by only the shortfall, pack only when that is still not enough. Rows that are not fully defined
 /// reuse in place or append at the row's end.
-void BaseRow::findRoom(len_t slotOffset, len_t needed, len_t baseRowLength, Room& room) const {
-  const byte_t* const buf = rowBuf();
+BaseRow::Room BaseRow::findRoom(const byte_t* buf, len_t slotOffset, len_t needed,
+                                len_t baseRowLength) const {
+  using Place = Room::Place;
   const VColType& own = VColType::at(buf, slotOffset);
-  const int rowLength = loadField<len_t>(buf + rowLengthOffset);
+  const unsigned int rowLength = loadField<len_t>(buf + rowLengthOffset);
   if (own.length() != 0 && needed <= own.length()) {
-    room.place = Room::Place::ofPresentValue;
-    room.offset = own.offset();
-    return;
+    return {Place::ofPresentValue, own.offset(), rowLength};
   }
-
-  int end = rowLength;
-  int newLength = rowLength + needed;
-  const bool mayPack = isFullyDefined();
-  if (mayPack) {
-    int used = 0;
-    end = baseRowLength;
-    for (const len_t other : vcd()) {  // no branches: rows have many columns
-      const VColType& slot = VColType::at(buf, other);
-      const int length = other == slotOffset ? 0 : slot.length();
-      used += length;
-      end = std::max(end, length == 0 ? 0 : slot.offset() + length);
-    }
-    const int free = rowLength - baseRowLength - used;
-    if (needed <= rowLength - end || needed < free) {
-      newLength = rowLength;
-    } else {
-      newLength = rowLength + needed - free;
-    }
+  if (!isFullyDefined()) {
+    return {Place::atOffset, rowLength, checkedRowLength(rowLength + needed)};
   }
-  if (newLength > static_cast<int>(maxRowLength)) {
-    throw KoOutOfRange("Row length exceeds 65535 bytes");
+  detail::Extent others{baseRowLength};
+  for (const len_t slot : vcd()) {
+    if (slot != slotOffset) others.add(VColType::at(buf, slot));
   }
-  const bool fitsBehind = !mayPack || needed <= newLength - end;
-  room.place = fitsBehind ? Room::Place::atOffset : Room::Place::behindPackedData;
-  room.offset = static_cast<unsigned int>(end);
-  room.rowLength = static_cast<unsigned int>(newLength);
+  const unsigned int newLength = lengthWithRoom(rowLength, needed, baseRowLength, others);
+  const bool fitsBehind = others.end + needed <= newLength;
+  return {fitsBehind ? Place::atOffset : Place::behindPackedData, others.end, newLength};
 }
 
 /// Every allocation comes before the first change, so a failed one leaves the row as it was.
 len_t BaseRow::takeRoom(const Room& room, len_t slotOffset, len_t baseRowLength) {
+  byte_t* const buf = rwRowBuf();
   const len_t offset = static_cast<len_t>(room.offset);
-  if (room.place == Room::Place::ofPresentValue) return offset;
-  const len_t rowLength = static_cast<len_t>(room.rowLength);
-  if (room.place == Room::Place::atOffset) {
-    grow(rowLength);
-    VColType::at(rwRowBuf(), slotOffset).clear();
-    return offset;
+  const len_t newLength = static_cast<len_t>(room.rowLength);
+  switch (room.place) {
+    case Room::Place::ofPresentValue:
+      return offset;
+    case Room::Place::atOffset:
+      VColType::at(grow(buf, newLength), slotOffset).clear();
+      return offset;
+    case Room::Place::behindPackedData:
+      break;
   }
   const PackingOrder order(*this, slotOffset);
-  grow(rowLength);
-  VColType::at(rwRowBuf(), slotOffset).clear();
+  VColType::at(grow(buf, newLength), slotOffset).clear();
   return pack(order, baseRowLength);
 }
 
-void BaseRow::grow(len_t newLength) {
-  byte_t* const buf = rwRowBuf();
+/// The row's buffer, grown to at least `newLength`.
+byte_t* BaseRow::grow(byte_t* buf, len_t newLength) {
   const len_t length = loadField<len_t>(buf + rowLengthOffset);
-  if (newLength <= length) return;
+  if (newLength <= length) return buf;
   byte_t* const grown = static_cast<byte_t*>(std::realloc(buf, newLength));
   if (grown == nullptr) throw std::bad_alloc();
   replaceRow(grown);
   // Nothing of the heap's old contents may leave the process with the row.
   std::memset(grown + length, 0, static_cast<std::size_t>(newLength - length));
   storeField<len_t>(grown + rowLengthOffset, newLength);
+  return rwRowBuf();
 }
 
 len_t BaseRow::makeFreeSpace(len_t slotOffset, len_t needed, len_t baseRowLength) {
   KORVO_ASSERT(baseRowLength != 0, "baseRowLength != 0", thisFile,
                "Korvo::len_t Korvo::BaseRow::makeFreeSpace(Korvo::len_t, Korvo::len_t, "
                "Korvo::len_t)");
-  rwRowBuf();  // room is only ever made in a row that may be written
-  Room room;
-  findRoom(slotOffset, needed, baseRowLength, room);
-  return takeRoom(room, slotOffset, baseRowLength);
+  const byte_t* const buf = rwRowBuf();  // room is only ever made in a row that may be written
+  return takeRoom(findRoom(buf, slotOffset, needed, baseRowLength), slotOffset, baseRowLength);
 }
 
 len_t BaseRow::compactVariableData(len_t baseRowLength) {
@@ -278,16 +272,22 @@ len_t BaseRow::compactVariableData(len_t baseRowLength) {
 }
 
 len_t BaseRow::pack(const PackingOrder& order, len_t baseRowLength) {
+  byte_t* buf = rowBuf();
+  bool mayWrite = false;
   len_t position = baseRowLength;
   for (const auto& column : order) {
     // Of columns that claim the same data, the last keeps it.
     if (&column + 1 != order.end() && (&column + 1)->dataOffset == column.dataOffset) continue;
-    VColType& slot = VColType::at(rowBuf(), column.slotOffset);
-    if (slot.offset() <= position) {
-      position = static_cast<len_t>(position + slot.length());
-    } else {
-      position = moveVariableColumn(&slot, column.slotOffset, position);
+    const len_t length = VColType::at(buf, column.slotOffset).length();
+    if (column.dataOffset > position) {
+      if (!mayWrite) {
+        if (!isSoleHolder()) makeExclusive();
+        buf = rwRowBuf();
+        mayWrite = true;
+      }
+      moveValue(buf, column.slotOffset, column.dataOffset, length, position);
     }
+    position = static_cast<len_t>(position + length);
   }
   return position;
 }
@@ -296,11 +296,8 @@ len_t BaseRow::moveVariableColumn(VColType* slot, len_t slotOffset, len_t to) {
   const len_t from = slot->offset();
   const len_t length = slot->length();
   if (length == 0) return to;
-  makeExclusive();
-  byte_t* const buf = rwRowBuf();
-  std::memmove(buf + to, buf + from, length);
-  VColType& moved = VColType::at(buf, slotOffset);
-  moved.valueIs(to, length, moved.isArray());
+  if (!isSoleHolder()) makeExclusive();
+  moveValue(rwRowBuf(), slotOffset, from, length, to);
   return static_cast<len_t>(to + length);
 }
 
@@ -324,39 +321,61 @@ len_t BaseRow::makeExclusiveRoom(len_t slotOffset, std::size_t needed, len_t fdL
   KORVO_ASSERT(fdLen != 0, "baseRowLength != 0", thisFile,
                "Korvo::len_t Korvo::BaseRow::makeFreeSpace(Korvo::len_t, Korvo::len_t, "
                "Korvo::len_t)");
-  Room room;
-  findRoom(slotOffset, static_cast<len_t>(needed), fdLen, room);
+  const Room room = findRoom(rowBuf(), slotOffset, static_cast<len_t>(needed), fdLen);
+  if (isSoleHolder()) return takeRoom(room, slotOffset, fdLen);
   former = makeExclusive();
   try {
     return takeRoom(room, slotOffset, fdLen);
   } catch (...) {
-    if (former) rowBuf_ = former;
+    rowBuf_ = former;
     throw;
   }
 }
 
 void BaseRow::clearColumn(len_t slotOffset) {
-  makeExclusive();
+  if (!isSoleHolder()) makeExclusive();
   VColType::at(rwRowBuf(), slotOffset).clear();
 }
 
-void BaseRow::writeValue(len_t slotOffset, len_t fdLen, const detail::EncodedValue& given,
+void BaseRow::writeValue(len_t slotOffset, len_t fdLen, const detail::EncodedValue& value,
                          bool isArray) {
-  detail::EncodedValue value = given;
   const std::size_t length = value.length();
   if (length == 0) return clearColumn(slotOffset);
   const byte_t* const buf = rowBuf();
-  // A value that stands in this very buffer would move under the writer's hands.
-  std::vector<byte_t> copy;
-  if (liesIn(value.bytes, buf, loadField<len_t>(buf + rowLengthOffset))) {
-    copy.assign(value.bytes, value.bytes + value.byteCount);
-    value.bytes = copy.data();
+  if (liesIn(value.bytes, buf, loadField<len_t>(buf + rowLengthOffset))) [[unlikely]] {
+    return writeCopied(slotOffset, fdLen, value, isArray);
+  }
+  const VColType& present = VColType::at(buf, slotOffset);
+  if (length <= present.length() && fdLen != 0) {
+    const len_t offset = present.offset();
+    if (!isSoleHolder()) makeExclusive();
+    return storeValue(rwRowBuf(), slotOffset, offset, value, isArray);
   }
   KoPtr<KoRowBuf> former;
   const len_t offset = makeExclusiveRoom(slotOffset, length, fdLen, former);
-  byte_t* const own = rwRowBuf();
-  value.store(own + offset);
-  VColType::at(own, slotOffset).valueIs(offset, static_cast<len_t>(length), isArray);
+  storeValue(rwRowBuf(), slotOffset, offset, value, isArray);
+}
+
+/// Writes a value that stands in this very buffer, where it would move under the writer's hands.
+void BaseRow::writeCopied(len_t slotOffset, len_t fdLen, detail::EncodedValue value, bool isArray) {
+  const std::vector<byte_t> copy(value.bytes, value.bytes + value.byteCount);
+  value.bytes = copy.data();
+  writeValue(slotOffset, fdLen, value, isArray);
+}
+
+/// Writes a value to an empty column of a row that nobody shares and that has no room for it behind
+/// its other values.
+void BaseRow::growForValue(len_t slotOffset, len_t fdLen, const detail::EncodedValue& value,
+                           const detail::Extent& others) {
+  byte_t* buf = rwRowBuf();
+  const len_t rowLength = loadField<len_t>(buf + rowLengthOffset);
+  const unsigned int length = static_cast<unsigned int>(value.length());
+  const unsigned int newLength = lengthWithRoom(rowLength, length, fdLen, others);
+  if (others.end + length > newLength || liesIn(value.bytes, buf, rowLength)) {
+    return writeValue(slotOffset, fdLen, value, false);
+  }
+  buf = grow(buf, static_cast<len_t>(newLength));
+  storeValue(buf, slotOffset, static_cast<len_t>(others.end), value, false);
 }
 
 void BaseRow::copyVarColumn(len_t srcSlotOffset, const BaseRow& src, len_t dstSlotOffset,
@@ -371,27 +390,12 @@ void BaseRow::copyVarColumn(len_t srcSlotOffset, const BaseRow& src, len_t dstSl
   }
 }
 
-byte_t* BaseRow::beginArray(len_t slotOffset, len_t fdLen, std::size_t count, std::size_t length,
-                            bool variableElements) {
+byte_t* BaseRow::arrayRoom(len_t slotOffset, std::size_t length, len_t fdLen) {
   KoPtr<KoRowBuf> former;
   const len_t offset = makeExclusiveRoom(slotOffset, length, fdLen, former);
   byte_t* const buf = rwRowBuf();
   VColType::at(buf, slotOffset).valueIs(offset, static_cast<len_t>(length), true);
-  byte_t* const array = buf + offset;
-  // Bits 13 to 15 stay as they are in the buffer; nobody interprets them.
-  const int kept = array[1] & ~(arrayCountHighMask | arrayVariableMark);
-  array[0] = static_cast<byte_t>(count);
-  array[1] = static_cast<byte_t>(kept | (variableElements ? arrayVariableMark : 0) |
-                                 (static_cast<int>(count >> 8) & arrayCountHighMask));
-  return array;
-}
-
-byte_t* BaseRow::appendElement(byte_t* array, std::size_t index, byte_t* data,
-                               const detail::EncodedValue& value) {
-  VColType::at(array, arrayHeaderLength + sizeof(VColType) * index)
-      .valueIs(static_cast<len_t>(data - array), static_cast<len_t>(value.length()), false);
-  value.store(data);
-  return data + value.length();
+  return buf + offset;
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -2,7 +2,10 @@
 
 #include "addressText.h"
 
+#include <Korvo/bytes.h>
+
 #include <cstddef>
+#include <cstdint>
 
 namespace Korvo::detail {
 namespace {
@@ -36,72 +39,80 @@ bool isPlain(char c) {
   return c >= 0x20 && c != '"' && c != '\\' && c < 0x7F;
 }
 
-void appendEscaped(std::string& json, char c) {
-  switch (c) {
-    case '"':
-      json += "\\\"";
+/// How many characters at the front of `text` stand for themselves.
+std::size_t plainLength(std::string_view text) {
+  constexpr std::uint64_t ones = 0x0101010101010101;
+  constexpr std::uint64_t highBits = 0x80 * ones;
+  // The high bit of every byte that is zero, and perhaps of bytes behind it.
+  const auto zeroBytes = [](std::uint64_t word) { return (word - ones) & ~word; };
+  std::size_t length = 0;
+  for (; text.size() - length >= 8; length += 8) {
+    const auto word = loadField<std::uint64_t>(text.data() + length);
+    const std::uint64_t control = (word - ' ' * ones) & ~word;
+    if (((control | zeroBytes(word ^ '"' * ones) | zeroBytes(word ^ '\\' * ones) | word) &
+         highBits) != 0) {
       break;
-    case '\\':
-      json += "\\\\";
-      break;
-    case '\n':
-      json += "\\n";
-      break;
-    case '\t':
-      json += "\\t";
-      break;
-    case '\r':
-      json += "\\r";
-      break;
-    default:
-      json += "\\u00";
-      json += hexDigits[c >> 4];
-      json += hexDigits[c & 0xF];
+    }
   }
-}
-
-void appendAddress(std::string& json, AddressFamily af, const byte_t* bytes) {
-  char text[addressTextLength];
-  json.append(text, writeAddress(text, af, bytes));
+  while (length < text.size() && isPlain(text[length])) ++length;
+  return length;
 }
 
 }  // namespace
 
-void appendJsonString(std::string& json, std::string_view text) {
-  json += '"';
-  while (!text.empty()) {
-    std::size_t plain = 0;
-    while (plain < text.size() && isPlain(text[plain])) ++plain;
-    json += text.substr(0, plain);
+void JsonText::putEscaped(char c) {
+  switch (c) {
+    case '"':
+      return put("\\\"");
+    case '\\':
+      return put("\\\\");
+    case '\n':
+      return put("\\n");
+    case '\t':
+      return put("\\t");
+    case '\r':
+      return put("\\r");
+    default:
+      put("\\u00");
+      put(hexDigits[c >> 4]);
+      put(hexDigits[c & 0xF]);
+  }
+}
+
+void JsonText::putString(std::string_view text) {
+  put('"');
+  while (true) {
+    const std::size_t plain = plainLength(text);
+    put(text.substr(0, plain));
     text.remove_prefix(plain);
     if (text.empty()) break;
     const char c = text.front();
     std::size_t length = 1;
-    if (static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\') {
-      appendEscaped(json, c);
+    if ((c >= 0 && c < 0x20) || c == '"' || c == '\\') {
+      putEscaped(c);
     } else if ((length = utf8SequenceLength(text)) != 0) {
-      json += text.substr(0, length);
+      put(text.substr(0, length));
     } else {
-      json += "\xEF\xBF\xBD";
+      put("\xEF\xBF\xBD");
       length = 1;
     }
     text.remove_prefix(length);
   }
-  json += '"';
+  put('"');
 }
 
-void appendJsonAddress(std::string& json, AddressFamily af, const byte_t* bytes) {
-  json += '"';
-  appendAddress(json, af, bytes);
-  json += '"';
+void JsonText::putAddress(AddressFamily af, const byte_t* bytes) {
+  put('"');
+  char* const to = room(addressTextLength);
+  length_ += static_cast<std::size_t>(writeAddress(to, af, bytes) - to);
+  put('"');
 }
 
-void appendJsonPrefix(std::string& json, AddressFamily af, const byte_t* bytes, unsigned int mask) {
-  json += '"';
-  appendAddress(json, af, bytes);
-  json += '/';
-  appendJsonNumber(json, mask);
-  json += '"';
+void JsonText::putPrefix(AddressFamily af, const byte_t* bytes, unsigned int mask) {
+  putAddress(af, bytes);
+  text_[length_ - 1] = '/';  // the quote moves behind the length
+  putNumber(mask);
+  put('"');
 }
 
 }  // namespace Korvo::detail

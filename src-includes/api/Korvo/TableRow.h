@@ -16,6 +16,7 @@
 
 #include <Korvo/baseRow.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <span>
@@ -233,6 +234,26 @@ class RowLayout {
   using Type = typename std::tuple_element_t<index<Name>, std::tuple<Columns...>>::Type;
   template <ColumnName Name>
   static constexpr len_t offset = columns[index<Name>].offset;
+
+  /// The slot offsets of the variable-length columns, in column order.
+  static constexpr auto slots = [] {
+    constexpr std::array<bool, count> isVariable = {
+        detail::ColumnTraits<typename Columns::Type>::isVariable...};
+    std::array<len_t, std::count(isVariable.begin(), isVariable.end(), true)> all{};
+    std::size_t slot = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+      if (isVariable[i]) all[slot++] = columns[i].offset;
+    }
+    return all;
+  }();
+
+  /// The place that the values in a row's buffer take.
+  [[gnu::noinline]] static detail::Extent extent(const byte_t* buf) noexcept {
+    detail::Extent values{baseLength};
+#pragma GCC unroll 16
+    for (const len_t slot : slots) values.add(VColType::at(buf, slot));
+    return values;
+  }
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -281,9 +302,6 @@ auto copyColumn(const Row& row, len_t offset) {
 
 /// The columns of `row` as a JSON object, or null for a null row.
 KORVO_API std::string rowAsJson(const BaseRow& row, const LayoutInfo& layout);
-
-/// The slot offsets of the layout's variable-length columns, in column order.
-KORVO_API BaseRow::vcdType slotOffsets(const LayoutInfo& layout);
 
 /// Throws KoInvalidArgument "Unknown column - (name)" for a name that the layout does not have.
 KORVO_API len_t offsetOf(const LayoutInfo& layout, std::string_view name);
@@ -339,7 +357,7 @@ class SubRow final : public SubRowReference, public detail::ColumnReaders<SubRow
   explicit SubRow(const SubRowReference& row) : SubRowReference(row) {}
 
   BaseRow::vcdType& vcd() const override {
-    static vcdType slots = detail::slotOffsets(Layout::info);
+    static vcdType slots(Layout::slots.begin(), Layout::slots.end());
     return slots;
   }
   len_t columnOffset(const std::string& name) const override {
@@ -374,12 +392,10 @@ class TableRow : public BaseRow,
   template <ColumnName Name>
   requires(detail::takesItsType<ColumnType<Name>>) void set(const ColumnType<Name>& value) {
     using T = ColumnType<Name>;
-    if constexpr (std::is_same_v<T, std::vector<bool>>) {
-      updateFixElemArray(slot<Name>, Layout::baseLength, value);
-    } else if constexpr (detail::isVector<T>) {
-      setColumn(slot<Name>, value, Layout::baseLength);
+    if constexpr (detail::isVector<T>) {
+      writeOwnArray<Layout>(slot<Name>, value);
     } else {
-      setFixedColumn(slot<Name>, value);
+      setOwnField(slot<Name>, value);
     }
   }
   /// Text: whatever converts to std::string_view. An address or a prefix: the value or its
@@ -388,16 +404,13 @@ class TableRow : public BaseRow,
   requires(!detail::takesItsType<ColumnType<Name>>) void set(const Value& value) {
     using T = ColumnType<Name>;
     if constexpr (std::is_same_v<T, std::string>) {
-      const std::string_view text = value;
-      if (text.size() > maxValueLength) throw KoOutOfRange("Encoded value exceeds 32767 bytes");
-      setColumn(slot<Name>, StringValueReference(text.data(), static_cast<len_t>(text.size())),
-                Layout::baseLength);
+      writeOwnValue<Layout>(slot<Name>, detail::encoded(std::string_view(value)));
     } else if constexpr (!detail::isArrayElement<T>) {
-      setNested(slot<Name>, value, std::type_identity<T>());
+      writeOwnValue<Layout>(slot<Name>, encodedNested(value, std::type_identity<T>()));
     } else if constexpr (std::is_same_v<Value, typename detail::ColumnTraits<T>::View>) {
-      setColumn(slot<Name>, value, Layout::baseLength);
+      writeOwnValue<Layout>(slot<Name>, detail::encoded(value));
     } else {
-      setColumn<T>(slot<Name>, value, Layout::baseLength);
+      writeOwnValue<Layout>(slot<Name>, detail::encoded(static_cast<const T&>(value)));
     }
   }
 
@@ -405,7 +418,7 @@ class TableRow : public BaseRow,
   byte_t* rwRowBuf() final { return BaseRow::rwRowBuf(); }
   bool isNull() const final { return BaseRow::isNull(); }
   vcdType& vcd() const final {
-    static vcdType slots = detail::slotOffsets(Layout::info);
+    static vcdType slots(Layout::slots.begin(), Layout::slots.end());
     return slots;
   }
   len_t columnOffset(const std::string& name) const override {
@@ -419,15 +432,16 @@ class TableRow : public BaseRow,
   template <ColumnName Name>
   static constexpr len_t slot = Layout::template offset<Name>;
 
+  /// The rows whose bytes a column of nested rows takes.
   template <typename NestedLayout>
-  void setNested(len_t offset, const TableRow<NestedLayout>& row,
-                 std::type_identity<Nested<NestedLayout>>) {
-    setColumn(offset, SubRowReference(row.rowBuf()), Layout::baseLength);
+  static detail::EncodedValue encodedNested(const TableRow<NestedLayout>& row,
+                                            std::type_identity<Nested<NestedLayout>>) {
+    return detail::encodedRow(row.rowBuf());
   }
   template <typename NestedLayout>
-  void setNested(len_t offset, const SubRow<NestedLayout>& row,
-                 std::type_identity<Nested<NestedLayout>>) {
-    setColumn<SubRowReference>(offset, row, Layout::baseLength);
+  static detail::EncodedValue encodedNested(const SubRow<NestedLayout>& row,
+                                            std::type_identity<Nested<NestedLayout>>) {
+    return detail::encodedRow(row.rowBuf());
   }
 };
 

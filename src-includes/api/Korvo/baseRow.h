@@ -41,6 +41,7 @@
 #include <Korvo/korvo_types.h>
 
 #include <algorithm>
+#include <atomic>
 #include <compare>
 #include <cstdlib>
 #include <iterator>
@@ -50,6 +51,14 @@
 #include <string_view>
 #include <type_traits>
 #include <vector>
+
+#if defined(__SANITIZE_THREAD__)
+#define KORVO_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KORVO_THREAD_SANITIZER 1
+#endif
+#endif
 
 namespace Korvo {
 
@@ -274,6 +283,53 @@ inline constexpr bool isVector = false;
 template <typename T>
 inline constexpr bool isVector<std::vector<T>> = true;
 
+/// The place that values take in a row.
+struct Extent {
+  unsigned int end;       ///< behind the last one, at least the base length
+  unsigned int used = 0;  ///< bytes of all of them
+
+  /// No branches: rows have many columns, and some are empty.
+  void add(const VColType& slot) noexcept {
+    const auto word = loadField<std::uint32_t>(&slot);
+    const unsigned int length = word >> 16 & maxValueLength;
+    const unsigned int ifPresent = 0U - static_cast<unsigned int>(length != 0);
+    end = std::max(end, ((word & 0xFFFF) + length) & ifPresent);
+    used += length;
+  }
+};
+
+/// Two unsigned words: what one vector register holds.
+struct WordPair {
+  std::uint64_t low;
+  std::uint64_t high;
+};
+
+/// Copies bytes that may overlap: all of one step are read before the first is written. Most values
+/// are short, and a few moves in place cost less than a call.
+inline void moveBytes(byte_t* to, const byte_t* from, std::size_t count) noexcept {
+  // Where it sees short arrays, g++ warns of the steps for longer ones, which are not taken.
+  asm("" : "+r"(to), "+r"(from));
+  const auto bothEnds = [&]<typename Word>(std::type_identity<Word>) {
+    const Word first = loadField<Word>(from);
+    const Word last = loadField<Word>(from + count - sizeof(Word));
+    storeField(to, first);
+    storeField(to + count - sizeof(Word), last);
+  };
+  if (count > 32) {
+    std::memmove(to, from, count);
+  } else if (count >= 16) {
+    bothEnds(std::type_identity<WordPair>());
+  } else if (count >= 8) {
+    bothEnds(std::type_identity<std::uint64_t>());
+  } else if (count >= 4) {
+    bothEnds(std::type_identity<std::uint32_t>());
+  } else if (count != 0) {
+    const byte_t middle = from[count / 2];
+    bothEnds(std::type_identity<byte_t>());
+    to[count / 2] = middle;
+  }
+}
+
 /// An encoded value before it is written: for a prefix the byte of its length, then the bytes.
 struct EncodedValue {
   const byte_t* bytes;
@@ -282,9 +338,10 @@ struct EncodedValue {
   byte_t prefixLength = 0;
 
   std::size_t length() const { return byteCount + (hasPrefixLength ? 1 : 0); }
+  /// The value may refer to bytes that it is written over.
   void store(byte_t* to) const {
-    if (hasPrefixLength) *to++ = prefixLength;
-    if (byteCount != 0) std::memcpy(to, bytes, byteCount);
+    moveBytes(hasPrefixLength ? to + 1 : to, bytes, byteCount);
+    if (hasPrefixLength) *to = prefixLength;
   }
 };
 
@@ -321,6 +378,22 @@ inline EncodedValue encoded(const IpGenPrefixReference& prefix) {
   return encodedPrefix(prefix.af(), prefix.mask(), prefix.addr());
 }
 EncodedValue encoded(const SubRowReference& row);
+/// A whole row, which begins at `row`.
+inline EncodedValue encodedRow(const byte_t* row) {
+  return {row, loadField<len_t>(row + rowLengthOffset)};
+}
+
+/// The encoded length of an array.
+template <typename T>
+std::size_t arrayLength(const std::vector<T>& values) {
+  if constexpr (std::is_same_v<T, bool>) {
+    return arrayHeaderLength + values.size();
+  } else {
+    std::size_t length = arrayHeaderLength + sizeof(VColType) * values.size();
+    for (const T& value : values) length += encoded(value).length();
+    return length;
+  }
+}
 
 /// The family that an encoded address of `length` bytes has; the length alone tells it.
 constexpr AddressFamily familyOfAddress(std::size_t length) {
@@ -625,6 +698,17 @@ class KORVO_API BaseRow {
 
   [[noreturn]] static void throwNullRow();
 
+  // The writers without a virtual call, for row classes whose rwRowBuf() is BaseRow's own. `Slots`
+  // is what such a class knows of its columns while it is compiled: baseLength, and extent(buf),
+  // the place that all values take in a buffer.
+
+  template <typename T>
+  void setOwnField(len_t offset, const T& value);
+  template <typename Slots>
+  void writeOwnValue(len_t slotOffset, const detail::EncodedValue& value);
+  template <typename Slots, typename T>
+  void writeOwnArray(len_t slotOffset, const std::vector<T>& values);
+
   KoPtr<KoRowBuf> rowBuf_;
 
  private:
@@ -632,20 +716,23 @@ class KORVO_API BaseRow {
   class PackingOrder;
 
   bool isSoleHolder() const noexcept;
+  void copySharedRow();
   KoPtr<KoRowBuf> makeExclusive();
-  void findRoom(len_t slotOffset, len_t needed, len_t baseRowLength, Room& room) const;
+  Room findRoom(const byte_t* buf, len_t slotOffset, len_t needed, len_t baseRowLength) const;
   len_t takeRoom(const Room& room, len_t slotOffset, len_t baseRowLength);
-  void grow(len_t newLength);
+  byte_t* grow(byte_t* buf, len_t newLength);
   len_t pack(const PackingOrder& order, len_t baseRowLength);
   len_t makeExclusiveRoom(len_t slotOffset, std::size_t needed, len_t fdLen,
                           KoPtr<KoRowBuf>& former);
   void clearColumn(len_t slotOffset);
-  void writeValue(len_t slotOffset, len_t fdLen, const detail::EncodedValue& given, bool isArray);
-  /// Room for an array of `length` bytes, its slot and header written; returns its first byte.
-  byte_t* beginArray(len_t slotOffset, len_t fdLen, std::size_t count, std::size_t length,
-                     bool variableElements);
-  static byte_t* appendElement(byte_t* array, std::size_t index, byte_t* data,
-                               const detail::EncodedValue& value);
+  void writeValue(len_t slotOffset, len_t fdLen, const detail::EncodedValue& value, bool isArray);
+  void writeCopied(len_t slotOffset, len_t fdLen, detail::EncodedValue value, bool isArray);
+  void growForValue(len_t slotOffset, len_t fdLen, const detail::EncodedValue& value,
+                    const detail::Extent& others);
+  /// Room for an array of `length` bytes, its slot written; returns its first byte.
+  byte_t* arrayRoom(len_t slotOffset, std::size_t length, len_t fdLen);
+  template <typename T>
+  static void storeArray(byte_t* array, const std::vector<T>& values);
   template <typename T>
   void setField(len_t offset, const T& value);
   template <typename T>
@@ -768,6 +855,19 @@ inline bool BaseRow::isNull() const {
   return !rowBuf_;
 }
 
+inline bool BaseRow::isSoleHolder() const noexcept {
+  if (rowBuf_.use_count() != 1) return false;
+    // The use count is read without ordering. Former holders may have read the buffer on other
+    // threads until they let go of it, so their releases are made to happen before our writes.
+#ifdef KORVO_THREAD_SANITIZER
+  // ThreadSanitizer does not follow fences; a read-modify-write of the count makes the same edge.
+  const KoPtr<KoRowBuf> edge = rowBuf_;
+#else
+  std::atomic_thread_fence(std::memory_order_acquire);
+#endif
+  return true;
+}
+
 inline BaseRow::vcdType& BaseRow::vcd() const {
   detail::assertionFailed("0", "src-includes/api/Korvo/baseRow.h", __LINE__,
                           "virtual Korvo::BaseRow::vcdType& Korvo::BaseRow::vcd() const");
@@ -803,8 +903,7 @@ inline bool SubRowReference::isNull() const {
 }
 
 inline detail::EncodedValue detail::encoded(const SubRowReference& row) {
-  const byte_t* const bytes = row.rowBuf();
-  return {bytes, loadField<len_t>(bytes + rowLengthOffset)};
+  return encodedRow(row.rowBuf());
 }
 
 template <typename T>
@@ -823,8 +922,45 @@ void BaseRow::setFixedColumn(len_t offset, const T& value) {
 template <typename T>
 void BaseRow::setField(len_t offset, const T& value) {
   const T copy = value;  // it may stand in the buffer that is given up
-  makeExclusive();
+  if (!isSoleHolder()) copySharedRow();
   storeField(rwRowBuf() + offset, copy);
+}
+
+template <typename T>
+void BaseRow::setOwnField(len_t offset, const T& value) {
+  static_assert(detail::isFixed<T>);
+  const T copy = value;  // it may stand in the buffer that is given up
+  if (!isSoleHolder()) copySharedRow();
+  storeField(BaseRow::rwRowBuf() + offset, copy);
+}
+
+// Where a value goes is BaseRow::findRoom's decision; these two make it here where nothing but the
+// column itself changes.
+
+template <typename Slots>
+[[gnu::always_inline]] inline void BaseRow::writeOwnValue(len_t slotOffset,
+                                                          const detail::EncodedValue& value) {
+  const std::size_t length = value.length();
+  if (length != 0 && length <= maxValueLength && isSoleHolder()) {
+    byte_t* const buf = BaseRow::rwRowBuf();
+    VColType& slot = VColType::at(buf, slotOffset);
+    unsigned int offset = 0;
+    if (slot.length() != 0) {
+      if (length <= slot.length()) offset = slot.offset();
+    } else {
+      const detail::Extent others = Slots::extent(buf);
+      if (others.end + length > loadField<len_t>(buf + rowLengthOffset)) {
+        return growForValue(slotOffset, Slots::baseLength, value, others);
+      }
+      offset = others.end;
+    }
+    if (offset != 0) {
+      value.store(buf + offset);
+      slot.valueIs(static_cast<len_t>(offset), static_cast<len_t>(length), false);
+      return;
+    }
+  }
+  writeValue(slotOffset, Slots::baseLength, value, false);
 }
 
 template <typename T>
@@ -925,23 +1061,58 @@ void BaseRow::updateVarElemArray(len_t slotOffset, len_t fdLen, const std::vecto
   static_assert(detail::isArrayElement<T>,
                 "updateVarElemArray<T>: T is std::string, IpGenAddr or IpGenPrefix");
   if (values.empty()) return clearColumn(slotOffset);
-  std::size_t length = arrayHeaderLength + sizeof(VColType) * values.size();
-  for (const T& value : values) length += detail::encoded(value).length();
-  byte_t* const array = beginArray(slotOffset, fdLen, values.size(), length, true);
-  byte_t* data = array + arrayHeaderLength + sizeof(VColType) * values.size();
-  for (std::size_t i = 0; i < values.size(); ++i) {
-    data = appendElement(array, i, data, detail::encoded(values[i]));
-  }
+  storeArray(arrayRoom(slotOffset, detail::arrayLength(values), fdLen), values);
 }
 
 template <typename T>
 void BaseRow::updateFixElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values) {
   static_assert(std::is_same_v<T, bool>, "updateFixElemArray<T>: T is bool");
   if (values.empty()) return clearColumn(slotOffset);
-  byte_t* to =
-      beginArray(slotOffset, fdLen, values.size(), arrayHeaderLength + values.size(), false) +
-      arrayHeaderLength;
-  for (const bool value : values) *to++ = value ? 1 : 0;
+  storeArray(arrayRoom(slotOffset, detail::arrayLength(values), fdLen), values);
+}
+
+template <typename Slots, typename T>
+void BaseRow::writeOwnArray(len_t slotOffset, const std::vector<T>& values) {
+  if (values.empty()) return clearColumn(slotOffset);
+  const std::size_t length = detail::arrayLength(values);
+  if (length <= maxValueLength && isSoleHolder()) {
+    byte_t* const buf = BaseRow::rwRowBuf();
+    VColType& slot = VColType::at(buf, slotOffset);
+    if (slot.length() == 0) {
+      const unsigned int end = Slots::extent(buf).end;
+      if (end + length <= loadField<len_t>(buf + rowLengthOffset)) {
+        slot.valueIs(static_cast<len_t>(end), static_cast<len_t>(length), true);
+        return storeArray(buf + end, values);
+      }
+    }
+  }
+  storeArray(arrayRoom(slotOffset, length, Slots::baseLength), values);
+}
+
+template <typename T>
+void BaseRow::storeArray(byte_t* array, const std::vector<T>& values) {
+  constexpr bool variable = !std::is_same_v<T, bool>;
+  // Bits 13 to 15 of the header stay as they are in the buffer; nobody interprets them.
+  const std::size_t count = values.size();
+  const int kept = array[1] & ~(arrayCountHighMask | arrayVariableMark);
+  array[0] = static_cast<byte_t>(count);
+  array[1] = static_cast<byte_t>(kept | (variable ? arrayVariableMark : 0) |
+                                 (static_cast<int>(count >> 8) & arrayCountHighMask));
+  byte_t* slot = array + arrayHeaderLength;
+  if constexpr (variable) {
+    byte_t* data = slot + sizeof(VColType) * count;
+    for (const T& value : values) {
+      const detail::EncodedValue encoded = detail::encoded(value);
+      const std::size_t length = encoded.length();
+      VColType::at(slot, 0).valueIs(static_cast<len_t>(data - array), static_cast<len_t>(length),
+                                    false);
+      encoded.store(data);
+      slot += sizeof(VColType);
+      data += length;
+    }
+  } else {
+    for (const bool value : values) *slot++ = value ? 1 : 0;
+  }
 }
 
 template <typename T>
@@ -1008,9 +1179,7 @@ template <typename T>
 len_t BaseRow::encodeLength(const std::vector<T>& values) {
   static_assert(detail::isArrayElement<T>,
                 "encodeLength of an array: the elements are std::string, IpGenAddr or IpGenPrefix");
-  std::size_t length = arrayHeaderLength + sizeof(VColType) * values.size();
-  for (const T& value : values) length += detail::encoded(value).length();
-  return static_cast<len_t>(length);
+  return static_cast<len_t>(detail::arrayLength(values));
 }
 
 template <typename T>
