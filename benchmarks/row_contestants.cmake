@@ -30,9 +30,5 @@ add_library(row_contestants STATIC ${generated}/row_generated.h ${generated}/row
 target_include_directories(row_contestants SYSTEM PUBLIC ${generated} ${FLATBUFFERS_INCLUDE_DIR}
   ${RAPIDJSON_INCLUDE_DIR})
 target_compile_features(row_contestants PUBLIC cxx_std_20)
-# Real addresses: those of the demonstration where they were fetched, or the small sample.
-target_compile_definitions(row_contestants INTERFACE
-  KORVO_BENCH_DEMO_DATA="${PROJECT_SOURCE_DIR}/build/demo-data/usr/share/tor"
-  KORVO_BENCH_SAMPLE_DATA="${PROJECT_SOURCE_DIR}/examples/netdb/sample")
-target_link_libraries(row_contestants PUBLIC protobuf::libprotobuf
+target_link_libraries(row_contestants PUBLIC demo_data protobuf::libprotobuf
   PkgConfig::CAPNP)

@@ -11,7 +11,7 @@ set -euo pipefail
 build_packages=(g++ cmake ninja-build libssl-dev libuv1-dev pkgconf)
 test_packages=("${build_packages[@]}" googletest librapidcheck-dev libcli11-dev locales)
 demo_packages=("${build_packages[@]}" libcli11-dev)
-bench_packages=("${build_packages[@]}" libbenchmark-dev libflatbuffers-dev flatbuffers-compiler
+bench_packages=("${demo_packages[@]}" libbenchmark-dev libflatbuffers-dev flatbuffers-compiler
   libcapnp-dev capnproto libprotobuf-dev protobuf-compiler libevent-dev libboost-dev libabsl-dev
   libre2-dev rapidjson-dev libsqlite3-dev python3)
 ci_packages=("${test_packages[@]}" "${demo_packages[@]}" clang-14 libclang-rt-14-dev g++-multilib
