@@ -1,5 +1,6 @@
 // netdb: the world's network prefixes in rows, and which of them an address lies in.
 
+#include <Korvo/KorvoApi.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -9,6 +10,7 @@
 #include <fstream>
 #include <iomanip>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,11 +18,13 @@
 #include "defaultInput.h"
 #include "progress.h"
 #include "report.h"
+#include "rowOps.h"
 #include "transfer.h"
 
 namespace {
 
 using Korvo::IpGenAddr;
+using netdb::Agent;
 using netdb::grouped;
 using netdb::PrefixRow;
 using netdb::RowTable;
@@ -54,6 +58,9 @@ IpGenAddr parseAddress(const std::string& text) {
 
 struct Options {
   netdb::TransferOptions transfer;
+  std::string system = "netdb";
+  bool blocking = false;
+  bool trace = false;
   std::vector<std::string> addresses;
   std::string country;
   std::size_t limit = 0;
@@ -61,8 +68,8 @@ struct Options {
 };
 
 /// The table with all rows of the input, indexed; those that came before if the stream broke.
-netdb::TransferResult loadTable(const Options& options, RowTable& table) {
-  const netdb::TransferResult result = netdb::transferRows(options.transfer, table);
+netdb::TransferResult loadTable(const Options& options, RowTable& table, Agent* agent) {
+  const netdb::TransferResult result = netdb::transferRows(options.transfer, table, agent);
   table.index();
   return result;
 }
@@ -77,11 +84,11 @@ std::string seconds(double value) {
   return text;
 }
 
-int load(const Options& options) {
+int load(const Options& options, Agent* agent) {
   const std::uint64_t before = residentBytes();
   const auto begin = std::chrono::steady_clock::now();
   RowTable table;
-  const netdb::TransferResult result = loadTable(options, table);
+  const netdb::TransferResult result = loadTable(options, table, agent);
   const std::chrono::duration<double> whole = std::chrono::steady_clock::now() - begin;
   const std::uint64_t memory = residentBytes() - before;
   const std::uint64_t rows = table.rows().size();
@@ -100,24 +107,13 @@ int load(const Options& options) {
   return result.complete ? 0 : 1;
 }
 
-/// Looks the addresses up one after the other.
-void lookUp(const RowTable& table, const std::vector<IpGenAddr>& addrs, const Options& options,
-            const std::function<void(std::size_t, const PrefixRow*)>& found) {
-  if constexpr (netdb::agentsAvailable) {
-    if (!options.transfer.blocking) {
-      return netdb::runLookupAgent(table, addrs, found, options.transfer.trace);
-    }
-  }
-  for (std::size_t i = 0; i < addrs.size(); ++i) found(i, table.lookup(addrs[i]));
-}
-
-int lookup(const Options& options) {
+int lookup(const Options& options, Agent* agent) {
   std::vector<IpGenAddr> addrs;
   for (const std::string& text : options.addresses) addrs.push_back(parseAddress(text));
   RowTable table;
-  const netdb::TransferResult result = loadTable(options, table);
+  const netdb::TransferResult result = loadTable(options, table, agent);
   bool allFound = true;
-  lookUp(table, addrs, options, [&](std::size_t i, const PrefixRow* row) {
+  const auto found = [&](std::size_t i, const PrefixRow* row) {
     if (row == nullptr) {
       std::fprintf(stderr, "netdb: no prefix contains %s\n", options.addresses[i].c_str());
       allFound = false;
@@ -127,13 +123,18 @@ int lookup(const Options& options) {
       if (i != 0) std::cout << '\n';
       netdb::printRow(std::cout, *row);
     }
-  });
+  };
+  if (agent == nullptr) {
+    for (std::size_t i = 0; i < addrs.size(); ++i) found(i, table.lookup(addrs[i]));
+  } else {
+    agent->lookUp(table, addrs, found);
+  }
   return result.complete && allFound ? 0 : 1;
 }
 
-int country(const Options& options) {
+int country(const Options& options, Agent* agent) {
   RowTable table;
-  const netdb::TransferResult result = loadTable(options, table);
+  const netdb::TransferResult result = loadTable(options, table, agent);
   std::string code = options.country;
   std::transform(code.begin(), code.end(), code.begin(), [](char c) {
     return 'a' <= c && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
@@ -142,9 +143,9 @@ int country(const Options& options) {
   return result.complete && !table.ofCountry(code).empty() ? 0 : 1;
 }
 
-int stats(const Options& options) {
+int stats(const Options& options, Agent* agent) {
   RowTable table;
-  const netdb::TransferResult result = loadTable(options, table);
+  const netdb::TransferResult result = loadTable(options, table, agent);
   netdb::printStats(std::cout, table, options.limit);
   return result.complete ? 0 : 1;
 }
@@ -156,6 +157,7 @@ void checkCommandLine(const CLI::App& app, Options& options) {
     throw UsageError(left.empty() ? "no command" : "unknown command: " + left.front());
   }
   if (!left.empty()) throw UsageError("unexpected argument: " + left.front());
+  if (options.system.empty()) throw UsageError("the system has no name");
   const std::string& country = options.country;
   if (app.got_subcommand("country") && country.size() != 2) {
     throw UsageError("not a country of two letters: " + country);
@@ -166,10 +168,15 @@ void checkCommandLine(const CLI::App& app, Options& options) {
 }
 
 int runCommand(const CLI::App& app, const Options& options) {
-  if (app.got_subcommand("load")) return load(options);
-  if (app.got_subcommand("lookup")) return lookup(options);
-  if (app.got_subcommand("country")) return country(options);
-  return stats(options);
+  Korvo::sysnameIs(options.system);
+  Korvo::rowOpsFactoryIs(netdb::makeRowOps);
+  std::optional<Agent> units;
+  if (!options.blocking) units.emplace("subscriber", options.trace);
+  Agent* const agent = units ? &*units : nullptr;
+  if (app.got_subcommand("load")) return load(options, agent);
+  if (app.got_subcommand("lookup")) return lookup(options, agent);
+  if (app.got_subcommand("country")) return country(options, agent);
+  return stats(options, agent);
 }
 
 /// Without it, the parser takes -1 for a very large number.
@@ -200,10 +207,13 @@ int main(int argc, char** argv) {
                  "demo, of the package tor-geoipdb, or a small sample")
       ->type_name("FILE");
   app.add_flag("--quiet", options.transfer.quiet, "Show no progress");
-  if (netdb::agentsAvailable) {
-    app.add_flag("--trace", options.transfer.trace, "Write the schedulers' traces");
-    app.add_flag("--blocking", options.transfer.blocking, "Work in plain loops, not in units");
-  }
+  app.add_option("--system", options.system, "Name of the system that the processes belong to")
+      ->type_name("NAME")
+      ->capture_default_str();
+  CLI::Option* const trace =
+      app.add_flag("--trace", options.trace, "Write the schedulers' traces to standard error");
+  app.add_flag("--blocking", options.blocking, "Work in plain loops, not in units")
+      ->excludes(trace);
   app.add_subcommand("load", "Load the rows and tell how many, how fast, in how much memory");
   CLI::App* const lookupCommand =
       app.add_subcommand("lookup", "Show the row of the most specific prefix of each address");

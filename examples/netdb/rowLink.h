@@ -77,6 +77,8 @@ class RowReceiver {
     std::size_t length;
   };
   const std::vector<Packet>& packets() const { return packets_; }
+  /// Whether the last call received as much as it can: there may be more at once.
+  bool full() const { return packets_.size() == batch; }
 
  private:
   static constexpr std::size_t batch = 64;

@@ -1,7 +1,5 @@
 #include "rowTable.h"
 
-#include <Korvo/rowCheck.h>
-
 #include <algorithm>
 
 namespace netdb {
@@ -51,9 +49,7 @@ const std::vector<RowTable::RowNumber>& RowTable::ofCountry(const std::string& c
 }
 
 std::optional<std::string> Subscriber::fault(const Korvo::byte_t* bytes, std::size_t length) const {
-  const Korvo::RowFault fault =
-      Korvo::checkRow(bytes, length, PrefixLayout::info, Korvo::PrefixRule::noHostBits);
-  if (fault) return fault.text();
+  if (const Korvo::RowFault fault = rowOps_->check(bytes, length)) return fault.text();
   if (complete_) return "a row after the end of the rows";
   return std::nullopt;
 }

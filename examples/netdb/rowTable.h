@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "prefixRow.h"
+#include "rowOps.h"
 
 namespace netdb {
 
@@ -52,13 +53,17 @@ class RowTable {
   std::unordered_map<PrefixRow, std::vector<RowNumber>, CountryHash, CountryEqual> byCountry_;
 };
 
-/// Takes what arrives from a publisher and refuses what is no row of the table.
+/// Takes what arrives from a publisher and refuses what is no row of the table, of which it asks
+/// the registry's row operations.
 class Subscriber {
  public:
   /// Told of each row that is refused: its number in the stream, from 1, and the reason.
   using Refusal = std::function<void(std::uint64_t number, const std::string& reason)>;
 
-  Subscriber(RowTable& table, Refusal refusal) : table_(table), refusal_(std::move(refusal)) {}
+  Subscriber(RowTable& table, Refusal refusal)
+      : table_(table),
+        rowOps_(Korvo::getRowOps(prefixTable, prefixVersion)),
+        refusal_(std::move(refusal)) {}
 
   /// Takes one packet. After the end mark, further rows are refused.
   void take(const Korvo::byte_t* bytes, std::size_t length);
@@ -73,6 +78,7 @@ class Subscriber {
   std::optional<std::string> fault(const Korvo::byte_t* bytes, std::size_t length) const;
 
   RowTable& table_;
+  Korvo::RowOps_p_t rowOps_;
   Refusal refusal_;
   std::uint64_t received_ = 0;
   std::uint64_t refused_ = 0;

@@ -1,5 +1,6 @@
 #include "transfer.h"
 
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -53,36 +54,31 @@ void receiveBlocking(int socket, Subscriber& subscriber, const std::function<voi
   }
 }
 
-void publishRows(RowSource& source, int socket, const std::function<void()>& report,
-                 const TransferOptions& options) {
-  if constexpr (agentsAvailable) {
-    if (!options.blocking) return runPublisherAgent(source, socket, report, options.trace);
-  }
-  publishBlocking(source, socket, report);
-}
-
-void receiveRows(int socket, Subscriber& subscriber, const std::function<void()>& report,
-                 const TransferOptions& options) {
-  if constexpr (agentsAvailable) {
-    if (!options.blocking) return runSubscriberAgent(socket, subscriber, report, options.trace);
-  }
-  receiveBlocking(socket, subscriber, report);
-}
-
-/// All the work of the publisher process; returns its exit status.
-int publisherProcess(RowSource& source, int socket, SharedProgress& shared,
-                     const TransferOptions& options) {
+/// All the work of the publisher process; returns its exit status. `parent` is the agent of the
+/// process that it was forked from, whose scheduler is of no use here.
+int publisherProcess(RowSource& source, int socket, SharedProgress& shared, const Agent* parent) {
   try {
     const auto report = [&] {
       shared.permille = static_cast<std::uint32_t>(1000 * source.progress());
     };
-    publishRows(source, socket, report, options);
+    if (parent == nullptr) {
+      publishBlocking(source, socket, report);
+    } else {
+      Agent("publisher", parent->traced()).publish(source, socket, report);
+    }
     report();
     return 0;
   } catch (const std::exception& e) {
     complain(std::string("netdb: publisher: ") + e.what());
     return 1;
   }
+}
+
+/// Work in bulk: neither process has the other interrupted for each row, so that rows come by the
+/// hundred. Where it is refused, nothing but time is lost.
+void preferThroughput() {
+  const sched_param priority{};
+  ::sched_setscheduler(0, SCHED_BATCH, &priority);
 }
 
 void awaitProcess(pid_t process) {
@@ -93,7 +89,7 @@ void awaitProcess(pid_t process) {
 
 }  // namespace
 
-TransferResult transferRows(const TransferOptions& options, RowTable& table) {
+TransferResult transferRows(const TransferOptions& options, RowTable& table, Agent* agent) {
   const auto begin = std::chrono::steady_clock::now();
   const auto shared = makeSharedProgress();
   RowSource source(options.inputs,
@@ -103,12 +99,13 @@ TransferResult transferRows(const TransferOptions& options, RowTable& table) {
                    });
   RowSockets sockets;
 
+  preferThroughput();
   std::fflush(nullptr);
   const pid_t publisher = ::fork();
   if (publisher < 0) throw std::system_error(errno, std::generic_category(), "fork");
   if (publisher == 0) {
     sockets.subscriber.close();
-    const int status = publisherProcess(source, sockets.publisher.get(), *shared, options);
+    const int status = publisherProcess(source, sockets.publisher.get(), *shared, agent);
     std::fflush(nullptr);
     ::_exit(status);
   }
@@ -120,7 +117,11 @@ TransferResult transferRows(const TransferOptions& options, RowTable& table) {
   });
   const auto report = [&] { display.show(shared->permille, table.rows().size()); };
   try {
-    receiveRows(sockets.subscriber.get(), subscriber, report, options);
+    if (agent == nullptr) {
+      receiveBlocking(sockets.subscriber.get(), subscriber, report);
+    } else {
+      agent->receive(sockets.subscriber.get(), subscriber, report);
+    }
   } catch (...) {
     sockets.subscriber.close();  // the publisher's next row fails, and it ends
     awaitProcess(publisher);

@@ -10,11 +10,11 @@
 
 namespace netdb {
 
+class Agent;
+
 struct TransferOptions {
   std::vector<std::string> inputs;
-  bool blocking = false;  ///< plain loops in place of units on a scheduler
-  bool trace = false;     ///< the schedulers' traces on standard error
-  bool quiet = false;     ///< no progress
+  bool quiet = false;  ///< no progress
 };
 
 struct TransferResult {
@@ -28,6 +28,9 @@ struct TransferResult {
 /// Starts a publisher, receives its rows into `table` and reports, on standard error, progress,
 /// each malformed line, each refused row, and a stream that broke. Throws InputError if an input
 /// file cannot be opened, std::system_error if the system refuses a process or a socket.
-TransferResult transferRows(const TransferOptions& options, RowTable& table);
+///
+/// The rows are received by `agent` and sent by an agent of the publisher's own, traced like this
+/// one. Without an agent, both processes work in plain loops: what the units are measured beside.
+TransferResult transferRows(const TransferOptions& options, RowTable& table, Agent* agent);
 
 }  // namespace netdb

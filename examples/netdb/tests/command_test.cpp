@@ -11,7 +11,9 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -116,6 +118,9 @@ TEST(Netdb, AnswersMistakesWithOneLine) {
        "netdb: --limit: not a number from 0: -1 (see netdb --help)\n"},
       {sample + "stats --limit x", 2,
        "netdb: --limit: not a number from 0: x (see netdb --help)\n"},
+      {sample + "--trace --blocking load", 2,
+       "netdb: --trace excludes --blocking (see netdb --help)\n"},
+      {sample + "--system '' load", 2, "netdb: the system has no name (see netdb --help)\n"},
       {"load --input", 2, "netdb: --input: 1 required FILE missing (see netdb --help)\n"},
       {"--input /nowhere/geoip load", 1, "netdb: /nowhere/geoip: No such file or directory\n"},
       {"--input / load", 1, "netdb: /: is a directory\n"},
@@ -125,6 +130,70 @@ TEST(Netdb, AnswersMistakesWithOneLine) {
     EXPECT_EQ(result.status, c.status) << c.arguments;
     EXPECT_EQ(result.err, c.err) << c.arguments;
     EXPECT_EQ(result.out, "") << c.arguments;
+  }
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+std::size_t countOf(const std::vector<std::string>& lines, const std::string& begin,
+                    const std::string& part) {
+  return static_cast<std::size_t>(
+      std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+        return line.starts_with(begin) && line.find(part) != line.npos;
+      }));
+}
+
+TEST(Netdb, TracesItsUnits) {
+  const Outcome result = run(sample + "--trace lookup 8.8.8.8 1.1.1.1");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, run(sample + "lookup 8.8.8.8 1.1.1.1").out);
+  const std::vector<std::string> lines = linesOf(result.err);
+  const std::string publisher = "netdb publisher: src/Scheduler.cpp:";
+  const std::string subscriber = "netdb subscriber: src/Scheduler.cpp:";
+  // Each line is whole, whichever process it is from.
+  EXPECT_EQ(countOf(lines, publisher, "") + countOf(lines, subscriber, ""), lines.size());
+  const std::string invoked = " invoke:  invoking ";
+  EXPECT_GE(countOf(lines, publisher, invoked + "loader(unit: "), 2U);
+  EXPECT_GE(countOf(lines, publisher, invoked + "writer(unit: "), 2U);
+  EXPECT_GE(countOf(lines, subscriber, invoked + "reader(unit: "), 1U);
+  EXPECT_GE(countOf(lines, subscriber, invoked + "lookups(unit: "), 1U);
+  EXPECT_EQ(countOf(lines, publisher, invoked), countOf(lines, publisher, invoked + "loader(") +
+                                                    countOf(lines, publisher, invoked + "writer("));
+  const std::string begun = " run: virtual void Korvo::Scheduler::run(int, double, bool) ";
+  EXPECT_EQ(countOf(lines, publisher, begun + "publisher(0,0, 0)"), 1U);
+  // One scheduler receives the rows and looks the addresses up.
+  EXPECT_EQ(countOf(lines, subscriber, begun + "subscriber(0,0, 0)"), 1U);
+  EXPECT_EQ(countOf(lines, subscriber, begun + "subscriber(0,0, 1)"), 1U);
+  EXPECT_EQ(countOf(lines, subscriber, " run:  subscriber exited due to quiescence."), 1U);
+  EXPECT_GE(countOf(lines, subscriber, " runnableIs:   adding to runqueue ("), 2U);
+  EXPECT_GE(countOf(lines, subscriber,
+                    " clientReadyIs: virtual void Korvo::Schedulable::clientReadyIs(bool) "
+                    "reader ready: 1"),
+            1U);
+}
+
+TEST(Netdb, BelongsToASystem) {
+  const Outcome result = run(sample + "--system alpha --trace stats");
+  EXPECT_EQ(result.status, 0);
+  const std::vector<std::string> lines = linesOf(result.err);
+  EXPECT_GT(lines.size(), 10U);
+  EXPECT_EQ(countOf(lines, "alpha publisher: ", "") + countOf(lines, "alpha subscriber: ", ""),
+            lines.size());
+}
+
+TEST(Netdb, PlainLoopsComeToTheSame) {
+  for (const char* command : {"stats", "country US", "lookup 8.8.8.8 2606:4700:4700::1111",
+                              "lookup --json 1.1.1.1 127.0.0.1"}) {
+    const Outcome units = run(sample + command);
+    const Outcome loops = run(sample + "--blocking " + command);
+    EXPECT_EQ(units.out, loops.out) << command;
+    EXPECT_EQ(units.err, loops.err) << command;
+    EXPECT_EQ(units.status, loops.status) << command;
   }
 }
 

@@ -10,6 +10,7 @@
 #include <memory>
 #include <random>
 
+#include "agent.h"
 #include "defaultInput.h"
 #include "rowLink.h"
 #include "rowSource.h"
@@ -23,6 +24,9 @@ using Korvo::byte_t;
 using Korvo::IpGenAddr;
 using Korvo::IpGenPrefix;
 using Korvo::len_t;
+
+/// As the program does at its start.
+[[maybe_unused]] const bool registered = (Korvo::rowOpsFactoryIs(makeRowOps), true);
 
 std::vector<std::string> sampleFiles() {
   return {NETDB_SAMPLE "/geoip", NETDB_SAMPLE "/geoip6"};
@@ -145,13 +149,13 @@ void compareWithScan(const std::vector<std::string>& files, const RowTable& tabl
 }
 
 TEST(Transfer, OfTheSampleAgreesWithAScanOfTheRanges) {
+  Agent agent("subscriber", false);
   for (const bool blocking : {true, false}) {
     RowTable table;
     TransferOptions options;
     options.inputs = sampleFiles();
     options.quiet = true;
-    options.blocking = blocking;
-    const TransferResult result = transferRows(options, table);
+    const TransferResult result = transferRows(options, table, blocking ? nullptr : &agent);
     EXPECT_TRUE(result.complete);
     EXPECT_EQ(result.refusedRows, 0U);
     EXPECT_EQ(result.malformedLines, 0U);
@@ -172,13 +176,15 @@ TEST(Transfer, OfTheFullDataAgreesWithAScanOfTheRanges) {
   TransferOptions options;
   options.inputs = files;
   options.quiet = true;
-  ASSERT_TRUE(transferRows(options, table).complete);
+  Agent agent("subscriber", false);
+  ASSERT_TRUE(transferRows(options, table, &agent).complete);
   table.index();
   EXPECT_GT(table.rows().size(), 500000U);
   compareWithScan(files, table, 4000);
 }
 
 TEST(Transfer, RowsArriveByteForByte) {
+  Agent agent("subscriber", false);
   for (const bool blocking : {true, false}) {
     RowSource source = sampleSource();
     std::vector<std::vector<byte_t>> sent;
@@ -188,8 +194,7 @@ TEST(Transfer, RowsArriveByteForByte) {
     TransferOptions options;
     options.inputs = sampleFiles();
     options.quiet = true;
-    options.blocking = blocking;
-    ASSERT_TRUE(transferRows(options, table).complete);
+    ASSERT_TRUE(transferRows(options, table, blocking ? nullptr : &agent).complete);
     ASSERT_EQ(table.rows().size(), sent.size());
     for (std::size_t i = 0; i < sent.size(); ++i) ASSERT_EQ(bytesOf(table.rows()[i]), sent[i]) << i;
   }
