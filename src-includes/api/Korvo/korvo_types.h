@@ -343,6 +343,30 @@ inline IpGenAddr::IpGenAddr(AddressFamily af, const unsigned char* bytes) : af_(
 
 namespace detail {
 
+/// Eight bytes as a number whose order is that of the bytes.
+inline std::uint64_t bytesInOrder(const unsigned char* bytes) noexcept {
+  return __builtin_bswap64(loadField<std::uint64_t>(bytes));
+}
+
+/// The first `count` (1 to 64) bits of eight bytes, as loadField gives them. The byte in which they
+/// end is masked by the exported table.
+inline std::uint64_t leadingBits(unsigned int count) noexcept {
+  const unsigned int whole = (count - 1) & ~7U;
+  return std::uint64_t{byteMaskTbl[count - whole]} << whole | ((std::uint64_t{1} << whole) - 1);
+}
+
+/// Whether the first `count` (0 to 128) bits of two addresses' storage are the same.
+inline bool haveSameBits(const unsigned char* a, const unsigned char* b,
+                         unsigned int count) noexcept {
+  if (count == 0) return true;
+  const std::uint64_t first = loadField<std::uint64_t>(a) ^ loadField<std::uint64_t>(b);
+  if (count <= 64) return (first & leadingBits(count)) == 0;
+  const std::uint64_t second = loadField<std::uint64_t>(a + 8) ^ loadField<std::uint64_t>(b + 8);
+  return first == 0 && (second & leadingBits(count - 64)) == 0;
+}
+
+[[noreturn]] KORVO_API void containsWithoutFamily();
+
 /// Every bit of the result depends on every bit of both arguments.
 constexpr std::uint64_t hashMix(std::uint64_t seed, std::uint64_t value) noexcept {
   std::uint64_t x = seed * 0x9E3779B97F4A7C15 ^ value;
@@ -358,6 +382,23 @@ inline std::uint64_t hashStorage(std::uint64_t seed, const unsigned char* bytes)
 }
 
 }  // namespace detail
+
+inline bool IpGenPrefix::contains(const IpGenPrefix& other) const {
+  const AddressFamily af = addr_.af();
+  if (af != other.addr_.af()) return false;
+  if (af != ipv4_ && af != ipv6_) detail::containsWithoutFamily();
+  if (mask_ > (af == ipv4_ ? 32U : 128U)) return false;
+  return detail::haveSameBits(addr_.bytes(), other.addr_.bytes(), mask_);
+}
+
+inline bool IpGenPrefix::operator<(const IpGenPrefix& other) const {
+  if (addr_.af() != other.addr_.af()) return addr_.af() < other.addr_.af();
+  if (mask_ < other.mask_ ? contains(other) : other.contains(*this)) return mask_ > other.mask_;
+  const std::uint64_t first = detail::bytesInOrder(addr_.bytes());
+  const std::uint64_t others = detail::bytesInOrder(other.addr_.bytes());
+  if (first != others) return first < others;
+  return detail::bytesInOrder(addr_.bytes() + 8) < detail::bytesInOrder(other.addr_.bytes() + 8);
+}
 
 }  // namespace Korvo
 
