@@ -57,6 +57,7 @@ bool RowSender::send(bool wait) {
       fail("the subscriber is gone");
     }
     sent_ += static_cast<std::size_t>(sent);
+    if (!wait && static_cast<std::size_t>(sent) < count) return false;  // the next would block
   }
   rows_.clear();
   sent_ = 0;
