@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -258,6 +259,63 @@ constexpr auto hexDigits = [] {
   return table;
 }();
 
+// ---------------------------------------------------------------------------------------------
+// Letter case
+
+/// tolower in the present C locale. The C++ library hides the C library's inline form of it, which
+/// reads the table that is looked up here once and not for every byte.
+class LowerCase {
+ public:
+#ifdef __GLIBC__
+  int operator()(char c) const {
+    return table_[static_cast<unsigned char>(c)];
+  }
+
+ private:
+  const std::int32_t* table_ = *__ctype_tolower_loc();
+#else
+  int operator()(char c) const {
+    return std::tolower(static_cast<unsigned char>(c));
+  }
+#endif
+};
+
+/// Whether the locale takes the letters of ASCII for pairs, as all but a few do.
+bool pairsAsciiLetters(const LowerCase& lower) {
+  int differences = 0;
+  for (int i = 0; i < 26; ++i) {
+    differences |= lower(static_cast<char>('A' + i)) ^ lower(static_cast<char>('a' + i));
+  }
+  return differences == 0;
+}
+
+/// Sixteen bytes at a time: in one register where the processor has such, otherwise in pieces.
+using Stretch [[gnu::vector_size(16)]] = unsigned char;
+constexpr std::size_t caseStretch = sizeof(Stretch);
+
+/// Whether stretches of two texts are equal but for the case of ASCII letters.
+bool equalByAsciiPairs(const char* a, const char* b) {
+  using Halves [[gnu::vector_size(16)]] = Block;
+  const auto bytes = loadField<Stretch>(a);
+  const Stretch letters = (bytes | 0x20) - 'a';
+  const Stretch caseBits = (letters < 26) & 0x20;
+  const Stretch differences = (bytes ^ loadField<Stretch>(b)) & ~caseBits;
+  const auto halves = std::bit_cast<Halves>(differences);
+  return (halves[0] | halves[1]) == 0;
+}
+
+/// How many of the first bytes are equal but for the case of ASCII letters, in whole stretches or
+/// all of them. Texts shorter than a stretch are not looked at.
+std::size_t equalByAsciiPairs(const char* a, const char* b, std::size_t size) {
+  if (size < caseStretch) return 0;
+  for (std::size_t at = 0; at < size - caseStretch; at += caseStretch) {
+    if (!equalByAsciiPairs(a + at, b + at)) return at;
+  }
+  // The last stretch reaches back into the one before.
+  const std::size_t last = size - caseStretch;
+  return equalByAsciiPairs(a + last, b + last) ? size : last;
+}
+
 std::string beforeLastSemicolon(std::string_view word) {
   return std::string(word.substr(0, word.rfind(';')));
 }
@@ -442,6 +500,17 @@ double KoStrUtils::stoDouble(const std::string& text) {
   if (end == text.c_str()) throw std::invalid_argument("stod");
   if (outOfRange) throw std::out_of_range("stod");
   return value;
+}
+
+bool KoStrUtils::iequals(const std::string& a, const std::string& b) {
+  if (a.size() != b.size()) return false;
+  const LowerCase lower;
+  std::size_t at = equalByAsciiPairs(a.data(), b.data(), a.size());
+  if (at != 0 && !pairsAsciiLetters(lower)) at = 0;
+  for (; at < a.size(); ++at) {
+    if (lower(a[at]) != lower(b[at])) return false;
+  }
+  return true;
 }
 
 std::string KoStrUtils::sha1(const std::string& data) {

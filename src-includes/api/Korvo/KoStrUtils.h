@@ -152,14 +152,4 @@ inline std::uint64_t KoStrUtils::stoUint64_t(const std::string& text) {
   return value;
 }
 
-inline bool KoStrUtils::iequals(const std::string& a, const std::string& b) {
-  if (a.size() != b.size()) return false;
-  // Most bytes are equal as they stand, and the locale is asked about the others only.
-  const auto lower = [](char c) { return std::tolower(static_cast<unsigned char>(c)); };
-  for (std::size_t i = 0; i < a.size(); ++i) {
-    if (a[i] != b[i] && lower(a[i]) != lower(b[i])) return false;
-  }
-  return true;
-}
-
 }  // namespace Korvo
