@@ -6,7 +6,8 @@
 #   scripts/bench.sh --once     runs each benchmark once, as a test
 #
 # BENCH_FILTER=REGEX takes only the benchmarks whose name it matches. Results: a table in
-# build/bench/results/table.md, and one .json beside it for each program.
+# build/bench/results/table.md, and one .json beside it for each program. The full form also puts
+# the demonstration's table beside SQLite, in netdb_sqlite.md.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -46,4 +47,10 @@ for program in build/bench/benchmarks/*_bench; do
     --benchmark_out="$results/$name.json" --benchmark_out_format=json >"$results/$name.txt"
 done
 python3 scripts/bench-table.py $results/*.json >$results/table.md
-cat $results/table.md
+if [ "$mode" = --full ]; then
+  echo "== netdb_sqlite"
+  data=build/demo-data/usr/share/tor
+  [ -e $data/geoip6 ] || data=examples/netdb/sample
+  build/bench/benchmarks/netdb_sqlite $data/geoip $data/geoip6 >$results/netdb_sqlite.md
+fi
+cat $results/*.md
