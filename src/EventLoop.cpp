@@ -152,11 +152,12 @@ class detail::Events {
 
   bool abandoned() const { return abandoned_; }
 
-  /// Bounds the waits of one run, and restores the bound of the run around it.
+  /// Bounds the waits of one run, and restores the bound of the run around it, which has no say in
+  /// a run inside.
   class Limit {
    public:
     Limit(Events& events, double timeLimit) : events_(events), outer_(events.end_) {
-      if (timeLimit > 0.0) events_.end_ = std::min(outer_, now() + Seconds(timeLimit));
+      events_.end_ = timeLimit > 0.0 ? now() + Seconds(timeLimit) : kNever;
     }
     Limit(const Limit&) = delete;
     Limit& operator=(const Limit&) = delete;

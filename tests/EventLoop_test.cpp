@@ -584,17 +584,21 @@ TEST_F(EventLoopTest, ATimeLimitEndsAWait) {
   EXPECT_LE(loop_->waits, 5);
 }
 
-TEST_F(EventLoopTest, ALongerRunInsideDoesNotOutlastItsOwnLimitNorTheOuterOne) {
-  OnTimeout handler([&] { loop_->run(0, 3600.0, false); });
-  const auto control = timer(handler);
-  control->timeoutIs(0ns);
-  // The run inside pauses no longer than the outer run may take, and is deactivated by its timer.
-  OnTimeout stopper([&] { stop(); });
-  const auto end = timer(stopper);
-  end->timeoutIs(20ms);
-  run();
-  EXPECT_EQ(handler.count, 1);
-  EXPECT_EQ(stopper.count, 1);
+TEST_F(EventLoopTest, ARunInsideWaitsBeyondTheLimitOfTheOuterOne) {
+  for (const double limit : {0.0, 3600.0}) {
+    loop_->waits = 0;
+    loop_->activeIs(true);
+    OnTimeout handler([&] { loop_->run(0, limit, false); });
+    const auto control = timer(handler);
+    control->timeoutIs(0ns);
+    OnTimeout stopper([&] { stop(); });
+    const auto end = timer(stopper);
+    end->timeoutIs(80ms);
+    loop_->run(0, 0.01, false);
+    EXPECT_EQ(handler.count, 1);
+    EXPECT_EQ(stopper.count, 1);
+    EXPECT_LE(loop_->waits, 5);
+  }
 }
 
 TEST_F(EventLoopTest, AShortRunInsideALongOneEndsInTime) {
