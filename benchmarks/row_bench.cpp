@@ -148,6 +148,10 @@ void addBuildOwned() {
     return builder->build(s);
   });
   addBuildOwnedPeers("row_build_grown/");
+  addOwned("row_build_sized/korvo",
+           [builder = std::make_shared<KorvoBuilder>(), valueBytes = KorvoBuilder::valueBytes()](
+               const Sample& s) { return builder->build(s, valueBytes); });
+  addBuildOwnedPeers("row_build_sized/");
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -387,27 +391,26 @@ void addOverwriteSame() {
 template <typename Build, typename Write>
 void addLengthening(const std::string& name, const Build& build, const Write& write) {
   benchmark::RegisterBenchmark(name.c_str(), [build, write](benchmark::State& state) {
-    constexpr std::size_t count = 64;
+    constexpr std::size_t count = 256;
     const std::vector<std::string> texts = textsOf(longerLength);
     std::vector<decltype(build(sampleAt(0)))> rows;
     for (auto _ : state) {
       rows.clear();
       for (std::size_t i = 0; i < count; ++i) rows.push_back(build(sampleAt(i % 16)));
-      const auto start = std::chrono::steady_clock::now();
+      const double start = threadSeconds();
       for (std::size_t i = 0; i < count; ++i) {
         write(rows[i], texts[i % 16]);
         DoNotOptimize(&rows[i]);
         benchmark::ClobberMemory();
       }
-      const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-      state.SetIterationTime(took.count());
+      state.SetIterationTime(threadSeconds() - start);
     }
     state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(count));
   })->UseManualTime();
 }
 
 void addOverwriteLonger() {
-  const std::string workload = "row_overwrite_longer_64/";
+  const std::string workload = "row_overwrite_longer_256/";
   addLengthening(workload + "korvo", korvoRow,
                  [](auto& row, const std::string& text) { row.template set<"name24">(text); });
   addLengthening(workload + "flatbuffers", flatRow,

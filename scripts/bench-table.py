@@ -2,7 +2,7 @@
 """Prints the medians of benchmark results (JSON of Google Benchmark) as a Markdown table.
 
 Benchmarks are named WORKLOAD/CONTESTANT[/ARGUMENTS]. The contestant "korvo" is this library,
-"limit" is straight-line code for the one purpose, all others are peers. The ratio is the library's
+"korvo_..." other ways that it offers, "limit" is straight-line code for the one purpose, all others are peers. The ratio is the library's
 time by the best peer's: below 1 the library is faster.
 """
 
@@ -20,11 +20,15 @@ def medians(paths):
             for run in json.load(file)["benchmarks"]:
                 if run.get("aggregate_name") != "median":
                     continue
-                parts = [part for part in run["run_name"].split("/") if part != "manual_time"]
+                parts = run["run_name"].split("/")
+                clock = "cpu_time"  # a busy machine takes turns, but counts them apart
+                if parts[-1] in ("manual_time", "real_time"):
+                    clock = "real_time"
+                    parts.pop()
                 if len(parts) < 2:
                     sys.exit(f"{path}: {run['run_name']} is not named WORKLOAD/CONTESTANT")
                 workload = " ".join([parts[0], *parts[2:]])
-                time = run["real_time"] * NANOSECONDS[run["time_unit"]]
+                time = run[clock] * NANOSECONDS[run["time_unit"]]
                 table.setdefault(workload, {})[parts[1]] = time
     return table
 
@@ -42,10 +46,13 @@ def main():
     for workload, times in medians(sys.argv[1:]).items():
         own = times.pop("korvo", None)
         limit = times.pop("limit", None)
+        variants = {name: times.pop(name) for name in list(times) if name.startswith("korvo_")}
         peers = sorted(times.items(), key=lambda item: item[1])
         best = f"{in_units(peers[0][1])} {peers[0][0]}" if peers else ""
         ratio = f"{own / peers[0][1]:.2f}" if own and peers else ""
-        others = ", ".join(f"{in_units(time)} {name}" for name, time in peers[1:])
+        others = ", ".join(
+            f"{in_units(time)} {name}" for name, time in [*peers[1:], *variants.items()]
+        )
         print(
             f"| {workload} | {in_units(own) if own else ''} | {best} | {ratio} "
             f"| {in_units(limit) if limit else ''} | {others} |"

@@ -71,12 +71,12 @@ void BaseRow::copySharedRow() {
   makeExclusive();
 }
 
-void BaseRow::installNew(len_t baseLength, std::uint16_t rowType, oid_t oid) {
+void BaseRow::installNew(len_t length, std::uint16_t rowType, oid_t oid) {
   KoPtr<KoRowBuf> own = std::make_shared<KoRowBuf>();
-  byte_t* const buf = static_cast<byte_t*>(std::calloc(baseLength, 1));
+  byte_t* const buf = static_cast<byte_t*>(std::calloc(length, 1));
   if (buf == nullptr) throw std::bad_alloc();
   own->buf_ = buf;
-  storeField<len_t>(buf + rowLengthOffset, baseLength);
+  storeField<len_t>(buf + rowLengthOffset, length);
   storeField<std::uint16_t>(buf + rowTypeOffset, rowType);
   storeField<oid_t>(buf + rowOidOffset, oid);
   rowBuf_ = std::move(own);
@@ -191,10 +191,11 @@ unsigned int checkedRowLength(unsigned int length) {
   return length;
 }
 
-/// The length of a row that has room for `needed` bytes behind `others`, or among them if they are
+/// The length of a row that has room for a value behind `others`, or among them if they are
 /// packed.
-unsigned int lengthWithRoom(unsigned int rowLength, unsigned int needed, unsigned int baseLength,
-                            const detail::Extent& others) {
+unsigned int lengthWithRoom(unsigned int rowLength, std::size_t valueLength,
+                            unsigned int baseLength, const detail::Extent& others) {
+  const unsigned int needed = static_cast<unsigned int>(valueLength);
   if (others.end + needed <= rowLength) return rowLength;
   const int free = static_cast<int>(rowLength - baseLength - others.used);
   const int shortfall = static_cast<int>(needed) - free;
@@ -246,15 +247,16 @@ len_t BaseRow::takeRoom(const Room& room, len_t slotOffset, len_t baseRowLength)
   return pack(order, baseRowLength);
 }
 
-/// The row's buffer, grown to at least `newLength`.
-byte_t* BaseRow::grow(byte_t* buf, len_t newLength) {
+/// The row's buffer, grown to at least `newLength`. The bytes from `filledEnd` on are zero: nothing
+/// of the heap's old contents may leave the process with the row.
+byte_t* BaseRow::grow(byte_t* buf, len_t newLength, unsigned int filledEnd) {
   const len_t length = loadField<len_t>(buf + rowLengthOffset);
   if (newLength <= length) return buf;
   byte_t* const grown = static_cast<byte_t*>(std::realloc(buf, newLength));
   if (grown == nullptr) throw std::bad_alloc();
   replaceRow(grown);
-  // Nothing of the heap's old contents may leave the process with the row.
-  std::memset(grown + length, 0, static_cast<std::size_t>(newLength - length));
+  const unsigned int begin = std::max<unsigned int>(length, filledEnd);
+  if (begin < newLength) std::memset(grown + begin, 0, newLength - begin);
   storeField<len_t>(grown + rowLengthOffset, newLength);
   return rwRowBuf();
 }
@@ -363,19 +365,29 @@ void BaseRow::writeCopied(len_t slotOffset, len_t fdLen, detail::EncodedValue va
   writeValue(slotOffset, fdLen, value, isArray);
 }
 
+/// The offset behind `others`, in a row that was grown to have room for `length` bytes there if it
+/// had none; 0 where others must be packed first. `filled` says that the value fills its place.
+len_t BaseRow::growBehind(const detail::Extent& others, std::size_t length, len_t fdLen,
+                          bool filled) {
+  byte_t* const buf = rwRowBuf();
+  const unsigned int end = others.end + static_cast<unsigned int>(length);
+  const unsigned int newLength =
+      lengthWithRoom(loadField<len_t>(buf + rowLengthOffset), length, fdLen, others);
+  if (end > newLength) return 0;
+  grow(buf, static_cast<len_t>(newLength), filled ? end : 0);
+  return static_cast<len_t>(others.end);
+}
+
 /// Writes a value to an empty column of a row that nobody shares and that has no room for it behind
 /// its other values.
 void BaseRow::growForValue(len_t slotOffset, len_t fdLen, const detail::EncodedValue& value,
                            const detail::Extent& others) {
-  byte_t* buf = rwRowBuf();
-  const len_t rowLength = loadField<len_t>(buf + rowLengthOffset);
-  const unsigned int length = static_cast<unsigned int>(value.length());
-  const unsigned int newLength = lengthWithRoom(rowLength, length, fdLen, others);
-  if (others.end + length > newLength || liesIn(value.bytes, buf, rowLength)) {
-    return writeValue(slotOffset, fdLen, value, false);
+  const byte_t* const buf = rwRowBuf();
+  if (!liesIn(value.bytes, buf, loadField<len_t>(buf + rowLengthOffset))) {
+    const len_t offset = growBehind(others, value.length(), fdLen, true);
+    if (offset != 0) return storeValue(rwRowBuf(), slotOffset, offset, value, false);
   }
-  buf = grow(buf, static_cast<len_t>(newLength));
-  storeValue(buf, slotOffset, static_cast<len_t>(others.end), value, false);
+  writeValue(slotOffset, fdLen, value, false);
 }
 
 void BaseRow::copyVarColumn(len_t srcSlotOffset, const BaseRow& src, len_t dstSlotOffset,

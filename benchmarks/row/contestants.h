@@ -73,11 +73,16 @@ class KorvoBuilder {
     row.set<"tags">(sample.tags);
     row.set<"link">(link_);
   }
-  KorvoRow build(const Sample& sample) {
+  /// A row that grows with each column, or has room for them all from the start.
+  KorvoRow build(const Sample& sample, std::size_t valueBytes = 0) {
     KorvoRow row;
-    row.create();
+    row.create(0, valueBytes);
     fill(row, sample);
     return row;
+  }
+  /// What the values of every sample take.
+  static std::size_t valueBytes() {
+    return KorvoBuilder().build(someSamples()[0]).rowLength() - std::size_t{RowLayout::baseLength};
   }
 
  private:

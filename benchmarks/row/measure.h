@@ -4,6 +4,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <time.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -20,6 +22,13 @@ void add(const std::string& name, Make make) {
     for (auto _ : state) work();
     state.SetItemsProcessed(state.iterations());
   });
+}
+
+/// The time that this thread has been at work, whatever else the machine did.
+inline double threadSeconds() {
+  timespec now{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
 /// Contestants that do not give the same values are not worth measuring.

@@ -335,6 +335,11 @@ class ColumnReaders {
   unsigned int hash() const {
     return row().template columnHash<Reference<Name>>(at<Name>);
   }
+  /// The orderKey() of a column's value reference, which see.
+  template <ColumnName Name>
+  std::uint64_t orderKey() const {
+    return row().template columnOrderKey<Reference<Name>>(at<Name>);
+  }
 
  private:
   template <ColumnName Name>
@@ -378,6 +383,14 @@ class TableRow : public BaseRow,
 
   /// Makes this a new row, all columns zero or null. On a throw the row is as before.
   void create(oid_t oid = 0) { installNew(Layout::baseLength, Layout::rowType, oid); }
+  /// The same with room for encoded values of `valueBytes` bytes, so that the row does not grow
+  /// while they are set. Throws KoOutOfRange for a row of more than 65535 bytes.
+  void create(oid_t oid, std::size_t valueBytes) {
+    if (valueBytes > maxRowLength - Layout::baseLength) {
+      throw KoOutOfRange("Row length exceeds 65535 bytes");
+    }
+    installNew(static_cast<len_t>(Layout::baseLength + valueBytes), Layout::rowType, oid);
+  }
 
   /// Makes this a copy of a row that came from another process. Throws KoInvalidArgument unless
   /// `length` is what the header says, at least the base length, and the row type is the table's;
@@ -444,5 +457,29 @@ class TableRow : public BaseRow,
     return detail::encodedRow(row.rowBuf());
   }
 };
+
+// ---------------------------------------------------------------------------------------------
+// Sorting
+
+/// Sorts rows as std::sort with less<Name>() does, mostly by comparing order keys: several times
+/// faster, for about 40 bytes of memory for each row while it runs. On a throw (KoNullRow for a
+/// null row, std::bad_alloc) the rows are as before.
+template <ColumnName Name, typename Row>
+void sortRows(std::span<Row> rows) {
+  struct Entry {
+    std::uint64_t key;
+    Row* row;
+  };
+  std::vector<Entry> order;
+  order.reserve(rows.size());
+  for (Row& row : rows) order.push_back({row.template orderKey<Name>(), &row});
+  std::sort(order.begin(), order.end(), [](const Entry& a, const Entry& b) {
+    return a.key != b.key ? a.key < b.key : a.row->template less<Name>(*b.row);
+  });
+  std::vector<Row> sorted;
+  sorted.reserve(rows.size());
+  for (const Entry& entry : order) sorted.push_back(std::move(*entry.row));
+  std::move(sorted.begin(), sorted.end(), rows.begin());
+}
 
 }  // namespace Korvo

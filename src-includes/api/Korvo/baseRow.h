@@ -65,6 +65,20 @@ namespace Korvo {
 class BaseRow;
 class SubRowReference;
 
+namespace detail {
+
+/// The first `count` bytes, at most 8, as a number that orders as they do; bytes that are missing
+/// count as zero.
+inline std::uint64_t leadingBytes(const void* bytes, std::size_t count) noexcept {
+  byte_t first[8] = {};
+  if (count != 0) std::memcpy(first, bytes, std::min(count, sizeof first));
+  std::uint64_t number = 0;
+  for (const byte_t byte : first) number = number << 8 | byte;
+  return number;
+}
+
+}  // namespace detail
+
 // ---------------------------------------------------------------------------------------------
 // Numbers of the row format
 
@@ -155,6 +169,10 @@ class StringValueReference {
   bool operator<=(const StringValueReference& other) const { return compareCommon(other) <= 0; }
   bool operator>=(const StringValueReference& other) const { return compareCommon(other) >= 0; }
 
+  /// A number that sorts faster than the value: of two values the one with the smaller key is <
+  /// the other. Equal keys say nothing. The same on every host.
+  std::uint64_t orderKey() const noexcept { return detail::leadingBytes(data_, length_); }
+
  private:
   int compareCommon(const StringValueReference& other) const {
     const len_t common = std::min(length_, other.length_);
@@ -185,6 +203,12 @@ class IpGenAddrReference {
   bool operator>(const IpGenAddrReference& other) const { return compare(other) > 0; }
   bool operator<=(const IpGenAddrReference& other) const { return compare(other) <= 0; }
   bool operator>=(const IpGenAddrReference& other) const { return compare(other) >= 0; }
+
+  /// As StringValueReference's. IPv4 addresses of one key are equal.
+  std::uint64_t orderKey() const noexcept {
+    if (af_ == ipv4_) return std::uint64_t{1} << 62 | detail::leadingBytes(addr_, ipv4Length) >> 32;
+    return af_ == ipv6_ ? std::uint64_t{2} << 62 | detail::leadingBytes(addr_, ipv6Length) >> 2 : 0;
+  }
 
  private:
   int compareBytes(const IpGenAddrReference& other) const {
@@ -236,6 +260,9 @@ class IpGenPrefixReference {
   bool operator>=(const IpGenPrefixReference& other) const {
     return other < *this || other == *this;
   }
+
+  /// As StringValueReference's. IPv4 prefixes of one key are neither < nor > each other.
+  std::uint64_t orderKey() const noexcept;
 
  private:
   int compareBytes(const IpGenPrefixReference& other) const {
@@ -659,6 +686,9 @@ class KORVO_API BaseRow {
   bool columnLess(len_t slotOffset, const BaseRow& other, len_t otherSlotOffset) const;
   template <typename T>
   unsigned int columnHash(len_t slotOffset) const;
+  /// The reference's orderKey().
+  template <typename T>
+  std::uint64_t columnOrderKey(len_t slotOffset) const;
 
   // Encoded values.
 
@@ -689,8 +719,8 @@ class KORVO_API BaseRow {
  protected:
   // For the row classes: how a row gets its first buffer. On a throw the row is as before.
 
-  /// A new row of `baseLength` bytes, zero but for its header.
-  void installNew(len_t baseLength, std::uint16_t rowType, oid_t oid);
+  /// A new row of `length` bytes, zero but for its header.
+  void installNew(len_t length, std::uint16_t rowType, oid_t oid);
   /// A copy of a row that came from elsewhere. Throws KoInvalidArgument unless `length` is what the
   /// header says, at least `baseLength`, and the row is of type `rowType`. The values in the
   /// variable area are not looked at.
@@ -720,13 +750,15 @@ class KORVO_API BaseRow {
   KoPtr<KoRowBuf> makeExclusive();
   Room findRoom(const byte_t* buf, len_t slotOffset, len_t needed, len_t baseRowLength) const;
   len_t takeRoom(const Room& room, len_t slotOffset, len_t baseRowLength);
-  byte_t* grow(byte_t* buf, len_t newLength);
+  byte_t* grow(byte_t* buf, len_t newLength, unsigned int filledEnd = 0);
   len_t pack(const PackingOrder& order, len_t baseRowLength);
   len_t makeExclusiveRoom(len_t slotOffset, std::size_t needed, len_t fdLen,
                           KoPtr<KoRowBuf>& former);
   void clearColumn(len_t slotOffset);
   void writeValue(len_t slotOffset, len_t fdLen, const detail::EncodedValue& value, bool isArray);
   void writeCopied(len_t slotOffset, len_t fdLen, detail::EncodedValue value, bool isArray);
+  len_t growBehind(const detail::Extent& others, std::size_t length, len_t fdLen,
+                   bool filled = false);
   void growForValue(len_t slotOffset, len_t fdLen, const detail::EncodedValue& value,
                     const detail::Extent& others);
   /// Room for an array of `length` bytes, its slot written; returns its first byte.
@@ -792,6 +824,21 @@ inline bool IpGenPrefixReference::contains(const IpGenPrefixReference& other) co
   const unsigned int wholeBytes = (mask_ - 1U) / 8;
   if (std::memcmp(addr_, other.addr_, wholeBytes) != 0) return false;
   return ((addr_[wholeBytes] ^ other.addr_[wholeBytes]) & byteMaskTbl[mask_ - 8 * wholeBytes]) == 0;
+}
+
+inline std::uint64_t IpGenPrefixReference::orderKey() const noexcept {
+  // A prefix comes behind all that it contains: where its last address stands, and there behind the
+  // longer ones. A length that the family does not have contains nothing, as one more bit would.
+  const std::uint64_t family = std::uint64_t{af_} << 62;
+  if (af_ == ipv4_) {
+    const unsigned int length = std::min<unsigned int>(mask_, 8 * ipv4Length + 1);
+    const std::uint64_t hostBits = length > 32 ? 0 : ~std::uint64_t{0} >> 32 >> length;
+    const std::uint64_t last = detail::leadingBytes(addr_, ipv4Length) >> 32 | hostBits;
+    return family | last << 8 | (8 * ipv4Length + 1 - length);
+  }
+  if (af_ != ipv6_) return 0;
+  const std::uint64_t hostBits = mask_ >= 64 ? 0 : ~std::uint64_t{0} >> mask_;
+  return family | (detail::leadingBytes(addr_, ipv6Length) | hostBits) >> 2;
 }
 
 template <typename T>
@@ -1077,12 +1124,13 @@ void BaseRow::writeOwnArray(len_t slotOffset, const std::vector<T>& values) {
   const std::size_t length = detail::arrayLength(values);
   if (length <= maxValueLength && isSoleHolder()) {
     byte_t* const buf = BaseRow::rwRowBuf();
-    VColType& slot = VColType::at(buf, slotOffset);
-    if (slot.length() == 0) {
-      const unsigned int end = Slots::extent(buf).end;
-      if (end + length <= loadField<len_t>(buf + rowLengthOffset)) {
-        slot.valueIs(static_cast<len_t>(end), static_cast<len_t>(length), true);
-        return storeArray(buf + end, values);
+    if (VColType::at(buf, slotOffset).length() == 0) {
+      const detail::Extent others = Slots::extent(buf);
+      const len_t offset = growBehind(others, length, Slots::baseLength);
+      if (offset != 0) {
+        byte_t* const own = BaseRow::rwRowBuf();
+        VColType::at(own, slotOffset).valueIs(offset, static_cast<len_t>(length), true);
+        return storeArray(own + offset, values);
       }
     }
   }
@@ -1163,6 +1211,11 @@ unsigned int BaseRow::columnHash(len_t slotOffset) const {
         detail::hashBytes(value.addr(), detail::encodedAddressLength(value.af()));
     return seed ^ (address + detail::goldenRatio + (seed << 6) + (seed >> 2));
   }
+}
+
+template <typename T>
+std::uint64_t BaseRow::columnOrderKey(len_t slotOffset) const {
+  return columnReference<T>(slotOffset).orderKey();
 }
 
 template <typename T>
