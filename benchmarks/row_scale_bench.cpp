@@ -215,9 +215,8 @@ void addAll() {
   auto korvo = std::make_shared<KorvoBuilder>();
   addMemory("row_memory/korvo", [korvo](const Sample& s) { return korvo->build(s); });
   auto flat = std::make_shared<FlatBuilder>();
-  addMemory("row_memory/flatbuffers", [flat](const Sample& s) {
-    return OwnBytes(flat->build(s)).data;
-  });
+  addMemory("row_memory/flatbuffers",
+            [flat](const Sample& s) { return OwnBytes(flat->build(s)).data; });
   auto capn = std::make_shared<CapnBuilder>();
   addMemory("row_memory/capnp", [capn](const Sample& s) {
     std::unique_ptr<capnp::word[]> row;
@@ -228,9 +227,8 @@ void addAll() {
     return row;
   });
   auto proto = std::make_shared<ProtoBuilder>();
-  addMemory("row_memory/protobuf_bytes", [proto](const Sample& s) {
-    return OwnBytes(proto->build(s)).data;
-  });
+  addMemory("row_memory/protobuf_bytes",
+            [proto](const Sample& s) { return OwnBytes(proto->build(s)).data; });
   addMemory("row_memory/protobuf_message", [](const Sample& s) {
     auto row = std::make_unique<proto::Row>();
     ProtoBuilder::fill(*row, s);
