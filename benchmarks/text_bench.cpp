@@ -1,8 +1,8 @@
 // The text helpers beside other libraries' functions for the same work, in one run.
 //
 // Each benchmark is named operation/contestant; "korvo" is this library. The inputs are the same
-// for all contestants of an operation. Contestants that escape or canonicalise by other rules do
-// the nearest thing that they offer.
+// for all contestants of an operation, and so are the results: a contestant whose result differs is
+// not measured, and the program stops.
 
 #include <Korvo/KoStrUtils.h>
 
@@ -13,15 +13,23 @@
 #include <absl/strings/str_split.h>
 #include <benchmark/benchmark.h>
 #include <openssl/sha.h>
+#ifdef __SSE2__
+#define RAPIDJSON_SSE2  // at its best
+#endif
+#include <rapidjson/reader.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
 #include <re2/re2.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <random>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -72,14 +80,49 @@ void measure(benchmark::State& state, const std::string& input, const Work& work
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(input.size()));
 }
 
+/// Stops the program if two contestants of an operation give results of one type that differ.
+template <typename Result>
+void requireSame(const std::string& name, const Result& result) {
+  static std::map<std::string, Result> results;
+  const auto [first, isFirst] = results.emplace(name.substr(0, name.find('/')), result);
+  if (isFirst || first->second == result) return;
+  std::fprintf(stderr, "contestants differ: %s\n", name.c_str());
+  std::exit(1);
+}
+
 /// One contestant for one operation.
 template <typename Work>
 void add(const std::string& name, const std::string& input, Work work) {
+  requireSame(name, work(input));
   benchmark::RegisterBenchmark(
       name.c_str(), [input, work](benchmark::State& state) { measure(state, input, work); });
 }
 
 // -------------------------------------------------------------------------------------------------
+
+std::string escapedByRapidJson(const std::string& t) {
+  static rapidjson::StringBuffer buffer;
+  buffer.Clear();
+  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  writer.String(t.data(), static_cast<rapidjson::SizeType>(t.size()));
+  return {buffer.GetString() + 1, buffer.GetSize() - 2};  // without the quotes
+}
+
+/// Takes the text between quotes, as this parser wants it.
+std::string unescapedByRapidJson(const std::string& quoted) {
+  struct Keep : rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Keep> {
+    bool String(const char* data, rapidjson::SizeType size, bool) {
+      text.assign(data, size);
+      return true;
+    }
+    std::string text;
+  };
+  static rapidjson::Reader reader;
+  Keep keep;
+  rapidjson::StringStream stream(quoted.c_str());
+  reader.Parse(stream, keep);
+  return std::move(keep.text);
+}
 
 void addEscaping() {
   for (const unsigned int every : {40u, 8u, 1000000000u}) {
@@ -87,6 +130,7 @@ void addEscaping() {
     const std::string plain = text(mebibyte, "\n\t\"\\", every);
     add("escape" + label + "/korvo", plain, [](const auto& t) { return Korvo::escapeString(t); });
     add("escape" + label + "/CEscape", plain, [](const auto& t) { return absl::CEscape(t); });
+    add("escape" + label + "/RapidJSON", plain, escapedByRapidJson);
     add("escape" + label + "/StrReplaceAll", plain, [](const auto& t) {
       return absl::StrReplaceAll(t, {{"\n", "\\n"}, {"\t", "\\t"}, {"\"", "\\\""}, {"\\", "\\\\"}});
     });
@@ -99,6 +143,7 @@ void addEscaping() {
       absl::CUnescape(t, &result);
       return result;
     });
+    add("unescape" + label + "/RapidJSON", '"' + escaped + '"', unescapedByRapidJson);
     add("unescape" + label + "/StrReplaceAll", escaped, [](const auto& t) {
       return absl::StrReplaceAll(t, {{"\\n", "\n"}, {"\\t", "\t"}, {"\\\"", "\""}, {"\\\\", "\\"}});
     });
@@ -115,13 +160,15 @@ void addEscaping() {
 void addBlanking() {
   const std::string input = text(mebibyte, "\n\t\x80\xff", 20);
   add("replaceCtrl/korvo", input, [](const auto& t) { return KoStrUtils::replaceCtrl(t); });
-  add("replaceCtrl/copy", input, [](const auto& t) { return std::string(t); });
+  benchmark::RegisterBenchmark("replaceCtrl/memcpy", [input](benchmark::State& state) {
+    measure(state, input, [](const auto& t) { return std::string(t); });
+  });
 }
 
 void addSplitting() {
   for (const unsigned int every : {6u, 40u}) {
     const std::string label = every == 6 ? "_words" : "_fields";
-    const std::string input = text(std::size_t{64} << 10, ",", every);
+    const std::string input = text(std::size_t{64} << 10, ",", every) + 'x';
     add("split" + label + "/korvo", input, [](const auto& t) {
       std::vector<std::string> out;
       KoStrUtils::split(t, ',', out);
@@ -164,16 +211,30 @@ std::string canonicalByRe2(std::string t) {
   return t;
 }
 
-std::string canonicalByRegex(std::string t) {
-  static const std::regex comment(R"re(("[^"]*"|'[^']*')|/\*[^*]*\*+(?:[^/*][^*]*\*+)*/)re",
-                                  std::regex::optimize);
-  static const std::regex control("[\\x01-\\x1f]", std::regex::optimize);
-  static const std::regex blanks(" {2,}", std::regex::optimize);
-  static const std::regex ends("^ +| +$", std::regex::optimize);
-  t = std::regex_replace(t, comment, "$1");
-  t = std::regex_replace(t, control, " ");
-  t = std::regex_replace(t, blanks, " ");
-  return std::regex_replace(t, ends, "");
+/// The same steps one after the other, as they are written first.
+std::string canonicalStepByStep(const std::string& t) {
+  std::string uncommented;
+  for (std::size_t at = 0; at < t.size();) {
+    if (t[at] == '"' || t[at] == '\'') {
+      std::size_t end = at + 1;
+      while (t[end] != t[at] || t[end - 1] == '\\') ++end;
+      uncommented += t.substr(at, end + 1 - at);
+      at = end + 1;
+    } else if (t.compare(at, 2, "/*") == 0) {
+      at = t.find("*/", at + 1) + 2;
+    } else {
+      uncommented += t[at++];
+    }
+  }
+  std::string blanked;
+  for (const char c : uncommented) blanked += static_cast<signed char>(c) < ' ' ? ' ' : c;
+  std::string single;
+  for (const char c : blanked) {
+    if (c != ' ' || single.empty() || single.back() != ' ') single += c;
+  }
+  const std::size_t first = single.find_first_not_of(' ');
+  if (first == single.npos) return "";
+  return single.substr(first, single.find_last_not_of(' ') - first + 1);
 }
 
 void addCanonicalising() {
@@ -183,8 +244,7 @@ void addCanonicalising() {
     add("canonicalize" + label + "/korvo", input,
         [](const auto& t) { return KoStrUtils::canonicalize(t); });
     add("canonicalize" + label + "/RE2", input, [](const auto& t) { return canonicalByRe2(t); });
-    add("canonicalize" + label + "/regex", input,
-        [](const auto& t) { return canonicalByRegex(t); });
+    add("canonicalize" + label + "/steps", input, canonicalStepByStep);
   }
 }
 
@@ -210,7 +270,7 @@ void addConversions() {
       return value;
     });
     add(label + "/strtoull", digits,
-        [](const auto& t) { return std::strtoull(t.c_str(), nullptr, 10); });
+        [](const auto& t) -> std::uint64_t { return std::strtoull(t.c_str(), nullptr, 10); });
     add(label + "/SimpleAtoi", digits, [](const auto& t) {
       std::uint64_t value = 0;
       benchmark::DoNotOptimize(absl::SimpleAtoi(t, &value));
