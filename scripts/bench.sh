@@ -14,7 +14,10 @@ cd "$(dirname "$0")/.."
 mode=${1:---short}
 case $mode in
   --short) options=(--benchmark_repetitions=3 --benchmark_min_time=0.05) ;;
-  --full) options=(--benchmark_repetitions=15 --benchmark_min_time=0.25) ;;
+  --full)
+    options=(--benchmark_repetitions=15 --benchmark_min_time=0.25)
+    export KORVO_BENCH_LARGEST=10000000
+    ;;
   --once) ;;
   *)
     echo "usage: scripts/bench.sh [--full | --once]" >&2
