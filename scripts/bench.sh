@@ -45,9 +45,10 @@ for program in build/bench/benchmarks/*_bench; do
   name=$(basename "$program")
   echo "== $name"
   # The repetitions of all contestants take turns, so that a slow moment hits each of them.
+  # The results go to standard output, because a confined benchmark cannot open files.
   "$program" "${options[@]}" --benchmark_enable_random_interleaving=true \
     --benchmark_filter="${BENCH_FILTER:-.}" --benchmark_report_aggregates_only=true \
-    --benchmark_out="$results/$name.json" --benchmark_out_format=json >"$results/$name.txt"
+    --benchmark_format=json >"$results/$name.json"
 done
 python3 scripts/bench-table.py $results/*.json >$results/table.md
 if [ "$mode" = --full ]; then
