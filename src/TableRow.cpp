@@ -15,6 +15,10 @@ namespace {
 
 void appendRow(JsonText& json, const BaseRow& row, const LayoutInfo& layout);
 
+void appendValue(JsonText& json, const SubRowReference& row, const LayoutInfo& layout) {
+  appendRow(json, row, layout);
+}
+
 template <typename T>
 T valueOf(const BaseRow& row, len_t slotOffset) {
   T value;
@@ -43,13 +47,14 @@ void appendValue(JsonText& json, bool value) {
   json.put(value ? "true" : "false");
 }
 
-template <typename T>
-void appendArray(JsonText& json, const BaseRow& row, len_t slotOffset) {
+/// `layout` is that of nested rows.
+template <typename T, typename... Layout>
+void appendArray(JsonText& json, const BaseRow& row, len_t slotOffset, const Layout&... layout) {
   json.put('[');
   const char* separator = "";
   for (const T& element : row.arrayReference<T>(slotOffset)) {
     json.put(separator);
-    appendValue(json, element);
+    appendValue(json, element, layout...);
     separator = ",";
   }
   json.put(']');
@@ -101,7 +106,8 @@ void appendColumn(JsonText& json, const BaseRow& row, const ColumnInfo& column) 
       if (column.isArray) return appendArray<IpGenPrefixReference>(json, row, at);
       return appendValue(json, valueOf<IpGenPrefixReference>(row, at));
     case structType_:
-      return appendRow(json, valueOf<SubRowReference>(row, at), *column.nested);
+      if (column.isArray) return appendArray<SubRowReference>(json, row, at, *column.nested);
+      return appendValue(json, valueOf<SubRowReference>(row, at), *column.nested);
   }
 }
 

@@ -424,6 +424,59 @@ TEST(RowCheck, ChecksTheElementsOfAnArrayOfNestedRows) {
   }
 }
 
+/// A row with an array of `nested` and of its first `lastLength` bytes.
+std::vector<byte_t> arrayOfNestedRows(const std::vector<byte_t>& nested, len_t lastLength) {
+  constexpr std::size_t array = 12;
+  constexpr len_t first = 2 + 2 * 4;
+  const auto last = static_cast<len_t>(first + nested.size());
+  const auto length = static_cast<len_t>(last + lastLength);
+  std::vector<byte_t> bytes(array + length);
+  std::copy_n(nested.data(), nested.size(), bytes.data() + array + first);
+  std::copy_n(nested.data(), lastLength, bytes.data() + array + last);
+  storeField<len_t>(bytes.data(), static_cast<len_t>(bytes.size()));
+  VColType::at(bytes.data(), 8).valueIs(array, length, true);
+  storeField<std::uint16_t>(bytes.data() + array, 0x1002);
+  VColType::at(bytes.data(), array + 2).valueIs(first, static_cast<len_t>(nested.size()), false);
+  VColType::at(bytes.data(), array + 6).valueIs(last, lastLength, false);
+  return bytes;
+}
+
+// Even an empty nested row has a header. An element that is only the place where one would begin
+// reads as a row there, possibly at the row's very end.
+TEST(RowCheck, RefusesAnArrayElementWithoutANestedRow) {
+  const ColumnInfo columns[] = {{"rows", structType_, 8, 4, true, &InnerLayout::info}};
+  const LayoutInfo layout = {1, 12, columns};
+  TableRow<InnerLayout> inner;
+  inner.create();
+  inner.set<"text">("deep");
+  const std::vector<byte_t> nested = bytesOf(inner);
+  for (len_t left = 0; left < nested.size(); ++left) {
+    const std::vector<byte_t> bytes = arrayOfNestedRows(nested, left);
+    EXPECT_EQ(checkRow(bytes.data(), bytes.size(), layout),
+              fault(RowFaultKind::nestedLength, bytes.size() - left))
+        << left;
+  }
+}
+
+TEST(RowCheck, ArraysOfNestedRowsHaveJson) {
+  const ColumnInfo columns[] = {{"rows", structType_, 8, 4, true, &InnerLayout::info}};
+  const LayoutInfo layout = {1, 12, columns};
+  TableRow<InnerLayout> inner;
+  inner.create();
+  inner.set<"text">("deep");
+  const std::vector<byte_t> nested = bytesOf(inner);
+  const std::vector<byte_t> bytes = arrayOfNestedRows(nested, static_cast<len_t>(nested.size()));
+  const std::unique_ptr<byte_t[]> block(new byte_t[bytes.size()]);
+  std::copy(bytes.begin(), bytes.end(), block.get());
+  ASSERT_EQ(checkRow(block.get(), bytes.size(), layout), RowFault());
+  EXPECT_EQ(detail::rowAsJson(SubRowReference(block.get()), layout),
+            R"({"rows":[{"text":"deep","net":null},{"text":"deep","net":null}]})");
+
+  std::vector<byte_t> empty(12);
+  storeField<len_t>(empty.data(), 12);
+  EXPECT_EQ(detail::rowAsJson(SubRowReference(empty.data()), layout), R"({"rows":[]})");
+}
+
 extern const LayoutInfo endlessArrays;
 const ColumnInfo endlessArrayColumns[] = {{"next", structType_, 8, 4, true, &endlessArrays}};
 const LayoutInfo endlessArrays = {1, 12, endlessArrayColumns};
