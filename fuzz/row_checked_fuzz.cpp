@@ -7,7 +7,9 @@
 
 #include <functional>
 #include <sstream>
+#include <tuple>
 
+#include "json_oracle.h"
 #include "row_fuzz_support.h"
 
 namespace {
@@ -39,8 +41,8 @@ class Reader {
 
  private:
   void readRow(const BaseRow& row, const BaseRow& other, const LayoutInfo& layout) {
-    out_ << row << row.toString() << Korvo::detail::rowAsJson(row, layout) << row.rowLength()
-         << row.rowType() << row.rowOid();
+    FUZZ_REQUIRE(JsonOracle::isJson(Korvo::detail::rowAsJson(row, layout)));
+    out_ << row << row.toString() << row.rowLength() << row.rowType() << row.rowOid();
     std::size_t emptyColumns = 0;
     for (const ColumnInfo& column : layout.columns) {
       if (hasSlot(column) && VColType::at(row.rowBuf(), column.offset).length() == 0 &&
@@ -78,31 +80,68 @@ class Reader {
       case uint64Type_:
         out_ << row.fixedColumn<std::uint64_t>(at);
         break;
+      case int64Type_:
+        out_ << row.fixedColumn<std::int64_t>(at);
+        break;
+      case uint32Type_:
+        out_ << row.fixedColumn<std::uint32_t>(at);
+        break;
+      case int32Type_:
+        out_ << row.fixedColumn<std::int32_t>(at);
+        break;
+      case uint16Type_:
+        out_ << row.fixedColumn<std::uint16_t>(at);
+        break;
       case int16Type_:
         out_ << row.fixedColumn<std::int16_t>(at);
+        break;
+      case int8Type_:
+        out_ << FMT<signed char>(row.fixedColumn<std::int8_t>(at));
         break;
       default:
         out_ << FMT<unsigned char>(row.fixedColumn<std::uint8_t>(at));
     }
   }
 
+  /// False for the two that have no order.
+  template <typename Reference>
+  bool compareTwo(const Reference& a, const Reference& b) {
+    FUZZ_REQUIRE((a == b) == (b == a) && (a == b) != (a != b));
+    if constexpr (std::is_same_v<Reference, IpGenPrefixReference>) {
+      if (a.af() == unknown_ && b.af() == unknown_) return false;
+      if (a == b) FUZZ_REQUIRE(a.contains(b) && b.contains(a));
+      if (a.af() != b.af()) FUZZ_REQUIRE(!a.contains(b) && !b.contains(a));
+    }
+    FUZZ_REQUIRE((a < b) == (b > a) && (b < a) == (a > b) && (a < b) + (b < a) + (a == b) <= 1);
+    if (a == b) FUZZ_REQUIRE(a <= b && b <= a && a >= b && b >= a);
+    if (a < b) FUZZ_REQUIRE(a <= b && b >= a);
+    return true;
+  }
+
+  /// With the values read last, also those of other columns and rows.
+  template <typename Reference>
+  void compareWithSeen(const Reference& mine) {
+    auto& [values, count] = std::get<Seen<Reference>>(seen_);
+    const std::size_t size = std::min(count, values.size());
+    for (std::size_t i = 0; i < size; ++i) compareTwo(mine, values[i]);
+    values[count++ % values.size()] = mine;
+  }
+
   template <typename Reference>
   void compare(const BaseRow& row, const BaseRow& other, len_t at, const Reference& mine) {
+    compareWithSeen(mine);
     FUZZ_REQUIRE(row.columnEqual<Reference>(at, row, at));
     FUZZ_REQUIRE(row.columnEqualConst<Reference>(at, mine));
     out_ << row.columnHash<Reference>(at);
     Reference others;
     other.getColumn(at, others);
-    if constexpr (std::is_same_v<Reference, IpGenPrefixReference>) {
-      if (mine.af() == unknown_ && others.af() == unknown_) return;  // these two have no order
-      out_ << mine.contains(others) << others.contains(mine);
-    }
-    out_ << row.columnLess<Reference>(at, other, at) << other.columnLess<Reference>(at, row, at)
-         << (mine == others) << (mine != others) << (mine < others) << (mine > others)
-         << (mine <= others) << (mine >= others);
-    if (row.columnEqual<Reference>(at, other, at)) {
+    FUZZ_REQUIRE(row.columnEqual<Reference>(at, other, at) == (mine == others));
+    if (mine == others) {
       FUZZ_REQUIRE(row.columnHash<Reference>(at) == other.columnHash<Reference>(at));
     }
+    if (!compareTwo(mine, others)) return;
+    FUZZ_REQUIRE(row.columnLess<Reference>(at, other, at) == (mine < others));
+    FUZZ_REQUIRE(other.columnLess<Reference>(at, row, at) == (others < mine));
   }
 
   void readValue(const BaseRow& row, const BaseRow& other, const ColumnInfo& column) {
@@ -166,6 +205,7 @@ class Reader {
       } else {
         print();
       }
+      if constexpr (Korvo::detail::isReference<Element>) compareWithSeen(view[i]);
     }
     FUZZ_REQUIRE(!mayBeOutOfRange([&] { view[view.size()]; }));
   }
@@ -186,8 +226,19 @@ class Reader {
     FUZZ_REQUIRE(std::equal(again.begin(), again.end(), values.begin() + 2, values.end()));
   }
 
+  void readNestedArray(const BaseRow& row, const ColumnInfo& column) {
+    readElements<SubRowReference>(row, column.offset);
+    SubRowReference before;
+    for (const SubRowReference& nested : row.arrayReference<SubRowReference>(column.offset)) {
+      readRow(nested, before.isNull() ? nested : before, *column.nested);
+      before = nested;
+    }
+  }
+
   void readArray(const BaseRow& row, const ColumnInfo& column) {
     switch (column.type) {
+      case structType_:
+        return readNestedArray(row, column);
       case stringType_:
         return readVariableArray<std::string, StringValueReference>(row, column.offset);
       case ipGenAddrType_:
@@ -199,7 +250,15 @@ class Reader {
     }
   }
 
+  template <typename Reference>
+  struct Seen {
+    std::array<Reference, 4> values;
+    std::size_t count = 0;
+  };
+
   PrefixRule rule_;
+  std::tuple<Seen<StringValueReference>, Seen<IpGenAddrReference>, Seen<IpGenPrefixReference>>
+      seen_;
   std::ostringstream out_;
 };
 
@@ -217,6 +276,7 @@ void readByName(const Bytes& bytes, PrefixRule rule) {
       << row.view<"single">() << row.get<"flag">() << row.view<"v4">() << row.get<"v6">();
   out << row.get<"text">() << row.view<"text">() << row.hash<"text">() << row.equal<"text">(row)
       << row.less<"other">(row);
+  FUZZ_REQUIRE(row.get<"text">() == row.view<"text">().view());
   out << row.get<"addr">() << row.view<"addr">() << row.hash<"addr">() << row.less<"addr">(row);
   out << row.view<"net">() << row.hash<"net">() << row.equal<"net">(row);
   if (row.view<"net">().af() != unknown_) FUZZ_REQUIRE(!row.less<"net">(row));
@@ -235,7 +295,8 @@ void readByName(const Bytes& bytes, PrefixRule rule) {
   const auto leaf = middle.view<"leaf">();
   out << leaf.get<"flag">() << leaf.get<"text">() << leaf.get<"flags">().size();
   if (!leaf.isNull()) out << leaf.hash<"text">() << leaf.equal<"text">(leaf);
-  out << row.toJson() << row.toString() << varFieldMap(row).size();
+  FUZZ_REQUIRE(JsonOracle::isJson(row.toJson()));
+  out << row.toString() << varFieldMap(row).size();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -306,6 +367,8 @@ class Writer {
         return row_.setColumn(at, arrayFrom<IpGenAddr>(input_), base());
       case ipGenPrefixType_:
         return row_.setColumn(at, arrayFrom<IpGenPrefix>(input_), base());
+      case structType_:
+        return;  // has no writer but copying
       default:
         return row_.updateFixElemArray(at, base(), arrayFrom<bool>(input_));
     }
@@ -353,6 +416,110 @@ class Writer {
   AnyRow& row_;
 };
 
+/// The writers of the row classes, by name: values of the input's, and views of the row's own.
+class NamedWriter {
+ public:
+  NamedWriter(Input& input, TableRow<Mixed>& row) : input_(input), row_(row) {}
+
+  void write() {
+    switch (input_.below(16)) {
+      case 0:
+        return row_.set<"text">(row_.view<"other">());
+      case 1:
+        return row_.set<"other">(input_.text(input_.below(60)));
+      case 2:
+        return row_.set<"addr">(row_.view<"addr">());
+      case 3:
+        return row_.set<"addr">(addrFrom(input_));
+      case 4:
+        return row_.set<"net">(row_.view<"net">());
+      case 5:
+        return row_.set<"net">(prefixFrom(input_));
+      case 6:
+        return row_.set<"texts">(input_.flag() ? row_.get<"texts">()
+                                               : arrayFrom<std::string>(input_));
+      case 7:
+        return row_.set<"addrs">(arrayFrom<IpGenAddr>(input_));
+      case 8:
+        return row_.set<"nets">(input_.flag() ? row_.get<"nets">()
+                                              : arrayFrom<IpGenPrefix>(input_));
+      case 9:
+        return row_.set<"flags">(input_.flag() ? row_.get<"flags">() : arrayFrom<bool>(input_));
+      case 10:
+        if (const auto own = row_.view<"middle">(); !own.isNull()) row_.set<"middle">(own);
+        return;
+      case 11:
+        return setMiddle();
+      case 12:
+        // From a row that is nested in this one.
+        return copyFrom<Leaf::offset<"text">>(row_.view<"middle">().view<"leaf">());
+      case 13:
+        return row_.set<"middle">(madeMiddle());
+      case 14:
+        return row_.set<"v6">(row_.get<"v6">());
+      default:
+        row_.set<"flag">(input_.flag());
+        row_.set<"real">(row_.get<"real">());
+        row_.set<"u64">(row_.get<"u64">());
+    }
+  }
+
+ private:
+  template <len_t From>
+  void copyFrom(const BaseRow& source) {
+    if (source.isNull()) return;
+    row_.copyVarColumn(From, source, Mixed::offset<"text">, Mixed::baseLength);
+  }
+
+  TableRow<Middle> madeMiddle() {
+    TableRow<Leaf> leaf;
+    leaf.create(input_.byte());
+    leaf.set<"text">(row_.view<"text">());
+    TableRow<Middle> middle;
+    middle.create();
+    middle.set<"leaf">(leaf);
+    middle.set<"addr">(row_.view<"addr">());
+    return middle;
+  }
+
+  /// A nested row's copy, changed and put back.
+  void setMiddle() {
+    const auto own = row_.view<"middle">();
+    if (own.isNull()) return;
+    TableRow<Middle> copy;
+    try {
+      copy.adopt(own.rowBuf(), own.rowLength());
+    } catch (const KoInvalidArgument&) {  // of another type
+      return;
+    }
+    copy.set<"addr">(addrFrom(input_));
+    row_.set<"middle">(copy);
+  }
+
+  Input& input_;
+  TableRow<Mixed>& row_;
+};
+
+void writeByName(const Bytes& bytes, Input& input) {
+  TableRow<Mixed> row;
+  const ExactBlock block(bytes);
+  try {
+    row.adopt(block.data(), bytes.size());
+  } catch (const KoInvalidArgument&) {  // of another type
+    return;
+  }
+  for (int step = 0; step < 6 && !input.empty(); ++step) {
+    const Bytes before = bytesOf(row);
+    try {
+      NamedWriter(input, row).write();
+    } catch (const KoOutOfRange&) {
+      FUZZ_REQUIRE(bytesOf(row) == before);
+    }
+    const Bytes after = bytesOf(row);
+    FUZZ_REQUIRE(!checkRow(after.data(), after.size(), Mixed::info));
+  }
+}
+
 /// Checks the bytes; if they pass, reads, writes and reads again.
 void use(const Bytes& bytes, const LayoutInfo& layout, Input& input) {
   const ExactBlock block(bytes);
@@ -385,6 +552,7 @@ void use(const Bytes& bytes, const LayoutInfo& layout, Input& input) {
     FUZZ_REQUIRE(!checkRow(after.data(), after.size(), layout));
   }
   Reader(PrefixRule::anyBits).read(row, other, layout);
+  if (&layout == &Mixed::info) writeByName(bytes, input);
 }
 
 }  // namespace

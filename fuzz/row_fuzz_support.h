@@ -30,6 +30,9 @@ using Mixed =
               Column<"single", float>, Column<"flag", bool>, Column<"v4", IpAddr>,
               Column<"v6", Ip6Addr>, Column<"other", std::string>>;
 using NoColumns = RowLayout<4>;
+using Numbers = RowLayout<7, Column<"u16", std::uint16_t>, Column<"u32", std::uint32_t>,
+                          Column<"i8", std::int8_t>, Column<"i32", std::int32_t>,
+                          Column<"i64", std::int64_t>, Column<"late", double, 40>>;
 
 namespace detail {
 
@@ -50,11 +53,10 @@ inline const LayoutInfo endless = {6, 20, endlessColumns};
 /// More columns than a row compacts without allocating.
 using Wide = decltype(detail::wideLayout(std::make_index_sequence<70>()));
 
-/// The layouts that a row class can have. The one after them nests itself and has arrays of nested
-/// rows, which only a layout made by hand can.
-inline const LayoutInfo* const rowLayouts[] = {&Mixed::info, &Middle::info, &Leaf::info,
-                                               &NoColumns::info, &Wide::info};
-inline const LayoutInfo& endlessLayout = detail::endless;
+/// The last one nests itself and has arrays of nested rows, which only a layout made by hand can.
+inline const LayoutInfo* const rowLayouts[] = {&Mixed::info,     &Middle::info, &Leaf::info,
+                                               &NoColumns::info, &Wide::info,   &Numbers::info,
+                                               &detail::endless};
 
 inline bool hasSlot(const ColumnInfo& column) {
   return column.isArray || korvoTypeIsVariableLength(column.type);
@@ -183,7 +185,8 @@ inline Bytes builtValue(Input& input, const ColumnInfo& column, unsigned int dep
 }
 
 inline Bytes builtArray(Input& input, const ColumnInfo& column, unsigned int depth) {
-  const std::size_t count = input.below(6);
+  // An element cannot be an empty row.
+  const std::size_t count = column.type == structType_ && depth == 0 ? 0 : input.below(6);
   const std::size_t kept = input.byte() & 0xE0U;  // bits that nobody interprets
   if (column.type == boolType_) {
     Bytes array = {static_cast<std::uint8_t>(count), static_cast<std::uint8_t>(kept)};

@@ -399,6 +399,39 @@ class Machine {
     }
   }
 
+  /// Into a place that no other column uses.
+  void moveColumn(TwoRows& row, len_t at) {
+    const Slot slot = slotAt(*row.model, at);
+    const std::size_t to = base + input_.word() % (row.model->size() - slot.length - base + 1);
+    for (const len_t other : slotOffsets) {
+      const Slot taken = slotAt(*row.model, other);
+      const bool apart =
+          to + slot.length <= taken.offset || taken.offset + taken.length <= to || other == at;
+      if (taken.length != 0 && !apart) return;
+    }
+    apply(
+        row, slot.length != 0,
+        [&](Bytes& model) {
+          if (slot.length != 0) move(model, at, to);
+        },
+        [&] {
+          FUZZ_REQUIRE(row.real.moveVariableColumn(&VColType::at(row.real.rwRowBuf(), at), at,
+                                                   static_cast<len_t>(to)) == to + slot.length);
+        });
+  }
+
+  /// Every holder of the buffer sees the new block.
+  void replaceBlock(TwoRows& row) {
+    Bytes& model = *row.model;
+    model[4] = input_.byte();
+    auto* const block = static_cast<byte_t*>(std::malloc(model.size()));
+    FUZZ_REQUIRE(block != nullptr);
+    std::copy(model.begin(), model.end(), block);
+    byte_t* const former = row.real.rowBuf();
+    row.real.replaceRow(block);
+    std::free(former);
+  }
+
   void step() {
     const unsigned int choice = input_.byte();
     TwoRows& row = rows_[choice & 3];
@@ -474,6 +507,10 @@ class Machine {
         putWord(nested, 0, nested.size());
         return writeValue(row, at, nested, SubRowReference(nested.data()));
       }
+      case 24:
+        return moveColumn(row, at);
+      case 25:
+        return replaceBlock(row);
       default:
         return writeText(row, at);
     }
