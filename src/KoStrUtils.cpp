@@ -296,11 +296,15 @@ constexpr std::size_t caseStretch = sizeof(Stretch);
 /// Whether stretches of two texts are equal but for the case of ASCII letters.
 bool equalByAsciiPairs(const char* a, const char* b) {
   using Halves [[gnu::vector_size(16)]] = Block;
-  const auto bytes = loadField<Stretch>(a);
+  // Loaded in place: how such values are passed depends on the registers that there are.
+  Stretch bytes;
+  Stretch others;
+  std::memcpy(&bytes, a, sizeof bytes);
+  std::memcpy(&others, b, sizeof others);
   const Stretch letters = (bytes | 0x20) - 'a';
   const Stretch caseBits = (letters < 26) & 0x20;
-  const Stretch differences = (bytes ^ loadField<Stretch>(b)) & ~caseBits;
-  const auto halves = std::bit_cast<Halves>(differences);
+  const Stretch differences = (bytes ^ others) & ~caseBits;
+  const auto halves = reinterpret_cast<Halves>(differences);
   return (halves[0] | halves[1]) == 0;
 }
 
