@@ -149,7 +149,9 @@ class QuickLook {
       if (slot.offset < end) return false;
       end = slot.offset + slot.length;
       if (end > length) return false;
-      if (column.type != stringType_ && slot.length != 0 &&
+      const bool mayBeEmpty = column.type != structType_;  // a row is never empty
+      if (slot.length == 0 && mayBeEmpty) continue;
+      if (column.type != stringType_ &&
           !valuePasses(array + slot.offset, slot.length, column, depth)) {
         return false;
       }
