@@ -257,6 +257,7 @@ int copyFile(const std::string& from, const std::string& to) {
   struct stat sourceInfo;
   const bool sourceExists =
       (source ? ::fstat(source.get(), &sourceInfo) : ::stat(from.c_str(), &sourceInfo)) == 0;
+  if (source && !sourceExists) return -1;  // it might be the destination
   struct stat destinationInfo;
   if (::fstat(destination.get(), &destinationInfo) != 0) return -1;
   if (sourceExists && fileId(sourceInfo) == fileId(destinationInfo)) {

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <functional>
 #include <string>
 
@@ -24,6 +25,19 @@ bool armed = false;
 std::function<CopyRange> onCopyRange;
 std::function<ssize_t(int, void*, std::size_t)> onRead;
 std::function<ssize_t(int, const void*, std::size_t)> onWrite;
+
+/// Counts calls of one kind and fails one of them.
+struct Fault {
+  int failing = 0;  // the call that fails, counted from 1; none if 0
+  int calls = 0;
+};
+Fault opening, examining, emptying;
+
+bool failNow(Fault& fault) {
+  if (!armed || ++fault.calls != fault.failing) return false;
+  errno = EIO;
+  return true;
+}
 
 template <typename Function>
 Function* next(const char* name) {
@@ -57,6 +71,28 @@ INTERPOSED ssize_t read(int fd, void* data, std::size_t size) {
 
 INTERPOSED ssize_t write(int fd, const void* data, std::size_t size) {
   return armed && onWrite ? onWrite(fd, data, size) : systemWrite(fd, data, size);
+}
+
+// The library is built with 64-bit offsets on either word size.
+INTERPOSED int open64(const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  if (failNow(opening)) return -1;
+  return next<int(const char*, int, ...)>("open64")(path, flags, mode);
+}
+INTERPOSED int fstat64(int fd, struct stat64* info) noexcept {
+  if (failNow(examining)) return -1;
+  return next<int(int, struct stat64*)>("fstat64")(fd, info);
+}
+INTERPOSED int stat64(const char* path, struct stat64* info) noexcept {
+  if (failNow(examining)) return -1;
+  return next<int(const char*, struct stat64*)>("stat64")(path, info);
+}
+INTERPOSED int ftruncate64(int fd, off64_t size) noexcept {
+  if (failNow(emptying)) return -1;
+  return next<int(int, off64_t)>("ftruncate64")(fd, size);
 }
 
 namespace {
@@ -152,6 +188,49 @@ TEST(CopyFileFaults, FailsWhenWritingFailsOnTheWay) {
     EXPECT_EQ(errno, ENOSPC);
     EXPECT_EQ(openDescriptors(), before);
   });
+}
+
+/// Fails the first call, then the second, and so on, until a copy needs no further one.
+void failEveryCall(Fault& fault, const std::function<void(int)>& expect) {
+  int failures = 0;
+  for (;; ++failures) {
+    makeFile("/from", content);
+    makeFile("/to", "old");
+    fault = {failures + 1, 0};
+    const int before = openDescriptors();
+    const int result = copyWithFaults();
+    const int error = errno;
+    const bool failed = fault.calls >= fault.failing;
+    fault = {};
+    EXPECT_EQ(openDescriptors(), before) << failures;
+    if (!failed) {
+      EXPECT_EQ(result, 0) << std::strerror(error);
+      break;
+    }
+    EXPECT_EQ(result, -1) << failures;
+    EXPECT_EQ(error, EIO) << failures;
+    expect(failures + 1);
+    EXPECT_EQ(contentOf("/from"), content);
+    EXPECT_EQ(copyWithFaults(), 0);
+    EXPECT_EQ(contentOf("/to"), content);
+  }
+  EXPECT_GT(failures, 0) << "the call was never seen";
+}
+
+TEST(CopyFileFaults, FailsWhenOpeningFails) {
+  confined([] {
+    failEveryCall(opening, [](int call) {
+      // The destination is emptied even if the source cannot be opened.
+      EXPECT_EQ(contentOf("/to"), call == 1 ? "" : "old") << call;
+    });
+  });
+}
+// Source and destination may be one file as long as not both have been examined.
+TEST(CopyFileFaults, LeavesTheDestinationWhenEitherCannotBeExamined) {
+  confined([] { failEveryCall(examining, [](int) { EXPECT_EQ(contentOf("/to"), "old"); }); });
+}
+TEST(CopyFileFaults, LeavesTheDestinationThatCannotBeEmptied) {
+  confined([] { failEveryCall(emptying, [](int) { EXPECT_EQ(contentOf("/to"), "old"); }); });
 }
 
 }  // namespace

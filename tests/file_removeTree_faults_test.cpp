@@ -42,6 +42,17 @@ bool failNow(Fault& fault, int error) {
   return true;
 }
 
+/// Called before each call that goes by a name. What happens to names between any other two steps
+/// shows in the next of these.
+std::function<void()> beforeNamed;
+
+void announceNamed() {
+  if (!armed || !beforeNamed) return;
+  armed = false;
+  beforeNamed();
+  armed = true;
+}
+
 /// Called with each entry that is read, and with null at the end of a folder.
 std::function<void(dirent64*)> onEntry;
 
@@ -51,6 +62,7 @@ Function* next(const char* name) {
 }
 
 int openNext(const char* function, int parent, const char* path, int flags, mode_t mode) {
+  announceNamed();
   if (failNow(faults.open, EIO)) return -1;
   return next<int(int, const char*, int, ...)>(function)(parent, path, flags, mode);
 }
@@ -115,6 +127,7 @@ INTERPOSED int closedir(DIR* dir) {
 }
 
 INTERPOSED int unlinkat(int parent, const char* path, int flags) noexcept {
+  announceNamed();
   if (failNow((flags & AT_REMOVEDIR) != 0 ? faults.rmdir : faults.unlink, EIO)) return -1;
   return next<int(int, const char*, int)>("unlinkat")(parent, path, flags);
 }
@@ -343,6 +356,74 @@ TEST(RemoveTreeFaults, DoesNotRemoveAFolderOfTheSameNameElsewhere) {
     EXPECT_TRUE(exists("/b/d"));
     EXPECT_FALSE(exists("/moved/d"));
   });
+}
+
+// -------------------------------------------------------------------------------------------------
+// A folder swapped for a link between any two steps
+
+constexpr int shallow = 3;
+constexpr int deep = 18;  // deeper than what is kept open
+
+std::string levelOf(std::string path, int level) {
+  for (; level > 0; --level) path += "/n";
+  return path;
+}
+
+/// Folders in one another, with a file in the first two and the last.
+void makeLevels(const std::string& root, int depth) {
+  for (int level = 0; level < depth; ++level) makeFolder(levelOf(root, level));
+  for (const int level : {0, 1, depth - 1}) makeFile(levelOf(root, level) + "/file");
+}
+
+bool isWhole(const std::string& root, int depth) {
+  return exists(root + "/file") && exists(root + "/n/file") &&
+         exists(levelOf(root, depth - 1) + "/file");
+}
+
+/// Moves the folder `level` of the tree into a tree of the same form outside, and puts a link to
+/// that one in its place: before step 1 of the removal, before step 2, and so on to its last.
+void swapBeforeEveryStep(int depth, int level) {
+  const std::string victim = levelOf("/d", level);
+  int succeeded = 0;
+  int failed = 0;
+  bool isReached = true;
+  makeLevels("/outside", depth);
+  for (int step = 1; isReached; ++step) {
+    makeLevels("/d", depth);
+    int steps = 0;
+    bool isSwapped = false;
+    beforeNamed = [&] {
+      if (++steps != step || rename(victim.c_str(), "/outside/moved") != 0) return;
+      isSwapped = true;
+      makeLink("/outside", victim);
+    };
+    const int before = openDescriptors();
+    const int result = removeWithFaults("/d");
+    beforeNamed = nullptr;
+    EXPECT_EQ(openDescriptors(), before) << step;
+    ASSERT_TRUE(isWhole("/outside", depth)) << step;
+    isReached = steps >= step;
+    if (isSwapped) ++(result == 0 ? succeeded : failed);
+    EXPECT_TRUE(isSwapped || result == 0) << step;
+    for (const char* left : {"/d", "/outside/moved"}) {
+      ASSERT_TRUE(!exists(left) || removeWithFaults(left) == 0) << left;
+    }
+  }
+  // A link that stands there in time is removed like a file; later ones are refused.
+  EXPECT_GT(succeeded, 0);
+  EXPECT_GT(failed, 0);
+}
+
+TEST(RemoveTreeFaults, NoSwapBetweenAnyTwoStepsLeadsOutOfTheTree) {
+  for (int level = 1; level < shallow; ++level) {
+    confined([level] { swapBeforeEveryStep(shallow, level); });
+  }
+}
+
+TEST(RemoveTreeFaults, NoSwapBetweenAnyTwoStepsLeadsOutOfADeepTree) {
+  for (const int level : {1, deep / 2}) {
+    confined([level] { swapBeforeEveryStep(deep, level); });
+  }
 }
 
 }  // namespace
