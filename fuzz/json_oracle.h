@@ -20,27 +20,27 @@ class JsonOracle {
   explicit JsonOracle(std::string_view text) : left_(text) {}
 
   bool value() {
-    if (take("{")) return list('}', [this] { return string() && take(":") && value(); });
-    if (take("[")) return list(']', [this] { return value(); });
+    if (take('{')) return list('}', [this] { return string() && take(':') && value(); });
+    if (take('[')) return list(']', [this] { return value(); });
     if (!left_.empty() && left_.front() == '"') return string();
     return take("true") || take("false") || take("null") || number();
   }
 
   template <typename Item>
   bool list(char end, const Item& item) {
-    if (take({&end, 1})) return true;
+    if (take(end)) return true;
     do {
       if (!item()) return false;
-    } while (take(","));
-    return take({&end, 1});
+    } while (take(','));
+    return take(end);
   }
 
   bool number() {
-    take("-");
-    if (!take("0") && !digits()) return false;
-    if (take(".") && !digits()) return false;
-    if (!take("e") && !take("E")) return true;
-    if (!take("+")) take("-");
+    take('-');
+    if (!take('0') && !digits()) return false;
+    if (take('.') && !digits()) return false;
+    if (!take('e') && !take('E')) return true;
+    if (!take('+')) take('-');
     return digits();
   }
 
@@ -51,15 +51,15 @@ class JsonOracle {
   }
 
   bool string() {
-    if (!take("\"")) return false;
-    while (!take("\"")) {
-      if (!(take("\\") ? escape() : character())) return false;
+    if (!take('"')) return false;
+    while (!take('"')) {
+      if (!(take('\\') ? escape() : character())) return false;
     }
     return true;
   }
 
   bool escape() {
-    if (!take("u")) return oneOf("\"\\/bfnrt");
+    if (!take('u')) return oneOf("\"\\/bfnrt");
     for (int i = 0; i < 4; ++i) {
       if (!oneOf("0123456789abcdefABCDEF")) return false;
     }
@@ -95,8 +95,13 @@ class JsonOracle {
     return size == needed && point <= 0x10FFFF && (point < 0xD800 || point > 0xDFFF);
   }
 
+  bool take(char c) {
+    if (left_.empty() || left_.front() != c) return false;
+    left_.remove_prefix(1);
+    return true;
+  }
   bool take(std::string_view text) {
-    if (left_.substr(0, text.size()) != text) return false;
+    if (!left_.starts_with(text)) return false;
     left_.remove_prefix(text.size());
     return true;
   }
