@@ -6,6 +6,7 @@
 // single bytes of it; then what to write.
 
 #include <functional>
+#include <span>
 #include <sstream>
 #include <tuple>
 
@@ -115,6 +116,8 @@ class Reader {
     FUZZ_REQUIRE((a < b) == (b > a) && (b < a) == (a > b) && (a < b) + (b < a) + (a == b) <= 1);
     if (a == b) FUZZ_REQUIRE(a <= b && b <= a && a >= b && b >= a);
     if (a < b) FUZZ_REQUIRE(a <= b && b >= a);
+    FUZZ_REQUIRE(a < b || a.orderKey() >= b.orderKey());
+    FUZZ_REQUIRE(b < a || b.orderKey() >= a.orderKey());
     return true;
   }
 
@@ -132,6 +135,7 @@ class Reader {
     compareWithSeen(mine);
     FUZZ_REQUIRE(row.columnEqual<Reference>(at, row, at));
     FUZZ_REQUIRE(row.columnEqualConst<Reference>(at, mine));
+    FUZZ_REQUIRE(row.columnOrderKey<Reference>(at) == mine.orderKey());
     out_ << row.columnHash<Reference>(at);
     Reference others;
     other.getColumn(at, others);
@@ -500,6 +504,20 @@ class NamedWriter {
   TableRow<Mixed>& row_;
 };
 
+/// Several rows, the largest texts and addresses last.
+void sortByName(const TableRow<Mixed>& one, const TableRow<Mixed>& other) {
+  TableRow<Mixed> empty;
+  empty.create();
+  std::vector<TableRow<Mixed>> rows = {one, empty, other, one};
+  sortRows<"text">(std::span(rows));
+  for (std::size_t i = 1; i < rows.size(); ++i) FUZZ_REQUIRE(!rows[i].less<"text">(rows[i - 1]));
+  sortRows<"addr">(std::span(rows));
+  for (std::size_t i = 1; i < rows.size(); ++i) FUZZ_REQUIRE(!rows[i].less<"addr">(rows[i - 1]));
+  std::erase_if(rows, [](const auto& row) { return row.template view<"net">().af() == unknown_; });
+  sortRows<"net">(std::span(rows));
+  for (std::size_t i = 1; i < rows.size(); ++i) FUZZ_REQUIRE(!rows[i].less<"net">(rows[i - 1]));
+}
+
 void writeByName(const Bytes& bytes, Input& input) {
   TableRow<Mixed> row;
   const ExactBlock block(bytes);
@@ -518,6 +536,9 @@ void writeByName(const Bytes& bytes, Input& input) {
     const Bytes after = bytesOf(row);
     FUZZ_REQUIRE(!checkRow(after.data(), after.size(), Mixed::info));
   }
+  TableRow<Mixed> former;
+  former.adopt(block.data(), bytes.size());
+  sortByName(row, former);
 }
 
 /// Checks the bytes; if they pass, reads, writes and reads again.

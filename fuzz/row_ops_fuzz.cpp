@@ -1,7 +1,8 @@
 // Sequences of row operations against a model that follows the rules step by step on plain vectors
 // of bytes. Every byte of every row has to be the model's, gaps included, and every buffer has to
 // have as many holders; so a twin that shares a buffer is seen to be unchanged, and a write that is
-// refused to change nothing.
+// refused to change nothing. The writers of BaseRow and those of the row classes, which know their
+// slots when they are compiled, have to leave the same bytes.
 //
 // Input: whether values may be long, then operations, each with its row, its column and its values.
 
@@ -157,6 +158,72 @@ Bytes encodedArray(const std::vector<bool>& values) {
 }
 
 // ---------------------------------------------------------------------------------------------
+// The row classes, with the same slots in the same order; each has columns of one type.
+
+template <typename T>
+using Typed =
+    TableRow<RowLayout<9, Column<"e", T, 25>, Column<"a", T, 9>, Column<"flag", std::uint8_t, 8>,
+                       Column<"c", T, 17>, Column<"b", T, 13>, Column<"number", std::uint32_t, 29>,
+                       Column<"d", T, 21>>>;
+
+/// Lends a row's buffer to a row of another class: moved, so that it has as many holders as before.
+class Loan {
+ public:
+  Loan(BaseRow& owner, BaseRow& user) : owner_(owner), user_(user) { user_ = std::move(owner_); }
+  ~Loan() { owner_ = std::move(user_); }
+  Loan(const Loan&) = delete;
+  Loan& operator=(const Loan&) = delete;
+
+ private:
+  BaseRow& owner_;
+  BaseRow& user_;
+};
+
+template <typename T, typename Value>
+void setTyped(AnyRow& row, len_t at, const Value& value) {
+  Typed<T> typed;
+  const Loan loan(row, typed);
+  switch (at) {
+    case 25:
+      return typed.template set<"e">(value);
+    case 9:
+      return typed.template set<"a">(value);
+    case 17:
+      return typed.template set<"c">(value);
+    case 13:
+      return typed.template set<"b">(value);
+    default:
+      return typed.template set<"d">(value);
+  }
+}
+
+void setTyped(AnyRow& row, len_t at, const std::string& value) {
+  setTyped<std::string>(row, at, value);
+}
+void setTyped(AnyRow& row, len_t at, const StringValueReference& value) {
+  setTyped<std::string>(row, at, value);
+}
+void setTyped(AnyRow& row, len_t at, const IpGenAddr& value) {
+  setTyped<IpGenAddr>(row, at, value);
+}
+void setTyped(AnyRow& row, len_t at, const IpGenAddrReference& value) {
+  setTyped<IpGenAddr>(row, at, value);
+}
+void setTyped(AnyRow& row, len_t at, const IpGenPrefix& value) {
+  setTyped<IpGenPrefix>(row, at, value);
+}
+void setTyped(AnyRow& row, len_t at, const IpGenPrefixReference& value) {
+  setTyped<IpGenPrefix>(row, at, value);
+}
+void setTyped(AnyRow& row, len_t at, const SubRowReference& value) {
+  setTyped<Nested<Leaf>>(row, at, SubRow<Leaf>(value));
+}
+template <typename T>
+void setTyped(AnyRow& row, len_t at, const std::vector<T>& values) {
+  setTyped<std::vector<T>>(row, at, values);
+}
+
+// ---------------------------------------------------------------------------------------------
 
 struct TwoRows {
   AnyRow real;
@@ -223,10 +290,13 @@ class Machine {
     applyWrite(
         row, [&](Bytes& model) { write(model, row.fullyDefined(), at, bytes, false); },
         [&] {
-          if (input_.flag()) {
-            row.real.setColumn(at, value, base);
-          } else {
+          const std::size_t way = input_.below(4);
+          if (way >= 2 && row.fullyDefined()) {
+            setTyped(row.real, at, value);
+          } else if (way == 1) {
             row.real.updateVarElement(at, base, value);
+          } else {
+            row.real.setColumn(at, value, base);
           }
         });
   }
@@ -248,6 +318,7 @@ class Machine {
           putSlot(model, at, {offset, bytes.size(), true});
         },
         [&] {
+          if (row.fullyDefined() && input_.flag()) return setTyped(row.real, at, values);
           if constexpr (std::is_same_v<T, bool>) {
             row.real.updateFixElemArray(at, base, values);
           } else if (input_.flag()) {
@@ -265,6 +336,20 @@ class Machine {
     row.model = std::make_shared<Bytes>(bytes);
     // shareContents() takes the buffer alone; each row keeps its own mode.
     row.real.shareContents(AnyRow(layout, false, bytes));
+  }
+
+  /// With room for values, which is zero.
+  void createWithRoom(TwoRows& row) {
+    const std::size_t valueBytes = textLength();
+    const unsigned int oid = input_.byte();
+    Bytes bytes(base + valueBytes);
+    putWord(bytes, 0, bytes.size());
+    putWord(bytes, 2, layout.rowType);
+    putWord(bytes, 4, oid);
+    row.model = std::make_shared<Bytes>(bytes);
+    Typed<std::string> typed;
+    typed.create(oid, valueBytes);
+    row.real.shareContents(typed);
   }
 
   void share(TwoRows& row, TwoRows& other) {
@@ -371,11 +456,19 @@ class Machine {
 
   void writeFixed(TwoRows& row) {
     const std::uint8_t value = input_.byte();
-    switch (input_.below(4)) {
+    switch (input_.below(5)) {
       case 0:
         return applyWrite(
             row, [&](Bytes& model) { model[8] = value; },
             [&] { row.real.setFixedColumn<std::uint8_t>(8, value); });
+      case 4:
+        return applyWrite(
+            row, [&](Bytes& model) { model[8] = value; },
+            [&] {
+              Typed<std::string> typed;
+              const Loan loan(row.real, typed);
+              typed.set<"flag">(value);
+            });
       case 1:
         return applyWrite(
             row,
@@ -438,7 +531,7 @@ class Machine {
     const std::size_t operation = choice >> 2 & 31;
     TwoRows& other = rows_[input_.below(4)];
     const len_t at = slotOffsets[input_.below(5)];
-    if (operation == 0) return create(row);
+    if (operation == 0) return input_.flag() ? createWithRoom(row) : create(row);
     if (operation <= 2) return share(row, other);
     if (!row.model) return create(row);
     switch (operation) {
