@@ -126,7 +126,7 @@ void makeRoom(std::vector<std::string>& out, std::size_t count) {
 }
 
 /// Appends the pieces of the text: a delimiter ends a piece, and what follows the last one is a
-/// piece only if it is not empty.
+/// piece only if it is not empty. On a throw, `out` is as before.
 void appendPieces(std::string_view text, char delim, bool skipEmpty,
                   std::vector<std::string>& out) {
   // Most pieces are short. Copying a fixed number of bytes and cutting them is faster than copying
@@ -135,16 +135,22 @@ void appendPieces(std::string_view text, char delim, bool skipEmpty,
 
   if (text.empty()) return;
   makeRoom(out, countBytes(text, [delim](char c) { return c == delim; }) + 1);
-  while (!text.empty()) {
-    const std::size_t size = std::min(text.find(delim), text.size());
-    if (size == 0 && skipEmpty) {
-      // no piece
-    } else if (size <= shortPiece && text.size() >= shortPiece) {
-      out.emplace_back(text.data(), shortPiece).resize(size);
-    } else {
-      out.emplace_back(text.data(), size);
+  const std::size_t before = out.size();
+  try {
+    while (!text.empty()) {
+      const std::size_t size = std::min(text.find(delim), text.size());
+      if (size == 0 && skipEmpty) {
+        // no piece
+      } else if (size <= shortPiece && text.size() >= shortPiece) {
+        out.emplace_back(text.data(), shortPiece).resize(size);
+      } else {
+        out.emplace_back(text.data(), size);
+      }
+      text.remove_prefix(std::min(size + 1, text.size()));
     }
-    text.remove_prefix(std::min(size + 1, text.size()));
+  } catch (...) {
+    out.resize(before);
+    throw;
   }
 }
 

@@ -78,7 +78,8 @@ void sysnameIs(const std::string& name) {
   Registry& state = registry();
   // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): see the reason behind it
   const std::string newName = name;  // a callback may change what `name` refers to
-  const std::string oldName = std::exchange(state._sysname_, newName);
+  std::string oldName = newName;     // both copies are made before anything changes
+  oldName.swap(state._sysname_);
   if (oldName.empty() || oldName == newName) return;
   const std::size_t count = state.callbacks.size();
   for (std::size_t i = 0; i < count; ++i) state.callbacks[i](oldName, newName);

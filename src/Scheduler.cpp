@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <limits>
 #include <locale>
+#include <new>
 #include <sstream>
 
 #include "DestructionWatch.h"
@@ -31,14 +32,19 @@ constexpr unsigned int kInvokeLevel = 6;
 constexpr unsigned int kRequestLevel = 8;
 constexpr unsigned int kQueueLevel = 9;
 
+/// A trace for which there is no memory is left out: tracing changes nothing of what is traced.
 template <typename Print>
 [[gnu::noinline, gnu::cold]] void sendTrace(Velto::DebugChannel& channel, unsigned int level,
                                             unsigned int line, const char* function, Print print) {
-  std::ostringstream text;
-  text.imbue(std::locale::classic());
-  text.precision(12);
-  print(text);
-  channel.trace(text, level, kSourceFile, line, function);
+  try {
+    std::ostringstream text;
+    text.imbue(std::locale::classic());
+    text.precision(12);
+    print(text);
+    if (text.good()) channel.trace(text, level, kSourceFile, line, function);
+  } catch (const std::bad_alloc&) {
+    return;
+  }
 }
 
 /// Sends what `print` writes if the level is on; nothing is built otherwise.
@@ -201,7 +207,13 @@ void Schedulable::clientReadyIs(bool ready) {
   if (ready == clientReady_) return;
   clientReady_ = ready;
   onClientReady();
-  if (ready) _considerRunnability();
+  if (!ready) return;
+  try {
+    _considerRunnability();
+  } catch (detail::NotQueued& failure) {
+    failure.takeBack(this, clientReady_);
+    throw;
+  }
 }
 
 void Schedulable::onClientReady() {}
@@ -274,7 +286,11 @@ void Scheduler::runnableIs(Schedulable* unit, bool runnable) {
     out << "  adding to runqueue (" << runQueue_.size() << " elts)";
   });
   const bool wake = active_ && runQueue_.empty();
-  enqueue(unit);
+  try {
+    enqueue(unit);
+  } catch (const std::bad_alloc&) {
+    throw detail::NotQueued(unit);
+  }
   if (wake && !triggerSuppressed_) triggerScheduler();
 }
 

@@ -12,7 +12,7 @@
 // oddity below is part of the contract. Nothing here keeps state: all functions may be called from
 // any thread, removeTree and copyFile as long as no two calls work on the same files. Results own
 // their bytes; a function that fills a vector appends to it and never clears it. Any of them may
-// throw std::bad_alloc, except removeTree and copyFile.
+// throw std::bad_alloc, with what it was given as before, except removeTree and copyFile.
 
 #include <Korvo/export.h>
 
@@ -99,7 +99,8 @@ class KORVO_API KoStrUtils {
   static bool iequals(const std::string& a, const std::string& b);
 
   /// The SHA-1 digest as 40 lower-case hexadecimal digits. Throws std::runtime_error if the
-  /// cryptographic library refuses to compute it.
+  /// cryptographic library does not compute it, be it for want of memory. That library may stop the
+  /// process when memory runs out during its own first use.
   static std::string sha1(const std::string& data);
 };
 

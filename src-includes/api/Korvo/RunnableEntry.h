@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
+#include <new>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -40,6 +41,24 @@ struct RunnableEntry {
 };
 
 namespace detail {
+
+/// Thrown when there is no memory for a unit's place in the queue, before anything changed there.
+class KORVO_API NotQueued : public std::bad_alloc {
+ public:
+  explicit NotQueued(const Schedulable* unit) noexcept : unit_(unit) {}
+
+  /// Clears the flag whose change asked for the place, if it is this unit's and not cleared yet. An
+  /// exception from anywhere else leaves the unit alone: it may come from work that has destroyed
+  /// the unit.
+  void takeBack(const Schedulable* unit, bool& flag) noexcept {
+    if (unit != unit_) return;
+    flag = false;
+    unit_ = nullptr;
+  }
+
+ private:
+  const Schedulable* unit_;
+};
 
 /// A hash map from units to entries, hashed on the pointer value. Entries are its nodes, so that
 /// inserting allocates only when the number of buckets grows, and taking an entry out needs no

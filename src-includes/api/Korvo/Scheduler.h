@@ -76,7 +76,8 @@ class KORVO_API Schedulable {
   virtual void clearScheduler();
 
   /// Sets whether the unit's client is ready. A unit that is not ready keeps its place in the queue
-  /// and is passed over when its turn comes.
+  /// and is passed over when its turn comes. Throws std::bad_alloc, with the unit not ready, if
+  /// there is no memory for its place.
   virtual void clientReadyIs(bool ready);
 
   /// Called on every change of clientReady(); does nothing by default.
@@ -93,7 +94,8 @@ class KORVO_API Schedulable {
   void invoke(bool arg);
 
   /// Sets whether the unit has work. It has no more as soon as it is invoked, and asks for another
-  /// turn by setting this again.
+  /// turn by setting this again. Throws std::bad_alloc, with the unit not runnable, if there is no
+  /// memory for its place in the queue.
   void runnableIs(bool runnable);
 
   /// Asks the scheduler to queue the unit if it is runnable and client-ready.
@@ -274,7 +276,12 @@ class KORVO_API Scheduler {
 inline void Schedulable::runnableIs(bool runnable) {
   if (runnable == runnable_) return;
   runnable_ = runnable;
-  _considerRunnability();
+  try {
+    _considerRunnability();
+  } catch (detail::NotQueued& failure) {
+    failure.takeBack(this, runnable_);
+    throw;
+  }
 }
 
 inline void Schedulable::_considerRunnability() {
