@@ -70,8 +70,8 @@ struct RowFault {
 };
 
 /// Checks `length` received bytes against the layout of the table's rows. Throws nothing, allocates
-/// nothing, uses a fixed amount of stack, takes time linear in `length` and in the layout's
-/// columns, and reads each length field once. Safe from any thread.
+/// nothing, uses a fixed amount of stack, and takes time linear in `length` and in the layout's
+/// columns. Its answer rests on one reading of each length field. Safe from any thread.
 KORVO_API RowFault checkRow(const void* bytes, std::size_t length, const LayoutInfo& layout,
                             PrefixRule prefixes = PrefixRule::anyBits) noexcept;
 
