@@ -30,6 +30,7 @@
 #include <cstring>
 #include <map>
 #include <random>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -211,6 +212,19 @@ std::string canonicalByRe2(std::string t) {
   return t;
 }
 
+std::string canonicalByRegex(std::string t) {
+  constexpr auto compiled = std::regex::ECMAScript | std::regex::optimize;
+  static const std::regex comment(
+      R"re(("(?:[^"\\]|\\.)*"|'(?:[^'\\]|\\.)*')|/\*[^*]*\*+(?:[^/*][^*]*\*+)*/)re", compiled);
+  static const std::regex control("[\\x01-\\x1f]", compiled);
+  static const std::regex blanks(" {2,}", compiled);
+  static const std::regex ends("^ +| +$", compiled);
+  t = std::regex_replace(t, comment, "$1");
+  t = std::regex_replace(t, control, " ");
+  t = std::regex_replace(t, blanks, " ");
+  return std::regex_replace(t, ends, "");
+}
+
 /// The same steps one after the other, as they are written first.
 std::string canonicalStepByStep(const std::string& t) {
   std::string uncommented;
@@ -244,6 +258,7 @@ void addCanonicalising() {
     add("canonicalize" + label + "/korvo", input,
         [](const auto& t) { return KoStrUtils::canonicalize(t); });
     add("canonicalize" + label + "/RE2", input, [](const auto& t) { return canonicalByRe2(t); });
+    add("canonicalize" + label + "/regex", input, canonicalByRegex);
     add("canonicalize" + label + "/steps", input, canonicalStepByStep);
   }
 }
