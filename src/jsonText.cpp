@@ -88,7 +88,7 @@ void JsonText::putString(std::string_view text) {
     if (text.empty()) break;
     const char c = text.front();
     std::size_t length = 1;
-    if ((c >= 0 && c < 0x20) || c == '"' || c == '\\') {
+    if (static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\') {
       putEscaped(c);
     } else if ((length = utf8SequenceLength(text)) != 0) {
       put(text.substr(0, length));
