@@ -7,7 +7,8 @@ target_compile_features(korvo_build_flags INTERFACE cxx_std_20)
 if(PROJECT_IS_TOP_LEVEL)
   option(KORVO_COVERAGE "Count which lines run (g++)" OFF)
   if(KORVO_COVERAGE)
-    target_compile_options(korvo_build_flags INTERFACE --coverage)
+    # Threads count in the same counters.
+    target_compile_options(korvo_build_flags INTERFACE --coverage -fprofile-update=atomic)
     target_link_options(korvo_build_flags INTERFACE --coverage)
   else()
     # No absolute path of the build machine ends up in the binaries, so that two builds are equal.
