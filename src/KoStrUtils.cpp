@@ -299,9 +299,15 @@ bool pairsAsciiLetters(const LowerCase& lower) {
 using Stretch [[gnu::vector_size(16)]] = unsigned char;
 constexpr std::size_t caseStretch = sizeof(Stretch);
 
-/// Whether stretches of two texts are equal but for the case of ASCII letters.
-bool equalByAsciiPairs(const char* a, const char* b) {
+bool isZero(const Stretch& bits) {
   using Halves [[gnu::vector_size(16)]] = Block;
+  const auto halves = reinterpret_cast<Halves>(bits);
+  return (halves[0] | halves[1]) == 0;
+}
+
+/// Whether stretches of two texts are equal but for the case of ASCII letters. Adds the bits in
+/// which they differ to `differences`.
+bool equalByAsciiPairs(const char* a, const char* b, Stretch& differences) {
   // Loaded in place: how such values are passed depends on the registers that there are.
   Stretch bytes;
   Stretch others;
@@ -309,21 +315,22 @@ bool equalByAsciiPairs(const char* a, const char* b) {
   std::memcpy(&others, b, sizeof others);
   const Stretch letters = (bytes | 0x20) - 'a';
   const Stretch caseBits = (letters < 26) & 0x20;
-  const Stretch differences = (bytes ^ others) & ~caseBits;
-  const auto halves = reinterpret_cast<Halves>(differences);
-  return (halves[0] | halves[1]) == 0;
+  const Stretch different = bytes ^ others;
+  differences |= different;
+  return isZero(different & ~caseBits);
 }
 
 /// How many of the first bytes are equal but for the case of ASCII letters, in whole stretches or
 /// all of them. Texts shorter than a stretch are not looked at.
-std::size_t equalByAsciiPairs(const char* a, const char* b, std::size_t size) {
+std::size_t equalByAsciiPairs(const char* a, const char* b, std::size_t size,
+                              Stretch& differences) {
   if (size < caseStretch) return 0;
   for (std::size_t at = 0; at < size - caseStretch; at += caseStretch) {
-    if (!equalByAsciiPairs(a + at, b + at)) return at;
+    if (!equalByAsciiPairs(a + at, b + at, differences)) return at;
   }
   // The last stretch reaches back into the one before.
   const std::size_t last = size - caseStretch;
-  return equalByAsciiPairs(a + last, b + last) ? size : last;
+  return equalByAsciiPairs(a + last, b + last, differences) ? size : last;
 }
 
 std::string beforeLastSemicolon(std::string_view word) {
@@ -514,8 +521,11 @@ double KoStrUtils::stoDouble(const std::string& text) {
 
 bool KoStrUtils::iequals(const std::string& a, const std::string& b) {
   if (a.size() != b.size()) return false;
+  Stretch differences = {};
+  std::size_t at = equalByAsciiPairs(a.data(), b.data(), a.size(), differences);
+  // The same bytes are equal in every locale.
+  if (at == a.size() && isZero(differences)) return true;
   const LowerCase lower;
-  std::size_t at = equalByAsciiPairs(a.data(), b.data(), a.size());
   if (at != 0 && !pairsAsciiLetters(lower)) at = 0;
   for (; at < a.size(); ++at) {
     if (lower(a[at]) != lower(b[at])) return false;

@@ -222,6 +222,30 @@ TEST(Iequals, ComparesWhatTolowerGivesInEveryLocale) {
   EXPECT_GE(locales, 1);
 }
 
+// One pair of bytes at every place of texts that are the same otherwise.
+TEST(Iequals, ComparesTheOnlyDifferenceWhereverItIs) {
+  int locales = 0;
+  for (const char* name : {"C", "tr_TR.ISO-8859-9"}) {
+    const ScopedLocale locale(name);
+    if (!locale) continue;
+    ++locales;
+    for (const std::size_t size : {1u, 7u, 15u, 16u, 17u, 24u, 31u, 32u, 33u, 48u}) {
+      for (const char* pair : {"kK", "iI", "Ii", "kk", "kL", "@`", "[{"}) {
+        const bool equal = std::tolower(static_cast<unsigned char>(pair[0])) ==
+                           std::tolower(static_cast<unsigned char>(pair[1]));
+        for (std::size_t at = 0; at < size; ++at) {
+          std::string a(size, 'n');
+          std::string b = a;
+          a[at] = pair[0];
+          b[at] = pair[1];
+          ASSERT_EQ(KoStrUtils::iequals(a, b), equal) << name << ' ' << a << ' ' << b;
+        }
+      }
+    }
+  }
+  EXPECT_GE(locales, 1);
+}
+
 TEST(Iequals, MatchesItsSteps) {
   forRandomTexts("aAbB\xc4[{@`\x01!", 12, 50000, [](const std::string& text) {
     const std::string a = text.substr(0, text.size() / 2);
