@@ -158,6 +158,17 @@ class EventLoopTest : public testing::Test {
     loop_->activeIs(true);
   }
   void stop() { loop_->activeIs(false); }
+  /// A timer's handler is not told of what `prevent` starts and prevents.
+  void expectNotTold(const std::function<void(std::unique_ptr<TimerControl>&)>& prevent) {
+    OnTimeout handler;
+    OnTimeout stopper([&] { stop(); });
+    auto control = timer(handler);
+    const auto end = timer(stopper);
+    prevent(control);
+    end->timeoutIs(10ms);
+    run();
+    EXPECT_EQ(handler.count, 0);
+  }
   /// Gives all that has happened by now, or within a moment, the time to be told.
   void settle() {
     for (int i = 0; i < 5; ++i) loop_->run(0, 0.0, true);
@@ -265,29 +276,19 @@ TEST_F(EventLoopTest, ATimerIsSetAgainByItsHandler) {
 }
 
 TEST_F(EventLoopTest, ACancelledTimerIsNotTold) {
-  OnTimeout handler;
-  OnTimeout stopper([&] { stop(); });
-  const auto control = timer(handler);
-  const auto end = timer(stopper);
-  control->cancel();
-  control->timeoutIs(1ms);
-  control->cancel();
-  EXPECT_FALSE(control->pending());
-  end->timeoutIs(10ms);
-  run();
-  EXPECT_EQ(handler.count, 0);
+  expectNotTold([](std::unique_ptr<TimerControl>& control) {
+    control->cancel();
+    control->timeoutIs(1ms);
+    control->cancel();
+    EXPECT_FALSE(control->pending());
+  });
 }
 
 TEST_F(EventLoopTest, ADeletedTimerIsNotTold) {
-  OnTimeout handler;
-  OnTimeout stopper([&] { stop(); });
-  auto control = timer(handler);
-  const auto end = timer(stopper);
-  control->timeoutIs(1ms);
-  control.reset();
-  end->timeoutIs(10ms);
-  run();
-  EXPECT_EQ(handler.count, 0);
+  expectNotTold([](std::unique_ptr<TimerControl>& control) {
+    control->timeoutIs(1ms);
+    control.reset();
+  });
 }
 
 TEST_F(EventLoopTest, OneTimerPreventsAnotherThatRanOutWithIt) {

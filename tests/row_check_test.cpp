@@ -389,92 +389,78 @@ TEST(RowCheck, OneBudgetLimitsTheNesting) {
 }
 
 // No row class declares arrays of nested rows; a layout made by hand may, as the row format does.
-TEST(RowCheck, ChecksTheElementsOfAnArrayOfNestedRows) {
-  const ColumnInfo columns[] = {{"rows", structType_, 8, 4, true, &InnerLayout::info}};
-  const LayoutInfo layout = {1, 12, columns};
+const ColumnInfo rowsColumns[] = {{"rows", structType_, 8, 4, true, &InnerLayout::info}};
+const LayoutInfo rowsLayout = {1, 12, rowsColumns};
+constexpr std::size_t rowsArray = 12;
+constexpr len_t firstOfRows = 2 + 2 * 4;  // in the array
+
+std::vector<byte_t> nestedRow() {
   TableRow<InnerLayout> inner;
   inner.create();
   inner.set<"text">("deep");
-  const std::vector<byte_t> nested = bytesOf(inner);
-  const auto size = static_cast<len_t>(nested.size());
-
-  constexpr std::size_t array = 12;
-  constexpr std::size_t first = array + 2 + 2 * 4;
-  std::vector<byte_t> good(first);
-  good.insert(good.end(), nested.begin(), nested.end());
-  good.insert(good.end(), nested.begin(), nested.end());
-  storeField<len_t>(good.data(), static_cast<len_t>(good.size()));
-  VColType::at(good.data(), 8).valueIs(array, static_cast<len_t>(good.size() - array), true);
-  storeField<std::uint16_t>(good.data() + array, 0x1002);
-  VColType::at(good.data(), array + 2).valueIs(first - array, size, false);
-  VColType::at(good.data(), array + 6)
-      .valueIs(static_cast<len_t>(first - array + size), size, false);
-  EXPECT_EQ(checkRow(good.data(), good.size(), layout), RowFault());
-
-  for (const std::size_t element : {first, first + size}) {
-    std::vector<byte_t> bytes = good;
-    bytes[element] = static_cast<byte_t>(bytes[element] + 1);
-    EXPECT_EQ(checkRow(bytes.data(), bytes.size(), layout),
-              fault(RowFaultKind::nestedLength, element));
-    bytes = good;
-    const std::size_t slot = element + InnerLayout::offset<"text">;
-    VColType::at(bytes.data(), slot).valueIs(size, 1, false);
-    EXPECT_EQ(checkRow(bytes.data(), bytes.size(), layout),
-              fault(RowFaultKind::valueBeyondRow, slot));
-  }
+  return bytesOf(inner);
 }
 
 /// A row with an array of `nested` and of its first `lastLength` bytes.
 std::vector<byte_t> arrayOfNestedRows(const std::vector<byte_t>& nested, len_t lastLength) {
-  constexpr std::size_t array = 12;
-  constexpr len_t first = 2 + 2 * 4;
-  const auto last = static_cast<len_t>(first + nested.size());
+  const auto last = static_cast<len_t>(firstOfRows + nested.size());
   const auto length = static_cast<len_t>(last + lastLength);
-  std::vector<byte_t> bytes(array + length);
-  std::copy_n(nested.data(), nested.size(), bytes.data() + array + first);
-  std::copy_n(nested.data(), lastLength, bytes.data() + array + last);
+  std::vector<byte_t> bytes(rowsArray + length);
+  std::copy_n(nested.data(), nested.size(), bytes.data() + rowsArray + firstOfRows);
+  std::copy_n(nested.data(), lastLength, bytes.data() + rowsArray + last);
   storeField<len_t>(bytes.data(), static_cast<len_t>(bytes.size()));
-  VColType::at(bytes.data(), 8).valueIs(array, length, true);
-  storeField<std::uint16_t>(bytes.data() + array, 0x1002);
-  VColType::at(bytes.data(), array + 2).valueIs(first, static_cast<len_t>(nested.size()), false);
-  VColType::at(bytes.data(), array + 6).valueIs(last, lastLength, false);
+  VColType::at(bytes.data(), 8).valueIs(rowsArray, length, true);
+  storeField<std::uint16_t>(bytes.data() + rowsArray, 0x1002);
+  VColType::at(bytes.data(), rowsArray + 2)
+      .valueIs(firstOfRows, static_cast<len_t>(nested.size()), false);
+  VColType::at(bytes.data(), rowsArray + 6).valueIs(last, lastLength, false);
   return bytes;
+}
+
+TEST(RowCheck, ChecksTheElementsOfAnArrayOfNestedRows) {
+  const std::vector<byte_t> nested = nestedRow();
+  const auto size = static_cast<len_t>(nested.size());
+  const std::vector<byte_t> good = arrayOfNestedRows(nested, size);
+  EXPECT_EQ(checkRow(good.data(), good.size(), rowsLayout), RowFault());
+
+  constexpr std::size_t first = rowsArray + firstOfRows;
+  for (const std::size_t element : {first, first + size}) {
+    std::vector<byte_t> bytes = good;
+    bytes[element] = static_cast<byte_t>(bytes[element] + 1);
+    EXPECT_EQ(checkRow(bytes.data(), bytes.size(), rowsLayout),
+              fault(RowFaultKind::nestedLength, element));
+    bytes = good;
+    const std::size_t slot = element + InnerLayout::offset<"text">;
+    VColType::at(bytes.data(), slot).valueIs(size, 1, false);
+    EXPECT_EQ(checkRow(bytes.data(), bytes.size(), rowsLayout),
+              fault(RowFaultKind::valueBeyondRow, slot));
+  }
 }
 
 // Even an empty nested row has a header. An element that is only the place where one would begin
 // reads as a row there, possibly at the row's very end.
 TEST(RowCheck, RefusesAnArrayElementWithoutANestedRow) {
-  const ColumnInfo columns[] = {{"rows", structType_, 8, 4, true, &InnerLayout::info}};
-  const LayoutInfo layout = {1, 12, columns};
-  TableRow<InnerLayout> inner;
-  inner.create();
-  inner.set<"text">("deep");
-  const std::vector<byte_t> nested = bytesOf(inner);
+  const std::vector<byte_t> nested = nestedRow();
   for (len_t left = 0; left < nested.size(); ++left) {
     const std::vector<byte_t> bytes = arrayOfNestedRows(nested, left);
-    EXPECT_EQ(checkRow(bytes.data(), bytes.size(), layout),
+    EXPECT_EQ(checkRow(bytes.data(), bytes.size(), rowsLayout),
               fault(RowFaultKind::nestedLength, bytes.size() - left))
         << left;
   }
 }
 
 TEST(RowCheck, ArraysOfNestedRowsHaveJson) {
-  const ColumnInfo columns[] = {{"rows", structType_, 8, 4, true, &InnerLayout::info}};
-  const LayoutInfo layout = {1, 12, columns};
-  TableRow<InnerLayout> inner;
-  inner.create();
-  inner.set<"text">("deep");
-  const std::vector<byte_t> nested = bytesOf(inner);
+  const std::vector<byte_t> nested = nestedRow();
   const std::vector<byte_t> bytes = arrayOfNestedRows(nested, static_cast<len_t>(nested.size()));
   const std::unique_ptr<byte_t[]> block(new byte_t[bytes.size()]);
   std::copy(bytes.begin(), bytes.end(), block.get());
-  ASSERT_EQ(checkRow(block.get(), bytes.size(), layout), RowFault());
-  EXPECT_EQ(detail::rowAsJson(SubRowReference(block.get()), layout),
+  ASSERT_EQ(checkRow(block.get(), bytes.size(), rowsLayout), RowFault());
+  EXPECT_EQ(detail::rowAsJson(SubRowReference(block.get()), rowsLayout),
             R"({"rows":[{"text":"deep","net":null},{"text":"deep","net":null}]})");
 
   std::vector<byte_t> empty(12);
   storeField<len_t>(empty.data(), 12);
-  EXPECT_EQ(detail::rowAsJson(SubRowReference(empty.data()), layout), R"({"rows":[]})");
+  EXPECT_EQ(detail::rowAsJson(SubRowReference(empty.data()), rowsLayout), R"({"rows":[]})");
 }
 
 extern const LayoutInfo endlessArrays;
