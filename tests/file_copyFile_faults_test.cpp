@@ -3,7 +3,6 @@
 
 #include <Korvo/KoStrUtils.h>
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,9 +12,7 @@
 #include <string>
 
 #include "confined.h"
-#include "file_test_support.h"
-
-#define INTERPOSED extern "C" __attribute__((visibility("default")))
+#include "file_fault_support.h"
 
 namespace {
 
@@ -26,22 +23,12 @@ std::function<CopyRange> onCopyRange;
 std::function<ssize_t(int, void*, std::size_t)> onRead;
 std::function<ssize_t(int, const void*, std::size_t)> onWrite;
 
-/// Counts calls of one kind and fails one of them.
-struct Fault {
-  int failing = 0;  // the call that fails, counted from 1; none if 0
-  int calls = 0;
-};
 Fault opening, examining, emptying;
 
 bool failNow(Fault& fault) {
-  if (!armed || ++fault.calls != fault.failing) return false;
+  if (!armed || !fault.due()) return false;
   errno = EIO;
   return true;
-}
-
-template <typename Function>
-Function* next(const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 ssize_t systemRead(int fd, void* data, std::size_t size) {
@@ -190,31 +177,19 @@ TEST(CopyFileFaults, FailsWhenWritingFailsOnTheWay) {
   });
 }
 
-/// Fails the first call, then the second, and so on, until a copy needs no further one.
+/// Fails every call of a copy; `expect` is given the number of the failed one.
 void failEveryCall(Fault& fault, const std::function<void(int)>& expect) {
-  int failures = 0;
-  for (;; ++failures) {
+  const auto prepare = [] {
     makeFile("/from", content);
     makeFile("/to", "old");
-    fault = {failures + 1, 0};
-    const int before = openDescriptors();
-    const int result = copyWithFaults();
-    const int error = errno;
-    const bool failed = fault.calls >= fault.failing;
-    fault = {};
-    EXPECT_EQ(openDescriptors(), before) << failures;
-    if (!failed) {
-      EXPECT_EQ(result, 0) << std::strerror(error);
-      break;
-    }
-    EXPECT_EQ(result, -1) << failures;
-    EXPECT_EQ(error, EIO) << failures;
-    expect(failures + 1);
+  };
+  failEveryCall(fault, prepare, copyWithFaults, [&](int call, int error) {
+    EXPECT_EQ(error, EIO) << call;
+    expect(call);
     EXPECT_EQ(contentOf("/from"), content);
     EXPECT_EQ(copyWithFaults(), 0);
     EXPECT_EQ(contentOf("/to"), content);
-  }
-  EXPECT_GT(failures, 0) << "the call was never seen";
+  });
 }
 
 TEST(CopyFileFaults, FailsWhenOpeningFails) {

@@ -4,7 +4,6 @@
 #include <Korvo/KoStrUtils.h>
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -16,19 +15,9 @@
 #include <utility>
 
 #include "confined.h"
-#include "file_test_support.h"
-
-#define INTERPOSED extern "C" __attribute__((visibility("default")))
+#include "file_fault_support.h"
 
 namespace {
-
-/// Counts calls and fails one of them.
-struct Fault {
-  int failing = 0;  // the call that fails, counted from 1; none if 0
-  int calls = 0;
-
-  bool due() { return ++calls == failing; }
-};
 
 struct Faults {
   Fault open, fdopendir, fstat, readdir, closedir, unlink, rmdir, allocate;
@@ -55,11 +44,6 @@ void announceNamed() {
 
 /// Called with each entry that is read, and with null at the end of a folder.
 std::function<void(dirent64*)> onEntry;
-
-template <typename Function>
-Function* next(const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
 
 int openNext(const char* function, int parent, const char* path, int flags, mode_t mode) {
   announceNamed();
@@ -166,30 +150,16 @@ void makeTree() {
   }
 }
 
-/// Fails the first call, then the second, and so on, until a removal needs no further one.
+/// Fails every call of a removal.
 void failEveryCall(Fault& fault, int expectedErrno) {
-  int failures = 0;
-  for (;; ++failures) {
-    makeTree();
-    const int before = openDescriptors();
-    fault = {failures + 1, 0};
-    const int result = removeWithFaults("/d");
-    const int error = errno;
-    const bool failed = fault.calls >= fault.failing;
-    fault = {};
-    EXPECT_EQ(openDescriptors(), before) << failures;
-    if (!failed) {
-      EXPECT_EQ(result, 0) << std::strerror(error);
-      break;
-    }
-    EXPECT_EQ(result, -1) << failures;
-    EXPECT_EQ(error, expectedErrno) << failures << ' ' << std::strerror(error);
+  const auto remove = [] { return removeWithFaults("/d"); };
+  failEveryCall(fault, makeTree, remove, [&](int call, int error) {
+    EXPECT_EQ(error, expectedErrno) << call << ' ' << std::strerror(error);
     if (exists("/d")) {
-      ASSERT_EQ(removeWithFaults("/d"), 0);
+      ASSERT_EQ(remove(), 0);
     }
-  }
+  });
   EXPECT_FALSE(exists("/d"));
-  EXPECT_GT(failures, 0) << "the call was never seen";
 }
 
 TEST(RemoveTreeFaults, FailsWhenOpeningFails) {
