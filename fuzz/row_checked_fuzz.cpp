@@ -61,47 +61,23 @@ class Reader {
   }
 
   void readFixed(const BaseRow& row, const ColumnInfo& column) {
-    const len_t at = column.offset;
-    switch (column.type) {
-      case boolType_:
-        out_ << FMT<bool>(row.fixedColumn<bool>(at));
-        break;
-      case ipAddrType_:
-        out_ << row.fixedColumn<IpAddr>(at);
-        break;
-      case ip6AddrType_:
-        out_ << row.fixedColumn<Ip6Addr>(at);
-        break;
-      case doubleType_:
-        out_ << row.fixedColumn<double>(at);
-        break;
-      case floatType_:
-        out_ << row.fixedColumn<float>(at);
-        break;
-      case uint64Type_:
-        out_ << row.fixedColumn<std::uint64_t>(at);
-        break;
-      case int64Type_:
-        out_ << row.fixedColumn<std::int64_t>(at);
-        break;
-      case uint32Type_:
-        out_ << row.fixedColumn<std::uint32_t>(at);
-        break;
-      case int32Type_:
-        out_ << row.fixedColumn<std::int32_t>(at);
-        break;
-      case uint16Type_:
-        out_ << row.fixedColumn<std::uint16_t>(at);
-        break;
-      case int16Type_:
-        out_ << row.fixedColumn<std::int16_t>(at);
-        break;
-      case int8Type_:
-        out_ << FMT<signed char>(row.fixedColumn<std::int8_t>(at));
-        break;
-      default:
-        out_ << FMT<unsigned char>(row.fixedColumn<std::uint8_t>(at));
-    }
+    FUZZ_REQUIRE(
+        (readFirst<std::uint8_t, std::uint16_t, std::uint32_t, std::uint64_t, std::int8_t,
+                   std::int16_t, std::int32_t, std::int64_t, float, double, bool, IpAddr, Ip6Addr>(
+            row, column)));
+  }
+
+  /// Reads the column as the one of the types that it has.
+  template <typename... Types>
+  bool readFirst(const BaseRow& row, const ColumnInfo& column) {
+    return (readIfOf<Types>(row, column) || ...);
+  }
+  /// False if the column has values of another type.
+  template <typename T>
+  bool readIfOf(const BaseRow& row, const ColumnInfo& column) {
+    if (column.type != Korvo::detail::ColumnTraits<T>::type) return false;
+    out_ << FMT<T>(row.fixedColumn<T>(column.offset));
+    return true;
   }
 
   /// False for the two that have no order.

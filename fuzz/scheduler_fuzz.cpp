@@ -50,6 +50,39 @@ struct Boom {};
 using Log = std::vector<std::string>;
 using State = std::vector<long long>;
 
+/// Everything that can be seen of a world's units, and of the schedulers that are known.
+template <typename World>
+State stateOf(const World& world) {
+  State state;
+  std::map<int, const typename World::Scheduler*> reachable;
+  for (const auto& scheduler : world.schedulers) {
+    state.push_back(scheduler ? scheduler->serial : -1);
+    if (scheduler) reachable[scheduler->serial] = scheduler.get();
+  }
+  for (const auto& unit : world.units) {
+    if (!unit) {
+      state.push_back(-1);
+      continue;
+    }
+    const typename World::Scheduler* const scheduler = World::schedulerOf(*unit);
+    if (scheduler != nullptr) reachable[scheduler->serial] = scheduler;
+    state.push_back(unit->serial);
+    state.push_back(scheduler == nullptr ? -1 : scheduler->serial);
+    World::addUnit(state, *unit);
+  }
+  for (const auto& [serial, scheduler] : reachable) {
+    state.push_back(serial);
+    World::addScheduler(state, *scheduler);
+  }
+  return state;
+}
+
+void add(State& state, std::initializer_list<long long> numbers,
+         std::initializer_list<bool> flags) {
+  state.insert(state.end(), numbers);
+  state.insert(state.end(), flags.begin(), flags.end());
+}
+
 void advance(std::timespec& time, unsigned int milliseconds) {
   time.tv_sec += static_cast<std::time_t>(milliseconds / 1000);
   time.tv_nsec += static_cast<long>(milliseconds % 1000) * 1'000'000;
@@ -86,7 +119,9 @@ class RealWorld {
   SchedulerPtr makeScheduler();
   static void assign(Unit& to, const Unit& from);
   void advanceClock(unsigned int milliseconds) { advance(fakeNow, milliseconds); }
-  State state() const;
+  static const Scheduler* schedulerOf(const Unit& unit);
+  static void addUnit(State& state, const Unit& unit);
+  static void addScheduler(State& state, const Scheduler& scheduler);
 };
 
 /// Lets the units of a world execute commands; defined below, for both worlds.
@@ -158,47 +193,28 @@ void RealWorld::assign(Unit& to, const Unit& from) {
   static_cast<Korvo::Schedulable&>(to) = from;
 }
 
-State RealWorld::state() const {
-  State state;
-  std::map<int, const Scheduler*> reachable;
-  for (const SchedulerPtr& scheduler : schedulers) {
-    state.push_back(scheduler ? scheduler->serial : -1);
-    if (scheduler) reachable[scheduler->serial] = scheduler.get();
+const RealWorld::Scheduler* RealWorld::schedulerOf(const Unit& unit) {
+  return static_cast<const Scheduler*>(unit.scheduler().get());
+}
+void RealWorld::addUnit(State& state, const Unit& unit) {
+  add(state,
+      {static_cast<long long>(unit.invocations()),
+       static_cast<long long>(unit.totalRunTime() * 1e6 + 0.5)},
+      {unit.schedulingEnabled(), unit.runnable(), unit.clientReady(), unit.running(),
+       unit.disabled(), unit.entry() != nullptr, unit.shouldYield()});
+}
+void RealWorld::addScheduler(State& state, const Scheduler& scheduler) {
+  state.push_back(scheduler.active() ? 1 : 0);
+  for (const Korvo::RunnableEntry* entry : scheduler.runQueue_) {
+    FUZZ_REQUIRE(entry->valid == (entry->unit != nullptr));
+    state.push_back(entry->valid ? static_cast<const Unit*>(entry->unit)->serial : -1);
   }
-  for (const UnitPtr& unit : units) {
-    if (!unit) {
-      state.push_back(-1);
-      continue;
-    }
-    const auto* scheduler = static_cast<const Scheduler*>(unit->scheduler().get());
-    if (scheduler != nullptr) reachable[scheduler->serial] = scheduler;
-    for (const long long value :
-         {static_cast<long long>(unit->serial), scheduler == nullptr ? -1LL : scheduler->serial,
-          static_cast<long long>(unit->invocations()),
-          static_cast<long long>(unit->totalRunTime() * 1e6 + 0.5)}) {
-      state.push_back(value);
-    }
-    for (const bool value :
-         {unit->schedulingEnabled(), unit->runnable(), unit->clientReady(), unit->running(),
-          unit->disabled(), unit->entry() != nullptr, unit->shouldYield()}) {
-      state.push_back(value ? 1 : 0);
-    }
+  std::set<int> queued;
+  for (const auto& [unit, entry] : scheduler.entries_) {
+    queued.insert(static_cast<const Unit*>(unit)->serial);
   }
-  for (const auto& [serial, scheduler] : reachable) {
-    state.push_back(serial);
-    state.push_back(scheduler->active() ? 1 : 0);
-    for (const Korvo::RunnableEntry* entry : scheduler->runQueue_) {
-      FUZZ_REQUIRE(entry->valid == (entry->unit != nullptr));
-      state.push_back(entry->valid ? static_cast<const Unit*>(entry->unit)->serial : -1);
-    }
-    std::set<int> queued;
-    for (const auto& [unit, entry] : scheduler->entries_) {
-      queued.insert(static_cast<const Unit*>(unit)->serial);
-    }
-    state.push_back(-2);
-    state.insert(state.end(), queued.begin(), queued.end());
-  }
-  return state;
+  state.push_back(-2);
+  state.insert(state.end(), queued.begin(), queued.end());
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -241,7 +257,9 @@ class ModelWorld {
   double nowInSeconds() const {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
   }
-  State state() const;
+  static const Scheduler* schedulerOf(const Unit& unit);
+  static void addUnit(State& state, const Unit& unit);
+  static void addScheduler(State& state, const Scheduler& scheduler);
 };
 
 /// One place in a queue; without a unit once that withdrew.
@@ -449,42 +467,23 @@ void ModelWorld::assign(Unit& to, const Unit& from) {
   to.entry.reset();
 }
 
-State ModelWorld::state() const {
-  State state;
-  std::map<int, const Scheduler*> reachable;
-  for (const SchedulerPtr& scheduler : schedulers) {
-    state.push_back(scheduler ? scheduler->serial : -1);
-    if (scheduler) reachable[scheduler->serial] = scheduler.get();
+const ModelWorld::Scheduler* ModelWorld::schedulerOf(const Unit& unit) {
+  return unit.scheduler.get();
+}
+void ModelWorld::addUnit(State& state, const Unit& unit) {
+  add(state, {static_cast<long long>(unit.invocations), unit.microseconds},
+      {unit.schedulingEnabled, unit.runnable, unit.clientReady, unit.running, unit.disabled,
+       unit.entry != nullptr, unit.shouldYield()});
+}
+void ModelWorld::addScheduler(State& state, const Scheduler& scheduler) {
+  state.push_back(scheduler.active ? 1 : 0);
+  for (const auto& place : scheduler.queue) {
+    state.push_back(place->unit != nullptr ? place->unit->serial : -1);
   }
-  for (const UnitPtr& unit : units) {
-    if (!unit) {
-      state.push_back(-1);
-      continue;
-    }
-    if (unit->scheduler) reachable[unit->scheduler->serial] = unit->scheduler.get();
-    for (const long long value :
-         {static_cast<long long>(unit->serial), unit->scheduler ? unit->scheduler->serial : -1LL,
-          static_cast<long long>(unit->invocations), unit->microseconds}) {
-      state.push_back(value);
-    }
-    for (const bool value :
-         {unit->schedulingEnabled, unit->runnable, unit->clientReady, unit->running, unit->disabled,
-          unit->entry != nullptr, unit->shouldYield()}) {
-      state.push_back(value ? 1 : 0);
-    }
-  }
-  for (const auto& [serial, scheduler] : reachable) {
-    state.push_back(serial);
-    state.push_back(scheduler->active ? 1 : 0);
-    for (const auto& place : scheduler->queue) {
-      state.push_back(place->unit != nullptr ? place->unit->serial : -1);
-    }
-    std::set<int> queued;
-    for (const auto& [unit, place] : scheduler->entries) queued.insert(unit->serial);
-    state.push_back(-2);
-    state.insert(state.end(), queued.begin(), queued.end());
-  }
-  return state;
+  std::set<int> queued;
+  for (const auto& [unit, place] : scheduler.entries) queued.insert(unit->serial);
+  state.push_back(-2);
+  state.insert(state.end(), queued.begin(), queued.end());
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -616,7 +615,7 @@ void commandFromOutside(World& world) {
 template <typename World>
 void show(const World& world) {
   for (const std::string& line : world.log) std::fprintf(stderr, "[%s] ", line.c_str());
-  for (const long long value : world.state()) std::fprintf(stderr, "%lld ", value);
+  for (const long long value : stateOf(world)) std::fprintf(stderr, "%lld ", value);
   std::fputc('\n', stderr);
 }
 
@@ -629,12 +628,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     commandFromOutside(real);
     commandFromOutside(model);
     FUZZ_REQUIRE(real.input.left() == model.input.left());
-    if (real.log != model.log || real.state() != model.state()) {
+    if (real.log != model.log || stateOf(real) != stateOf(model)) {
       show(real);
       show(model);
     }
     FUZZ_REQUIRE(real.log == model.log);
-    FUZZ_REQUIRE(real.state() == model.state());
+    FUZZ_REQUIRE(stateOf(real) == stateOf(model));
   }
   return 0;
 }
