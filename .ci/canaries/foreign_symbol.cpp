@@ -1,7 +1,13 @@
-// A library that exports a name of its own beside one that is not.
+// A library that exports names of its own beside some that are not.
+
+#include <string>
 
 namespace Korvo {
-void canary() {}
+struct Canary {
+  virtual ~Canary();
+};
+Canary::~Canary() {}
 }  // namespace Korvo
 
+void internalCanary(std::string*) {}
 extern "C" void foreignCanary() {}
