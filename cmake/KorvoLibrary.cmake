@@ -55,10 +55,10 @@ target_link_libraries(KorvoAPI PRIVATE $<BUILD_INTERFACE:korvo_build_flags> Open
 
 # Times are computed in exact double precision, so that a limit is reached at the same moment on
 # every word size and processor: no wider intermediate results, no fused operations.
-set(exact_double -ffp-contract=off)
+set(KORVO_EXACT_DOUBLE -ffp-contract=off)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
-  list(APPEND exact_double -msse2 -mfpmath=sse)
+  list(APPEND KORVO_EXACT_DOUBLE -msse2 -mfpmath=sse)
   # With these registers, which the scheduler needs anyway, text takes a fraction of the time.
   set_source_files_properties(src/KoStrUtils.cpp PROPERTIES COMPILE_OPTIONS -msse2)
 endif()
-set_source_files_properties(src/Scheduler.cpp PROPERTIES COMPILE_OPTIONS "${exact_double}")
+set_source_files_properties(src/Scheduler.cpp PROPERTIES COMPILE_OPTIONS "${KORVO_EXACT_DOUBLE}")
