@@ -147,6 +147,10 @@ void addBuildOwned() {
   addOwned("row_build_grown/korvo", [builder = std::make_shared<KorvoBuilder>()](const Sample& s) {
     return builder->build(s);
   });
+  addOwned("row_build_grown/korvo_writer",
+           [builder = std::make_shared<KorvoBuilder>()](const Sample& s) {
+             return builder->buildWithWriter(s);
+           });
   addBuildOwnedPeers("row_build_grown/");
   addOwned("row_build_sized/korvo",
            [builder = std::make_shared<KorvoBuilder>(), valueBytes = KorvoBuilder::valueBytes()](

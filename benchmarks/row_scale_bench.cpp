@@ -38,6 +38,10 @@ class WideRow : public Korvo::BaseRow {
   void setText(std::size_t column, const Korvo::StringValueReference& text) {
     setColumn(slotOf(column), text, base_);
   }
+  void setTexts(std::size_t columns, const Korvo::StringValueReference& text) {
+    Korvo::RowWriter writer(*this, base_);
+    for (std::size_t i = 0; i < columns; ++i) writer.setColumn(slotOf(i), text);
+  }
 
  private:
   std::shared_ptr<vcdType> slots_;
@@ -87,6 +91,22 @@ void growWide(benchmark::State& state) {
   measure(state, state.range(0), [&] {
     row.create();
     for (std::size_t i = 0; i < columns; ++i) row.setText(i, textOf(columnText));
+  });
+}
+void buildWideByWriter(benchmark::State& state) {
+  const auto columns = static_cast<std::size_t>(state.range(0));
+  WideRow row(columns);
+  measure(state, state.range(0), [&] {
+    row.clearRow();
+    row.setTexts(columns, textOf(columnText));
+  });
+}
+void growWideByWriter(benchmark::State& state) {
+  const auto columns = static_cast<std::size_t>(state.range(0));
+  WideRow row(columns);
+  measure(state, state.range(0), [&] {
+    row.create();
+    row.setTexts(columns, textOf(columnText));
   });
 }
 void buildWideFlat(benchmark::State& state) {
@@ -202,8 +222,10 @@ void addAll() {
     benchmark::RegisterBenchmark(name, run)->Apply(sizes);
   };
   add("scale_build_reused/korvo", buildWide, columnCounts);
+  add("scale_build_reused/korvo_writer", buildWideByWriter, columnCounts);
   add("scale_build_reused/flatbuffers", buildWideFlat, columnCounts);
   add("scale_build_grown/korvo", growWide, columnCounts);
+  add("scale_build_grown/korvo_writer", growWideByWriter, columnCounts);
   add("scale_overwrite_in_wide/korvo", overwriteInWide, columnCounts);
   add("scale_pack/korvo", packWide, columnCounts);
   add("scale_overwrite_in_long/korvo", overwriteInLong, rowSizes);

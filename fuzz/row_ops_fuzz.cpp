@@ -1,8 +1,8 @@
 // Sequences of row operations against a model that follows the rules step by step on plain vectors
 // of bytes. Every byte of every row has to be the model's, gaps included, and every buffer has to
 // have as many holders; so a twin that shares a buffer is seen to be unchanged, and a write that is
-// refused to change nothing. The writers of BaseRow and those of the row classes, which know their
-// slots when they are compiled, have to leave the same bytes.
+// refused to change nothing. The writers of BaseRow, those of the row classes, which know their
+// slots when they are compiled, and RowWriter have to leave the same bytes.
 //
 // Input: whether values may be long, then operations, each with its row, its column and its values.
 
@@ -290,6 +290,7 @@ class Machine {
     applyWrite(
         row, [&](Bytes& model) { write(model, row.fullyDefined(), at, bytes, false); },
         [&] {
+          if (byWriter(row)) return writer_->setColumn(at, value);
           const std::size_t way = input_.below(4);
           if (way >= 2 && row.fullyDefined()) {
             setTyped(row.real, at, value);
@@ -318,6 +319,11 @@ class Machine {
           putSlot(model, at, {offset, bytes.size(), true});
         },
         [&] {
+          if constexpr (std::is_same_v<T, bool>) {
+            if (byWriter(row)) return writer_->updateFixElemArray(at, values);
+          } else {
+            if (byWriter(row)) return writer_->setColumn(at, values);
+          }
           if (row.fullyDefined() && input_.flag()) return setTyped(row.real, at, values);
           if constexpr (std::is_same_v<T, bool>) {
             row.real.updateFixElemArray(at, base, values);
@@ -525,10 +531,20 @@ class Machine {
     std::free(former);
   }
 
+  bool byWriter(const TwoRows& row) const { return &row == written_; }
+  void endWriter() {
+    writer_.reset();
+    written_ = nullptr;
+  }
+
   void step() {
     const unsigned int choice = input_.byte();
     TwoRows& row = rows_[choice & 3];
     const std::size_t operation = choice >> 2 & 31;
+    // A writer's row is written through it alone, and it writes values and arrays. A new block for
+    // another row may be one for this row too.
+    const bool setsColumn = (operation >= 12 && operation <= 23) || operation > 26;
+    if ((&row == written_ && !setsColumn) || operation == 25) endWriter();
     TwoRows& other = rows_[input_.below(4)];
     const len_t at = slotOffsets[input_.below(5)];
     if (operation == 0) return input_.flag() ? createWithRoom(row) : create(row);
@@ -604,6 +620,11 @@ class Machine {
         return moveColumn(row, at);
       case 25:
         return replaceBlock(row);
+      case 26:
+        endWriter();
+        written_ = &row;
+        writer_.emplace(row.real, base);
+        return;
       default:
         return writeText(row, at);
     }
@@ -612,6 +633,8 @@ class Machine {
   Input& input_;
   const bool longValues_;
   TwoRows rows_[4] = {TwoRows(true), TwoRows(true), TwoRows(false), TwoRows(false)};
+  std::optional<RowWriter> writer_;
+  const TwoRows* written_ = nullptr;  ///< the row of `writer_`
 };
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <new>
 #include <ostream>
+#include <utility>
 
 namespace Korvo {
 namespace {
@@ -203,7 +204,24 @@ unsigned int lengthWithRoom(unsigned int rowLength, std::size_t valueLength,
   return checkedRowLength(rowLength + static_cast<unsigned int>(shortfall));
 }
 
+/// How far a row that grows need not be zeroed, because a value fills its place behind `others`.
+/// Where these claim to end beyond the row, as they may in one that was not checked, it does not
+/// fill what lies between.
+unsigned int filledEnd(unsigned int rowLength, const detail::Extent& others, std::size_t length) {
+  return others.end <= rowLength ? others.end + static_cast<unsigned int>(length) : 0;
+}
+
 }  // namespace
+
+/// The place that the values of all columns but one take.
+detail::Extent BaseRow::extentWithout(const byte_t* buf, len_t slotOffset,
+                                      len_t baseRowLength) const {
+  detail::Extent others{baseRowLength};
+  for (const len_t slot : vcd()) {
+    if (slot != slotOffset) others.add(VColType::at(buf, slot));
+  }
+  return others;
+}
 
 /// The order of the choices is part of the contract: reuse in place, append at the used end, grow
 /// by only the shortfall, pack only when that is still not enough. Rows that are not fully defined
@@ -219,10 +237,7 @@ BaseRow::Room BaseRow::findRoom(const byte_t* buf, len_t slotOffset, len_t neede
   if (!isFullyDefined()) {
     return {Place::atOffset, rowLength, checkedRowLength(rowLength + needed)};
   }
-  detail::Extent others{baseRowLength};
-  for (const len_t slot : vcd()) {
-    if (slot != slotOffset) others.add(VColType::at(buf, slot));
-  }
+  const detail::Extent others = extentWithout(buf, slotOffset, baseRowLength);
   const unsigned int newLength = lengthWithRoom(rowLength, needed, baseRowLength, others);
   const bool fitsBehind = others.end + needed <= newLength;
   return {fitsBehind ? Place::atOffset : Place::behindPackedData, others.end, newLength};
@@ -247,18 +262,24 @@ len_t BaseRow::takeRoom(const Room& room, len_t slotOffset, len_t baseRowLength)
   return pack(order, baseRowLength);
 }
 
-/// The row's buffer, grown to at least `newLength`. The bytes from `filledEnd` on are zero: nothing
-/// of the heap's old contents may leave the process with the row.
+/// The row's buffer, grown to at least `newLength`; see lengthen().
 byte_t* BaseRow::grow(byte_t* buf, len_t newLength, unsigned int filledEnd) {
-  const len_t length = loadField<len_t>(buf + rowLengthOffset);
-  if (newLength <= length) return buf;
+  if (newLength <= loadField<len_t>(buf + rowLengthOffset)) return buf;
   byte_t* const grown = static_cast<byte_t*>(std::realloc(buf, newLength));
   if (grown == nullptr) throw std::bad_alloc();
   replaceRow(grown);
-  const unsigned int begin = std::max<unsigned int>(length, filledEnd);
-  if (begin < newLength) std::memset(grown + begin, 0, newLength - begin);
-  storeField<len_t>(grown + rowLengthOffset, newLength);
+  lengthen(grown, newLength, filledEnd);
   return rwRowBuf();
+}
+
+/// Makes the row `newLength` bytes long, for which its block has room. The caller fills the bytes
+/// before `filledEnd`, and all behind them are zero: nothing of the heap's old contents may leave
+/// the process with the row.
+void BaseRow::lengthen(byte_t* buf, len_t newLength, unsigned int filledEnd) {
+  const unsigned int begin =
+      std::max<unsigned int>(loadField<len_t>(buf + rowLengthOffset), filledEnd);
+  if (begin < newLength) std::memset(buf + begin, 0, newLength - begin);
+  storeField<len_t>(buf + rowLengthOffset, newLength);
 }
 
 len_t BaseRow::makeFreeSpace(len_t slotOffset, len_t needed, len_t baseRowLength) {
@@ -370,11 +391,10 @@ void BaseRow::writeCopied(len_t slotOffset, len_t fdLen, detail::EncodedValue va
 len_t BaseRow::growBehind(const detail::Extent& others, std::size_t length, len_t fdLen,
                           bool filled) {
   byte_t* const buf = rwRowBuf();
-  const unsigned int end = others.end + static_cast<unsigned int>(length);
-  const unsigned int newLength =
-      lengthWithRoom(loadField<len_t>(buf + rowLengthOffset), length, fdLen, others);
-  if (end > newLength) return 0;
-  grow(buf, static_cast<len_t>(newLength), filled ? end : 0);
+  const unsigned int rowLength = loadField<len_t>(buf + rowLengthOffset);
+  const unsigned int newLength = lengthWithRoom(rowLength, length, fdLen, others);
+  if (others.end + length > newLength) return 0;
+  grow(buf, static_cast<len_t>(newLength), filled ? filledEnd(rowLength, others, length) : 0);
   return static_cast<len_t>(others.end);
 }
 
@@ -408,6 +428,103 @@ byte_t* BaseRow::arrayRoom(len_t slotOffset, std::size_t length, len_t fdLen) {
   byte_t* const buf = rwRowBuf();
   VColType::at(buf, slotOffset).valueIs(offset, static_cast<len_t>(length), true);
   return buf + offset;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Writing many columns
+
+RowWriter::RowWriter(BaseRow& row, len_t fdLen)
+    : row_(row), baseLength_(fdLen), fullyDefined_(row.isFullyDefined()) {
+  KORVO_ASSERT(fdLen != 0, "fdLen != 0", thisFile,
+               "Korvo::RowWriter::RowWriter(Korvo::BaseRow&, Korvo::len_t)");
+}
+
+RowWriter::~RowWriter() {
+  giveBack();
+}
+
+/// Most rows are shorter: their blocks become larger only once.
+constexpr std::size_t ordinaryRowLength = 512;
+
+/// Room for `length` bytes behind all values, for a column that is empty: its offset, or 0 where
+/// the row's own writer has to decide. Its decision is made here where nothing but the column
+/// itself changes, with what this writer knows of the others. `value`, if it is not null, is what
+/// will fill the room.
+len_t RowWriter::roomBehind(len_t slotOffset, std::size_t length, const byte_t* value) {
+  if (!fullyDefined_ || length == 0 || length > maxValueLength || !row_.isSoleHolder()) return 0;
+  byte_t* const buf = row_.rwRowBuf();
+  if (VColType::at(buf, slotOffset).length() != 0) return 0;
+  if (!extentIsKnown_) extent_ = row_.extentWithout(buf, slotOffset, baseLength_);
+  extentIsKnown_ = true;
+  const unsigned int rowLength = loadField<len_t>(buf + rowLengthOffset);
+  const unsigned int newLength = lengthWithRoom(rowLength, length, baseLength_, extent_);
+  const unsigned int offset = extent_.end;
+  if (offset + length > newLength) return 0;
+  if (newLength > rowLength) {
+    if (value != nullptr && liesIn(value, buf, rowLength)) return 0;
+    if (buf != block_ || newLength > blockLength_) {
+      // Room for as much again, so that all growth together copies each byte a few times only.
+      const std::size_t larger =
+          std::min(std::max<std::size_t>(2 * newLength, ordinaryRowLength), maxRowLength);
+      byte_t* const block = static_cast<byte_t*>(std::realloc(buf, larger));
+      if (block == nullptr) return 0;
+      row_.replaceRow(block);
+      block_ = block;
+      blockLength_ = larger;
+    }
+    BaseRow::lengthen(block_, static_cast<len_t>(newLength),
+                      value != nullptr ? filledEnd(rowLength, extent_, length) : 0);
+  }
+  extent_.end = offset + static_cast<unsigned int>(length);
+  extent_.used += static_cast<unsigned int>(length);
+  return static_cast<len_t>(offset);
+}
+
+void RowWriter::writeValue(len_t slotOffset, const detail::EncodedValue& value) {
+  const len_t offset = roomBehind(slotOffset, value.length(), value.bytes);
+  if (offset != 0) return storeValue(row_.rwRowBuf(), slotOffset, offset, value, false);
+  leaveToRow(slotOffset, [&] {
+    row_.writeValue(slotOffset, baseLength_, value, false);
+    return nullptr;
+  });
+}
+
+byte_t* RowWriter::arrayRoom(len_t slotOffset, std::size_t length) {
+  const len_t offset = roomBehind(slotOffset, length, nullptr);
+  if (offset == 0) {
+    return leaveToRow(slotOffset, [&] { return row_.arrayRoom(slotOffset, length, baseLength_); });
+  }
+  byte_t* const buf = row_.rwRowBuf();
+  VColType::at(buf, slotOffset).valueIs(offset, static_cast<len_t>(length), true);
+  return buf + offset;
+}
+
+/// Has the row's own writer set a column, and forgets what is different afterwards.
+template <typename Write>
+byte_t* RowWriter::leaveToRow(len_t slotOffset, Write write) {
+  struct Lengths {
+    len_t row = 0;
+    len_t value = 0;
+  };
+  const auto lengths = [&] {
+    return Lengths{row_.rowLength(), VColType::at(row_.rowBuf(), slotOffset).length()};
+  };
+  const Lengths before = row_.isNull() ? Lengths() : lengths();
+  byte_t* const room = write();
+  const Lengths after = lengths();
+  if (after.value != before.value) extentIsKnown_ = false;
+  // The block of a row that has grown, or that was shared, is as long as the row.
+  if (after.row != before.row || row_.rowBuf() != block_) block_ = nullptr;
+  return room;
+}
+
+/// Makes the row's block as long as the row again. One that has come to be shared stays: others may
+/// be reading it.
+void RowWriter::giveBack() noexcept {
+  byte_t* const larger = std::exchange(block_, nullptr);
+  if (larger == nullptr || !row_.isSoleHolder() || row_.rwRowBuf() != larger) return;
+  void* const block = std::realloc(larger, loadField<len_t>(larger + rowLengthOffset));
+  if (block != nullptr) row_.replaceRow(static_cast<byte_t*>(block));
 }
 
 // ---------------------------------------------------------------------------------------------

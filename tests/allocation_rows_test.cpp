@@ -10,6 +10,7 @@
 
 #include <array>
 #include <functional>
+#include <memory>
 #include <numeric>
 #include <sstream>
 #include <string>
@@ -227,6 +228,77 @@ TYPED_TEST(AllocationFailures, OfAnArray) {
       {"too long", [all = std::vector<std::string>(200, longText)](
                        S& s) { s.row.setColumn(textsSlot, all, base); }},
   });
+}
+
+TYPED_TEST(AllocationFailures, OfAWriter) {
+  using S = Subject<TypeParam>;
+  inEveryState<TypeParam>({
+      {"empty text", [](S& s) { RowWriter(s.row, base).setColumn(textSlot, std::string()); }},
+      {"short text", [](S& s) { RowWriter(s.row, base).setColumn(textSlot, std::string("s")); }},
+      {"long text", [](S& s) { RowWriter(s.row, base).setColumn(textSlot, longText); }},
+      {"text that fits once packed",
+       [](S& s) {
+         RowWriter(s.row, base).setColumn(textSlot, StringValueReference(longText.data(), 80));
+       }},
+      {"texts", [](S& s) { RowWriter(s.row, base).setColumn(textsSlot, s.texts); }},
+      {"flags", [flags = std::vector<bool>(100, true)](
+                    S& s) { RowWriter(s.row, base).updateFixElemArray(flagsSlot, flags); }},
+      {"nested row",
+       [](S& s) {
+         RowWriter(s.row, base).setColumn(innerSlot, SubRowReference(s.source.rowBuf()));
+       }},
+      {"text of the row itself",
+       [](S& s) {
+         StringValueReference own;
+         s.row.getColumn(textSlot, own);
+         RowWriter(s.row, base).setColumn(netSlot, own);
+       }},
+  });
+}
+
+/// A row in the hands of a writer that has made its block larger than the row.
+struct HalfWritten {
+  Row row;
+  std::unique_ptr<RowWriter> writer;
+};
+
+TEST(AllocationFailuresOfTypedRows, OfAWriterAtWork) {
+  const auto make = [] {
+    HalfWritten all;
+    all.row.create(3);
+    return all;
+  };
+  const auto look = [](const HalfWritten& all) {
+    Snapshot seen;
+    append(seen, all.row);
+    return seen;
+  };
+  // Each is the last of several writes; the ones before it are part of the preparation.
+  const auto lastOf = [&](const char* name, const auto& prepare, const auto& write) {
+    return failEachAllocation(
+        name,
+        [&] {
+          auto all = std::make_unique<HalfWritten>(make());
+          all->writer = std::make_unique<RowWriter>(all->row, base);
+          prepare(*all->writer);
+          return all;
+        },
+        [&](auto& all) { write(*all->writer); }, [&](const auto& all) { return look(*all); });
+  };
+  const auto shortText = [](RowWriter& writer) { writer.setColumn(textSlot, std::string("text")); };
+  const auto manyTexts = [&](RowWriter& writer) {
+    shortText(writer);
+    writer.setColumn(netSlot, longText);
+    writer.setColumn(addrSlot, longText);
+  };
+  const auto longOne = [](RowWriter& writer) { writer.setColumn(innerSlot, longText); };
+  const auto longest = [](RowWriter& writer) {
+    writer.setColumn(innerSlot, std::vector<std::string>(10, longText));
+  };
+  const auto overwrite = [](RowWriter& writer) { writer.setColumn(textSlot, longText); };
+  EXPECT_EQ(lastOf("within the block", shortText, longOne), 0U);
+  EXPECT_GT(lastOf("beyond the block", manyTexts, longest), 0U);
+  EXPECT_GT(lastOf("by the row itself", manyTexts, overwrite), 0U);
 }
 
 TYPED_TEST(AllocationFailures, OfACopiedColumn) {

@@ -146,7 +146,7 @@ class Scenario {
     TestRow& row = rows_[below(rows_.size())];
     TestRow& other = rows_[below(rows_.size())];
     const len_t at = slots[below(5)];
-    switch (below(12)) {
+    switch (below(13)) {
       case 0:
         return row.shareContents(other);
       case 1:
@@ -171,6 +171,18 @@ class Scenario {
         return;
       case 8:
         return row.adopt(bytesOf(other));
+      case 9: {
+        RowWriter writer(row, base);
+        for (std::size_t i = below(6); i != 0; --i) {
+          const len_t slot = slots[below(5)];
+          if (below(3) == 0) {
+            writer.setColumn(slot, array<std::string>([&] { return text(); }));
+          } else {
+            writer.setColumn(slot, text());
+          }
+        }
+        return;
+      }
       default:
         return row.setColumn(at, text(), base);
     }
@@ -189,6 +201,43 @@ TEST(HeapContents, TheSameOperationsGiveTheSameBytes) {
         ASSERT_TRUE(underFill(fill, scenario) == expected) << seed << " " << fill;
       }
     }
+  }
+}
+
+// A row that was not checked may claim data beyond its end. One that grows over what it claimed has
+// zeros there.
+TEST(HeapContents, WhatARowOnlyClaimedIsZero) {
+  using Layout = RowLayout<3, Column<"a", std::string, 9>, Column<"b", std::string, 13>,
+                           Column<"c", std::string, 17>, Column<"d", std::string, 21>,
+                           Column<"e", std::string, 25>>;
+  static_assert(Layout::baseLength == base);
+  // Two columns claim the same bytes, 30 of them behind the end.
+  TestRow claiming(true);
+  claiming.makeFreeSpace(9, 20, base);
+  VColType::at(claiming.rwRowBuf(), 9).valueIs(base, 50, false);
+  VColType::at(claiming.rwRowBuf(), 13).valueIs(base, 50, false);
+  const Bytes image = bytesOf(claiming);
+  ASSERT_EQ(image.size(), base + 20U);
+  Bytes expected = image;
+  expected.resize(base + 105U);
+  storeField<len_t>(expected.data(), base + 105);
+  std::fill_n(expected.begin() + base + 50, 5, 'x');
+  VColType::at(expected.data(), 17).valueIs(base + 50, 5, false);
+
+  for (const int fill : fills) {
+    const alloctest::FillScope scope(fill);
+    TestRow row(true);
+    row.adopt(image);
+    row.setColumn(17, std::string("xxxxx"), base);
+    EXPECT_TRUE(bytesOf(row) == expected) << fill;
+    TestRow written(true);
+    written.adopt(image);
+    RowWriter(written, base).setColumn(17, std::string("xxxxx"));
+    EXPECT_TRUE(bytesOf(written) == expected) << fill;
+    TableRow<Layout> declared;
+    declared.adopt(image.data(), image.size());
+    declared.set<"c">("xxxxx");
+    EXPECT_TRUE(bytesOf(declared) == expected) << fill;
   }
 }
 

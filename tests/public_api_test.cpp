@@ -340,6 +340,15 @@ TEST(PublicApiTest, Columns) {
   expectComparedColumn<IpGenPrefixReference>();
 }
 
+TEST(PublicApiTest, RowWriters) {
+  EXPECT_TRUE((std::is_constructible_v<RowWriter, BaseRow&, len_t>));
+  EXPECT_TRUE((named<void (RowWriter::*)(len_t, const Text&)>(&RowWriter::setColumn<Text>)));
+  EXPECT_TRUE(
+      (named<void (RowWriter::*)(len_t, const std::vector<Text>&)>(&RowWriter::setColumn<Text>)));
+  EXPECT_TRUE((named<void (RowWriter::*)(len_t, const std::vector<bool>&)>(
+      &RowWriter::updateFixElemArray<bool>)));
+}
+
 using Inner = RowLayout<2, Column<"number", std::uint32_t>>;
 using Outer = RowLayout<1, Column<"number", std::uint32_t>, Column<"text", std::string>,
                         Column<"flags", std::vector<bool>>, Column<"nested", Nested<Inner>>>;

@@ -57,27 +57,37 @@ class KorvoBuilder {
  public:
   KorvoBuilder() { link_.create(); }
 
-  /// Sets every column of a row that is new or cleared.
-  void fill(KorvoRow& row, const Sample& sample) {
+  /// Sets every column of a row that is new or cleared, by itself or by its writer.
+  template <typename RowOrWriter>
+  void fill(RowOrWriter& row, const Sample& sample) {
     link_.clearRow();
     link_.set<"number">(sample.linkNumber);
     link_.set<"name">(sample.linkName);
-    row.set<"id">(sample.id);
-    row.set<"counter">(sample.counter);
-    row.set<"up">(sample.up);
-    row.set<"name8">(sample.name8);
-    row.set<"name24">(sample.name24);
-    row.set<"name60">(sample.name60);
-    row.set<"address">(sample.address);
-    row.set<"prefix">(sample.prefix);
-    row.set<"tags">(sample.tags);
-    row.set<"link">(link_);
+    row.template set<"id">(sample.id);
+    row.template set<"counter">(sample.counter);
+    row.template set<"up">(sample.up);
+    row.template set<"name8">(sample.name8);
+    row.template set<"name24">(sample.name24);
+    row.template set<"name60">(sample.name60);
+    row.template set<"address">(sample.address);
+    row.template set<"prefix">(sample.prefix);
+    row.template set<"tags">(sample.tags);
+    row.template set<"link">(link_);
   }
   /// A row that grows with each column, or has room for them all from the start.
   KorvoRow build(const Sample& sample, std::size_t valueBytes = 0) {
     KorvoRow row;
     row.create(0, valueBytes);
     fill(row, sample);
+    return row;
+  }
+  KorvoRow buildWithWriter(const Sample& sample) {
+    KorvoRow row;
+    row.create();
+    {
+      auto writer = row.writer();
+      fill(writer, sample);
+    }
     return row;
   }
   /// What the values of every sample take.

@@ -78,6 +78,18 @@ void limits(Port port) {
   }
 }
 
+void fillNewRow() {
+  Port uplink;
+  uplink.create(1002);
+  {
+    auto writer = uplink.writer();
+    writer.set<"name">("eth1");
+    writer.set<"net">(Korvo::IpGenPrefix("10.2.0.0/16"));
+    writer.set<"tags">({"uplink"});
+  }  // gives back what memory is left
+  std::cout << uplink << ' ' << uplink.view<"name">() << '\n';
+}
+
 void readColumns(const Port& port) {
   const std::uint32_t speed = port.get<"speed">();
   const std::string name = port.get<"name">();                       // a copy
@@ -161,6 +173,7 @@ void handWritten() {
 int main() {
   Port port = writeColumns();
   limits(port);
+  fillNewRow();
   readColumns(port);
   arrays(port);
   port = nestedRows(port);

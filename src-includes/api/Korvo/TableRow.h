@@ -415,17 +415,15 @@ class TableRow : public BaseRow,
   /// reference. A nested row: any row of its layout.
   template <ColumnName Name, typename Value>
   requires(!detail::takesItsType<ColumnType<Name>>) void set(const Value& value) {
-    using T = ColumnType<Name>;
-    if constexpr (std::is_same_v<T, std::string>) {
-      writeOwnValue<Layout>(slot<Name>, detail::encoded(std::string_view(value)));
-    } else if constexpr (!detail::isArrayElement<T>) {
-      writeOwnValue<Layout>(slot<Name>, encodedNested(value, std::type_identity<T>()));
-    } else if constexpr (std::is_same_v<Value, typename detail::ColumnTraits<T>::View>) {
-      writeOwnValue<Layout>(slot<Name>, detail::encoded(value));
-    } else {
-      writeOwnValue<Layout>(slot<Name>, detail::encoded(static_cast<const T&>(value)));
-    }
+    writeEncoded<ColumnType<Name>>(value, [this](const detail::EncodedValue& encoded) {
+      writeOwnValue<Layout>(slot<Name>, encoded);
+    });
   }
+
+  class Writer;
+  /// Fills rows of many columns: `auto writer = row.writer(); writer.set<"name">("eth0");`. See
+  /// RowWriter.
+  Writer writer() { return Writer(*this); }
 
   byte_t* rowBuf() const final { return BaseRow::rowBuf(); }
   byte_t* rwRowBuf() final { return BaseRow::rwRowBuf(); }
@@ -445,6 +443,20 @@ class TableRow : public BaseRow,
   template <ColumnName Name>
   static constexpr len_t slot = Layout::template offset<Name>;
 
+  /// Gives `write` what a column of type T takes from `value`, while it lives.
+  template <typename T, typename Value, typename Write>
+  static void writeEncoded(const Value& value, Write write) {
+    if constexpr (std::is_same_v<T, std::string>) {
+      write(detail::encoded(std::string_view(value)));
+    } else if constexpr (!detail::isArrayElement<T>) {
+      write(encodedNested(value, std::type_identity<T>()));
+    } else if constexpr (std::is_same_v<Value, typename detail::ColumnTraits<T>::View>) {
+      write(detail::encoded(value));
+    } else {
+      write(detail::encoded(static_cast<const T&>(value)));
+    }
+  }
+
   /// The rows whose bytes a column of nested rows takes.
   template <typename NestedLayout>
   static detail::EncodedValue encodedNested(const TableRow<NestedLayout>& row,
@@ -456,6 +468,31 @@ class TableRow : public BaseRow,
                                             std::type_identity<Nested<NestedLayout>>) {
     return detail::encodedRow(row.rowBuf());
   }
+};
+
+/// A RowWriter that knows the columns by name.
+template <typename RowLayoutType>
+class TableRow<RowLayoutType>::Writer : public RowWriter {
+ public:
+  explicit Writer(TableRow& row) : RowWriter(row, Layout::baseLength), row_(row) {}
+
+  // As the row's.
+  template <ColumnName Name>
+  requires(detail::takesItsType<ColumnType<Name>>) void set(const ColumnType<Name>& value) {
+    if constexpr (detail::isVector<ColumnType<Name>>) {
+      writeArray(slot<Name>, value);
+    } else {
+      row_.template set<Name>(value);
+    }
+  }
+  template <ColumnName Name, typename Value>
+  requires(!detail::takesItsType<ColumnType<Name>>) void set(const Value& value) {
+    writeEncoded<ColumnType<Name>>(
+        value, [this](const detail::EncodedValue& encoded) { writeValue(slot<Name>, encoded); });
+  }
+
+ private:
+  TableRow& row_;
 };
 
 // ---------------------------------------------------------------------------------------------

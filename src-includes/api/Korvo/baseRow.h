@@ -63,6 +63,7 @@
 namespace Korvo {
 
 class BaseRow;
+class RowWriter;
 class SubRowReference;
 
 namespace detail {
@@ -742,6 +743,7 @@ class KORVO_API BaseRow {
   KoPtr<KoRowBuf> rowBuf_;
 
  private:
+  friend RowWriter;
   struct Room;
   class PackingOrder;
 
@@ -750,7 +752,9 @@ class KORVO_API BaseRow {
   KoPtr<KoRowBuf> makeExclusive();
   Room findRoom(const byte_t* buf, len_t slotOffset, len_t needed, len_t baseRowLength) const;
   len_t takeRoom(const Room& room, len_t slotOffset, len_t baseRowLength);
+  detail::Extent extentWithout(const byte_t* buf, len_t slotOffset, len_t baseRowLength) const;
   byte_t* grow(byte_t* buf, len_t newLength, unsigned int filledEnd = 0);
+  static void lengthen(byte_t* buf, len_t newLength, unsigned int filledEnd);
   len_t pack(const PackingOrder& order, len_t baseRowLength);
   len_t makeExclusiveRoom(len_t slotOffset, std::size_t needed, len_t fdLen,
                           KoPtr<KoRowBuf>& former);
@@ -773,6 +777,53 @@ class KORVO_API BaseRow {
   static void decodeValue(const byte_t* src, len_t length, IpGenAddr& out);
   static void decodeValue(const byte_t* src, len_t length, IpGenPrefix& out);
   [[noreturn]] static void failSetColumn(const char* type, bool isArray);
+};
+
+/// Fills a row of many columns. A row says nowhere where its data ends, so each of its writers
+/// looks at every slot first; a RowWriter looks once and keeps count, and the time to set all
+/// columns grows with their number, not with its square. What it leaves in the row is byte for byte
+/// what the row's own writers leave, with their exceptions and guarantees.
+///
+/// The row outlives its writer, and meanwhile is written by nothing else; it may be read and
+/// shared. Its block may be larger than the row until the writer ends and gives the rest back,
+/// which counts as one more write.
+class KORVO_API RowWriter {
+ public:
+  /// `fdLen` is the row's base length; 0 stops the process. Changes nothing yet.
+  RowWriter(BaseRow& row, len_t fdLen);
+  ~RowWriter();
+  RowWriter(const RowWriter&) = delete;
+  RowWriter& operator=(const RowWriter&) = delete;
+
+  // As BaseRow's.
+  template <typename T>
+  void setColumn(len_t slotOffset, const T& value);
+  template <typename T>
+  void setColumn(len_t slotOffset, const std::vector<T>& values);
+  template <typename T>
+  void updateFixElemArray(len_t slotOffset, const std::vector<T>& values);
+
+ protected:
+  // For the writers of row classes.
+
+  void writeValue(len_t slotOffset, const detail::EncodedValue& value);
+  template <typename T>
+  void writeArray(len_t slotOffset, const std::vector<T>& values);
+
+ private:
+  len_t roomBehind(len_t slotOffset, std::size_t length, const byte_t* value);
+  byte_t* arrayRoom(len_t slotOffset, std::size_t length);
+  template <typename Write>
+  byte_t* leaveToRow(len_t slotOffset, Write write);
+  void giveBack() noexcept;
+
+  BaseRow& row_;
+  const len_t baseLength_;
+  const bool fullyDefined_;
+  bool extentIsKnown_ = false;
+  detail::Extent extent_{0};     ///< of all values
+  byte_t* block_ = nullptr;      ///< the row's, if this writer made it larger than the row
+  std::size_t blockLength_ = 0;  ///< the size of `block_`
 };
 
 /// "len = 64, type = 3, oid = 1001", or "len = 0, NULL" for a null row. Numbers are decimal
@@ -1161,6 +1212,34 @@ void BaseRow::storeArray(byte_t* array, const std::vector<T>& values) {
   } else {
     for (const bool value : values) *slot++ = value ? 1 : 0;
   }
+}
+
+template <typename T>
+void RowWriter::setColumn(len_t slotOffset, const T& value) {
+  static_assert(detail::isVariable<T>,
+                "setColumn<T>: T is std::string, IpGenAddr, IpGenPrefix, one of their references, "
+                "SubRowReference, or a vector of the first three");
+  writeValue(slotOffset, detail::encoded(value));
+}
+
+template <typename T>
+void RowWriter::setColumn(len_t slotOffset, const std::vector<T>& values) {
+  static_assert(detail::isArrayElement<T>,
+                "setColumn of an array: the elements are std::string, IpGenAddr or IpGenPrefix; "
+                "updateFixElemArray<bool> writes an array of bool");
+  writeArray(slotOffset, values);
+}
+
+template <typename T>
+void RowWriter::updateFixElemArray(len_t slotOffset, const std::vector<T>& values) {
+  static_assert(std::is_same_v<T, bool>, "updateFixElemArray<T>: T is bool");
+  writeArray(slotOffset, values);
+}
+
+template <typename T>
+void RowWriter::writeArray(len_t slotOffset, const std::vector<T>& values) {
+  if (values.empty()) return writeValue(slotOffset, {nullptr, 0});
+  BaseRow::storeArray(arrayRoom(slotOffset, detail::arrayLength(values)), values);
 }
 
 template <typename T>
