@@ -55,6 +55,9 @@ TYPED_TEST(RowWriters, SetColumnsOfEveryType) {
   expected.updateFixElemArray(PlainRow::kList, base, flags);
   writer.updateFixElemArray(PlainRow::kList, flags);
   same();
+  expected.setFixedColumn(PlainRow::kCount, std::uint32_t{17});
+  writer.setFixedColumn(PlainRow::kCount, std::uint32_t{17});
+  same();
   expected.setColumn(PlainRow::kName, StringValueReference("a longer name", 13), base);
   writer.setColumn(PlainRow::kName, StringValueReference("a longer name", 13));
   same();
@@ -126,6 +129,7 @@ TYPED_TEST(RowWriters, RefuseWhatRowsRefuse) {
   RowWriter ofNull(null, base);
   EXPECT_THROW(ofNull.setColumn(PlainRow::kName, std::string("x")), KoNullRow);
   EXPECT_THROW(ofNull.setColumn(PlainRow::kName, std::string()), KoNullRow);
+  EXPECT_THROW(ofNull.setFixedColumn(PlainRow::kFlag, true), KoNullRow);
   EXPECT_THROW(ofNull.setColumn(PlainRow::kList, std::vector<std::string>()), KoNullRow);
   EXPECT_THROW(ofNull.setColumn(PlainRow::kList, std::vector<std::string>{"x"}), KoNullRow);
 
@@ -234,7 +238,7 @@ class TwinRows {
 
   void step() {
     const len_t slot = kVariableSlots[below(5)];
-    switch (below(14)) {
+    switch (below(15)) {
       case 0:
         return renew();
       case 1:  // another writer; the row is written without one meanwhile
@@ -277,6 +281,11 @@ class TwinRows {
         };
         own_.setColumn(slot, of(own_), base);
         return writer_->setColumn(slot, of(byWriter_));
+      }
+      case 9: {
+        const auto value = static_cast<std::uint32_t>(below(1000));
+        own_.setFixedColumn(PlainRow::kCount, value);
+        return writer_->setFixedColumn(PlainRow::kCount, value);
       }
       default: {
         const std::string value = text();
@@ -371,6 +380,34 @@ TEST(RowWritersOfDeclaredClasses, LeaveWhatTheRowsOwnWritersLeave) {
     EXPECT_EQ(hex(row), hex(expected));
     EXPECT_EQ(row.toJson(), expected.toJson());
   }
+}
+
+TEST(RowWritersOfDeclaredClasses, DoNotMistakeACopyForTheBlockThatWasGivenUp) {
+  Korvo::TableRow<Layout> row;
+  row.create(5);
+  auto writer = row.writer();
+  writer.set<"text">(std::string(650, 't'));  // the block is about twice as long as the row
+  const std::size_t copyLength = rowLength(row);
+  const auto largeBlock = reinterpret_cast<std::uintptr_t>(row.rowBuf());
+  Korvo::TableRow<Layout> sharer = row;
+  writer.set<"number">(1);  // copies the row: the large block is the sharer's alone
+  sharer = row;             // and now nobody's
+
+  // The next copy is to stand where the large block stood, and ends earlier.
+  std::vector<std::unique_ptr<void, decltype(&std::free)>> others;
+  for (int i = 0; i < 100; ++i) {
+    others.emplace_back(std::malloc(copyLength), &std::free);
+    if (reinterpret_cast<std::uintptr_t>(others.back().get()) == largeBlock) break;
+  }
+  others.pop_back();
+  writer.set<"number">(2);
+  if (reinterpret_cast<std::uintptr_t>(row.rowBuf()) != largeBlock) {
+    GTEST_SKIP() << "this allocator does not use the place again";
+  }
+  ASSERT_LT(malloc_usable_size(row.rowBuf()), copyLength + 100);
+  writer.set<"texts">({std::string(500, 'u')});
+  EXPECT_GE(malloc_usable_size(row.rowBuf()), rowLength(row));
+  EXPECT_EQ(row.get<"text">(), std::string(650, 't'));
 }
 
 }  // namespace

@@ -474,7 +474,7 @@ class TableRow : public BaseRow,
 template <typename RowLayoutType>
 class TableRow<RowLayoutType>::Writer : public RowWriter {
  public:
-  explicit Writer(TableRow& row) : RowWriter(row, Layout::baseLength), row_(row) {}
+  explicit Writer(TableRow& row) : RowWriter(row, Layout::baseLength) {}
 
   // As the row's.
   template <ColumnName Name>
@@ -482,7 +482,7 @@ class TableRow<RowLayoutType>::Writer : public RowWriter {
     if constexpr (detail::isVector<ColumnType<Name>>) {
       writeArray(slot<Name>, value);
     } else {
-      row_.template set<Name>(value);
+      setFixedColumn(slot<Name>, value);
     }
   }
   template <ColumnName Name, typename Value>
@@ -490,9 +490,6 @@ class TableRow<RowLayoutType>::Writer : public RowWriter {
     writeEncoded<ColumnType<Name>>(
         value, [this](const detail::EncodedValue& encoded) { writeValue(slot<Name>, encoded); });
   }
-
- private:
-  TableRow& row_;
 };
 
 // ---------------------------------------------------------------------------------------------

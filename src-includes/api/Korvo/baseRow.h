@@ -797,6 +797,8 @@ class KORVO_API RowWriter {
 
   // As BaseRow's.
   template <typename T>
+  void setFixedColumn(len_t offset, const T& value);
+  template <typename T>
   void setColumn(len_t slotOffset, const T& value);
   template <typename T>
   void setColumn(len_t slotOffset, const std::vector<T>& values);
@@ -1212,6 +1214,13 @@ void BaseRow::storeArray(byte_t* array, const std::vector<T>& values) {
   } else {
     for (const bool value : values) *slot++ = value ? 1 : 0;
   }
+}
+
+template <typename T>
+void RowWriter::setFixedColumn(len_t offset, const T& value) {
+  // A shared row is copied, and a later copy may stand where the larger block stood.
+  if (!row_.isSoleHolder()) block_ = nullptr;
+  row_.setFixedColumn(offset, value);
 }
 
 template <typename T>
