@@ -460,17 +460,26 @@ class Machine {
     writeValue(row, at, encoded(value), value);
   }
 
+  template <typename T>
+  void setFixed(TwoRows& row, len_t offset, T value) {
+    byWriter(row) ? writer_->setFixedColumn(offset, value) : row.real.setFixedColumn(offset, value);
+  }
+
   void writeFixed(TwoRows& row) {
     const std::uint8_t value = input_.byte();
-    switch (input_.below(5)) {
+    const std::size_t field = input_.below(5);
+    const bool ofHeader = field == 2 || field == 3;
+    if (ofHeader && byWriter(row)) endWriter();
+    switch (field) {
       case 0:
         return applyWrite(
             row, [&](Bytes& model) { model[8] = value; },
-            [&] { row.real.setFixedColumn<std::uint8_t>(8, value); });
+            [&] { setFixed<std::uint8_t>(row, 8, value); });
       case 4:
         return applyWrite(
             row, [&](Bytes& model) { model[8] = value; },
             [&] {
+              if (byWriter(row)) return writer_->setFixedColumn(8, value);
               Typed<std::string> typed;
               const Loan loan(row.real, typed);
               typed.set<"flag">(value);
@@ -482,7 +491,7 @@ class Machine {
               putWord(model, 29, value);
               putWord(model, 31, 0x1200);
             },
-            [&] { row.real.setFixedColumn<std::uint32_t>(29, 0x12000000U + value); });
+            [&] { setFixed<std::uint32_t>(row, 29, 0x12000000U + value); });
       case 2:
         return applyWrite(
             row, [&](Bytes& model) { putWord(model, 2, value); },
@@ -541,9 +550,10 @@ class Machine {
     const unsigned int choice = input_.byte();
     TwoRows& row = rows_[choice & 3];
     const std::size_t operation = choice >> 2 & 31;
-    // A writer's row is written through it alone, and it writes values and arrays. A new block for
-    // another row may be one for this row too.
-    const bool setsColumn = (operation >= 12 && operation <= 23) || operation > 26;
+    // A writer's row is written through it alone, and it sets columns. A new block for another row
+    // may be one for this row too.
+    const bool setsColumn =
+        operation == 7 || (operation >= 12 && operation <= 23) || operation > 26;
     if ((&row == written_ && !setsColumn) || operation == 25) endWriter();
     TwoRows& other = rows_[input_.below(4)];
     const len_t at = slotOffsets[input_.below(5)];

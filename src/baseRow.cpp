@@ -462,7 +462,7 @@ len_t RowWriter::roomBehind(len_t slotOffset, std::size_t length, const byte_t* 
   if (offset + length > newLength) return 0;
   if (newLength > rowLength) {
     if (value != nullptr && liesIn(value, buf, rowLength)) return 0;
-    if (buf != block_ || newLength > blockLength_) {
+    if (newLength > blockLength_ || !hasLargerBlock()) {
       // Room for as much again, so that all growth together copies each byte a few times only.
       const std::size_t larger =
           std::min(std::max<std::size_t>(2 * newLength, ordinaryRowLength), maxRowLength);
@@ -471,8 +471,10 @@ len_t RowWriter::roomBehind(len_t slotOffset, std::size_t length, const byte_t* 
       row_.replaceRow(block);
       block_ = block;
       blockLength_ = larger;
+      owner_ = row_.rowBuf_;
     }
-    BaseRow::lengthen(block_, static_cast<len_t>(newLength),
+    rowLength_ = static_cast<len_t>(newLength);
+    BaseRow::lengthen(block_, rowLength_,
                       value != nullptr ? filledEnd(rowLength, extent_, length) : 0);
   }
   extent_.end = offset + static_cast<unsigned int>(length);
@@ -499,31 +501,29 @@ byte_t* RowWriter::arrayRoom(len_t slotOffset, std::size_t length) {
   return buf + offset;
 }
 
-/// Has the row's own writer set a column, and forgets what is different afterwards.
+/// Has the row's own writer set a column. What it does to a value of another length may change
+/// where all values end.
 template <typename Write>
 byte_t* RowWriter::leaveToRow(len_t slotOffset, Write write) {
-  struct Lengths {
-    len_t row = 0;
-    len_t value = 0;
-  };
-  const auto lengths = [&] {
-    return Lengths{row_.rowLength(), VColType::at(row_.rowBuf(), slotOffset).length()};
-  };
-  const Lengths before = row_.isNull() ? Lengths() : lengths();
+  const auto valueLength = [&] { return VColType::at(row_.rowBuf(), slotOffset).length(); };
+  const len_t before = row_.isNull() ? len_t{0} : valueLength();
   byte_t* const room = write();
-  const Lengths after = lengths();
-  if (after.value != before.value) extentIsKnown_ = false;
-  // The block of a row that has grown, or that was shared, is as long as the row.
-  if (after.row != before.row || row_.rowBuf() != block_) block_ = nullptr;
+  if (valueLength() != before) extentIsKnown_ = false;
   return room;
+}
+
+bool RowWriter::hasLargerBlock() const noexcept {
+  const KoPtr<KoRowBuf>& owner = row_.rowBuf_;
+  const bool sameOwner = !owner.owner_before(owner_) && !owner_.owner_before(owner);
+  return block_ != nullptr && sameOwner && owner->buf_ == block_ &&
+         loadField<len_t>(block_ + rowLengthOffset) == rowLength_;
 }
 
 /// Makes the row's block as long as the row again. One that has come to be shared stays: others may
 /// be reading it.
 void RowWriter::giveBack() noexcept {
-  byte_t* const larger = std::exchange(block_, nullptr);
-  if (larger == nullptr || !row_.isSoleHolder() || row_.rwRowBuf() != larger) return;
-  void* const block = std::realloc(larger, loadField<len_t>(larger + rowLengthOffset));
+  if (!hasLargerBlock() || !row_.isSoleHolder()) return;
+  void* const block = std::realloc(block_, rowLength_);
   if (block != nullptr) row_.replaceRow(static_cast<byte_t*>(block));
 }
 

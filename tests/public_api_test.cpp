@@ -342,6 +342,7 @@ TEST(PublicApiTest, Columns) {
 
 TEST(PublicApiTest, RowWriters) {
   EXPECT_TRUE((std::is_constructible_v<RowWriter, BaseRow&, len_t>));
+  EXPECT_TRUE((named<void (RowWriter::*)(len_t, const bool&)>(&RowWriter::setFixedColumn<bool>)));
   EXPECT_TRUE((named<void (RowWriter::*)(len_t, const Text&)>(&RowWriter::setColumn<Text>)));
   EXPECT_TRUE(
       (named<void (RowWriter::*)(len_t, const std::vector<Text>&)>(&RowWriter::setColumn<Text>)));

@@ -410,4 +410,21 @@ TEST(RowWritersOfDeclaredClasses, DoNotMistakeACopyForTheBlockThatWasGivenUp) {
   EXPECT_EQ(row.get<"text">(), std::string(650, 't'));
 }
 
+// The row must not be written beside its writer; where it is, its columns may get lost, but no byte
+// outside its block is touched.
+TEST(RowWritersOfDeclaredClasses, StayInsideABlockThatTheRowHasTakenMeanwhile) {
+  Korvo::TableRow<Layout> row;
+  row.create(5);
+  auto writer = row.writer();
+  writer.set<"text">(std::string(100, 't'));
+  row.set<"addr">(IpGenAddr("10.1.2.3"));  // a block of exactly the row's length
+  writer.set<"texts">({std::string(200, 'u')});
+  EXPECT_GE(malloc_usable_size(row.rowBuf()), rowLength(row));
+  row.create(6);  // a shorter one
+  writer.set<"net">(IpGenPrefix("10.0.0.0/8"));
+  EXPECT_GE(malloc_usable_size(row.rowBuf()), rowLength(row));
+  row.nullifyRow();
+  EXPECT_THROW(writer.set<"net">(IpGenPrefix("10.0.0.0/8")), KoNullRow);
+}
+
 }  // namespace

@@ -817,15 +817,21 @@ class KORVO_API RowWriter {
   byte_t* arrayRoom(len_t slotOffset, std::size_t length);
   template <typename Write>
   byte_t* leaveToRow(len_t slotOffset, Write write);
+  bool hasLargerBlock() const noexcept;
   void giveBack() noexcept;
 
   BaseRow& row_;
   const len_t baseLength_;
   const bool fullyDefined_;
   bool extentIsKnown_ = false;
-  detail::Extent extent_{0};     ///< of all values
-  byte_t* block_ = nullptr;      ///< the row's, if this writer made it larger than the row
-  std::size_t blockLength_ = 0;  ///< the size of `block_`
+  detail::Extent extent_{0};  ///< of all values
+
+  // A block that this writer made larger than the row, and how it is known again: an address alone
+  // may be that of a later block.
+  byte_t* block_ = nullptr;
+  std::size_t blockLength_ = 0;
+  std::weak_ptr<KoRowBuf> owner_;
+  len_t rowLength_ = 0;  ///< whoever else makes the row longer gives it another block
 };
 
 /// "len = 64, type = 3, oid = 1001", or "len = 0, NULL" for a null row. Numbers are decimal
@@ -1218,8 +1224,6 @@ void BaseRow::storeArray(byte_t* array, const std::vector<T>& values) {
 
 template <typename T>
 void RowWriter::setFixedColumn(len_t offset, const T& value) {
-  // A shared row is copied, and a later copy may stand where the larger block stood.
-  if (!row_.isSoleHolder()) block_ = nullptr;
   row_.setFixedColumn(offset, value);
 }
 
