@@ -340,6 +340,10 @@ TEST(PublicApiTest, Columns) {
   expectComparedColumn<IpGenPrefixReference>();
 }
 
+using Inner = RowLayout<2, Column<"number", std::uint32_t>>;
+using Outer = RowLayout<1, Column<"number", std::uint32_t>, Column<"text", std::string>,
+                        Column<"flags", std::vector<bool>>, Column<"nested", Nested<Inner>>>;
+
 TEST(PublicApiTest, RowWriters) {
   EXPECT_TRUE((std::is_constructible_v<RowWriter, BaseRow&, len_t>));
   EXPECT_TRUE((named<void (RowWriter::*)(len_t, const bool&)>(&RowWriter::setFixedColumn<bool>)));
@@ -348,11 +352,12 @@ TEST(PublicApiTest, RowWriters) {
       (named<void (RowWriter::*)(len_t, const std::vector<Text>&)>(&RowWriter::setColumn<Text>)));
   EXPECT_TRUE((named<void (RowWriter::*)(len_t, const std::vector<bool>&)>(
       &RowWriter::updateFixElemArray<bool>)));
+  TableRow<Outer> row;
+  row.create();
+  RowWriter(row, Outer::baseLength).setColumn(Outer::offset<"text">, Text("by offset"));
+  row.writer().set<"text">("by name");
+  EXPECT_EQ(row.get<"text">(), "by name");
 }
-
-using Inner = RowLayout<2, Column<"number", std::uint32_t>>;
-using Outer = RowLayout<1, Column<"number", std::uint32_t>, Column<"text", std::string>,
-                        Column<"flags", std::vector<bool>>, Column<"nested", Nested<Inner>>>;
 
 TEST(PublicApiTest, TableRows) {
   using Row = TableRow<Outer>;
