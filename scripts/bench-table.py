@@ -2,8 +2,8 @@
 """Prints the medians of benchmark results (JSON of Google Benchmark) as a Markdown table.
 
 Benchmarks are named WORKLOAD/CONTESTANT[/ARGUMENTS]. The contestant "korvo" is this library,
-"korvo_..." other ways that it offers, "limit" is straight-line code for the one purpose, all others are peers. The ratio is the library's
-time by the best peer's: below 1 the library is faster.
+"korvo_..." are other ways that it offers, "limit" is straight-line code for the one purpose, all
+others are peers. The ratio is the library's time by the best peer's: below 1 the library is faster.
 """
 
 import json
