@@ -241,6 +241,24 @@ TEST(HeapContents, WhatARowOnlyClaimedIsZero) {
   }
 }
 
+// Where every block that is resized moves, the end of a writer moves none that others may be
+// reading.
+TEST(HeapContents, TheEndOfAWriterLeavesASharedBufferWhereItIs) {
+  const alloctest::FillScope scope(0xA5);
+  for (const bool shared : {false, true}) {
+    TestRow row(true);
+    TestRow sharer(true);
+    const byte_t* before = nullptr;
+    {
+      RowWriter writer(row, base);
+      writer.setColumn(9, std::string("a text"));
+      if (shared) sharer = row;
+      before = row.rowBuf();
+    }
+    EXPECT_EQ(row.rowBuf() == before, shared);
+  }
+}
+
 TEST(HeapContents, WhatIsReadIsTheSameToo) {
   using Layout =
       RowLayout<1, Column<"text", std::string>, Column<"addrs", std::vector<IpGenAddr>>,
