@@ -242,15 +242,21 @@ class Reader {
   std::ostringstream out_;
 };
 
-/// The readers of the row classes, by name.
-void readByName(const Bytes& bytes, PrefixRule rule) {
-  TableRow<Mixed> row;
+/// False if the bytes are those of a row of another type.
+bool adopts(TableRow<Mixed>& row, const Bytes& bytes) {
   const ExactBlock block(bytes);
   try {
     row.adopt(block.data(), bytes.size());
-  } catch (const KoInvalidArgument&) {  // of another type
-    return;
+  } catch (const KoInvalidArgument&) {
+    return false;
   }
+  return true;
+}
+
+/// The readers of the row classes, by name.
+void readByName(const Bytes& bytes, PrefixRule rule) {
+  TableRow<Mixed> row;
+  if (!adopts(row, bytes)) return;
   std::ostringstream out;
   out << row.view<"u8">() << row.get<"i16">() << row.view<"u64">() << row.get<"real">()
       << row.view<"single">() << row.get<"flag">() << row.view<"v4">() << row.get<"v6">();
@@ -496,12 +502,7 @@ void sortByName(const TableRow<Mixed>& one, const TableRow<Mixed>& other) {
 
 void writeByName(const Bytes& bytes, Input& input) {
   TableRow<Mixed> row;
-  const ExactBlock block(bytes);
-  try {
-    row.adopt(block.data(), bytes.size());
-  } catch (const KoInvalidArgument&) {  // of another type
-    return;
-  }
+  if (!adopts(row, bytes)) return;
   for (int step = 0; step < 6 && !input.empty(); ++step) {
     const Bytes before = bytesOf(row);
     try {
@@ -513,7 +514,7 @@ void writeByName(const Bytes& bytes, Input& input) {
     FUZZ_REQUIRE(!checkRow(after.data(), after.size(), Mixed::info));
   }
   TableRow<Mixed> former;
-  former.adopt(block.data(), bytes.size());
+  former.adopt(bytes.data(), bytes.size());
   sortByName(row, former);
 }
 

@@ -97,21 +97,19 @@ TEST(StringHash, EveryLengthAndEveryByte) {
   EXPECT_EQ(hashOf(longest), murmurHash2(longest));
 }
 
+#if __SIZEOF_SIZE_T__ == 4  // elsewhere the standard library's hash has another width
 TEST(StringHash, IsTheStandardLibrarysOn32Bit) {
-  if constexpr (sizeof(std::size_t) == 4) {
-    std::mt19937 random(19990331);
-    for (std::size_t length = 0; length <= 64; ++length) {
-      for (int round = 0; round < 20; ++round) {
-        const Bytes bytes = randomBytes(random, length);
-        const std::string text(bytes.begin(), bytes.end());
-        ASSERT_EQ(hashOf(bytes), std::hash<std::string>()(text)) << hex(bytes);
-        ASSERT_EQ(hashOf(bytes), std::_Hash_bytes(text.data(), text.size(), kSeed));
-      }
+  std::mt19937 random(19990331);
+  for (std::size_t length = 0; length <= 64; ++length) {
+    for (int round = 0; round < 20; ++round) {
+      const Bytes bytes = randomBytes(random, length);
+      const std::string text(bytes.begin(), bytes.end());
+      ASSERT_EQ(hashOf(bytes), std::hash<std::string>()(text)) << hex(bytes);
+      ASSERT_EQ(hashOf(bytes), std::_Hash_bytes(text.data(), text.size(), kSeed));
     }
-  } else {
-    GTEST_SKIP() << "the standard library's hash has another width here";
   }
 }
+#endif
 
 TEST(StringHash, DoesNotDependOnTheAlignment) {
   std::mt19937 random(1);
