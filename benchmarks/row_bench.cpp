@@ -236,6 +236,9 @@ void addHash() {
 void addCheck() {
   const std::string workload = "row_check/";
   addReading(workload + "korvo", korvoRow, [](const auto& row) {
+    return Korvo::checkRow<RowLayout>(row.rowBuf(), row.rowLength());
+  });
+  addReading(workload + "korvo_at_run_time", korvoRow, [](const auto& row) {
     return Korvo::checkRow(row.rowBuf(), row.rowLength(), RowLayout::info);
   });
   addReading(workload + "flatbuffers", flatRow, [](const auto& row) {

@@ -6,14 +6,8 @@
 namespace Korvo {
 namespace {
 
-/// Reads a field, and reads it once: what was checked is what is used, also while another process
-/// changes the bytes. Without the barrier the compiler might read them again.
-template <typename T>
-T readOnce(const byte_t* at) noexcept {
-  T value = loadField<T>(at);
-  asm volatile("" : "+r"(value));
-  return value;
-}
+using detail::QuickLook;
+using detail::readOnce;
 
 /// Which bytes of the row belong to a value already: one bit for each byte.
 class TakenBytes {
@@ -86,81 +80,17 @@ struct SlotValue {
   }
 };
 
-bool hasSlot(const ColumnInfo& column) noexcept {
-  constexpr unsigned int variableLength =
-      1U << stringType_ | 1U << structType_ | 1U << ipGenAddrType_ | 1U << ipGenPrefixType_;
-  return column.isArray || (variableLength >> column.type & 1U) != 0;
+/// Whether the row of a layout known at run time passes the quick look.
+bool passesQuickLook(QuickLook look, const LayoutInfo& layout, unsigned int depth) noexcept {
+  if (!look.fixedAreaPasses(layout.baseLength)) return false;
+  for (const ColumnInfo& column : layout.columns) {
+    const bool passes = look.columnPasses(column, [&](const QuickLook& nested) {
+      return depth != maxRowNesting && passesQuickLook(nested, *column.nested, depth + 1);
+    });
+    if (!passes) return false;
+  }
+  return look.endPasses();
 }
-
-/// The quick look at a row that is as writers leave it: values in column order, one behind the
-/// other. Of such rows the two lengths of each slot tell that no byte belongs to two values. Any
-/// other row, sound or not, is left to Checker.
-class QuickLook {
- public:
-  explicit QuickLook(PrefixRule prefixes) noexcept : prefixes_(prefixes) {}
-
-  /// Whether the row is sound; false says nothing.
-  bool passes(const byte_t* row, std::size_t rowLength, const LayoutInfo& layout,
-              unsigned int depth) const noexcept {
-    if (rowLength < layout.baseLength) return false;
-    std::size_t end = layout.baseLength;
-    for (const ColumnInfo& column : layout.columns) {
-      if (!hasSlot(column)) continue;
-      const SlotValue slot(row + column.offset);
-      if (slot.length == 0) continue;
-      if (slot.offset < end || slot.isArray != column.isArray) return false;
-      end = slot.offset + slot.length;
-      if (end > rowLength) return false;
-      const byte_t* const value = row + slot.offset;
-      if (column.isArray ? !arrayPasses(value, slot.length, column, depth)
-                         : !valuePasses(value, slot.length, column, depth)) {
-        return false;
-      }
-    }
-    return true;
-  }
-
- private:
-  bool valuePasses(const byte_t* value, std::size_t length, const ColumnInfo& column,
-                   unsigned int depth) const noexcept {
-    switch (column.type) {
-      case stringType_:
-        return true;
-      case ipGenAddrType_:
-        return detail::familyOfAddress(length) != unknown_;
-      case ipGenPrefixType_:
-        return prefixes_ == PrefixRule::anyBits && detail::familyOfPrefix(length) != unknown_ &&
-               readOnce<byte_t>(value) <= 8 * (length - 1);
-      default:  // a nested row
-        return length >= rowHeaderLength && readOnce<len_t>(value + rowLengthOffset) == length &&
-               depth != maxRowNesting && passes(value, length, *column.nested, depth + 1);
-    }
-  }
-
-  bool arrayPasses(const byte_t* array, std::size_t length, const ColumnInfo& column,
-                   unsigned int depth) const noexcept {
-    if (column.type == boolType_ || length < arrayHeaderLength) return false;
-    const unsigned int header = readOnce<std::uint16_t>(array);
-    const std::size_t count = header & arrayCountMask;
-    std::size_t end = arrayHeaderLength + sizeof(VColType) * count;
-    if ((header >> 8 & arrayVariableMark) == 0 || end > length) return false;
-    for (std::size_t i = 0; i < count; ++i) {
-      const SlotValue slot(array + arrayHeaderLength + sizeof(VColType) * i);
-      if (slot.offset < end) return false;
-      end = slot.offset + slot.length;
-      if (end > length) return false;
-      const bool mayBeEmpty = column.type != structType_;  // a row is never empty
-      if (slot.length == 0 && mayBeEmpty) continue;
-      if (column.type != stringType_ &&
-          !valuePasses(array + slot.offset, slot.length, column, depth)) {
-        return false;
-      }
-    }
-    return true;
-  }
-
-  PrefixRule prefixes_;
-};
 
 /// Finds the first fault of any row.
 class Checker {
@@ -172,7 +102,7 @@ class Checker {
       return {RowFaultKind::shortFixedArea, row.position + row.length};
     }
     for (const ColumnInfo& column : layout.columns) {
-      if (!hasSlot(column)) continue;
+      if (!column.hasSlot()) continue;
       if (const RowFault fault = checkColumn(row, layout, column, depth)) return fault;
     }
     return {};
@@ -324,7 +254,7 @@ RowFault checkRow(const void* bytes, std::size_t length, const LayoutInfo& layou
   const std::size_t said = readOnce<len_t>(row + rowLengthOffset);
   if (said > length) return {RowFaultKind::truncated, rowLengthOffset};
   if (said < length) return {RowFaultKind::trailingBytes, said};
-  if (QuickLook(prefixes).passes(row, length, layout, 0)) return {};
+  if (passesQuickLook(QuickLook(row, length, prefixes), layout, 0)) return {};
   Checker checker(length, prefixes);
   return checker.checkRow({row, 0, length}, layout, 0);
 }

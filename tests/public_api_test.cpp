@@ -380,8 +380,11 @@ TEST(PublicApiTest, TableRows) {
   EXPECT_TRUE(
       (named<RowFault (*)(const void*, std::size_t, const LayoutInfo&, PrefixRule) noexcept>(
           &checkRow)));
+  EXPECT_TRUE(
+      (named<RowFault (*)(const void*, std::size_t, PrefixRule) noexcept>(&checkRow<Outer>)));
   EXPECT_TRUE(named<Text (RowFault::*)() const>(&RowFault::text));
   EXPECT_FALSE(checkRow(row.rowBuf(), row.rowLength(), Outer::info));
+  EXPECT_FALSE(checkRow<Outer>(row.rowBuf(), row.rowLength()));
 }
 
 TEST(PublicApiTest, Registry) {

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <csignal>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <random>
 #include <sstream>
@@ -66,11 +67,14 @@ std::vector<byte_t> bytesOf(const BaseRow& row) {
   return {row.rowBuf(), row.rowBuf() + row.rowLength()};
 }
 
-/// Checks an exact heap block, so that a sanitizer finds every read outside the bytes.
+/// Checks an exact heap block, so that a sanitizer finds every read outside the bytes, by the
+/// layout that is known at run time and by the declared one.
 RowFault check(const std::vector<byte_t>& bytes, PrefixRule rule = PrefixRule::anyBits) {
   const std::unique_ptr<byte_t[]> block(new byte_t[bytes.size()]);
   std::copy(bytes.begin(), bytes.end(), block.get());
-  return checkRow(block.get(), bytes.size(), Layout::info, rule);
+  const RowFault found = checkRow(block.get(), bytes.size(), Layout::info, rule);
+  EXPECT_EQ(checkRow<Layout>(block.get(), bytes.size(), rule), found);
+  return found;
 }
 
 template <ColumnName Name>
@@ -385,6 +389,58 @@ TEST(RowCheck, OneBudgetLimitsTheNesting) {
     storeField<len_t>(outer.data(), static_cast<len_t>(outer.size()));
     VColType::at(outer.data(), 8).valueIs(12, static_cast<len_t>(row.size()), false);
     row = outer;
+  }
+}
+
+template <unsigned int Levels>
+struct Chain {
+  using Layout = RowLayout<1, Column<"next", Nested<typename Chain<Levels - 1>::Layout>>>;
+};
+template <>
+struct Chain<0> {
+  using Layout = RowLayout<1, Column<"next", std::string>>;
+};
+
+TEST(RowCheck, DeclaredLayoutsHaveTheSameBudget) {
+  using Deepest = Chain<maxRowNesting + 2>::Layout;
+  std::vector<byte_t> row(12, 0);
+  row[0] = 12;
+  for (unsigned int depth = 0; depth <= maxRowNesting + 1; ++depth) {
+    const RowFault found = checkRow<Deepest>(row.data(), row.size());
+    EXPECT_EQ(found, checkRow(row.data(), row.size(), Deepest::info));
+    EXPECT_EQ(found.kind, depth <= maxRowNesting ? RowFaultKind::none : RowFaultKind::nestedTooDeep)
+        << depth;
+    std::vector<byte_t> outer(12, 0);
+    outer.insert(outer.end(), row.begin(), row.end());
+    storeField<len_t>(outer.data(), static_cast<len_t>(outer.size()));
+    VColType::at(outer.data(), 8).valueIs(12, static_cast<len_t>(row.size()), false);
+    row = outer;
+  }
+}
+
+TEST(RowCheck, DeclaredLayoutsWithoutSlotsOrColumns) {
+  using Numbers = RowLayout<1, Column<"a", std::uint32_t>, Column<"b", bool>>;
+  using Nothing = RowLayout<1>;
+  std::vector<byte_t> row(14, 0);
+  for (std::size_t length = 0; length <= row.size(); ++length) {
+    row[0] = static_cast<byte_t>(length);
+    EXPECT_EQ(checkRow<Numbers>(row.data(), length), checkRow(row.data(), length, Numbers::info));
+    EXPECT_EQ(!checkRow<Numbers>(row.data(), length), length >= Numbers::baseLength);
+    EXPECT_EQ(checkRow<Nothing>(row.data(), length), checkRow(row.data(), length, Nothing::info));
+    EXPECT_EQ(!checkRow<Nothing>(row.data(), length), length >= rowHeaderLength);
+  }
+}
+
+TEST(RowCheck, MoreBytesThanARowMayHaveAreRefused) {
+  using Numbers = RowLayout<1, Column<"a", std::uint32_t>>;
+  // What the lengths would be if their high bits were lost; nothing behind the row is read.
+  for (const unsigned int lostBits : {16U, 32U}) {
+    if (lostBits >= std::numeric_limits<std::size_t>::digits) continue;
+    const std::vector<byte_t> row = {12, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    const std::size_t length = row.size() + (std::size_t{1} << lostBits);
+    const RowFault expected = fault(RowFaultKind::trailingBytes, row.size());
+    EXPECT_EQ(checkRow<Numbers>(row.data(), length), expected);
+    EXPECT_EQ(checkRow(row.data(), length, Numbers::info), expected);
   }
 }
 

@@ -16,13 +16,13 @@ namespace {
 
 // What the README shows.
 void checkOnly(const void* bytes, std::size_t length) {
-  if (const Korvo::RowFault fault = Korvo::checkRow(bytes, length, PortLayout::info)) {
+  if (const Korvo::RowFault fault = Korvo::checkRow<PortLayout>(bytes, length)) {
     std::cerr << "row refused: " << fault.text() << '\n';
   }
 }
 
 bool receive(const void* bytes, std::size_t length, Port& port) {
-  if (const Korvo::RowFault fault = Korvo::checkRow(bytes, length, PortLayout::info)) {
+  if (const Korvo::RowFault fault = Korvo::checkRow<PortLayout>(bytes, length)) {
     std::cout << "row refused: " << fault.text() << '\n';
     return false;
   }
@@ -59,6 +59,6 @@ int main() {
   // Host bits behind the prefix length are allowed unless they are asked for.
   bytes[2] = 7;
   const Korvo::RowFault fault =
-      Korvo::checkRow(bytes.data(), bytes.size(), PortLayout::info, Korvo::PrefixRule::noHostBits);
+      Korvo::checkRow<PortLayout>(bytes.data(), bytes.size(), Korvo::PrefixRule::noHostBits);
   std::cout << fault.text() << '\n';
 }

@@ -68,6 +68,13 @@ struct ColumnInfo {
   len_t width;      ///< in the fixed area
   bool isArray;
   const LayoutInfo* nested;  ///< of a nested row, otherwise null
+
+  /// Whether the value stands in the variable area.
+  constexpr bool hasSlot() const {
+    constexpr unsigned int variableLength =
+        1U << stringType_ | 1U << structType_ | 1U << ipGenAddrType_ | 1U << ipGenPrefixType_;
+    return isArray || (variableLength >> type & 1U) != 0;
+  }
 };
 
 /// What is known of a table's rows at run time; static data.
@@ -210,6 +217,7 @@ class RowLayout {
  public:
   static constexpr std::uint16_t rowType = RowType;
   static constexpr len_t baseLength = static_cast<len_t>(fixedEnd);
+  using ColumnTypes = std::tuple<typename Columns::Type...>;
 
   /// The columns in the order of their declaration.
   static constexpr std::array<ColumnInfo, count> columns = [] {
@@ -231,7 +239,7 @@ class RowLayout {
   }();
 
   template <ColumnName Name>
-  using Type = typename std::tuple_element_t<index<Name>, std::tuple<Columns...>>::Type;
+  using Type = std::tuple_element_t<index<Name>, ColumnTypes>;
   template <ColumnName Name>
   static constexpr len_t offset = columns[index<Name>].offset;
 
