@@ -9,6 +9,7 @@
 
 #include <malloc.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -51,7 +52,8 @@ struct Figures {
   double transferSeconds = 0;
   double lookupSeconds = 0;
   std::uint64_t memory = 0;
-  std::uint64_t foundRows = 0;  // depends on every row that was found, and on their order
+  std::uint64_t peakMemory = 0;  // while the ranges were loaded
+  std::uint64_t foundRows = 0;   // depends on every row that was found, and on their order
 };
 
 double secondsSince(std::chrono::steady_clock::time_point start) {
@@ -66,6 +68,13 @@ std::uint64_t residentBytes() {
   std::uint64_t resident = 0;
   statm >> all >> resident;
   return resident * static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+}
+
+/// The most memory that the process has occupied.
+std::uint64_t peakResidentBytes() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  return static_cast<std::uint64_t>(usage.ru_maxrss) * 1024;
 }
 
 struct Input {
@@ -122,15 +131,14 @@ class RowsInTable {
 
   /// The object id of the row, 0 if there is none.
   std::uint64_t find(const IpGenAddr& addr) const {
-    const PrefixRow* const row = table_.lookup(addr);
-    if (row == nullptr) return 0;
-    return Korvo::loadField<Korvo::oid_t>(row->rowBuf() + Korvo::rowOidOffset);
+    const PrefixRow row = table_.lookup(addr);
+    return row.isNull() ? 0 : row.rowOid();
   }
 
   void send(int socket) const {
     netdb::RowSender sender(socket);
-    for (const PrefixRow& row : table_.rows()) {
-      sender.add(row);
+    for (auto row = table_.rows().begin(); row != table_.rows().end(); ++row) {
+      sender.add(row.row());
       if (sender.full()) sender.send(true);
     }
     sender.send(true);
@@ -400,6 +408,7 @@ Figures measure(const Input& input) {
   figures.loadSeconds = secondsSince(start);
   figures.rows = contestant.rows();
   figures.memory = residentBytes() - before;
+  figures.peakMemory = peakResidentBytes() - before;
 
   start = std::chrono::steady_clock::now();
   for (const IpGenAddr& addr : input.addresses) {
@@ -456,6 +465,8 @@ void printTable(const Figures& korvo, const Figures& sqlite, double lookups) {
   line("lookups per second", lookups / korvo.lookupSeconds, lookups / sqlite.lookupSeconds);
   line("bytes of memory per row", static_cast<double>(korvo.memory) / rows,
        static_cast<double>(sqlite.memory) / rows);
+  line("bytes of memory per row, at most while loading",
+       static_cast<double>(korvo.peakMemory) / rows, static_cast<double>(sqlite.peakMemory) / rows);
 }
 
 int run(int argc, char** argv) {

@@ -160,7 +160,7 @@ class Reader : public Unit, private Velto::Platform::FdEventHandler {
 
 class Lookups : public Unit {
  public:
-  using Found = std::function<void(std::size_t, const PrefixRow*)>;
+  using Found = std::function<void(std::size_t, const PrefixRow&)>;
 
   Lookups(const KoPtr<EventLoop>& loop, TraceChannel& trace, const RowTable& table,
           const std::vector<Korvo::IpGenAddr>& addrs, const Found& found)
@@ -215,7 +215,7 @@ void Agent::receive(int socket, Subscriber& subscriber, const std::function<void
 }
 
 void Agent::lookUp(const RowTable& table, const std::vector<Korvo::IpGenAddr>& addrs,
-                   const std::function<void(std::size_t, const PrefixRow*)>& found) {
+                   const std::function<void(std::size_t, const PrefixRow&)>& found) {
   const Lookups lookups(loop_, trace_, table, addrs, found);
   loop_->activeIs(true);
   loop_->run(0, 0.0, true);

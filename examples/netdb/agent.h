@@ -46,9 +46,10 @@ class Agent {
   /// Receives rows until the publisher closes its end. `report` is called whenever some came.
   void receive(int socket, Subscriber& subscriber, const std::function<void()>& report);
 
-  /// Looks up the addresses in their order and tells the number of each with its row, or null.
+  /// Looks up the addresses in their order and tells the number of each with its row, or a null
+  /// row.
   void lookUp(const RowTable& table, const std::vector<Korvo::IpGenAddr>& addrs,
-              const std::function<void(std::size_t number, const PrefixRow* row)>& found);
+              const std::function<void(std::size_t number, const PrefixRow& row)>& found);
 
  private:
   void runUntilStopped();

@@ -113,15 +113,15 @@ int lookup(const Options& options, Agent* agent) {
   RowTable table;
   const netdb::TransferResult result = loadTable(options, table, agent);
   bool allFound = true;
-  const auto found = [&](std::size_t i, const PrefixRow* row) {
-    if (row == nullptr) {
+  const auto found = [&](std::size_t i, const PrefixRow& row) {
+    if (row.isNull()) {
       std::fprintf(stderr, "netdb: no prefix contains %s\n", options.addresses[i].c_str());
       allFound = false;
     } else if (options.json) {
-      std::cout << row->toJson() << '\n';
+      std::cout << row.toJson() << '\n';
     } else {
       if (i != 0) std::cout << '\n';
-      netdb::printRow(std::cout, *row);
+      netdb::printRow(std::cout, row);
     }
   };
   if (agent == nullptr) {

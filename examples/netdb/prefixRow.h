@@ -25,6 +25,8 @@ using PrefixLayout = Korvo::RowLayout<1,                                        
                                       Korvo::Column<"tags", std::vector<std::string>>,
                                       Korvo::Column<"origin", Korvo::Nested<OriginLayout>>>;
 using PrefixRow = Korvo::TableRow<PrefixLayout>;
+/// A row that is read where its bytes lie, and owns none of them.
+using PrefixView = Korvo::SubRow<PrefixLayout>;
 
 /// The row type of the row that ends a stream; it has a header and nothing else.
 inline constexpr std::uint16_t endOfRowsType = 0xFFFF;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <iomanip>
+#include <map>
 
 #include "progress.h"
 
@@ -64,26 +65,27 @@ void printCountry(std::ostream& out, const RowTable& table, const std::string& c
 }
 
 void printStats(std::ostream& out, const RowTable& table, std::size_t limit) {
-  std::vector<Counts> countries;
-  table.forEachCountry([&](const std::string& name, const auto& rows) {
-    Counts counts{name};
-    for (const RowTable::RowNumber row : rows) {
-      ++(table.rows()[row].view<"ipv6">() ? counts.ipv6 : counts.ipv4);
+  std::map<std::string, Counts> byCountry;
+  std::array<Counts, 129> lengths;
+  for (const PrefixView row : table.rows()) {
+    for (Counts* const counts :
+         {&byCountry[row.get<"country">()], &lengths.at(row.view<"prefix">().mask())}) {
+      ++(row.view<"ipv6">() ? counts->ipv6 : counts->ipv4);
     }
+  }
+
+  std::vector<Counts> countries;
+  for (auto& [name, counts] : byCountry) {
+    counts.name = name;
     countries.push_back(counts);
-  });
+  }
   std::sort(countries.begin(), countries.end(), [](const Counts& a, const Counts& b) {
     return a.total() != b.total() ? a.total() > b.total() : a.name < b.name;
   });
   const std::size_t known = countries.size();
   if (limit != 0 && limit < known) countries.resize(limit);
 
-  std::array<Counts, 129> lengths;
   for (std::size_t i = 0; i < lengths.size(); ++i) lengths[i].name = "/" + std::to_string(i);
-  for (const PrefixRow& row : table.rows()) {
-    Counts& counts = lengths.at(row.view<"prefix">().mask());
-    ++(row.view<"ipv6">() ? counts.ipv6 : counts.ipv4);
-  }
   std::vector<Counts> used;
   std::copy_if(lengths.begin(), lengths.end(), std::back_inserter(used),
                [](const Counts& counts) { return counts.total() != 0; });

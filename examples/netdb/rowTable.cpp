@@ -5,38 +5,55 @@
 namespace netdb {
 
 void RowTable::index() {
-  std::stable_sort(rows_.begin(), rows_.end(),
-                   [](const PrefixRow& a, const PrefixRow& b) { return a.less<"prefix">(b); });
+  // Packed rows are slow to visit in any order but their own: what is compared is taken out.
+  struct Place {
+    Korvo::IpGenPrefix prefix;
+    RowNumber row;
+  };
+  std::vector<Place> order;
+  order.reserve(rows_.size());
+  for (auto row = rows_.begin(); row != rows_.end(); ++row) {
+    order.push_back({(*row).get<"prefix">(), row.number()});
+  }
+  const auto before = [](const Place& a, const Place& b) { return a.prefix < b.prefix; };
+  if (!std::is_sorted(order.begin(), order.end(), before)) {
+    std::stable_sort(order.begin(), order.end(), before);
+    PackedRows ordered;
+    for (const Place& place : order) ordered.add(rows_[place.row]);
+    rows_ = std::move(ordered);
+  }
 
   // The order puts a prefix behind all that it contains. Read backwards, the prefixes that may
   // contain a row are therefore the ones already passed whose end has not been reached: a stack.
   enclosing_.assign(rows_.size(), none);
   std::vector<RowNumber> open;
   for (auto row = static_cast<RowNumber>(rows_.size()); row-- != 0;) {
-    const Korvo::IpGenPrefixReference prefix = rows_[row].view<"prefix">();
-    while (!open.empty() && !rows_[open.back()].view<"prefix">().contains(prefix)) open.pop_back();
+    const Korvo::IpGenPrefix& prefix = order[row].prefix;
+    while (!open.empty() && !order[open.back()].prefix.contains(prefix)) open.pop_back();
     if (!open.empty()) enclosing_[row] = open.back();
     open.push_back(row);
   }
 
   byCountry_.clear();
-  for (RowNumber row = 0; row < rows_.size(); ++row) byCountry_[rows_[row]].push_back(row);
+  for (auto row = rows_.begin(); row != rows_.end(); ++row) {
+    auto country = byCountry_.find(*row);
+    if (country == byCountry_.end()) country = byCountry_.try_emplace(row.row()).first;
+    country->second.push_back(row.number());
+  }
+  for (auto& [row, numbers] : byCountry_) numbers.shrink_to_fit();
 }
 
-const PrefixRow* RowTable::lookup(const Korvo::IpGenAddr& addr) const {
+PrefixRow RowTable::lookup(const Korvo::IpGenAddr& addr) const {
   // The address as the most specific prefix there is: all prefixes that contain it come behind it.
   const auto bits = static_cast<Korvo::byte_t>(8 * addr.addressLengthBytes());
   const Korvo::IpGenPrefixReference wanted(addr.bytes(), addr.af(), bits);
-  const auto found = std::partition_point(rows_.begin(), rows_.end(), [&](const PrefixRow& row) {
-    return row.view<"prefix">() < wanted;
-  });
-  if (found == rows_.end()) return nullptr;
+  auto row = rows_.partitionPoint(
+      [&](const PrefixView& other) { return other.view<"prefix">() < wanted; });
   // The row found may be a neighbour; the prefixes around it are the only other candidates.
-  for (auto row = static_cast<RowNumber>(found - rows_.begin()); row != none;
-       row = enclosing_[row]) {
-    if (rows_[row].view<"prefix">().contains(wanted)) return &rows_[row];
+  for (; row != rows_.end(); row = rows_.from(enclosing_[row.number()])) {
+    if ((*row).view<"prefix">().contains(wanted)) return row.row();
   }
-  return nullptr;
+  return {};
 }
 
 const std::vector<RowTable::RowNumber>& RowTable::ofCountry(const std::string& country) const {
@@ -70,7 +87,7 @@ void Subscriber::take(const Korvo::byte_t* bytes, std::size_t length) {
       if (row.view<"prefix">().af() == Korvo::unknown_) {
         reason = "a row without a prefix";
       } else {
-        table_.add(std::move(row));
+        table_.add(row);
         bytes_ += length;
         return;
       }

@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "prefixRow.h"
+#include "packedRows.h"
 #include "rowOps.h"
 
 namespace netdb {
@@ -18,37 +18,33 @@ namespace netdb {
 /// The rows of the table, in the order of their prefixes once indexed.
 class RowTable {
  public:
-  using RowNumber = std::uint32_t;
+  using RowNumber = PackedRows::RowNumber;
 
-  void add(PrefixRow row) { rows_.push_back(std::move(row)); }
-  const std::vector<PrefixRow>& rows() const { return rows_; }
+  void add(const PrefixRow& row) { rows_.add(row); }
+  const PackedRows& rows() const { return rows_; }
 
   /// Orders the rows by prefix and builds the indexes; to be called once all rows are in.
   void index();
 
-  /// The row of the most specific prefix that contains the address, or null.
-  const PrefixRow* lookup(const Korvo::IpGenAddr& addr) const;
+  /// A copy of the row of the most specific prefix that contains the address, or a null row.
+  PrefixRow lookup(const Korvo::IpGenAddr& addr) const;
 
   /// The rows of a country, in the order of their prefixes.
   const std::vector<RowNumber>& ofCountry(const std::string& country) const;
 
-  /// Calls `visit` with each country and its rows.
-  template <typename Visit>
-  void forEachCountry(Visit visit) const {
-    for (const auto& [row, numbers] : byCountry_) visit(row.template get<"country">(), numbers);
-  }
-
  private:
   // The library compares and hashes columns in place; a row stands for its country.
   struct CountryHash {
-    std::size_t operator()(const PrefixRow& row) const { return row.hash<"country">(); }
+    using is_transparent = void;
+    std::size_t operator()(const auto& row) const { return row.template hash<"country">(); }
   };
   struct CountryEqual {
-    bool operator()(const PrefixRow& a, const PrefixRow& b) const { return a.equal<"country">(b); }
+    using is_transparent = void;
+    bool operator()(const auto& a, const auto& b) const { return a.template equal<"country">(b); }
   };
   static constexpr RowNumber none = 0xFFFFFFFF;
 
-  std::vector<PrefixRow> rows_;
+  PackedRows rows_;
   std::vector<RowNumber> enclosing_;  // of each row, the next wider prefix that contains it
   std::unordered_map<PrefixRow, std::vector<RowNumber>, CountryHash, CountryEqual> byCountry_;
 };

@@ -270,9 +270,9 @@ TEST(Lookups, YieldWhenTheirTimeSliceIsOverAndKeepTheirOrder) {
                                         IpGenAddr("10.2.2.2")};
   std::vector<IpGenPrefix> found;
   const std::vector<std::string> traces = errorLines([&] {
-    Agent("subscriber", true).lookUp(table, addrs, [&](std::size_t number, const PrefixRow* hit) {
+    Agent("subscriber", true).lookUp(table, addrs, [&](std::size_t number, const PrefixRow& hit) {
       EXPECT_EQ(number, found.size());
-      found.push_back(hit == nullptr ? IpGenPrefix() : hit->get<"prefix">());
+      found.push_back(hit.get<"prefix">());
       std::this_thread::sleep_for(std::chrono::milliseconds(11));  // longer than a time slice
     });
   });
@@ -282,7 +282,7 @@ TEST(Lookups, YieldWhenTheirTimeSliceIsOverAndKeepTheirOrder) {
 }
 
 TEST(Lookups, OfNothingEndAtOnce) {
-  Agent("subscriber", false).lookUp(RowTable(), {}, [](std::size_t, const PrefixRow*) { FAIL(); });
+  Agent("subscriber", false).lookUp(RowTable(), {}, [](std::size_t, const PrefixRow&) { FAIL(); });
 }
 
 // ---------------------------------------------------------------------------------------------

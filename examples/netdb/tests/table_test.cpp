@@ -63,8 +63,7 @@ TEST(RowTable, FindsTheMostSpecificOfNestedPrefixes) {
   }
   table.index();
   const auto found = [&](const char* addr) {
-    const PrefixRow* const hit = table.lookup(IpGenAddr(addr));
-    return hit == nullptr ? IpGenPrefix() : hit->get<"prefix">();
+    return table.lookup(IpGenAddr(addr)).get<"prefix">();
   };
   EXPECT_EQ(found("10.1.2.3"), IpGenPrefix("10.1.2.3/32"));
   EXPECT_EQ(found("10.1.2.4"), IpGenPrefix("10.1.2.0/24"));
@@ -102,9 +101,39 @@ TEST(RowTable, RandomNestedPrefixesAgreeWithAScan) {
         expected = std::max(expected, static_cast<int>(prefix.mask()));
       }
     }
-    const PrefixRow* const hit = table.lookup(addr);
-    ASSERT_EQ(hit == nullptr ? -1 : static_cast<int>(hit->view<"prefix">().mask()), expected);
+    const PrefixRow hit = table.lookup(addr);
+    ASSERT_EQ(hit.isNull() ? -1 : static_cast<int>(hit.view<"prefix">().mask()), expected);
   }
+}
+
+TEST(RowTable, KeepsItsRowsInTheOrderOfTheirPrefixesWhenMoreAreAdded) {
+  const auto made = [](const char* prefix, const char* country, Korvo::oid_t oid) {
+    return makeRow(IpGenPrefix(prefix), country, "file", 1, oid);
+  };
+  RowTable table;
+  table.index();
+  EXPECT_TRUE(table.rows().empty());
+  EXPECT_TRUE(table.lookup(IpGenAddr("10.0.0.0")).isNull());
+
+  const PrefixRow second = made("2001:db8::/32", "JP", 1);
+  const PrefixRow first = made("10.1.0.0/16", "AU", 2);
+  const PrefixRow sameAsFirst = made("10.1.0.0/16", "JP", 3);
+  for (const PrefixRow& each : {second, first, sameAsFirst}) table.add(each);
+  table.index();
+  const PrefixRow wider = made("10.0.0.0/8", "AU", 4);
+  table.add(wider);
+  table.index();
+
+  const std::vector<PrefixRow> expected = {first, sameAsFirst, wider, second};
+  ASSERT_EQ(table.rows().size(), expected.size());
+  for (RowTable::RowNumber i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(bytesOf(table.rows()[i]), bytesOf(expected[i])) << i;
+  }
+  EXPECT_EQ(bytesOf(table.lookup(IpGenAddr("10.1.0.0"))), bytesOf(first));
+  EXPECT_EQ(bytesOf(table.lookup(IpGenAddr("10.2.0.0"))), bytesOf(wider));
+  EXPECT_EQ(table.ofCountry("AU"), (std::vector<RowTable::RowNumber>{0, 2}));
+  EXPECT_EQ(table.ofCountry("JP"), (std::vector<RowTable::RowNumber>{1, 3}));
+  EXPECT_TRUE(table.ofCountry("DE").empty());
 }
 
 /// Looks up thousands of addresses of both families and scans the ranges for each.
@@ -137,13 +166,13 @@ void compareWithScan(const std::vector<std::string>& files, const RowTable& tabl
       expected = &line;
       break;
     }
-    const PrefixRow* const hit = table.lookup(addr);
-    ASSERT_EQ(hit == nullptr, expected == nullptr);
-    if (hit == nullptr) continue;
+    const PrefixRow hit = table.lookup(addr);
+    ASSERT_EQ(hit.isNull(), expected == nullptr);
+    if (hit.isNull()) continue;
     ++hits;
-    ASSERT_EQ(hit->get<"country">(), expected->country);
-    ASSERT_EQ(hit->get<"line">(), expected->line);
-    ASSERT_TRUE(hit->get<"prefix">().contains(IpGenPrefix(addr, hit->view<"prefix">().mask())));
+    ASSERT_EQ(hit.get<"country">(), expected->country);
+    ASSERT_EQ(hit.get<"line">(), expected->line);
+    ASSERT_TRUE(hit.get<"prefix">().contains(IpGenPrefix(addr, hit.view<"prefix">().mask())));
   }
   EXPECT_GT(hits, count / 10);
 }
@@ -196,7 +225,8 @@ TEST(Transfer, RowsArriveByteForByte) {
     options.quiet = true;
     ASSERT_TRUE(transferRows(options, table, blocking ? nullptr : &agent).complete);
     ASSERT_EQ(table.rows().size(), sent.size());
-    for (std::size_t i = 0; i < sent.size(); ++i) ASSERT_EQ(bytesOf(table.rows()[i]), sent[i]) << i;
+    auto expected = sent.begin();
+    for (const PrefixView received : table.rows()) ASSERT_EQ(bytesOf(received), *expected++);
   }
 }
 
