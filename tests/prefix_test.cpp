@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <limits>
 #include <map>
 #include <random>
@@ -591,6 +592,85 @@ TEST(PrefixContainsTest, ComparesUnderTheMaskTable) {
   EXPECT_FALSE(a.contains(b));
 }
 
+/// Containment, byte by byte under the masks as they are at the moment.
+bool containsUnderTheMasks(const IpGenPrefix& a, const IpGenPrefix& b) {
+  if (a.addr().af() != b.addr().af()) return false;
+  unsigned int remaining = a.mask();
+  if (remaining > (a.addr().af() == ipv4_ ? 32U : 128U)) return false;
+  if (remaining == 0) return true;
+  const unsigned char* x = a.addr().bytes();
+  const unsigned char* y = b.addr().bytes();
+  for (; remaining > 8; remaining -= 8) {
+    if (*x++ != *y++) return false;
+  }
+  return ((*x ^ *y) & byteMaskTbl[remaining]) == 0;
+}
+
+bool lessUnderTheMasks(const IpGenPrefix& a, const IpGenPrefix& b) {
+  if (a.addr().af() != b.addr().af()) return a.addr().af() < b.addr().af();
+  if (a.mask() < b.mask() ? containsUnderTheMasks(a, b) : containsUnderTheMasks(b, a)) {
+    return a.mask() > b.mask();
+  }
+  return storageOf(a.addr()) < storageOf(b.addr());
+}
+
+/// Puts the masks back as they were.
+class MasksKept {
+ public:
+  MasksKept() { std::copy(std::begin(byteMaskTbl), std::end(byteMaskTbl), kept_); }
+  MasksKept(const MasksKept&) = delete;
+  MasksKept& operator=(const MasksKept&) = delete;
+  ~MasksKept() { std::copy(std::begin(kept_), std::end(kept_), byteMaskTbl); }
+
+ private:
+  unsigned char kept_[9];
+};
+
+/// Every length, with the first differing bit wherever a mask matters, and some bits after it.
+void expectTheMasksFollowed() {
+  const StorageBytes pattern = {0xA5, 0x5A, 0x81, 0x18, 0x33, 0xCC, 0x0F, 0xF0,
+                                0x99, 0x66, 0xC3, 0x3C, 0x12, 0x48, 0x21, 0x84};
+  std::mt19937 random(5);
+  for (const AddressFamily af : {ipv4_, ipv6_}) {
+    const unsigned int width = af == ipv4_ ? 32 : 128;
+    for (unsigned int len = 0; len <= width; ++len) {
+      for (unsigned int bit = len - std::min(len, 9U); bit < std::min(len + 9, width); ++bit) {
+        StorageBytes other = pattern;
+        other[bit / 8] ^= static_cast<unsigned char>(0x80U >> (bit % 8));
+        const unsigned int later = bit + static_cast<unsigned int>(random() % (width - bit));
+        if (later != bit) other[later / 8] ^= static_cast<unsigned char>(0x80U >> (later % 8));
+        const IpGenPrefix a = prefixOf(af, pattern, len);
+        for (const unsigned int otherLen : {len, width - len, width}) {
+          const IpGenPrefix b = prefixOf(af, other, otherLen);
+          ASSERT_EQ(a.contains(b), containsUnderTheMasks(a, b)) << a << ' ' << b;
+          ASSERT_EQ(b.contains(a), containsUnderTheMasks(b, a)) << a << ' ' << b;
+          ASSERT_EQ(a < b, lessUnderTheMasks(a, b)) << a << ' ' << b;
+          ASSERT_EQ(b < a, lessUnderTheMasks(b, a)) << a << ' ' << b;
+        }
+      }
+    }
+  }
+}
+
+TEST(PrefixContainsTest, FollowsEveryChangeOfTheMaskTable) {
+  expectTheMasksFollowed();
+  for (std::size_t entry = 0; entry < 9; ++entry) {
+    for (const unsigned int changed : {0x00U, 0x0FU, 0x10U, 0xFFU}) {
+      const MasksKept kept;
+      byteMaskTbl[entry] = static_cast<unsigned char>(changed);
+      expectTheMasksFollowed();
+    }
+  }
+  for (const unsigned int all : {0x00U, 0x55U, 0xFFU}) {
+    const MasksKept kept;
+    std::fill(std::begin(byteMaskTbl), std::end(byteMaskTbl), static_cast<unsigned char>(all));
+    expectTheMasksFollowed();
+  }
+  const unsigned char expected[9] = {0x00, 0x80, 0xC0, 0xE0, 0xF0, 0xF8, 0xFC, 0xFE, 0xFF};
+  ASSERT_TRUE(std::equal(std::begin(expected), std::end(expected), byteMaskTbl)) << "put back";
+  expectTheMasksFollowed();
+}
+
 // ---------------------------------------------------------------------------------------------
 // Ordering
 
@@ -624,6 +704,29 @@ TEST(PrefixOrderTest, BytesBeyondTheLengthDecideOtherwise) {
   EXPECT_TRUE(a < b);
   EXPECT_FALSE(b < a);
   EXPECT_FALSE(a < a);
+}
+
+TEST(PrefixOrderTest, EveryPairOfIpv4LengthsAndEveryFirstDifferingBit) {
+  std::mt19937 random(6);
+  for (unsigned int len = 0; len <= 33; ++len) {
+    for (unsigned int otherLen = 0; otherLen <= 33; ++otherLen) {
+      for (unsigned int bit = 0; bit <= 32; ++bit) {
+        const auto address = static_cast<std::uint32_t>(random());
+        std::uint32_t other = address;
+        if (bit < 32) {
+          other ^= 0x80000000U >> bit;
+          other ^= static_cast<std::uint32_t>(random()) & 0x7FFFFFFFU >> bit;  // host bits, too
+        }
+        const auto make = [](std::uint32_t value, unsigned int length) {
+          return overlong(IpAddr(__builtin_bswap32(value)), length);
+        };
+        const IpGenPrefix a = make(address, len);
+        const IpGenPrefix b = make(other, otherLen);
+        ASSERT_EQ(a < b, oracle::less(a, b)) << a << ' ' << b;
+        ASSERT_EQ(b < a, oracle::less(b, a)) << a << ' ' << b;
+      }
+    }
+  }
 }
 
 std::vector<IpGenPrefix> manyPrefixes() {
