@@ -92,6 +92,96 @@ TEST(EntryMap, FollowsTheModel) {
   }
 }
 
+/// The ways to look for a unit's entry; each gives null if there is none.
+using LookUp = RunnableEntry* (*)(const EntryMap& map, const Schedulable* unit);
+constexpr LookUp kLookUps[] = {
+    [](const EntryMap& map, const Schedulable* unit) { return map[unit]; },
+    [](const EntryMap& map, const Schedulable* unit) {
+      const auto found = map.find(unit);
+      return found != map.end() ? found->second : nullptr;
+    },
+    [](const EntryMap& map, const Schedulable* unit) -> RunnableEntry* {
+      try {
+        return map.at(unit);
+      } catch (const std::out_of_range&) {
+        return nullptr;
+      }
+    },
+    [](const EntryMap& map, const Schedulable* unit) {
+      return map.contains(unit) ? map[unit] : nullptr;
+    },
+    [](const EntryMap& map, const Schedulable* unit) {
+      return map.count(unit) == 1 ? map[unit] : nullptr;
+    },
+    [](const EntryMap& map, const Schedulable* unit) {
+      RunnableEntry* result = nullptr;
+      for (const auto& [key, entry] : map) {
+        if (key == unit) result = entry;
+      }
+      return result;
+    }};
+
+/// Entries come and go unseen most of the time, as they do while units take turns; whatever is then
+/// asked first is answered as by a map that is asked all the time.
+TEST(EntryMap, AnswersAtAnyMoment) {
+  std::deque<RunnableEntry> entries(600);
+  const auto unitOf = [](std::size_t i) { return unitAt(0x10000 + i * 192); };
+  for (const LookUp lookUp : kLookUps) {
+    for (const unsigned int stepsBetween : {20U, 700U, 6'000U}) {
+      std::mt19937 random(stepsBetween);
+      EntryMap map;
+      std::map<const Schedulable*, RunnableEntry*> model;
+      for (unsigned int step = 1; step <= 6'000; ++step) {
+        const std::size_t i = random() % entries.size();
+        ASSERT_EQ(EntryMap::holds(&entries[i]), model.contains(unitOf(i)));
+        if (model.emplace(unitOf(i), &entries[i]).second) {
+          map.makeRoom();
+          map.insert(unitOf(i), &entries[i]);
+        } else {
+          map.erase(&entries[i]);
+          model.erase(unitOf(i));
+        }
+        if (step % stepsBetween == 0) {
+          const Schedulable* const unit = unitOf(random() % entries.size());
+          ASSERT_EQ(lookUp(map, unit), model.contains(unit) ? model[unit] : nullptr);
+        } else if (random() % 300 == 0) {
+          const Schedulable* const unit = unitOf(random() % entries.size());
+          map.erase(unit);
+          model.erase(unit);
+        } else if (random() % 3'000 == 0) {
+          map.clear();
+          model.clear();
+        }
+        ASSERT_EQ(map.size(), model.size());
+      }
+      for (std::size_t i = 0; i < entries.size(); ++i) {
+        ASSERT_EQ(lookUp(map, unitOf(i)), model.contains(unitOf(i)) ? &entries[i] : nullptr);
+      }
+      map.clear();
+      ASSERT_TRUE(map.empty());
+      ASSERT_EQ(map.begin(), map.end());
+      for (const RunnableEntry& entry : entries) ASSERT_FALSE(EntryMap::holds(&entry));
+    }
+  }
+}
+
+TEST(EntryMap, CanBeAskedWhileSomebodyGoesThroughIt) {
+  EntryMap map;
+  std::deque<RunnableEntry> entries(100);
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    map.makeRoom();
+    map.insert(unitAt(16 * i + 16), &entries[i]);
+  }
+  std::set<Schedulable*> seen;
+  for (const auto& [unit, entry] : map) {
+    EXPECT_TRUE(seen.insert(unit).second);
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+      ASSERT_EQ(map.find(unitAt(16 * i + 16))->second, &entries[i]);
+    }
+  }
+  EXPECT_EQ(seen.size(), entries.size());
+}
+
 TEST(RecyclingAllocator, GivesBackWhatItWasGiven) {
   RecyclingAllocator<std::uint64_t> allocator;
   std::uint64_t* a = allocator.allocate(8);

@@ -62,7 +62,8 @@ class KORVO_API NotQueued : public std::bad_alloc {
 
 /// A hash map from units to entries, hashed on the pointer value. Entries are its nodes, so that
 /// inserting allocates only when the number of buckets grows, and taking an entry out needs no
-/// look-up. The entries stay the scheduler's.
+/// look-up. The scheduler itself looks for next to none: entries are put into their buckets when
+/// something is looked for, and wait in a list until then. The entries stay the scheduler's.
 class KORVO_API EntryMap {
  public:
   using value_type = std::pair<Schedulable*, RunnableEntry*>;
@@ -95,7 +96,7 @@ class KORVO_API EntryMap {
   void insert(Schedulable* unit, RunnableEntry* entry) noexcept {
     ++size_;
     entry->key_ = unit;
-    link(entry);
+    link(entry, waiting_);
   }
 
   /// Takes out the entry, which is in the map.
@@ -117,6 +118,10 @@ class KORVO_API EntryMap {
 
   /// Whether the entry is in the map.
   static bool holds(const RunnableEntry* entry) { return entry->linkInBucket_ != nullptr; }
+  /// Whether the entry is in the map as the unit's.
+  static bool holds(const RunnableEntry* entry, const Schedulable* unit) {
+    return holds(entry) && entry->key_ == unit;
+  }
 
  private:
   static constexpr unsigned int kInitialBits = 4;
@@ -130,25 +135,31 @@ class KORVO_API EntryMap {
   }
 
   RunnableEntry* entryOf(const Schedulable* unit) const noexcept {
+    if (waiting_ != &end_) distribute();
     RunnableEntry* entry = buckets_[bucketOf(unit)];
     while (entry != &end_ && entry->key_ != unit) entry = entry->nextInBucket_;
     return entry;
   }
 
-  void link(RunnableEntry* entry) noexcept {
-    RunnableEntry*& bucket = buckets_[bucketOf(entry->key_)];
-    entry->nextInBucket_ = bucket;
-    entry->linkInBucket_ = &bucket;
-    bucket->linkInBucket_ = &entry->nextInBucket_;
-    bucket = entry;
+  static void link(RunnableEntry* entry, RunnableEntry*& list) noexcept {
+    entry->nextInBucket_ = list;
+    entry->linkInBucket_ = &list;
+    list->linkInBucket_ = &entry->nextInBucket_;
+    list = entry;
   }
+
+  /// Puts the list's entries into their buckets.
+  void distribute(RunnableEntry* list) const noexcept;
+  /// The same with those that wait. Nothing that a caller can see changes.
+  void distribute() const noexcept { distribute(std::exchange(waiting_, &end_)); }
 
   void grow();
 
   /// Ends every bucket's list. Its own link is written to and never followed, which saves a branch
   /// that no processor foresees.
   mutable RunnableEntry end_;
-  std::vector<RunnableEntry*> buckets_;
+  mutable RunnableEntry* waiting_ = &end_;  ///< entries that are not in their buckets yet
+  mutable std::vector<RunnableEntry*> buckets_;
   std::size_t size_ = 0;
   unsigned int shift_ = kPointerBits - kInitialBits;
 };
@@ -200,6 +211,7 @@ class EntryMap::const_iterator {
 };
 
 inline EntryMap::const_iterator EntryMap::begin() const {
+  if (waiting_ != &end_) distribute();  // no look-up moves entries while somebody goes through them
   const_iterator first(this, 0, buckets_.front());
   first.skipEnds();
   return first;

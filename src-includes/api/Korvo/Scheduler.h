@@ -267,6 +267,8 @@ class KORVO_API Scheduler {
   int eligibleUnits() const;
 
   RunnableEntry* spareEntries_ = nullptr;
+  /// The place given up last: unschedule() need not look for it.
+  RunnableEntry* withdrawn_ = nullptr;
   detail::DestructionWatch* watches_ = nullptr;
 };
 
