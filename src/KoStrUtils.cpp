@@ -305,19 +305,29 @@ bool isZero(const Stretch& bits) {
   return (halves[0] | halves[1]) == 0;
 }
 
-/// Whether stretches of two texts are equal but for the case of ASCII letters. Adds the bits in
-/// which they differ to `differences`.
-bool equalByAsciiPairs(const char* a, const char* b, Stretch& differences) {
+/// Adds the bits in which stretches of two texts differ to `differences`, and those that are not
+/// the case of an ASCII letter to `others`.
+void addDifferences(const char* a, const char* b, Stretch& differences, Stretch& others) {
   // Loaded in place: how such values are passed depends on the registers that there are.
   Stretch bytes;
-  Stretch others;
+  Stretch otherBytes;
   std::memcpy(&bytes, a, sizeof bytes);
-  std::memcpy(&others, b, sizeof others);
+  std::memcpy(&otherBytes, b, sizeof otherBytes);
   const Stretch letters = (bytes | 0x20) - 'a';
   const Stretch caseBits = (letters < 26) & 0x20;
-  const Stretch different = bytes ^ others;
+  const Stretch different = bytes ^ otherBytes;
   differences |= different;
-  return isZero(different & ~caseBits);
+  others |= different & ~caseBits;
+}
+
+/// Whether the next `count` stretches of two texts are equal but for the case of ASCII letters.
+template <std::size_t count>
+bool equalByAsciiPairs(const char* a, const char* b, Stretch& differences) {
+  Stretch others = {};
+  for (std::size_t i = 0; i < count; ++i) {
+    addDifferences(a + i * caseStretch, b + i * caseStretch, differences, others);
+  }
+  return isZero(others);
 }
 
 /// How many of the first bytes are equal but for the case of ASCII letters, in whole stretches or
@@ -325,12 +335,16 @@ bool equalByAsciiPairs(const char* a, const char* b, Stretch& differences) {
 std::size_t equalByAsciiPairs(const char* a, const char* b, std::size_t size,
                               Stretch& differences) {
   if (size < caseStretch) return 0;
-  for (std::size_t at = 0; at < size - caseStretch; at += caseStretch) {
-    if (!equalByAsciiPairs(a + at, b + at, differences)) return at;
+  std::size_t at = 0;
+  for (; size - at > 4 * caseStretch; at += 4 * caseStretch) {
+    if (!equalByAsciiPairs<4>(a + at, b + at, differences)) break;
+  }
+  for (; at < size - caseStretch; at += caseStretch) {
+    if (!equalByAsciiPairs<1>(a + at, b + at, differences)) return at;
   }
   // The last stretch reaches back into the one before.
   const std::size_t last = size - caseStretch;
-  return equalByAsciiPairs(a + last, b + last, differences) ? size : last;
+  return equalByAsciiPairs<1>(a + last, b + last, differences) ? size : last;
 }
 
 std::string beforeLastSemicolon(std::string_view word) {

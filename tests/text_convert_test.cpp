@@ -246,6 +246,23 @@ TEST(Iequals, ComparesTheOnlyDifferenceWhereverItIs) {
   EXPECT_GE(locales, 1);
 }
 
+// The same in texts that take several steps, with other letters in the other case all around.
+TEST(Iequals, ComparesTheOnlyDifferenceInLongTexts) {
+  for (const std::size_t size : {63u, 64u, 65u, 66u, 79u, 80u, 81u, 127u, 128u, 129u, 145u, 300u}) {
+    for (const char* pair : {"kK", "kk", "kL", "@`", "[{"}) {
+      const bool equal = std::tolower(pair[0]) == std::tolower(pair[1]);
+      for (std::size_t at = 0; at < size; ++at) {
+        std::string a(size, 'n');
+        std::string b(size, 'N');
+        a[at] = pair[0];
+        b[at] = pair[1];
+        ASSERT_EQ(KoStrUtils::iequals(a, b), equal) << size << ' ' << pair << ' ' << at;
+        ASSERT_EQ(KoStrUtils::iequals(b, a), equal) << size << ' ' << pair << ' ' << at;
+      }
+    }
+  }
+}
+
 TEST(Iequals, MatchesItsSteps) {
   forRandomTexts("aAbB\xc4[{@`\x01!", 12, 50000, [](const std::string& text) {
     const std::string a = text.substr(0, text.size() / 2);
