@@ -20,10 +20,9 @@ void storeValue(byte_t* buf, len_t slotOffset, len_t offset, const detail::Encod
   VColType::at(buf, slotOffset).valueIs(offset, static_cast<len_t>(value.length()), isArray);
 }
 
-void moveValue(byte_t* buf, len_t slotOffset, len_t from, len_t length, len_t to) {
-  detail::moveBytes(buf + to, buf + from, length);
-  VColType& slot = VColType::at(buf, slotOffset);
-  slot.valueIs(to, length, slot.isArray());
+/// The length and the array mark stay.
+void storeOffset(byte_t* buf, len_t slotOffset, len_t dataOffset) {
+  storeField(VColType::at(buf, slotOffset).offsetBytes, dataOffset);
 }
 
 bool liesIn(const byte_t* at, const byte_t* buf, std::size_t length) {
@@ -141,36 +140,73 @@ struct BaseRow::Room {
 /// offset their slots still name.
 class BaseRow::PackingOrder {
  public:
+  /// Ordinary rows have fewer columns, and need no allocation.
+  static constexpr std::size_t ordinaryCount = 64;
+
   /// `without` names a slot that is about to be cleared, or is 0.
-  PackingOrder(const BaseRow& row, len_t without) {
-    const byte_t* const buf = row.rowBuf();
-    const vcdType& slots = row.vcd();
-    begin_ = end_ = few_.data();
-    if (slots.size() > few_.size()) {
-      many_.resize(slots.size());
-      begin_ = end_ = many_.data();
+  PackingOrder(const byte_t* buf, Slots slots, len_t without, len_t baseRowLength) {
+    begin_ = few_.data();
+    if (slots.size() >= ordinaryCount) {
+      many_.resize(slots.size() + 1);
+      begin_ = many_.data();
     }
+    Entry* end = begin_;
+    detail::Extent extent{baseRowLength};
+    std::uint64_t place = 0;
+    std::uint64_t last = 0;
+    bool isSorted = true;
     for (const len_t slotOffset : slots) {
-      const VColType& slot = VColType::at(buf, slotOffset);
-      if (slotOffset == without || slot.length() == 0 || slot.offset() == 0) continue;
-      *end_++ = {slot.offset(), slotOffset};
+      ++place;
+      if (slotOffset == without) continue;
+      const VColType slot = VColType::at(buf, slotOffset);
+      extent.add(slot);
+      if (slot.length() == 0 || slot.offset() == 0) continue;
+      end->bits = std::uint64_t{slot.offset()} << 48 | place << 32 |
+                  std::uint64_t{slotOffset} << 16 | slot.length();
+      isSorted = isSorted && end->bits > last;
+      last = end++->bits;
     }
-    const auto before = [](const Entry& a, const Entry& b) { return a.dataOffset < b.dataOffset; };
-    // Columns with one offset stay in column order.
-    if (!std::is_sorted(begin_, end_, before)) std::stable_sort(begin_, end_, before);
+    end_ = end;
+    extent_ = extent;
+    if (!isSorted) {
+      std::sort(begin_, end_, [](const Entry& a, const Entry& b) { return a.bits < b.bits; });
+    }
+    end_->bits = 0;
   }
   PackingOrder(const PackingOrder&) = delete;
   PackingOrder& operator=(const PackingOrder&) = delete;
 
+  /// From its highest bits to its lowest: data offset, place in the list of slots (columns with one
+  /// offset stay in column order), slot offset, length.
   struct Entry {
-    len_t dataOffset;
-    len_t slotOffset;
+    std::uint64_t bits;
+
+    len_t dataOffset() const { return static_cast<len_t>(bits >> 48); }
+    len_t slotOffset() const { return static_cast<len_t>(bits >> 16); }
+    len_t length() const { return static_cast<len_t>(bits); }
+    /// Of columns that claim the same data, the last keeps it.
+    bool keepsData() const { return dataOffset() != (this + 1)->dataOffset(); }
   };
   const Entry* begin() const { return begin_; }
   const Entry* end() const { return end_; }
 
+  /// The place that the values take.
+  const detail::Extent& extent() const { return extent_; }
+
+  /// Whether packing moves nothing.
+  bool isPacked(len_t baseRowLength) const {
+    len_t position = baseRowLength;
+    for (const Entry& column : *this) {
+      if (!column.keepsData()) continue;
+      if (column.dataOffset() > position) return false;
+      position = static_cast<len_t>(position + column.length());
+    }
+    return true;
+  }
+
  private:
-  std::array<Entry, 64> few_;  // ordinary rows need no allocation
+  detail::Extent extent_{0};
+  std::array<Entry, ordinaryCount> few_;  // one more than columns, of offset 0, stands at the end
   std::vector<Entry> many_;
   Entry* begin_;
   Entry* end_;
@@ -187,7 +223,7 @@ varFieldMap::varFieldMap(const BaseRow& row) {
 namespace {
 
 /// Adds a row's bytes and a value's; throws where no row is as long.
-unsigned int checkedRowLength(unsigned int length) {
+inline unsigned int checkedRowLength(unsigned int length) {
   if (length > maxRowLength) throw KoOutOfRange("Row length exceeds 65535 bytes");
   return length;
 }
@@ -237,10 +273,17 @@ BaseRow::Room BaseRow::findRoom(const byte_t* buf, len_t slotOffset, len_t neede
   if (!isFullyDefined()) {
     return {Place::atOffset, rowLength, checkedRowLength(rowLength + needed)};
   }
-  const detail::Extent others = extentWithout(buf, slotOffset, baseRowLength);
+  return roomBeside(extentWithout(buf, slotOffset, baseRowLength), rowLength, needed,
+                    baseRowLength);
+}
+
+/// Room in a fully defined row for a value that does not fit its column's present place.
+BaseRow::Room BaseRow::roomBeside(const detail::Extent& others, unsigned int rowLength,
+                                  std::size_t needed, len_t baseRowLength) {
   const unsigned int newLength = lengthWithRoom(rowLength, needed, baseRowLength, others);
   const bool fitsBehind = others.end + needed <= newLength;
-  return {fitsBehind ? Place::atOffset : Place::behindPackedData, others.end, newLength};
+  return {fitsBehind ? Room::Place::atOffset : Room::Place::behindPackedData, others.end,
+          newLength};
 }
 
 /// Every allocation comes before the first change, so a failed one leaves the row as it was.
@@ -252,24 +295,25 @@ len_t BaseRow::takeRoom(const Room& room, len_t slotOffset, len_t baseRowLength)
     case Room::Place::ofPresentValue:
       return offset;
     case Room::Place::atOffset:
-      VColType::at(grow(buf, newLength), slotOffset).clear();
+      grow(buf, newLength);
+      VColType::at(rwRowBuf(), slotOffset).clear();
       return offset;
     case Room::Place::behindPackedData:
       break;
   }
-  const PackingOrder order(*this, slotOffset);
-  VColType::at(grow(buf, newLength), slotOffset).clear();
-  return pack(order, baseRowLength);
+  const PackingOrder order(buf, vcd(), slotOffset, baseRowLength);
+  grow(buf, newLength);
+  VColType::at(rwRowBuf(), slotOffset).clear();
+  return compact(order, baseRowLength);
 }
 
-/// The row's buffer, grown to at least `newLength`; see lengthen().
-byte_t* BaseRow::grow(byte_t* buf, len_t newLength, unsigned int filledEnd) {
-  if (newLength <= loadField<len_t>(buf + rowLengthOffset)) return buf;
+/// Makes the row at least `newLength` bytes long, which may give it another buffer; see lengthen().
+void BaseRow::grow(byte_t* buf, len_t newLength, unsigned int filledEnd) {
+  if (newLength <= loadField<len_t>(buf + rowLengthOffset)) return;
   byte_t* const grown = static_cast<byte_t*>(std::realloc(buf, newLength));
   if (grown == nullptr) throw std::bad_alloc();
   replaceRow(grown);
   lengthen(grown, newLength, filledEnd);
-  return rwRowBuf();
 }
 
 /// Makes the row `newLength` bytes long, for which its block has room. The caller fills the bytes
@@ -291,27 +335,43 @@ len_t BaseRow::makeFreeSpace(len_t slotOffset, len_t needed, len_t baseRowLength
 }
 
 len_t BaseRow::compactVariableData(len_t baseRowLength) {
-  return pack(PackingOrder(*this, 0), baseRowLength);
+  return compact(PackingOrder(rowBuf(), vcd(), 0, baseRowLength), baseRowLength);
 }
 
-len_t BaseRow::pack(const PackingOrder& order, len_t baseRowLength) {
-  byte_t* buf = rowBuf();
-  bool mayWrite = false;
-  len_t position = baseRowLength;
-  for (const auto& column : order) {
-    // Of columns that claim the same data, the last keeps it.
-    if (&column + 1 != order.end() && (&column + 1)->dataOffset == column.dataOffset) continue;
-    const len_t length = VColType::at(buf, column.slotOffset).length();
-    if (column.dataOffset > position) {
-      if (!mayWrite) {
-        if (!isSoleHolder()) makeExclusive();
-        buf = rwRowBuf();
-        mayWrite = true;
-      }
-      moveValue(buf, column.slotOffset, column.dataOffset, length, position);
-    }
-    position = static_cast<len_t>(position + length);
+/// Copies a shared buffer only if anything has to be moved.
+len_t BaseRow::compact(const PackingOrder& order, len_t baseRowLength) {
+  if (!isSoleHolder()) {
+    if (order.isPacked(baseRowLength)) return pack(rowBuf(), order, baseRowLength);
+    makeExclusive();
   }
+  return pack(rwRowBuf(), order, baseRowLength);
+}
+
+/// Packs a buffer that may be written. Values that stand one behind the other are moved at once.
+len_t BaseRow::pack(byte_t* buf, const PackingOrder& order, len_t baseRowLength) {
+  len_t position = baseRowLength;
+  unsigned int runBegin = 0;
+  unsigned int runEnd = 0;
+  const auto moveRun = [&] {
+    const unsigned int length = runEnd - runBegin;
+    if (length != 0) std::memmove(buf + position - length, buf + runBegin, length);
+  };
+  for (const PackingOrder::Entry& column : order) {
+    if (!column.keepsData()) continue;
+    const unsigned int from = column.dataOffset();
+    if (from != runEnd) {
+      moveRun();
+      runBegin = runEnd = from;
+    }
+    if (from > position) {
+      storeOffset(buf, column.slotOffset(), position);
+      runEnd += column.length();
+    } else {
+      runBegin = runEnd;
+    }
+    position = static_cast<len_t>(position + column.length());
+  }
+  moveRun();
   return position;
 }
 
@@ -320,7 +380,9 @@ len_t BaseRow::moveVariableColumn(VColType* slot, len_t slotOffset, len_t to) {
   const len_t length = slot->length();
   if (length == 0) return to;
   if (!isSoleHolder()) makeExclusive();
-  moveValue(rwRowBuf(), slotOffset, from, length, to);
+  byte_t* const buf = rwRowBuf();
+  detail::moveBytes(buf + to, buf + from, length);
+  storeOffset(buf, slotOffset, to);
   return static_cast<len_t>(to + length);
 }
 
@@ -390,24 +452,42 @@ void BaseRow::writeCopied(len_t slotOffset, len_t fdLen, detail::EncodedValue va
 /// had none; 0 where others must be packed first. `filled` says that the value fills its place.
 len_t BaseRow::growBehind(const detail::Extent& others, std::size_t length, len_t fdLen,
                           bool filled) {
-  byte_t* const buf = rwRowBuf();
+  byte_t* const buf = BaseRow::rwRowBuf();
   const unsigned int rowLength = loadField<len_t>(buf + rowLengthOffset);
-  const unsigned int newLength = lengthWithRoom(rowLength, length, fdLen, others);
-  if (others.end + length > newLength) return 0;
-  grow(buf, static_cast<len_t>(newLength), filled ? filledEnd(rowLength, others, length) : 0);
-  return static_cast<len_t>(others.end);
+  const Room room = roomBeside(others, rowLength, length, fdLen);
+  if (room.place != Room::Place::atOffset) return 0;
+  grow(buf, static_cast<len_t>(room.rowLength), filled ? filledEnd(rowLength, others, length) : 0);
+  return static_cast<len_t>(room.offset);
 }
 
 /// Writes a value to an empty column of a row that nobody shares and that has no room for it behind
 /// its other values.
 void BaseRow::growForValue(len_t slotOffset, len_t fdLen, const detail::EncodedValue& value,
-                           const detail::Extent& others) {
-  const byte_t* const buf = rwRowBuf();
+                           const detail::Extent& others, Slots slots) {
+  const byte_t* const buf = BaseRow::rwRowBuf();
   if (!liesIn(value.bytes, buf, loadField<len_t>(buf + rowLengthOffset))) {
     const len_t offset = growBehind(others, value.length(), fdLen, true);
-    if (offset != 0) return storeValue(rwRowBuf(), slotOffset, offset, value, false);
+    if (offset != 0) return storeValue(BaseRow::rwRowBuf(), slotOffset, offset, value, false);
   }
-  writeValue(slotOffset, fdLen, value, false);
+  writeLonger(slotOffset, fdLen, value, slots);
+}
+
+/// Writes a value that is longer than the column's present one to a row that nobody shares, with
+/// one look at the slots.
+void BaseRow::writeLonger(len_t slotOffset, len_t fdLen, const detail::EncodedValue& value,
+                          Slots slots) {
+  byte_t* const buf = BaseRow::rwRowBuf();
+  const unsigned int rowLength = loadField<len_t>(buf + rowLengthOffset);
+  if (slots.size() >= PackingOrder::ordinaryCount || liesIn(value.bytes, buf, rowLength)) {
+    return writeValue(slotOffset, fdLen, value, false);
+  }
+  const PackingOrder order(buf, slots, slotOffset, fdLen);
+  const Room room = roomBeside(order.extent(), rowLength, value.length(), fdLen);
+  grow(buf, static_cast<len_t>(room.rowLength));
+  byte_t* const grown = BaseRow::rwRowBuf();
+  const len_t offset = room.place == Room::Place::atOffset ? static_cast<len_t>(room.offset)
+                                                           : pack(grown, order, fdLen);
+  storeValue(grown, slotOffset, offset, value, false);
 }
 
 void BaseRow::copyVarColumn(len_t srcSlotOffset, const BaseRow& src, len_t dstSlotOffset,

@@ -47,6 +47,7 @@
 #include <iterator>
 #include <map>
 #include <ranges>
+#include <span>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -746,16 +747,20 @@ class KORVO_API BaseRow {
   friend RowWriter;
   struct Room;
   class PackingOrder;
+  using Slots = std::span<const len_t>;
 
   bool isSoleHolder() const noexcept;
   void copySharedRow();
   KoPtr<KoRowBuf> makeExclusive();
   Room findRoom(const byte_t* buf, len_t slotOffset, len_t needed, len_t baseRowLength) const;
+  static Room roomBeside(const detail::Extent& others, unsigned int rowLength, std::size_t needed,
+                         len_t baseRowLength);
   len_t takeRoom(const Room& room, len_t slotOffset, len_t baseRowLength);
   detail::Extent extentWithout(const byte_t* buf, len_t slotOffset, len_t baseRowLength) const;
-  byte_t* grow(byte_t* buf, len_t newLength, unsigned int filledEnd = 0);
+  void grow(byte_t* buf, len_t newLength, unsigned int filledEnd = 0);
   static void lengthen(byte_t* buf, len_t newLength, unsigned int filledEnd);
-  len_t pack(const PackingOrder& order, len_t baseRowLength);
+  len_t compact(const PackingOrder& order, len_t baseRowLength);
+  static len_t pack(byte_t* buf, const PackingOrder& order, len_t baseRowLength);
   len_t makeExclusiveRoom(len_t slotOffset, std::size_t needed, len_t fdLen,
                           KoPtr<KoRowBuf>& former);
   void clearColumn(len_t slotOffset);
@@ -764,7 +769,8 @@ class KORVO_API BaseRow {
   len_t growBehind(const detail::Extent& others, std::size_t length, len_t fdLen,
                    bool filled = false);
   void growForValue(len_t slotOffset, len_t fdLen, const detail::EncodedValue& value,
-                    const detail::Extent& others);
+                    const detail::Extent& others, Slots slots);
+  void writeLonger(len_t slotOffset, len_t fdLen, const detail::EncodedValue& value, Slots slots);
   /// Room for an array of `length` bytes, its slot written; returns its first byte.
   byte_t* arrayRoom(len_t slotOffset, std::size_t length, len_t fdLen);
   template <typename T>
@@ -1051,12 +1057,14 @@ template <typename Slots>
     byte_t* const buf = BaseRow::rwRowBuf();
     VColType& slot = VColType::at(buf, slotOffset);
     unsigned int offset = 0;
-    if (slot.length() != 0) {
-      if (length <= slot.length()) offset = slot.offset();
+    if (length <= slot.length()) {
+      offset = slot.offset();
+    } else if (slot.length() != 0) {
+      return writeLonger(slotOffset, Slots::baseLength, value, Slots::slots);
     } else {
       const detail::Extent others = Slots::extent(buf);
       if (others.end + length > loadField<len_t>(buf + rowLengthOffset)) {
-        return growForValue(slotOffset, Slots::baseLength, value, others);
+        return growForValue(slotOffset, Slots::baseLength, value, others, Slots::slots);
       }
       offset = others.end;
     }
