@@ -2,7 +2,7 @@
 # Installs what is missing, builds the benchmarks and measures the library beside its peers.
 #
 #   scripts/bench.sh            short: a few minutes, ratios good to about a tenth
-#   scripts/bench.sh --full     long enough to quote
+#   scripts/bench.sh --full     long enough to quote: about half an hour
 #   scripts/bench.sh --once     runs each benchmark once, as a test
 #
 # BENCH_FILTER=REGEX takes only the benchmarks whose name it matches. Results: a table in
@@ -15,7 +15,7 @@ mode=${1:---short}
 case $mode in
   --short) options=(--benchmark_repetitions=3 --benchmark_min_time=0.05) ;;
   --full)
-    options=(--benchmark_repetitions=15 --benchmark_min_time=0.25)
+    options=(--benchmark_repetitions=9 --benchmark_min_time=0.2)
     export KORVO_BENCH_LARGEST=10000000
     ;;
   --once) ;;
