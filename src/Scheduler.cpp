@@ -345,12 +345,12 @@ Schedulable* Scheduler::popUnit() noexcept {
   RunnableEntry* entry = runQueue_.front();
   Schedulable* unit = entry->unit;
   const bool valid = entry->valid;
+  if (detail::EntryMap::holds(entry)) {
+    entries_.erase(entry);  // also a dead one, which an overridden unschedule() may have kept
+  } else if (unit != nullptr) {
+    entries_.erase(unit);  // forgotten by unschedule() and queued once more since
+  }
   if (unit != nullptr) {
-    if (detail::EntryMap::holds(entry)) {
-      entries_.erase(entry);
-    } else {
-      entries_.erase(unit);  // forgotten by unschedule() and queued once more since
-    }
     unit->removePlace(entry);
     unit->entry_ = nullptr;
   }

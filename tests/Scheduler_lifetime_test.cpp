@@ -428,6 +428,34 @@ TEST_F(SchedulerLifetimeTest, ForgottenByUnscheduleQueuedTwiceAndDestroyed) {
   scheduler_->run(0, 0.0, true);
 }
 
+TEST_F(SchedulerLifetimeTest, AnEntryThatUnscheduleKeepsIsForgottenWhenItIsFreed) {
+  struct Keeping : OpenScheduler {
+    using OpenScheduler::OpenScheduler;
+    void unschedule(Schedulable*) override {}
+  };
+  const auto scheduler = std::make_shared<Keeping>("keeping");
+  int runs = 0;
+  const auto count = [&](Unit&) { ++runs; };
+  Unit withdrawn("a", scheduler, count);
+  withdrawn.arm();
+  withdrawn.cleanup();
+  EXPECT_TRUE(scheduler->entries_.contains(&withdrawn));
+  scheduler->run(0, 0.0, true);
+  EXPECT_TRUE(scheduler->entries_.empty());
+
+  Unit b("b", scheduler, count);  // takes the freed entry
+  Unit c("c", scheduler, count);
+  b.arm();
+  c.arm();
+  EXPECT_EQ(scheduler->entries_.size(), 2U);
+  EXPECT_TRUE(scheduler->entries_.contains(&b));
+  EXPECT_TRUE(scheduler->entries_.contains(&c));
+  EXPECT_FALSE(scheduler->entries_.contains(&withdrawn));
+  scheduler->run(0, 0.0, true);
+  EXPECT_EQ(runs, 2);
+  EXPECT_TRUE(scheduler->entries_.empty());
+}
+
 // ---------------------------------------------------------------------------------------------
 // Random histories against a plain model
 
