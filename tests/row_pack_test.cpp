@@ -288,6 +288,35 @@ TYPED_TEST(RowPack, ASharedRowIsCopiedFirst) {
   }
 }
 
+/// Its list names the slots in another order than they stand in.
+class Reversed : public AtRunTime<7> {
+ public:
+  vcdType& vcd() const override {
+    static vcdType slots(Layout::slots.rbegin(), Layout::slots.rend());
+    return slots;
+  }
+};
+
+TEST(RowPackOrder, OfColumnsWithTheSameDataTheLastInTheListKeepsIt) {
+  using Layout = Reversed::Layout;
+  Declared<7> image;
+  image.create(1);
+  image.setAt(0, "gap");
+  image.setAt(3, "data");
+  VColType& first = VColType::at(image.rwRowBuf(), Layout::slots[2]);
+  VColType& last = VColType::at(image.rwRowBuf(), Layout::slots[3]);
+  first = last;
+  image.setAt(0, "");
+  Reversed row;
+  row.adopt(bytesOf(image));
+  EXPECT_EQ(row.compactVariableData(Layout::baseLength), Layout::baseLength + 4);
+  const auto offsetOf = [&](std::size_t column) {
+    return VColType::at(row.rowBuf(), Layout::slots[column]).offset();
+  };
+  EXPECT_EQ(offsetOf(2), Layout::baseLength);
+  EXPECT_EQ(offsetOf(3), Layout::baseLength + 3);
+}
+
 TEST(RowPackLimits, ALongerValueThatTheRowHasNoRoomForChangesNothing) {
   Declared<7> row;
   row.create(1);
