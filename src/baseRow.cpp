@@ -168,8 +168,10 @@ class BaseRow::PackingOrder {
     }
     end_ = end;
     extent_ = extent;
+    // Mostly one value alone is out of order, which merging makes use of.
     if (!isSorted) {
-      std::sort(begin_, end_, [](const Entry& a, const Entry& b) { return a.bits < b.bits; });
+      std::stable_sort(begin_, end_,
+                       [](const Entry& a, const Entry& b) { return a.bits < b.bits; });
     }
     end_->bits = 0;
   }
