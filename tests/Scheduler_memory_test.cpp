@@ -1,5 +1,5 @@
-// What the scheduler holds and allocates: as much as its queued units need and no more, also after a
-// burst; and what fails leaves the queue as it was.
+// What the scheduler holds and allocates: as much as its queued units need and no more, also after
+// a burst; and what fails leaves the queue as it was.
 
 #include <malloc.h>
 
@@ -188,9 +188,12 @@ INSTANTIATE_TEST_SUITE_P(Goings, SchedulerBurstTest,
                                          Going::servedBesideABusyOne),
                          [](const testing::TestParamInfo<Going>& going) {
                            switch (going.param) {
-                             case Going::served: return "Served";
-                             case Going::destroyed: return "Destroyed";
-                             default: return "ServedBesideABusyOne";
+                             case Going::served:
+                               return "Served";
+                             case Going::destroyed:
+                               return "Destroyed";
+                             default:
+                               return "ServedBesideABusyOne";
                            }
                          });
 

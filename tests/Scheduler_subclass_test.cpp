@@ -1,5 +1,6 @@
-// Schedulers that use the run queue and the map of entries by themselves: as plain containers of the
-// standard library, with entries that have two fields and are made and freed with new and delete.
+// Schedulers that use the run queue and the map of entries by themselves: as plain containers of
+// the standard library, with entries that have two fields and are made and freed with new and
+// delete.
 
 #include <algorithm>
 #include <type_traits>
@@ -304,7 +305,8 @@ TEST_F(SchedulerSubclassTest, KeysWhosePlaceIsGoneAreNotCounted) {
   scheduler->debugChannelIs(&recorder, false);
   scheduler->run(-1, 0.0, false);
   const std::string count = std::to_string(queued);
-  EXPECT_EQ(recorder.texts().back(), " main exited due to count:" + count + " >= expected: " + count);
+  EXPECT_EQ(recorder.texts().back(),
+            " main exited due to count:" + count + " >= expected: " + count);
   scheduler->debugChannelIs(nullptr, false);
 }
 

@@ -77,8 +77,8 @@ Subject make(std::size_t count, bool traced = false) {
 
 std::string lookAtUnit(const Worker& unit) {
   return unit.name() + (unit.runnable() ? " runnable" : "") + (unit.clientReady() ? " ready" : "") +
-         (unit.hooked ? " known to be" : "") +
-         (unit.running() ? " running" : "") + (unit.entry() != nullptr ? " queued" : "") +
+         (unit.hooked ? " known to be" : "") + (unit.running() ? " running" : "") +
+         (unit.entry() != nullptr ? " queued" : "") +
          (unit.scheduler() != nullptr ? " scheduled " : " ") + std::to_string(unit.invocations()) +
          ';';
 }
@@ -137,8 +137,8 @@ TEST_F(AllocationFailures, OfQueueingAUnitThatWasForgotten) {
     return subject;
   };
   const unsigned failing = failEachAllocation(
-      "queueing again", forgotten,
-      [](Subject& s) { s.scheduler->runnableIs(&*s.queued[1], true); }, look);
+      "queueing again", forgotten, [](Subject& s) { s.scheduler->runnableIs(&*s.queued[1], true); },
+      look);
   EXPECT_GT(failing, 3U);
 }
 
@@ -182,13 +182,14 @@ TEST_F(AllocationFailures, OfAskingAgainChangeNoFlag) {
     subject.queued[1]->cleanup();
     return subject;
   };
-  EXPECT_GT(failEachAllocation(
-                "considering", armed, [](Subject& s) { s.queued[1]->_considerRunnability(); }, look),
-            0U);
-  EXPECT_GT(failEachAllocation(
-                "asking", armed,
-                [](Subject& s) { s.scheduler->runnableIs(&*s.queued[1], true); }, look),
-            0U);
+  EXPECT_GT(
+      failEachAllocation(
+          "considering", armed, [](Subject& s) { s.queued[1]->_considerRunnability(); }, look),
+      0U);
+  EXPECT_GT(
+      failEachAllocation(
+          "asking", armed, [](Subject& s) { s.scheduler->runnableIs(&*s.queued[1], true); }, look),
+      0U);
 }
 
 // A unit that could not be queued is not runnable or not ready either: asked again, it is queued.
