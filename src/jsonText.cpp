@@ -10,8 +10,6 @@
 namespace Korvo::detail {
 namespace {
 
-constexpr char hexDigits[] = "0123456789abcdef";
-
 /// Bytes of the UTF-8 sequence at the front of `text`, or 0 if there is none. Overlong forms,
 /// surrogates and values above U+10FFFF are none.
 std::size_t utf8SequenceLength(std::string_view text) {
