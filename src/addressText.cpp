@@ -1,5 +1,7 @@
 #include "addressText.h"
 
+#include "hexDigits.h"
+
 #include <charconv>
 
 namespace Korvo::detail {

@@ -1,19 +1,10 @@
 #pragma once
 
-// The text of addresses and bytes, composed without a stream.
+// The text of addresses, composed without a stream.
 
 #include <Korvo/korvo_types.h>
 
 namespace Korvo::detail {
-
-inline constexpr char hexDigits[] = "0123456789abcdef";
-
-/// Writes a byte as two lower-case hexadecimal digits to `to`, and returns the end of the text.
-inline char* writeHex(char* to, byte_t byte) noexcept {
-  *to++ = hexDigits[byte >> 4];
-  *to++ = hexDigits[byte & 0xF];
-  return to;
-}
 
 /// Room that every address's text has: eight groups of four digits and seven colons.
 inline constexpr std::size_t addressTextLength = 39;

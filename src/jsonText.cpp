@@ -1,6 +1,7 @@
 #include "jsonText.h"
 
 #include "addressText.h"
+#include "hexDigits.h"
 
 #include <Korvo/bytes.h>
 
@@ -72,8 +73,8 @@ void JsonText::putEscaped(char c) {
       return put("\\r");
     default:
       put("\\u00");
-      put(hexDigits[c >> 4]);
-      put(hexDigits[c & 0xF]);
+      writeHex(room(2), static_cast<unsigned char>(c));
+      length_ += 2;
   }
 }
 

@@ -1,4 +1,5 @@
 #include "addressText.h"
+#include "hexDigits.h"
 
 #include <Korvo/KoStrUtils.h>
 #include <Korvo/assertion.h>
@@ -218,8 +219,8 @@ bool readGroup(const char*& in, const char* end, std::uint32_t& value) {
   return in - begin <= maxLength;
 }
 
-/// Goes over the text once: the result is that of expandV6Addr, validV6Addr and a base-16 conversion
-/// of each group.
+/// Goes over the text once: the result is that of expandV6Addr, validV6Addr and a base-16
+/// conversion of each group.
 bool parseV6(std::string_view text, unsigned char (&out)[16]) {
   std::uint32_t groups[groupCount + 1] = {};
   std::size_t count = 0;
