@@ -201,7 +201,7 @@ class KORVO_API Ip6Addr {
   /// Numeric order of the addresses.
   friend std::strong_ordering operator<=>(const Ip6Addr& a, const Ip6Addr& b) {
     const auto first = a.half(0) <=> b.half(0);
-    return first != 0 ? first : a.half(8) <=> b.half(8);
+    return std::is_neq(first) ? first : a.half(8) <=> b.half(8);
   }
 
  private:
