@@ -288,17 +288,15 @@ class detail::Events {
 
   uv_loop_t* loop() { return &loop_; }
 
-  /// Tells what has happened by now.
-  void look() {
+  void lookIsDue() { nextLook_ = nanoseconds::min(); }
+
+  /// Called before the first unit and after each.
+  void lookIfDue() {
     const nanoseconds begin = now();
+    const bool unitsWait = !owner_->runQueue_.empty();
+    if (begin < nextLook_ && (unitsWait || ready_.empty())) return;
     round(UV_RUN_NOWAIT);
     tell(begin);
-  }
-
-  /// Called after each unit.
-  void lookIfDue() {
-    const bool unitsWait = !owner_->runQueue_.empty();
-    if (now() >= nextLook_ || (!unitsWait && !ready_.empty())) look();
   }
 
   /// Waits for something to tell, and tells it.
@@ -660,8 +658,7 @@ EventLoop::~EventLoop() {
 void EventLoop::run(int count, double timeLimit, bool exitOnQuiescence) {
   const std::shared_ptr<Events> events = events_;
   const Events::Limit limit(*events, timeLimit);
-  if (active_) events->look();  // a host that runs it in slices waits for events, too
-  if (events->abandoned()) return;
+  events->lookIsDue();  // a host that runs it in slices waits for events, too
   runLoop(count, timeLimit, exitOnQuiescence,
           [](Scheduler& scheduler) { static_cast<EventLoop&>(scheduler).events_->lookIfDue(); });
 }
