@@ -148,7 +148,8 @@ class Timer : public Event {
 
   /// Moves the timers that have run out to the list of what is to be told.
   static void collect(Timers& timers, EventList& ready) {
-    while (!timers.empty() && timers.begin()->first <= timerNow()) {
+    const nanoseconds time = timerNow();
+    while (!timers.empty() && timers.begin()->first <= time) {
       Timer& timer = *timers.begin()->second;
       timers.erase(std::exchange(timer.place_, timers.end()));
       ready.append(timer);

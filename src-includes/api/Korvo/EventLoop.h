@@ -14,7 +14,8 @@
 // run, and as soon as something happens while the queue is empty. While it is not, units and
 // handlers take turns: units for twice the time that the handlers took, but no less than
 // 100 microseconds and no more than a millisecond; handlers for about 250 microseconds. A turn ends
-// with the unit or the handler that is under way.
+// with the unit or the handler that is under way. What was readable when a handler's turn came near
+// may have been read by somebody else since: reads and writes do not block, and may find nothing.
 //
 // Like a unit, a handler may destroy controls, units and the loop itself, run the loop, and throw;
 // what it throws leaves run(), and the handlers behind it are told in the next one. The same after
@@ -78,13 +79,15 @@ class KORVO_API EventLoop : public Scheduler {
   void post(std::function<void()> work);
 
   /// activeIs(false) for other threads and for signal handlers, as long as the event loop exists:
-  /// ends the run under way, busy or not, or else the next one.
+  /// ends the run under way, busy or not, or else the next one. Does not wait for posted work,
+  /// which stays for a later run; work that calls activeIs(false) stops after what was posted
+  /// before.
   void stop();
 
   /// Has each of these signals stop() the event loop as long as it exists; the process then handles
   /// them as it did before. Several event loops may ask for the same signal. A child of a fork
   /// handles them as before, too, until it asks itself. Throws KoInvalidArgument, with nothing
-  /// changed, for what is not a signal or cannot be handled.
+  /// changed, for what is not a signal or cannot be handled, and std::system_error.
   void stopOnSignals(std::initializer_list<int> signals);
 
   /// Ends the wait under way, or else the next one. May be called from other threads, as long as
