@@ -223,7 +223,7 @@ class PostedWork : public Event {
   void clear() {
     collect();
     withdraw();
-    std::list<Work>().swap(told_);
+    told_.clear();
   }
 
  private:
