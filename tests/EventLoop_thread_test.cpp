@@ -66,6 +66,26 @@ TEST_F(EventLoopThreadTest, WorkOfManyThreadsRunsOnTheLoopsThreadInTheOrderOfEac
   }
 }
 
+TEST_F(EventLoopThreadTest, WorkThatComesWhileOtherIsTakenEndsTheNextWait) {
+  constexpr int kRounds = 300;
+  constexpr int kWorks = 20;
+  for (int round = 0; round < kRounds; ++round) {
+    int remaining = 2 * kWorks;
+    const auto poster = [&] {
+      for (int i = 0; i < kWorks; ++i) {
+        loop_->post([&] {
+          if (--remaining == 0) loop_->activeIs(false);
+        });
+      }
+    };
+    std::thread first(poster), second(poster);
+    run();
+    first.join();
+    second.join();
+    ASSERT_EQ(remaining, 0);
+  }
+}
+
 TEST_F(EventLoopThreadTest, WorkEndsAWait) {
   std::thread other([&] {
     std::this_thread::sleep_for(20ms);
