@@ -83,20 +83,20 @@ TEST_F(EventLoopThreadTest, WorkOfManyThreadsRunsOnTheLoopsThreadInTheOrderOfEac
   }
 }
 
-TEST_F(EventLoopThreadTest, WorkThatComesAtAnyPointOfALookIsTold) {
-  for (int poll = 1; poll <= 6; ++poll) {
+TEST_F(EventLoopThreadTest, WorkThatComesBeforeAnyPollOfAWaitEndsItOrTheNext) {
+  OnTimeout late([] { ADD_FAILURE() << "waited although there was work"; });
+  const auto end = timerOf(*loop_, late);
+  end->timeoutIs(kPlenty);
+  for (int poll = 1; poll <= 3; ++poll) {
     int told = 0;
     loop_->post([&] { ++told; });
     beforePoll = [&, left = poll]() mutable {
-      if (--left == 0) loop_->post([&] { loop_->activeIs(false); });
+      if (--left == 0) loop_->post([&] { ++told; });
     };
-    if (poll > 2) {
-      loop_->run(0, 0.0, true);  // the first has been told by then
-      loop_->post([&] { ++told; });
-    }
-    run();
+    timespec pause{};
+    while (told < 2 && late.count == 0) loop_->pauseScheduler(&pause);
     beforePoll = nullptr;
-    EXPECT_EQ(told, poll > 2 ? 2 : 1);
+    EXPECT_EQ(told, 2);
   }
 }
 
