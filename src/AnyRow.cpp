@@ -295,8 +295,7 @@ class ValueRow : public BaseRow {
     installNew(static_cast<len_t>(baseLength + value.size()), 0, 0);
     byte_t* const buf = rowBuf();
     if (value.empty()) return;
-    VColType::at(buf, slotOffset)
-        .valueIs(baseLength, static_cast<len_t>(value.size()), isArray);
+    VColType::at(buf, slotOffset).valueIs(baseLength, static_cast<len_t>(value.size()), isArray);
     std::copy(value.begin(), value.end(), buf + baseLength);
   }
 };

@@ -80,7 +80,8 @@ class Comparer {
   }
 
   ColumnComparison compareColumn(const LayoutInfo& sender, const ColumnInfo& our) {
-    const std::string path = path_.empty() ? std::string(our.name) : path_ + '.' + std::string(our.name);
+    const std::string path =
+        path_.empty() ? std::string(our.name) : path_ + '.' + std::string(our.name);
     ColumnComparison column;
     column.ours = &our;
     column.sender = senderColumn(sender, our, path);
@@ -118,8 +119,8 @@ class Comparer {
     const LayoutInfo& ours = *column.ours->nested;
     if (theirs.rowType != ours.rowType) {
       column.change = ColumnChange::refused;
-      column.reason = "row type " + std::to_string(theirs.rowType) + ", here " +
-                      std::to_string(ours.rowType);
+      column.reason =
+          "row type " + std::to_string(theirs.rowType) + ", here " + std::to_string(ours.rowType);
       return;
     }
     const std::string before = std::exchange(path_, path);
@@ -156,7 +157,8 @@ bool hasColumn(const LayoutInfo& layout, std::string_view path, const LayoutInfo
 void checkRules(const LayoutInfo& ours, const ConversionRules& rules) {
   const LayoutInfo* siblings = nullptr;
   const auto requireColumn = [&](const std::string& path) {
-    if (!hasColumn(ours, path, siblings)) throw KoInvalidArgument("Unknown column - (" + path + ")");
+    if (!hasColumn(ours, path, siblings))
+      throw KoInvalidArgument("Unknown column - (" + path + ")");
   };
   for (const std::string& path : rules.required) requireColumn(path);
   for (const ConversionRules::Alias& alias : rules.aliases) {
@@ -216,8 +218,8 @@ LayoutComparison::LayoutComparison(const LayoutInfo& sender, const LayoutInfo& o
   checkRules(ours_.info(), rules);
   columns_ = Comparer(rules).compare(sender_.info(), ours_.info());
   if (sender_.fingerprint() == ours_.fingerprint()) return;
-  conversion_ = sender_.info().rowType == ours_.info().rowType ? Conversion::lossless
-                                                               : Conversion::refused;
+  conversion_ =
+      sender_.info().rowType == ours_.info().rowType ? Conversion::lossless : Conversion::refused;
   for (const ColumnComparison& column : columns_) {
     conversion_ = worse(conversion_, conversionOf(column));
   }
@@ -317,8 +319,7 @@ std::size_t ConversionPlan::Steps::lengthOf(const byte_t* row) const {
     if (slot.nested == nullptr) {
       length += value.length();
     } else {
-      const std::size_t nested =
-          slot.nested->lengthOfRows(row + value.offset(), slot.isArray);
+      const std::size_t nested = slot.nested->lengthOfRows(row + value.offset(), slot.isArray);
       if (nested > maxValueLength) throw KoOutOfRange("Value length exceeds 32767 bytes");
       length += nested;
     }

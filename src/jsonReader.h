@@ -1,7 +1,7 @@
 #pragma once
 
-// Reading JSON text, strictly: UTF-8 and the grammar, nothing else. The reader of a value knows what
-// it expects, so the text is read from its front and no tree of it is built.
+// Reading JSON text, strictly: UTF-8 and the grammar, nothing else. The reader of a value knows
+// what it expects, so the text is read from its front and no tree of it is built.
 
 #include "textReader.h"
 

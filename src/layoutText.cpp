@@ -213,8 +213,8 @@ class DynamicLayout::Parser {
     } else if (word == "len_t") {
       column.type = uint16Type_;
     } else {
-      const auto* const found = std::find(std::begin(detail::layoutTypeNames),
-                                          std::end(detail::layoutTypeNames), word);
+      const auto* const found =
+          std::find(std::begin(detail::layoutTypeNames), std::end(detail::layoutTypeNames), word);
       if (found == std::end(detail::layoutTypeNames)) {
         in_.failAt(begin, "unknown type - (" + detail::shown(word) + ")");
       }
@@ -238,9 +238,8 @@ class DynamicLayout::Parser {
         in_.failAt(place.position, "column " + quoted(column) + " lies in the header");
       }
       if (column.offset < end) {
-        in_.failAt(place.position,
-                   "columns " + quoted(layout.columns.back()) + " and " + quoted(column) +
-                       " overlap");
+        in_.failAt(place.position, "columns " + quoted(layout.columns.back()) + " and " +
+                                       quoted(column) + " overlap");
       }
       end = std::size_t{column.offset} + column.width;
       if (end > layout.info.baseLength) {

@@ -9,8 +9,8 @@
 //   std::cout << row.text("speed") << ' ' << row.toJson() << '\n';
 //
 // In JSON, a column's value is what toJson() writes: numbers in full, true and false, text as
-// strings, addresses and prefixes as the strings that they print as, arrays, nested rows as objects,
-// and null. Text that toJson() wrote becomes a row that toJson() writes as the same text.
+// strings, addresses and prefixes as the strings that they print as, arrays, nested rows as
+// objects, and null. Text that toJson() wrote becomes a row that toJson() writes as the same text.
 //
 // As text, a string column is its bytes; an address or a prefix is what it prints as; a null value
 // is the empty text; all others are as in JSON.
@@ -24,8 +24,8 @@
 namespace Korvo {
 
 /// A row of a layout that is known at run time. It begins as a null row; create(), adopt() and
-/// fromJson() give it a buffer of its own. Copies share the layout, and the buffer until one of them
-/// is written. Its exceptions leave the row as it was.
+/// fromJson() give it a buffer of its own. Copies share the layout, and the buffer until one of
+/// them is written. Its exceptions leave the row as it was.
 class KORVO_API AnyRow : public BaseRow {
  public:
   explicit AnyRow(const DynamicLayout& layout) : layout_(layout) {}
@@ -37,20 +37,20 @@ class KORVO_API AnyRow : public BaseRow {
   void create(oid_t oid, std::size_t valueBytes);
   void adopt(const void* bytes, std::size_t length);
 
-  // These four throw KoInvalidArgument "Unknown column - (name)" for a name that the layout does not
-  // have.
+  // These four throw KoInvalidArgument "Unknown column - (name)" for a name that the layout does
+  // not have.
 
-  /// The column's value as JSON; "null" for a null row. As with toJson(), bytes of a string that are
-  /// not UTF-8 become U+FFFD, and NaN and the infinities null.
+  /// The column's value as JSON; "null" for a null row. As with toJson(), bytes of a string that
+  /// are not UTF-8 become U+FFFD, and NaN and the infinities null.
   std::string json(std::string_view column) const;
   /// The column's value as text; empty for a null row.
   std::string text(std::string_view column) const;
 
-  /// Writes a column. Throws KoTextError for text that is not JSON, or a value that the column cannot
-  /// hold: another type, a number out of its range, an array or a value that is too long, an unknown
-  /// column of a nested row. Null is taken where toJson() writes it, and by text and arrays; a
-  /// float takes it as NaN. KoNullRow for a null row; KoOutOfRange for a row of more than 65535
-  /// bytes.
+  /// Writes a column. Throws KoTextError for text that is not JSON, or a value that the column
+  /// cannot hold: another type, a number out of its range, an array or a value that is too long, an
+  /// unknown column of a nested row. Null is taken where toJson() writes it, and by text and
+  /// arrays; a float takes it as NaN. KoNullRow for a null row; KoOutOfRange for a row of more than
+  /// 65535 bytes.
   void jsonIs(std::string_view column, std::string_view json);
   /// The same with the value as text. A string column takes any bytes.
   void textIs(std::string_view column, std::string_view text);

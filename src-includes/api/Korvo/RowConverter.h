@@ -14,8 +14,8 @@
 //   widened   a number in a wider type of its kind: unsigned, signed, floating point
 //   nested    rows of another layout, converted by these rules
 //   dropped   ours do not have it
-//   missing   theirs do not have it: zero or null, which cannot be told from a zero or null of theirs
-//   refused   anything else, with the reason in words
+//   missing   theirs do not have it: zero or null, which cannot be told from a zero or null of
+//   theirs refused   anything else, with the reason in words
 //
 // The converted row holds values of ours and nothing else: no gaps, none of the sender's bytes that
 // are no column's value. Only a sender of the very same layout has its rows copied as they are.

@@ -46,8 +46,8 @@ namespace Korvo {
 // Limits. A layout beyond them has no text and no fingerprint.
 
 inline constexpr std::size_t maxLayoutText = std::size_t{1} << 20;  ///< bytes
-inline constexpr std::size_t maxLayoutColumns = 4096;               ///< with those of nested layouts
-inline constexpr std::size_t maxColumnName = 255;                   ///< bytes
+inline constexpr std::size_t maxLayoutColumns = 4096;  ///< with those of nested layouts
+inline constexpr std::size_t maxColumnName = 255;      ///< bytes
 
 // ---------------------------------------------------------------------------------------------
 
@@ -99,10 +99,10 @@ KORVO_API LayoutFingerprint fingerprint(const LayoutInfo& layout);
 /// A layout that is known at run time only. Copies share what they describe.
 class KORVO_API DynamicLayout {
  public:
-  /// Reads a layout's text, from whomever. Throws KoTextError for text that is none: one that is not
-  /// as above, columns that overlap, lie in the header or end behind the base length, a name used
-  /// twice or not in UTF-8, arrays of what has none, anything beyond the limits. Takes time and
-  /// memory in proportion to the text, up to a logarithm.
+  /// Reads a layout's text, from whomever. Throws KoTextError for text that is none: one that is
+  /// not as above, columns that overlap, lie in the header or end behind the base length, a name
+  /// used twice or not in UTF-8, arrays of what has none, anything beyond the limits. Takes time
+  /// and memory in proportion to the text, up to a logarithm.
   explicit DynamicLayout(std::string_view text);
   /// The same columns, by offset. Throws KoOutOfRange for a layout beyond the limits, and
   /// KoTextError where the text of the layout would be refused.
@@ -135,9 +135,9 @@ namespace detail {
 /// The catalogue's type names by number, for texts made at compile time. Columns of oid_t and len_t
 /// are the plain numbers that C++ has for them.
 inline constexpr std::string_view layoutTypeNames[] = {
-    "uint8_t", "uint16_t", "uint32_t", "uint64_t",  "int8_t",    "int16_t",    "int32_t",
-    "int64_t", "float",    "double",   "bool",      "string_t",  "row",        "uint32_t",
-    "uint16_t", "IpAddr",  "Ip6Addr",  "IpGenAddr", "IpGenPrefix"};
+    "uint8_t",  "uint16_t", "uint32_t", "uint64_t",  "int8_t",     "int16_t", "int32_t",
+    "int64_t",  "float",    "double",   "bool",      "string_t",   "row",     "uint32_t",
+    "uint16_t", "IpAddr",   "Ip6Addr",  "IpGenAddr", "IpGenPrefix"};
 
 /// SHA-1, byte by byte.
 class Sha1 {
