@@ -3,8 +3,10 @@
 #include "textReader.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <optional>
 #include <utility>
 
@@ -258,11 +260,16 @@ struct ConversionPlan::Steps {
     KorvoTypes type;
     len_t width;  ///< in the converted row
   };
+  /// A value whose bytes stay as they are.
   struct Slot {
     len_t from;
     len_t to;
+  };
+  struct NestedSlot {
+    len_t from;
+    len_t to;
     bool isArray;
-    std::unique_ptr<const Steps> nested;  ///< of rows of another layout
+    std::unique_ptr<const Steps> steps;
   };
 
   Steps(const LayoutInfo& sender, const LayoutInfo& ours,
@@ -270,8 +277,8 @@ struct ConversionPlan::Steps {
 
   std::size_t lengthOf(const byte_t* row) const;
   std::size_t lengthOfRows(const byte_t* value, bool isArray) const;
-  std::size_t fill(const byte_t* row, byte_t* to) const noexcept;
-  std::size_t fillRows(const byte_t* value, bool isArray, byte_t* to) const noexcept;
+  std::size_t write(const byte_t* row, byte_t* to) const noexcept;
+  std::size_t writeRows(const byte_t* value, bool isArray, byte_t* to) const noexcept;
 
   bool isSame = false;  ///< one layout
   std::uint16_t senderType;
@@ -280,7 +287,8 @@ struct ConversionPlan::Steps {
   len_t base;
   std::vector<Run> runs;
   std::vector<Widening> widenings;
-  std::vector<Slot> slots;
+  std::vector<Slot> slots;  ///< by the sender's offset
+  std::vector<NestedSlot> nestedSlots;
 };
 
 ConversionPlan::Steps::Steps(const LayoutInfo& sender, const LayoutInfo& ours,
@@ -295,12 +303,12 @@ ConversionPlan::Steps::Steps(const LayoutInfo& sender, const LayoutInfo& ours,
     const ColumnInfo& our = *column.ours;
     if (column.change == ColumnChange::widened) {
       widenings.push_back({their.offset, our.offset, their.type, our.width});
+    } else if (column.change == ColumnChange::nested) {
+      nestedSlots.push_back(
+          {their.offset, our.offset, our.isArray,
+           std::make_unique<const Steps>(*their.nested, *our.nested, column.nested)});
     } else if (our.hasSlot()) {
-      slots.push_back({their.offset, our.offset, our.isArray, nullptr});
-      if (column.change == ColumnChange::nested) {
-        slots.back().nested =
-            std::make_unique<const Steps>(*their.nested, *our.nested, column.nested);
-      }
+      slots.push_back({their.offset, our.offset});
     } else if (!runs.empty() && runs.back().from + runs.back().length == their.offset &&
                runs.back().to + runs.back().length == our.offset) {
       runs.back().length = static_cast<len_t>(runs.back().length + our.width);
@@ -308,21 +316,22 @@ ConversionPlan::Steps::Steps(const LayoutInfo& sender, const LayoutInfo& ours,
       runs.push_back({their.offset, our.offset, our.width});
     }
   }
+  // Senders mostly leave values in the order of their columns; taken in it, values that stand side
+  // by side are copied in one go.
+  std::sort(slots.begin(), slots.end(),
+            [](const Slot& a, const Slot& b) { return a.from < b.from; });
 }
 
 /// The bytes that the converted row needs.
 std::size_t ConversionPlan::Steps::lengthOf(const byte_t* row) const {
   std::size_t length = base;
-  for (const Slot& slot : slots) {
+  for (const Slot& slot : slots) length += VColType::at(row, slot.from).length();
+  for (const NestedSlot& slot : nestedSlots) {
     const VColType& value = VColType::at(row, slot.from);
     if (value.length() == 0) continue;
-    if (slot.nested == nullptr) {
-      length += value.length();
-    } else {
-      const std::size_t nested = slot.nested->lengthOfRows(row + value.offset(), slot.isArray);
-      if (nested > maxValueLength) throw KoOutOfRange("Value length exceeds 32767 bytes");
-      length += nested;
-    }
+    const std::size_t rows = slot.steps->lengthOfRows(row + value.offset(), slot.isArray);
+    if (rows > maxValueLength) throw KoOutOfRange("Value length exceeds 32767 bytes");
+    length += rows;
   }
   if (length > maxRowLength) throw KoOutOfRange("Row length exceeds 65535 bytes");
   return length;
@@ -374,77 +383,62 @@ void widen(KorvoTypes type, const byte_t* from, byte_t* to, len_t width) noexcep
   }
 }
 
-/// Copies values one behind the other; those that stand side by side already in one go.
-class ValueCopier {
- public:
-  explicit ValueCopier(byte_t* to) noexcept : to_(to) {}
-
-  void add(const byte_t* value, std::size_t length) noexcept {
-    if (value != from_ + length_) {
-      flush();
-      from_ = value;
-    }
-    length_ += length;
-  }
-  void flush() noexcept {
-    if (length_ != 0) std::memcpy(to_, from_, length_);
-    to_ += length_;
-    from_ += length_;
-    length_ = 0;
-  }
-  /// Where the next value goes, behind those that were added; to be asked after flush().
-  byte_t* end() const noexcept { return to_; }
-  /// Says that `length` bytes were written there.
-  void skip(std::size_t length) noexcept { to_ += length; }
-
- private:
-  const byte_t* from_ = nullptr;
-  std::size_t length_ = 0;
-  byte_t* to_;
-};
-
 }  // namespace
 
-/// Writes the converted row to zero bytes and returns its length.
-std::size_t ConversionPlan::Steps::fill(const byte_t* row, byte_t* to) const noexcept {
+/// Writes the converted row, whatever the bytes were before, and returns its length.
+std::size_t ConversionPlan::Steps::write(const byte_t* row, byte_t* to) const noexcept {
   storeField(to + rowTypeOffset, rowType);
   storeField(to + rowOidOffset, loadField<oid_t>(row + rowOidOffset));
+  std::memset(to + rowHeaderLength, 0, std::size_t{base} - rowHeaderLength);
   for (const Run& run : runs) std::memcpy(to + run.to, row + run.from, run.length);
   for (const Widening& column : widenings) {
     widen(column.type, row + column.from, to + column.to, column.width);
   }
-  std::size_t end = base;
-  ValueCopier values(to + end);
+
+  // The values that stand side by side in the sender's row, and are yet to be copied.
+  const byte_t* pending = nullptr;
+  const byte_t* pendingEnd = nullptr;
+  std::size_t end = base;  // of all values, with those that are pending
+  const auto copyPending = [&] {
+    const auto length = static_cast<std::size_t>(pendingEnd - pending);
+    if (length != 0) std::memcpy(to + end - length, pending, length);
+  };
   for (const Slot& slot : slots) {
     const VColType& from = VColType::at(row, slot.from);
-    std::size_t length = from.length();
+    const len_t length = from.length();
     if (length == 0) continue;
     const byte_t* const value = row + from.offset();
-    if (slot.nested == nullptr) {
-      values.add(value, length);
-    } else {
-      values.flush();
-      length = slot.nested->fillRows(value, slot.isArray, values.end());
-      values.skip(length);
+    if (value != pendingEnd) {
+      copyPending();
+      pending = value;
     }
+    pendingEnd = value + length;
+    VColType::at(to, slot.to).valueIs(static_cast<len_t>(end), length, from.isArray());
+    end += length;
+  }
+  copyPending();
+
+  for (const NestedSlot& slot : nestedSlots) {
+    const VColType& from = VColType::at(row, slot.from);
+    if (from.length() == 0) continue;
+    const std::size_t length = slot.steps->writeRows(row + from.offset(), slot.isArray, to + end);
     VColType::at(to, slot.to)
         .valueIs(static_cast<len_t>(end), static_cast<len_t>(length), slot.isArray);
     end += length;
   }
-  values.flush();
   storeField(to + rowLengthOffset, static_cast<len_t>(end));
   return end;
 }
 
-std::size_t ConversionPlan::Steps::fillRows(const byte_t* value, bool isArray,
-                                            byte_t* to) const noexcept {
-  if (!isArray) return fill(value, to);
+std::size_t ConversionPlan::Steps::writeRows(const byte_t* value, bool isArray,
+                                             byte_t* to) const noexcept {
+  if (!isArray) return write(value, to);
   const unsigned int count = loadField<std::uint16_t>(value) & arrayCountMask;
   storeField(to, static_cast<std::uint16_t>(count | unsigned{arrayVariableMark} << 8));
   std::size_t end = arrayHeaderLength + sizeof(VColType) * count;
   for (unsigned int i = 0; i < count; ++i) {
     const std::size_t at = arrayHeaderLength + sizeof(VColType) * i;
-    const std::size_t length = fill(value + VColType::at(value, at).offset(), to + end);
+    const std::size_t length = write(value + VColType::at(value, at).offset(), to + end);
     VColType::at(to, at).valueIs(static_cast<len_t>(end), static_cast<len_t>(length), false);
     end += length;
   }
@@ -477,13 +471,34 @@ std::size_t ConversionPlan::convertedLength(const void* bytes, std::size_t lengt
   return steps_->isSame ? length : steps_->lengthOf(row);
 }
 
-void ConversionPlan::convert(const void* bytes, byte_t* to) const noexcept {
+void ConversionPlan::write(const void* bytes, byte_t* to) const noexcept {
   const byte_t* const row = static_cast<const byte_t*>(bytes);
   if (steps_->isSame) {
     std::memcpy(to, row, loadField<len_t>(row + rowLengthOffset));
   } else {
-    steps_->fill(row, to);
+    steps_->write(row, to);
   }
+}
+
+namespace {
+
+/// As a row class, this may give a row its buffer.
+class Installer : public BaseRow {
+ public:
+  static void install(BaseRow& row, KoPtr<KoRowBuf> own) noexcept {
+    row.*(&Installer::rowBuf_) = std::move(own);
+  }
+};
+
+}  // namespace
+
+void ConversionPlan::convertInto(const void* bytes, std::size_t length, BaseRow& row) const {
+  const std::size_t converted = convertedLength(bytes, length);
+  KoPtr<KoRowBuf> own = std::make_shared<KoRowBuf>();
+  own->buf_ = static_cast<byte_t*>(std::malloc(converted));
+  if (own->buf_ == nullptr) throw std::bad_alloc();
+  write(bytes, own->buf_);
+  Installer::install(row, std::move(own));
 }
 
 }  // namespace Korvo

@@ -109,12 +109,17 @@ class KORVO_API ConversionPlan {
   const LayoutComparison& comparison() const noexcept { return comparison_; }
 
   /// How long the converted row is. `bytes` have passed checkRow() with the sender's layout. Throws
-  /// KoInvalidArgument for a row of another type or length than the header says or too short for
-  /// the sender's columns, KoOutOfRange if the row would exceed 65535 bytes or one of its nested
-  /// values 32767.
+  /// KoInvalidArgument for a row of another type, of another length than its header says or too
+  /// short for the sender's columns; KoOutOfRange if the converted row would exceed 65535 bytes or
+  /// one of its nested values 32767.
   std::size_t convertedLength(const void* bytes, std::size_t length) const;
-  /// Writes the converted row to `to`, which holds that many zero bytes.
-  void convert(const void* bytes, byte_t* to) const noexcept;
+  /// Writes the converted row to `to`, which has room for that many bytes.
+  void write(const void* bytes, byte_t* to) const noexcept;
+
+ protected:
+  /// Gives `row` a buffer of its own with the converted row. Throws as convertedLength() does, and
+  /// std::bad_alloc, with `row` as before.
+  void convertInto(const void* bytes, std::size_t length, BaseRow& row) const;
 
  private:
   struct Steps;
@@ -131,12 +136,11 @@ class RowConverter : public ConversionPlan {
   explicit RowConverter(const LayoutInfo& sender, const ConversionRules& rules = {})
       : ConversionPlan(sender, Row::Layout::info, rules) {}
 
-  /// Makes `row` a new row with what the sender's row tells, its oid too. Throws as
-  /// convertedLength() does, with `row` as before.
+  /// Makes `row` a new row with what the sender's row tells, its oid too. `bytes` have passed
+  /// checkRow() with the sender's layout. Throws as convertedLength() does, and std::bad_alloc,
+  /// with `row` as before.
   void convert(const void* bytes, std::size_t length, Row& row) const {
-    const std::size_t converted = convertedLength(bytes, length);
-    row.create(0, converted - Row::Layout::baseLength);
-    ConversionPlan::convert(bytes, row.rwRowBuf());
+    convertInto(bytes, length, row);
   }
 };
 
@@ -147,13 +151,11 @@ class RowConverter<AnyRow> : public ConversionPlan {
                const ConversionRules& rules = {})
       : ConversionPlan(sender, ours.info(), rules) {}
 
-  /// As above; gives the row our layout, if it is of another.
+  /// As above; the row has our layout then, whatever it had before.
   void convert(const void* bytes, std::size_t length, AnyRow& row) const {
-    AnyRow fresh(comparison().ours());
-    const std::size_t converted = convertedLength(bytes, length);
-    fresh.create(0, converted - fresh.baseRowLength());
-    ConversionPlan::convert(bytes, fresh.rwRowBuf());
-    row = fresh;
+    AnyRow converted(comparison().ours());
+    convertInto(bytes, length, converted);
+    row = converted;
   }
 };
 
