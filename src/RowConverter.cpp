@@ -404,16 +404,17 @@ std::size_t ConversionPlan::Steps::write(const byte_t* row, byte_t* to) const no
     if (length != 0) std::memcpy(to + end - length, pending, length);
   };
   for (const Slot& slot : slots) {
-    const VColType& from = VColType::at(row, slot.from);
-    const len_t length = from.length();
+    // Offset, length and array mark in one word; only the offset changes.
+    const auto word = loadField<std::uint32_t>(row + slot.from);
+    const std::size_t length = word >> 16 & maxValueLength;
     if (length == 0) continue;
-    const byte_t* const value = row + from.offset();
+    const byte_t* const value = row + (word & 0xFFFF);
     if (value != pendingEnd) {
       copyPending();
       pending = value;
     }
     pendingEnd = value + length;
-    VColType::at(to, slot.to).valueIs(static_cast<len_t>(end), length, from.isArray());
+    storeField(to + slot.to, (word & 0xFFFF0000) | static_cast<std::uint32_t>(end));
     end += length;
   }
   copyPending();

@@ -285,7 +285,7 @@ TEST(RowConverterTest, NoByteOfTheSendersComesAlong) {
   using Ours = RowLayout<1, Column<"a", std::string, 10>, Column<"b", std::string, 17>>;
   TableRow<Ours> row;
   RowConverter<TableRow<Ours>>(sender.info()).convert(bytes.data(), bytes.size(), row);
-  const std::vector<byte_t> expected = {26, 0, 1, 0, 77, 0, 0, 0, 0, 0, 23, 0, 3,
+  const std::vector<byte_t> expected = {26, 0, 1, 0, 77, 0, 0, 0, 0,   0,   23,  0,   3,
                                         0,  0, 0, 0, 21, 0, 2, 0, 'b', 'B', 'a', 'a', 'A'};
   EXPECT_EQ(bytesOf(row), expected);
 }
