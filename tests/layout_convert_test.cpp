@@ -325,7 +325,7 @@ TEST(RowConverterTest, NullsStayNullWhateverStandsBesideThem) {
 }
 
 TEST(RowConverterTest, RefusesBeforeAnythingChanges) {
-  EXPECT_EQ(errorOf([] { RowConverter<Port>(LinkLayout::info); }),
+  EXPECT_EQ(errorOf([] { const RowConverter<Port> converter(LinkLayout::info); }),
             "Layout refused - (row type 2, here 7)");
   AnyRow sent = anyRow(senderText, "{}");
   const RowConverter<Port> converter(sent.layout().info());
