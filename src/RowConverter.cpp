@@ -359,7 +359,7 @@ void widen(const byte_t* from, byte_t* to, len_t width) noexcept {
     storeField(to, static_cast<double>(value));
   } else {
     using Wide = std::conditional_t<std::is_signed_v<From>, std::int64_t, std::uint64_t>;
-    const Wide wide = value;
+    const Wide wide = value;        // NOLINT(bugprone-signed-char-misuse): the sign is to stay
     std::memcpy(to, &wide, width);  // numbers are little-endian
   }
 }

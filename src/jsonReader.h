@@ -15,7 +15,7 @@ class JsonReader : public TextReader {
   using TextReader::TextReader;
 
   /// Takes the word (null, true, false) if it comes next, behind any space.
-  bool takeWord(std::string_view word);
+  bool takeWord(std::string_view expected);
   /// The string that comes next, behind any space.
   std::string string();
   /// The number that comes next, behind any space, as it stands; empty if there is none.
