@@ -21,12 +21,12 @@
 namespace {
 
 using namespace rowtest;
+using alloctest::Failing;
+using alloctest::FailureScope;
 using Korvo::Column;
 using Korvo::RowLayout;
 using Korvo::RowWriter;
 using Korvo::TableRow;
-using alloctest::Failing;
-using alloctest::FailureScope;
 
 #ifdef __x86_64__
 constexpr int instructionRegister = REG_RIP;
@@ -251,15 +251,13 @@ TYPED_TEST(OtherHolderLetsGo, WhileBooleansAreWritten) {
 
 TYPED_TEST(OtherHolderLetsGo, WhileAColumnIsCopied) {
   static const PlainRow source(imageWith(PlainRow::kAddr, Bytes(30, 1)));
-  expectWrittenOrAsBefore<TypeParam>([](BaseRow& row) {
-    row.copyVarColumn(PlainRow::kAddr, source, PlainRow::kName, base);
-  });
+  expectWrittenOrAsBefore<TypeParam>(
+      [](BaseRow& row) { row.copyVarColumn(PlainRow::kAddr, source, PlainRow::kName, base); });
 }
 
 TYPED_TEST(OtherHolderLetsGo, WhileAColumnOfTheRowItselfIsCopied) {
-  expectWrittenOrAsBefore<TypeParam>([](BaseRow& row) {
-    row.copyVarColumn(PlainRow::kName, row, PlainRow::kList, base);
-  });
+  expectWrittenOrAsBefore<TypeParam>(
+      [](BaseRow& row) { row.copyVarColumn(PlainRow::kName, row, PlainRow::kList, base); });
 }
 
 TYPED_TEST(OtherHolderLetsGo, WhileAValueOfTheRowItselfIsWritten) {
@@ -292,14 +290,12 @@ TYPED_TEST(OtherHolderLetsGo, WhileAWriterWritesAnArray) {
 }
 
 TEST(OtherHolderLetsGoOfADeclaredRow, WhileAValueIsWritten) {
-  expectWrittenOrAsBefore<TableRow<Layout>>(
-      [](TableRow<Layout>& row) { row.set<"name">(longer); });
+  expectWrittenOrAsBefore<TableRow<Layout>>([](TableRow<Layout>& row) { row.set<"name">(longer); });
 }
 
 TEST(OtherHolderLetsGoOfADeclaredRow, WhileAnArrayIsWritten) {
   static const std::vector<std::string> texts = {"one", "two", "three"};
-  expectWrittenOrAsBefore<TableRow<Layout>>(
-      [](TableRow<Layout>& row) { row.set<"list">(texts); });
+  expectWrittenOrAsBefore<TableRow<Layout>>([](TableRow<Layout>& row) { row.set<"list">(texts); });
 }
 
 TEST(OtherHolderLetsGoOfADeclaredRow, WhileANumberIsWritten) {

@@ -57,9 +57,8 @@ class SpaceModel {
   void writeArray(len_t at, const std::vector<Bytes>& elements) {
     Bytes value(2 + 4 * elements.size());
     for (std::size_t i = 0; i < elements.size(); ++i) {
-      writeSlot(&value[2 + 4 * i],
-                {static_cast<unsigned>(value.size()), static_cast<unsigned>(elements[i].size()),
-                 false});
+      writeSlot(&value[2 + 4 * i], {static_cast<unsigned>(value.size()),
+                                    static_cast<unsigned>(elements[i].size()), false});
       value = value + elements[i];
     }
     change([&](SpaceModel& m) { m.putArray(at, value, elements.size(), true); });
