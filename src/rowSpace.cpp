@@ -270,7 +270,7 @@ class BaseRow::SoleBuffer {
   bool isCopied_ = false;
 };
 
-BaseRow::Place BaseRow::makePlace(const Demand& demand, const Known& known) {
+[[gnu::flatten]] BaseRow::Place BaseRow::makePlace(const Demand& demand, const Known& known) {
   const byte_t* const present = rowBuf();
   requireBaseLength(demand.baseLength);
   if (demand.length > maxValueLength) throw KoOutOfRange("Encoded value exceeds 32767 bytes");
