@@ -193,6 +193,20 @@ TYPED_TEST(CheckedArrays, OfMoreElementsThanTheyHaveRoomForAreRefused) {
   }
 }
 
+TYPED_TEST(CheckedArrays, BeyondTheRowAreRefusedUnread) {
+  for (std::size_t left = 0; left <= 20; ++left) {
+    for (const std::size_t beyond : {1u, 2u, 30u, 4000u, 30000u}) {
+      Bytes bytes(base + left);
+      storeField<len_t>(bytes.data(), static_cast<len_t>(bytes.size()));
+      storeField<std::uint16_t>(bytes.data() + 2, 1);
+      VColType::at(bytes.data(), 8).valueIs(base, static_cast<len_t>(left + beyond), true);
+      if (left >= 2) storeField<std::uint16_t>(bytes.data() + base, 0x1000 + 4095);
+      ASSERT_EQ(check<TypeParam>(bytes), (RowFault{RowFaultKind::valueBeyondRow, 8}))
+          << left << " bytes in the row, " << beyond << " beyond";
+    }
+  }
+}
+
 using Inner = RowLayout<2, Column<"number", std::uint8_t>>;
 
 // A layout of nested rows is known at run time only.
