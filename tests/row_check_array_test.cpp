@@ -5,9 +5,11 @@
 #include <Korvo/rowCheck.h>
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -28,13 +30,37 @@ template <typename T>
 using LayoutOf = RowLayout<1, Column<"list", std::vector<T>>>;
 constexpr len_t base = 12;
 
-/// Checks an exact block, so that a sanitizer finds every read outside the row, in both forms.
+/// Memory that ends where a page does: reading one byte more ends the process.
+class GuardedBlock {
+ public:
+  explicit GuardedBlock(const Bytes& bytes) {
+    const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    length_ = (bytes.size() / page + 2) * page;
+    pages_ = mmap(nullptr, length_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (pages_ == MAP_FAILED) throw std::bad_alloc();
+    byte_t* const end = static_cast<byte_t*>(pages_) + length_ - page;
+    mprotect(end, page, PROT_NONE);
+    data_ = end - bytes.size();
+    std::copy(bytes.begin(), bytes.end(), data_);
+  }
+  ~GuardedBlock() { munmap(pages_, length_); }
+  GuardedBlock(const GuardedBlock&) = delete;
+  GuardedBlock& operator=(const GuardedBlock&) = delete;
+
+  const byte_t* data() const { return data_; }
+
+ private:
+  void* pages_;
+  std::size_t length_;
+  byte_t* data_;
+};
+
+/// In both forms.
 template <typename T>
 RowFault check(const Bytes& bytes) {
-  const std::unique_ptr<byte_t[]> block(new byte_t[bytes.size()]);
-  std::copy(bytes.begin(), bytes.end(), block.get());
-  const RowFault found = checkRow(block.get(), bytes.size(), LayoutOf<T>::info);
-  EXPECT_EQ(checkRow<LayoutOf<T>>(block.get(), bytes.size()), found);
+  const GuardedBlock block(bytes);
+  const RowFault found = checkRow(block.data(), bytes.size(), LayoutOf<T>::info);
+  EXPECT_EQ(checkRow<LayoutOf<T>>(block.data(), bytes.size()), found);
   return found;
 }
 
@@ -155,6 +181,32 @@ TYPED_TEST(CheckedArrays, OfManyElementsAtOnePlaceAreRefused) {
   }
 }
 
+// The slots of elements that a count promises are not read where the array has no room for them.
+TYPED_TEST(CheckedArrays, OfMoreElementsThanTheyHaveRoomForAreRefused) {
+  for (const unsigned count : {1u, 2u, 3u, 100u, 4095u}) {
+    for (std::size_t length = 2; length < 2 + 4 * count && length < 30; ++length) {
+      Bytes bytes = rowOf({}, length);
+      storeField<std::uint16_t>(bytes.data() + base, static_cast<std::uint16_t>(0x1000 | count));
+      ASSERT_EQ(check<TypeParam>(bytes), (RowFault{RowFaultKind::arrayLength, base}))
+          << count << " elements in " << length << " bytes";
+    }
+  }
+}
+
+TYPED_TEST(CheckedArrays, BeyondTheRowAreRefusedUnread) {
+  for (std::size_t left = 0; left <= 20; ++left) {
+    for (const std::size_t beyond : {1u, 2u, 30u, 4000u, 30000u}) {
+      Bytes bytes(base + left);
+      storeField<len_t>(bytes.data(), static_cast<len_t>(bytes.size()));
+      storeField<std::uint16_t>(bytes.data() + 2, 1);
+      VColType::at(bytes.data(), 8).valueIs(base, static_cast<len_t>(left + beyond), true);
+      if (left >= 2) storeField<std::uint16_t>(bytes.data() + base, 0x1000 + 4095);
+      ASSERT_EQ(check<TypeParam>(bytes), (RowFault{RowFaultKind::valueBeyondRow, 8}))
+          << left << " bytes in the row, " << beyond << " beyond";
+    }
+  }
+}
+
 using Inner = RowLayout<2, Column<"number", std::uint8_t>>;
 
 // A layout of nested rows is known at run time only.
@@ -166,9 +218,8 @@ TEST(CheckedArraysOfRows, PassOnlyWithTheRowsOwnLength) {
       Bytes bytes = rowOf({{6, elementLength}}, length);
       if (length >= 8) storeField<len_t>(bytes.data() + base + 6, 9);
       const bool passes = elementLength == 9 && 6 + elementLength <= length;
-      const std::unique_ptr<byte_t[]> block(new byte_t[bytes.size()]);
-      std::copy(bytes.begin(), bytes.end(), block.get());
-      ASSERT_EQ(!checkRow(block.get(), bytes.size(), layout), passes)
+      const GuardedBlock block(bytes);
+      ASSERT_EQ(!checkRow(block.data(), bytes.size(), layout), passes)
           << elementLength << " bytes of " << length;
     }
   }
