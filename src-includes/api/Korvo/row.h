@@ -180,8 +180,8 @@ class KORVO_API BaseRow {
 
   [[noreturn]] static void throwNullRow();
 
-  // The writers of row classes whose rwRowBuf() is BaseRow's own and which are fully defined. `Layout`
-  // is what such a class knows of its columns while it is compiled: baseLength, slots, and
+  // The writers of row classes whose rwRowBuf() is BaseRow's own and which are fully defined.
+  // `Layout` is what such a class knows of its columns while it is compiled: baseLength, slots, and
   // extent(buf), the place that all values take in a buffer.
 
   template <typename T>
@@ -205,7 +205,7 @@ class KORVO_API BaseRow {
   };
   /// What the writer knows of the columns, so that less has to be looked at.
   struct Known {
-    std::span<const len_t> slots = {};        ///< all of them; where empty, vcd() has them
+    std::span<const len_t> slots = {};       ///< all of them; where empty, vcd() has them
     const detail::Extent* others = nullptr;  ///< the place that the other columns' values take
     RowWriter* writer = nullptr;             ///< keeps that place, and room for growth
   };
@@ -495,7 +495,7 @@ void BaseRow::Place::fill(const Value& value) const {
 
 template <typename Value>
 void BaseRow::write(len_t slotOffset, const Value& value, len_t fdLen, const Known& known) {
-  if (value.length() == 0) return clearColumn(slotOffset);
+  if (value.isEmpty()) return clearColumn(slotOffset);
   makePlace({slotOffset, value.length(), value.source(), fdLen}, known).fill(value);
 }
 
@@ -505,7 +505,7 @@ template <typename Layout, typename Value>
 [[gnu::always_inline]] inline void BaseRow::writeOwn(len_t slotOffset, const Value& value) {
   constexpr std::span<const len_t> slots(Layout::slots);
   const std::size_t length = value.length();
-  if (length != 0 && length <= maxValueLength && isSoleHolder()) {
+  if (!value.isEmpty() && length <= maxValueLength && isSoleHolder()) {
     byte_t* const buf = BaseRow::rwRowBuf();
     VColType& slot = VColType::at(buf, slotOffset);
     if (length <= slot.length()) {
