@@ -1,6 +1,8 @@
 // The variable area of rows: where values find room, and how it is packed. Every value that is
 // written comes through makePlace().
 
+#include "rowSpace.h"
+
 #include <Korvo/baseRow.h>
 
 #include <algorithm>
@@ -129,13 +131,6 @@ len_t pack(byte_t* buf, const PackingOrder& order, len_t baseRowLength) {
 len_t checkedRowLength(std::size_t length) {
   if (length > maxRowLength) throw KoOutOfRange("Row length exceeds 65535 bytes");
   return static_cast<len_t>(length);
-}
-
-bool shareAByte(std::span<const byte_t> some, std::span<const byte_t> others) {
-  const auto begin = [](std::span<const byte_t> bytes) {
-    return reinterpret_cast<std::uintptr_t>(bytes.data());
-  };
-  return begin(some) < begin(others) + others.size() && begin(others) < begin(some) + some.size();
 }
 
 }  // namespace

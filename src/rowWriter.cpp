@@ -1,5 +1,7 @@
 #include <Korvo/rowWriter.h>
 
+#include "rowSpace.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <new>
@@ -39,7 +41,7 @@ BaseRow::Place RowWriter::makePlace(len_t slotOffset, std::size_t length,
     if (isOwnBlock(buf) && begin == block_.rowLength && begin == baseLength_ + extent_->used &&
         length <= maxValueLength && end <= block_.length &&
         VColType::at(buf, slotOffset).length() == 0 && isListedOnce(slotOffset) &&
-        row_.isFullyDefined()) {
+        !shareAByte(source, {buf, begin}) && row_.isFullyDefined()) {
       if (length > 1) buf[begin + 1] = 0;  // an array keeps bits of it
       block_.rowLength = static_cast<len_t>(end);
       storeField(buf + rowLengthOffset, block_.rowLength);

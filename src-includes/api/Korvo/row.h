@@ -500,7 +500,8 @@ void BaseRow::write(len_t slotOffset, const Value& value, len_t fdLen, const Kno
 }
 
 /// Decides by itself where nothing but the column changes: where the value fits in place, and where
-/// an empty column's fits behind the last value.
+/// an empty column's fits behind the last value. Only a copy of `value` leaves this function, so that
+/// it need not stand in memory.
 template <typename Layout, typename Value>
 [[gnu::always_inline]] inline void BaseRow::writeOwn(len_t slotOffset, const Value& value) {
   constexpr std::span<const len_t> slots(Layout::slots);
@@ -519,10 +520,10 @@ template <typename Layout, typename Value>
         return slot.valueIs(static_cast<len_t>(others.end), static_cast<len_t>(length),
                             value.isArray);
       }
-      return write(slotOffset, value, Layout::baseLength, {slots, &others});
+      return write(slotOffset, Value(value), Layout::baseLength, {slots, &others});
     }
   }
-  write(slotOffset, value, Layout::baseLength, {slots});
+  write(slotOffset, Value(value), Layout::baseLength, {slots});
 }
 
 template <typename T>
