@@ -111,7 +111,8 @@ Bytes arrayOf(const std::vector<Element>& elements, std::size_t length) {
     const Element& element = elements[i];
     writeSlot(array.data() + 2 + 4 * i,
               {element.offset, static_cast<unsigned>(element.bytes.size()), false});
-    std::copy(element.bytes.begin(), element.bytes.end(), array.begin() + element.offset);
+    std::copy(element.bytes.begin(), element.bytes.end(),
+              array.begin() + static_cast<std::ptrdiff_t>(element.offset));
   }
   return array;
 }
@@ -824,7 +825,7 @@ Bytes roomyImage(bool fragmented) {
   writeSlot(image.data() + PlainRow::kName, {base, 20, false});
   writeSlot(image.data() + PlainRow::kChild, {childAt, 24, false});
   std::copy(name.begin(), name.end(), image.begin() + base);
-  std::copy(child.begin(), child.end(), image.begin() + childAt);
+  std::copy(child.begin(), child.end(), image.begin() + static_cast<std::ptrdiff_t>(childAt));
   storeField<len_t>(image.data(), static_cast<len_t>(image.size()));
   return image;
 }

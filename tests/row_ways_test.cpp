@@ -762,25 +762,20 @@ class Play {
   template <typename OnRow, typename OnModel>
   void eachRow(const std::string& what, const OnRow& onRow, const OnModel& onModel,
                bool mayCopy = false) {
+    for (const auto& way : ways_) way->end();  // while there is memory to give some back
     eachWay(
-        what,
-        [&](Way& way) {
-          way.end();
-          onRow(way.row());
-        },
-        [&](Way& way) { onModel(way.model); }, mayCopy, false);
+        what, [&](Way& way) { onRow(way.row()); }, [&](Way& way) { onModel(way.model); }, mayCopy);
   }
 
   template <typename OnRow, typename OnModel>
   void eachWay(const std::string& what, const OnRow& onRow, const OnModel& onModel,
-               bool mayCopy = false, bool byWriters = true) {
+               bool mayCopy = false) {
     const bool fails = chance(25);
     const unsigned failing = pick(4);
     const Failing mode = chance(50) ? Failing::once : Failing::fromThenOn;
     for (const auto& way : ways_) {
       SCOPED_TRACE(way->name + ", " + what);
       if (fails) {
-        if (!byWriters) way->end();  // the end of a writer may need memory
         if (attemptWithoutMemory(*way, onRow, failing, mode, mayCopy || way->mayCopy())) {
           onModel(*way);
           ASSERT_NO_FATAL_FAILURE(verify(*way));
