@@ -240,6 +240,8 @@ class KORVO_API BaseRow {
   // Writing.
   template <typename Value>
   void write(len_t slotOffset, const Value& value, len_t fdLen, const Known& known);
+  template <typename Layout, typename Value>
+  void writeBehind(byte_t* buf, len_t slotOffset, const Value& value);
   void write(len_t slotOffset, const detail::EncodedValue& value, len_t fdLen, const Known& known);
   void clearColumn(len_t slotOffset);
   template <typename T>
@@ -499,9 +501,19 @@ void BaseRow::write(len_t slotOffset, const Value& value, len_t fdLen, const Kno
   makePlace({slotOffset, value.length(), value.source(), fdLen}, known).fill(value);
 }
 
+template <typename Layout, typename Value>
+void BaseRow::writeBehind(byte_t* buf, len_t slotOffset, const Value& value) {
+  constexpr std::span<const len_t> slots(Layout::slots);
+  const detail::Extent others = Layout::extent(buf);
+  if (others.end + value.length() > loadField<len_t>(buf + rowLengthOffset)) {
+    return write(slotOffset, value, Layout::baseLength, {slots, &others});
+  }
+  Place{buf, slotOffset, static_cast<len_t>(others.end)}.fill(value);
+}
+
 /// Decides by itself where nothing but the column changes: where the value fits in place, and where
-/// an empty column's fits behind the last value. Only a copy of `value` leaves this function, so that
-/// it need not stand in memory.
+/// an empty column's fits behind the last value. Only a copy of `value` leaves this function, so
+/// that it need not stand in memory.
 template <typename Layout, typename Value>
 [[gnu::always_inline]] inline void BaseRow::writeOwn(len_t slotOffset, const Value& value) {
   constexpr std::span<const len_t> slots(Layout::slots);
@@ -509,19 +521,13 @@ template <typename Layout, typename Value>
   if (!value.isEmpty() && length <= maxValueLength && isSoleHolder()) {
     byte_t* const buf = BaseRow::rwRowBuf();
     VColType& slot = VColType::at(buf, slotOffset);
-    if (length <= slot.length()) {
+    const len_t present = slot.length();
+    if (length <= present) {
       value.store(buf + slot.offset());
+      // The offset stays: writes in a row need not wait for each other's.
       return slot.lengthIs(static_cast<len_t>(length), value.isArray);
     }
-    if (slot.length() == 0) {
-      const detail::Extent others = Layout::extent(buf);
-      if (others.end + length <= loadField<len_t>(buf + rowLengthOffset)) {
-        value.store(buf + others.end);
-        return slot.valueIs(static_cast<len_t>(others.end), static_cast<len_t>(length),
-                            value.isArray);
-      }
-      return write(slotOffset, Value(value), Layout::baseLength, {slots, &others});
-    }
+    if (present == 0) return writeBehind<Layout>(buf, slotOffset, value);
   }
   write(slotOffset, Value(value), Layout::baseLength, {slots});
 }

@@ -164,7 +164,7 @@ T ArrayReference<T>::operator[](unsigned int index) const {
     } else if constexpr (std::is_same_v<T, std::string>) {
       return std::string(reinterpret_cast<const char*>(data), length);
     } else if constexpr (std::is_same_v<T, SubRowReference>) {
-      return SubRowReference(data);
+      return T(data);
     } else if constexpr (std::is_same_v<T, IpGenAddr>) {
       // Every length but 4 reads as IPv6.
       if (length == ipv4Length) return IpGenAddr(ipv4_, data);
