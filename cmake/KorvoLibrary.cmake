@@ -14,6 +14,8 @@ add_library(KorvoAPI
   src/baseRow.cpp
   src/TableRow.cpp
   src/rowCheck.cpp
+  src/rowSpace.cpp
+  src/rowWriter.cpp
   src/Scheduler.cpp
   src/KorvoApi.cpp
   src/KoStrUtils.cpp

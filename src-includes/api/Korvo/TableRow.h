@@ -414,7 +414,7 @@ class TableRow : public BaseRow,
   requires(detail::takesItsType<ColumnType<Name>>) void set(const ColumnType<Name>& value) {
     using T = ColumnType<Name>;
     if constexpr (detail::isVector<T>) {
-      writeOwnArray<Layout>(slot<Name>, value);
+      writeOwn<Layout>(slot<Name>, detail::EncodedArray(value));
     } else {
       setOwnField(slot<Name>, value);
     }
@@ -424,7 +424,7 @@ class TableRow : public BaseRow,
   template <ColumnName Name, typename Value>
   requires(!detail::takesItsType<ColumnType<Name>>) void set(const Value& value) {
     writeEncoded<ColumnType<Name>>(value, [this](const detail::EncodedValue& encoded) {
-      writeOwnValue<Layout>(slot<Name>, encoded);
+      writeOwn<Layout>(slot<Name>, encoded);
     });
   }
 
@@ -482,13 +482,13 @@ class TableRow : public BaseRow,
 template <typename RowLayoutType>
 class TableRow<RowLayoutType>::Writer : public RowWriter {
  public:
-  explicit Writer(TableRow& row) : RowWriter(row, Layout::baseLength) {}
+  explicit Writer(TableRow& row) : RowWriter(row, Layout::baseLength, Layout::slots) {}
 
   // As the row's.
   template <ColumnName Name>
   requires(detail::takesItsType<ColumnType<Name>>) void set(const ColumnType<Name>& value) {
     if constexpr (detail::isVector<ColumnType<Name>>) {
-      writeArray(slot<Name>, value);
+      write(slot<Name>, detail::EncodedArray(value));
     } else {
       setFixedColumn(slot<Name>, value);
     }
@@ -496,7 +496,7 @@ class TableRow<RowLayoutType>::Writer : public RowWriter {
   template <ColumnName Name, typename Value>
   requires(!detail::takesItsType<ColumnType<Name>>) void set(const Value& value) {
     writeEncoded<ColumnType<Name>>(
-        value, [this](const detail::EncodedValue& encoded) { writeValue(slot<Name>, encoded); });
+        value, [this](const detail::EncodedValue& encoded) { write(slot<Name>, encoded); });
   }
 };
 

@@ -1,0 +1,132 @@
+#pragma once
+
+// The form of rows: the encoded table rows that all processes exchange byte for byte.
+//
+// A row buffer, from its first byte; all fields are little-endian and may stand at odd offsets:
+//
+//    0        2        4                 8                     base length           row length
+//   +--------+--------+-----------------+---------------------+---------------------+
+//   | row    | row    | row oid         | fixed area: columns | variable area:      |--> grows
+//   | length | type   |                 | of fixed width and  | encoded values in   |
+//   | 2      | 2      | 4               | 4-byte slots        | any order, and gaps |
+//   +--------+--------+-----------------+---------------------+---------------------+
+//
+// A slot, one for each variable-length column:
+//
+//    0             2                  bit 15 of the second word
+//   +-------------+----------------+-+
+//   | data offset | data length    |a|   offset counted from the row's first byte, 0 when empty;
+//   | 2           | 15 bits        | |   a: the column holds an array
+//   +-------------+----------------+-+
+//
+// An array of n variable-length elements, the value of one column:
+//
+//    0             2                         2+4n
+//   +-------------+-------------------------+-----------------------------+
+//   | count, mark | n slots (offset from    | elements in order, no gaps  |
+//   | 12 bits + 4 | here, length)           |                             |
+//   +-------------+-------------------------+-----------------------------+
+//
+// An array of fixed-width elements has no slots: element i is byte 2+i.
+
+#include <Korvo/export.h>
+#include <Korvo/korvo_types.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <type_traits>
+
+namespace Korvo {
+
+inline constexpr len_t rowLengthOffset = 0;
+inline constexpr len_t rowTypeOffset = 2;
+inline constexpr len_t rowOidOffset = 4;
+inline constexpr len_t rowHeaderLength = 8;
+inline constexpr std::size_t maxRowLength = 65535;
+inline constexpr std::size_t maxValueLength = 32767;
+inline constexpr len_t arrayHeaderLength = 2;
+inline constexpr unsigned int arrayCountMask = 0x0FFF;
+inline constexpr byte_t arrayCountHighMask = 0x0F;  // of the header's second byte
+inline constexpr byte_t arrayVariableMark = 0x10;   // of the header's second byte
+inline constexpr byte_t slotArrayMark = 0x80;       // of the slot's fourth byte
+inline constexpr byte_t ipv4Length = 4;
+inline constexpr byte_t ipv6Length = 16;
+
+/// The slot of a variable-length column. It may stand at any address.
+struct VColType {
+  byte_t offsetBytes[2];
+  byte_t lengthBytes[2];
+
+  len_t offset() const noexcept { return loadField<len_t>(offsetBytes); }
+  len_t length() const noexcept {
+    return static_cast<len_t>(loadField<len_t>(lengthBytes) & maxValueLength);
+  }
+  bool isArray() const noexcept { return (lengthBytes[1] & slotArrayMark) != 0; }
+
+  /// `length` is at most 32767.
+  void valueIs(len_t offset, len_t length, bool isArray) noexcept {
+    const std::uint32_t mark = isArray ? slotArrayMark : 0;
+    storeField(this, std::uint32_t{offset} | std::uint32_t{length} << 16 | mark << 24);
+  }
+  /// The same for a value that stands where the column's present one does.
+  void lengthIs(len_t length, bool isArray) noexcept {
+    storeField(lengthBytes, static_cast<len_t>(length | (isArray ? slotArrayMark << 8 : 0)));
+  }
+  /// Makes the column empty. The array mark stays, on purpose: a cleared array column is still
+  /// marked as one.
+  void clear() noexcept { valueIs(0, 0, isArray()); }
+
+  static const VColType& at(const byte_t* buf, std::size_t slotOffset) noexcept {
+    return *reinterpret_cast<const VColType*>(buf + slotOffset);
+  }
+  static VColType& at(byte_t* buf, std::size_t slotOffset) noexcept {
+    return *reinterpret_cast<VColType*>(buf + slotOffset);
+  }
+};
+static_assert(sizeof(VColType) == 4 && alignof(VColType) == 1 && std::is_trivial_v<VColType>);
+
+/// Owner of one row buffer, a block of malloc, calloc or realloc that it frees.
+class KORVO_API KoRowBuf {
+ public:
+  explicit KoRowBuf(byte_t* buf = nullptr) noexcept : buf_(buf) {}
+  ~KoRowBuf() { std::free(buf_); }
+  KoRowBuf(const KoRowBuf&) = delete;
+  KoRowBuf& operator=(const KoRowBuf&) = delete;
+
+  byte_t* buf_;
+};
+
+namespace detail {
+
+/// The file that assertions of this module's headers name.
+inline constexpr const char* rowHeader = "src-includes/api/Korvo/baseRow.h";
+
+constexpr std::size_t encodedAddressLength(AddressFamily af) {
+  return af == ipv4_ ? ipv4Length : af == ipv6_ ? ipv6Length : 0;
+}
+/// The family that an encoded address of `length` bytes has; the length alone tells it.
+constexpr AddressFamily familyOfAddress(std::size_t length) {
+  return length == ipv4Length ? ipv4_ : length == ipv6Length ? ipv6_ : unknown_;
+}
+/// The family that an encoded prefix of `length` bytes has.
+constexpr AddressFamily familyOfPrefix(std::size_t length) {
+  return length == ipv4Length + 1U ? ipv4_ : length == ipv6Length + 1U ? ipv6_ : unknown_;
+}
+
+/// The place that values take in a row.
+struct Extent {
+  unsigned int end;       ///< behind the last one, at least the base length
+  unsigned int used = 0;  ///< bytes of all of them
+
+  /// No branches: rows have many columns, and some are empty.
+  void add(const VColType& slot) noexcept {
+    const auto word = loadField<std::uint32_t>(&slot);
+    const unsigned int length = word >> 16 & maxValueLength;
+    const unsigned int ifPresent = 0U - static_cast<unsigned int>(length != 0);
+    end = std::max(end, ((word & 0xFFFF) + length) & ifPresent);
+    used += length;
+  }
+};
+
+}  // namespace detail
+}  // namespace Korvo

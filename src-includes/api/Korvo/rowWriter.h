@@ -1,0 +1,120 @@
+#pragma once
+
+// Writing many columns of a row.
+
+#include <Korvo/row.h>
+
+#include <optional>
+#include <span>
+#include <vector>
+
+namespace Korvo {
+
+/// Fills a row of many columns. A row says nowhere where its data ends, so each of its writers
+/// looks at every slot first; a RowWriter looks once and keeps count, and the time to set all
+/// columns grows with their number, not with its square. What it leaves in the row is byte for byte
+/// what the row's own writers leave, with their exceptions and guarantees.
+///
+/// The row outlives its writer, and meanwhile is written by nothing else; it may be read and
+/// shared. Its block may be larger than the row until the writer ends, which counts as one more
+/// write: the row then has a block of its length. A row that has come to share the larger block
+/// meanwhile keeps it, as nobody may move what another thread may be reading. The slots that the
+/// row's class lists stay the same.
+class KORVO_API RowWriter {
+ public:
+  /// `fdLen` is the row's base length; 0 stops the process. Changes nothing yet.
+  RowWriter(BaseRow& row, len_t fdLen) : RowWriter(row, fdLen, {}) {}
+  ~RowWriter();
+  RowWriter(const RowWriter&) = delete;
+  RowWriter& operator=(const RowWriter&) = delete;
+
+  // As BaseRow's.
+  template <typename T>
+  void setFixedColumn(len_t offset, const T& value);
+  template <typename T>
+  void setColumn(len_t slotOffset, const T& value);
+  template <typename T>
+  void setColumn(len_t slotOffset, const std::vector<T>& values);
+  template <typename T>
+  void updateFixElemArray(len_t slotOffset, const std::vector<T>& values);
+
+ protected:
+  // For the writers of row classes.
+
+  /// `slots` names each column of the row's class, once; they outlive the writer.
+  RowWriter(BaseRow& row, len_t fdLen, std::span<const len_t> slots);
+  template <typename Value>
+  void write(len_t slotOffset, const Value& value);
+  void write(len_t slotOffset, const detail::EncodedValue& value);
+
+ private:
+  friend BaseRow;
+
+  BaseRow::Place makePlace(len_t slotOffset, std::size_t length, std::span<const byte_t> source);
+  void clearColumn(len_t slotOffset);
+  void forgetFormerBlock() noexcept;
+  bool isOwnBlock(const byte_t* buf) const noexcept;
+  void giveBack();
+
+  // Asked by the row while it makes room.
+  const detail::Extent& extentBeside(const byte_t* buf, len_t slotOffset);
+  void forgetExtent() noexcept { extent_.reset(); }
+  byte_t* enlargeBlock(byte_t* buf, len_t newLength);
+  bool isListedOnce(len_t slotOffset) const;
+
+  BaseRow& row_;
+  const len_t baseLength_;
+  const std::span<const len_t> declaredSlots_;
+  std::vector<len_t> listedSlots_;  ///< of a row whose class may list them as it likes; sorted
+
+  /// The place that all values take, where it is known.
+  std::optional<detail::Extent> extent_;
+  detail::Extent extentBeside_{0};  ///< without a column's that is written
+
+  /// A block that this writer made larger than the row.
+  struct Block {
+    byte_t* begin = nullptr;
+    std::size_t length = 0;
+    len_t rowLength = 0;  ///< whoever else makes the row longer gives it another block
+  };
+  Block block_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Inline bodies
+
+template <typename T>
+void RowWriter::setFixedColumn(len_t offset, const T& value) {
+  row_.setFixedColumn(offset, value);
+  forgetFormerBlock();
+}
+
+template <typename T>
+void RowWriter::setColumn(len_t slotOffset, const T& value) {
+  static_assert(detail::isVariable<T>,
+                "setColumn<T>: T is std::string, IpGenAddr, IpGenPrefix, one of their references, "
+                "SubRowReference, or a vector of the first three");
+  write(slotOffset, detail::encoded(value));
+}
+
+template <typename T>
+void RowWriter::setColumn(len_t slotOffset, const std::vector<T>& values) {
+  static_assert(detail::isArrayElement<T>,
+                "setColumn of an array: the elements are std::string, IpGenAddr or IpGenPrefix; "
+                "updateFixElemArray<bool> writes an array of bool");
+  write(slotOffset, detail::EncodedArray(values));
+}
+
+template <typename T>
+void RowWriter::updateFixElemArray(len_t slotOffset, const std::vector<T>& values) {
+  static_assert(std::is_same_v<T, bool>, "updateFixElemArray<T>: T is bool");
+  write(slotOffset, detail::EncodedArray(values));
+}
+
+template <typename Value>
+void RowWriter::write(len_t slotOffset, const Value& value) {
+  if (value.isEmpty()) return clearColumn(slotOffset);
+  makePlace(slotOffset, value.length(), value.source()).fill(value);
+}
+
+}  // namespace Korvo

@@ -1,0 +1,15 @@
+// Refused: a column lies in the header or ends beyond 65535 bytes
+
+// No column stands over a row's length, type or oid.
+
+#include <Korvo/TableRow.h>
+
+using Good = Korvo::RowLayout<1, Korvo::Column<"first", std::uint8_t, 8>>;
+#ifdef BAD_LINE
+using Bad = Korvo::RowLayout<1, Korvo::Column<"first", std::uint8_t, 7>>;
+constexpr auto bad = Bad::baseLength;
+#endif
+
+int main() {
+  return Good::baseLength == 9 ? 0 : 1;
+}
