@@ -757,11 +757,8 @@ class SchedulerPrinter:
     def children(self):
         try:
             size = self.queue().size() or 0
-            shown = min(size, shown_elements())
-            for i, entry in enumerate(self.queue().elements(shown)):
+            for i, entry in enumerate(self.queue().elements(min(size, shown_elements()))):
                 yield f"[{i}]", entry_text(entry)
-            if shown < size:
-                yield "...", f"{size - shown} more"
             yield from own_fields(self.value, self.LIBRARY)
         except gdb.error:
             return
