@@ -11,7 +11,7 @@ ROUNDS = 40
 
 TYPES = [
     "Port", "All", "Odd", "NotedPort", "Host", "Counter", "Korvo::BaseRow", "Korvo::SubRowReference",
-    "Korvo::KoRowBuf", "Korvo::VColType", "Korvo::RunnableEntry",
+    "Korvo::VColType",
     "Korvo::StringValueReference", "Korvo::IpGenAddrReference", "Korvo::IpGenPrefixReference",
     "Korvo::ArrayReference<Korvo::StringValueReference>", "Korvo::ArrayReference<bool>",
     "Korvo::IpAddr", "Korvo::Ip6Addr", "Korvo::IpGenAddr", "Korvo::IpGenPrefix",
@@ -48,7 +48,8 @@ def main():
     pointers = [int(gdb.parse_and_eval(f"(unsigned long){name}")) for name in ("&port", "&everyType", "&first")]
     pointers += [address, address + size // 2, 0, 16, (1 << 8 * word) - 1, (1 << 8 * word - 1)]
     types = {name: gdb.lookup_type(name).pointer() for name in TYPES}
-    types["Korvo::Scheduler"] = gdb.parse_and_eval("queue").type
+    for pointer in ("queue", "queuePlace", "buffer"):  # classes that may be known by name only
+        types[pointer] = gdb.parse_and_eval(pointer).type
     for what, pointer in types.items():
         value = anything.cast(pointer).dereference()
         for _ in range(ROUNDS):
