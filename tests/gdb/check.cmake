@@ -16,8 +16,9 @@ elseif(CASE STREQUAL "installed")
                   OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)
   file(GLOB_RECURSE installed ${WORK}/lib*/libKorvoAPI.so)
   cmake_path(GET installed PARENT_PATH library_dir)
-  set(ENV{LD_LIBRARY_PATH} ${library_dir})
-  list(APPEND options -iex "add-auto-load-scripts-directory ${WORK}/share/gdb/auto-load"
+  cmake_path(GET CRYPTO PARENT_PATH crypto_dir)  # an installed library finds it by itself or not
+  list(APPEND options -ex "set environment LD_LIBRARY_PATH ${library_dir}:${crypto_dir}"
+       -iex "add-auto-load-scripts-directory ${WORK}/share/gdb/auto-load"
        -iex "add-auto-load-safe-path ${WORK}/share/gdb/auto-load")
 else()
   list(APPEND options -iex "add-auto-load-safe-path ${library_dir}")
