@@ -16,7 +16,6 @@
 
 #include <Korvo/export.h>
 
-#include <cctype>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -130,11 +129,11 @@ KORVO_API int removeTree(std::string path);
 
 /// Copies a file's bytes; 0 on success, -1 on failure, with the destination left as far as it got:
 /// it is created or emptied even if the source cannot be opened. An empty source is a failure. So
-/// is copying a file onto itself, under any name, which leaves it whole. An error that shows only
-/// at closing is not reported.
+/// is copying a file onto itself, under any name, which leaves it whole. Every error of a read or a
+/// write is a failure; what the system tells only at closing is not looked at.
 KORVO_API int copyFile(const std::string& from, const std::string& to);
 
-// These two are here because a call costs as much as the work on a short text.
+// Here because a call costs as much as the work on a short text.
 
 inline std::uint64_t KoStrUtils::stoUint64_t(const std::string& text) {
   // A negative difference wraps round, and so do the sums.
