@@ -50,7 +50,10 @@ def parse(include_dir, headers):
 
 def name_of(cursor):
     """`Row` for a template Row<T>, whose constructors are called so too."""
-    return re.sub(r"(?<!operator)<.*", "", cursor.spelling)
+    name = cursor.spelling
+    if cursor.kind == Kind.CONVERSION_FUNCTION:
+        return "operator type"  # not every tool writes the type alike
+    return name if name.startswith("operator") else name.partition("<")[0]
 
 
 def full_name_of(cursor):
@@ -65,7 +68,7 @@ def public_names(unit, files):
     """{qualified name: its declaration}"""
     names = {}
 
-    def visit(scope):
+    def visit(scope, names=names):
         for child in scope.get_children():
             if child.location.file is None:
                 continue
@@ -77,7 +80,10 @@ def public_names(unit, files):
                 if child.spelling not in ("", "detail", "std"):
                     visit(child)
             elif child.kind == Kind.FRIEND_DECL:
-                visit(child)
+                friends = {}
+                visit(child, friends)
+                class_name = full_name_of(scope)
+                names |= {f"{class_name}::{name_of(each)}": each for each in friends.values()}
             elif child.kind in CLASSES and child.is_definition():
                 names.setdefault(full_name_of(child), child)
                 visit(child)
@@ -93,7 +99,8 @@ def public_names(unit, files):
                     names.setdefault(full_name_of(child), child)
 
     visit(unit.cursor)
-    return names
+    hidden = re.compile(r"^std::|::detail::")
+    return {name: cursor for name, cursor in names.items() if not hidden.search(name)}
 
 
 def is_given(cursor):
@@ -126,16 +133,15 @@ def described_names(docs_dir):
     anchors = {}
 
     def has_page(identifier):
-        if identifier.startswith("namespacestd"):
-            return False
+        """A page of its own, or a place on its scope's."""
+        if (docs_dir / "html" / f"{identifier}.html").is_file():
+            return True
         page, _, anchor = identifier.rpartition("_1")
-        for file, wanted in ((identifier, ""), (page, anchor)):
-            path = docs_dir / "html" / f"{file}.html"
-            if path not in anchors:
-                anchors[path] = path.read_text(encoding="utf-8") if path.is_file() else None
-            if anchors[path] is not None and f'id="{wanted}"' in anchors[path] + 'id=""':
-                return True
-        return False
+        path = docs_dir / "html" / f"{page}.html"
+        if path not in anchors:
+            text = path.read_text(encoding="utf-8") if path.is_file() else ""
+            anchors[path] = set(re.findall(r'id="(\w+)"', text))
+        return anchor in anchors[path]
 
     def add(name, definition):
         text, page = described.get(name, (False, False))
@@ -149,9 +155,7 @@ def described_names(docs_dir):
                 add(scope, compound)
             scope = scope + "::" if compound.get("kind") in ("class", "struct", "namespace") else ""
             for member in compound.iter("memberdef"):
-                name = scope + re.sub(r"^operator ", "operator", member.findtext("name"))
-                if member.get("kind") == "friend":
-                    name = scope.rpartition("::")[0].rpartition("::")[0] + "::" + name
+                name = scope + re.sub(r"^operator \w.*", "operator type", member.findtext("name"))
                 add(name, member)
                 for value in member.findall("enumvalue"):
                     # Enumerators stand on their enumeration's page.

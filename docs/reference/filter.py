@@ -95,8 +95,7 @@ def with_texts_of_names(text):
         elif member:
             lines[i] += f" ///< What {member.group(1)}() tells."
         elif operator and operator.group(1) in FOLLOWING:
-            note = f" ///< Goes with operator{FOLLOWING[operator.group(1)]}."
-            lines[i] = line[:-2] + note.replace("///<", "/**<") + " */ {" if line.endswith(" {") else line + note
+            lines[i] = f"/** Goes with operator{FOLLOWING[operator.group(1)]}. */ {line}"
     return "\n".join(lines)
 
 
@@ -104,8 +103,13 @@ def header(text):
     # A specialisation of a variable of the standard library's, which Doxygen takes for an error.
     text = re.sub(r"template <typename T>\n(.*enable_borrowed_range.*)", r"\n", text)
 
-    head = re.search(r"(?<=#pragma once\n\n)(//.*\n)+", text)
-    if head:
+    text = re.sub(r"friend (class )?[\w:]+;", "", text)
+
+    head = re.search(r"(?<=#pragma once\n\n)(//(?!/).*\n)+", text)
+    if not head:
+        file = "/// @file\n/// Declarations that the other headers share.\n"
+        text = text.replace("#pragma once\n\n", f"#pragma once\n{file}\n", 1)
+    else:
         lines = head.group().splitlines()
         lines = [re.sub(r"^//(   ?)(?=\S| )", r"///    \1", line) for line in lines]
         lines = [re.sub(r"^//(?!/)", "///", line) for line in lines]

@@ -17,24 +17,24 @@ struct LinkLayout
 }  // namespace
 
 struct PortLayout
-    : Korvo::RowLayout<
-          7, Korvo::Column<"speed", std::uint32_t>, Korvo::Column<"name", std::string>,
-          Korvo::Column<"net", Korvo::IpGenPrefix>, Korvo::Column<"tags", std::vector<std::string>>,
-          Korvo::Column<"lanes", std::vector<bool>>,
-          Korvo::Column<"link", Korvo::Nested<LinkLayout>>> {};
+    : Korvo::RowLayout<7, Korvo::Column<"speed", std::uint32_t>, Korvo::Column<"name", std::string>,
+                       Korvo::Column<"net", Korvo::IpGenPrefix>,
+                       Korvo::Column<"tags", std::vector<std::string>>,
+                       Korvo::Column<"lanes", std::vector<bool>>,
+                       Korvo::Column<"link", Korvo::Nested<LinkLayout>>> {};
 using Port = Korvo::TableRow<PortLayout>;
 
 struct AllLayout
-    : Korvo::RowLayout<
-          9, Korvo::Column<"u8", std::uint8_t>, Korvo::Column<"u16", std::uint16_t>,
-          Korvo::Column<"u32", std::uint32_t>, Korvo::Column<"u64", std::uint64_t>,
-          Korvo::Column<"i8", std::int8_t>, Korvo::Column<"i16", std::int16_t>,
-          Korvo::Column<"i32", std::int32_t>, Korvo::Column<"i64", std::int64_t>,
-          Korvo::Column<"f", float, 50>, Korvo::Column<"d", double>, Korvo::Column<"b", bool>,
-          Korvo::Column<"v4", Korvo::IpAddr>, Korvo::Column<"v6", Korvo::Ip6Addr>,
-          Korvo::Column<"addresses", std::vector<Korvo::IpGenAddr>>,
-          Korvo::Column<"nets", std::vector<Korvo::IpGenPrefix>>,
-          Korvo::Column<"port", Korvo::Nested<PortLayout>>> {};
+    : Korvo::RowLayout<9, Korvo::Column<"u8", std::uint8_t>, Korvo::Column<"u16", std::uint16_t>,
+                       Korvo::Column<"u32", std::uint32_t>, Korvo::Column<"u64", std::uint64_t>,
+                       Korvo::Column<"i8", std::int8_t>, Korvo::Column<"i16", std::int16_t>,
+                       Korvo::Column<"i32", std::int32_t>, Korvo::Column<"i64", std::int64_t>,
+                       Korvo::Column<"f", float, 50>, Korvo::Column<"d", double>,
+                       Korvo::Column<"b", bool>, Korvo::Column<"v4", Korvo::IpAddr>,
+                       Korvo::Column<"v6", Korvo::Ip6Addr>,
+                       Korvo::Column<"addresses", std::vector<Korvo::IpGenAddr>>,
+                       Korvo::Column<"nets", std::vector<Korvo::IpGenPrefix>>,
+                       Korvo::Column<"port", Korvo::Nested<PortLayout>>> {};
 using All = Korvo::TableRow<AllLayout>;
 
 // A layout without a name of its own, and what can go wrong in the name of a column.
@@ -166,7 +166,8 @@ void fillRows() {
   odd.create(13);
   odd.set<"longer than others">(std::string(300, 'x'));
   nets = Korvo::ArrayReference<Korvo::IpGenPrefix>(
-      everyType.rowBuf() + Korvo::VColType::at(everyType.rowBuf(), AllLayout::offset<"nets">).offset());
+      everyType.rowBuf() +
+      Korvo::VColType::at(everyType.rowBuf(), AllLayout::offset<"nets">).offset());
 }
 
 // Rows that no writer of the library leaves.
