@@ -84,29 +84,35 @@ inline std::uint64_t leadingBytes(const void* bytes, std::size_t count) noexcept
 // ---------------------------------------------------------------------------------------------
 // Numbers of the row format
 
-inline constexpr len_t rowLengthOffset = 0;
-inline constexpr len_t rowTypeOffset = 2;
-inline constexpr len_t rowOidOffset = 4;
-inline constexpr len_t rowHeaderLength = 8;
-inline constexpr std::size_t maxRowLength = 65535;
-inline constexpr std::size_t maxValueLength = 32767;
-inline constexpr len_t arrayHeaderLength = 2;
-inline constexpr unsigned int arrayCountMask = 0x0FFF;
-inline constexpr byte_t arrayCountHighMask = 0x0F;  // of the header's second byte
-inline constexpr byte_t arrayVariableMark = 0x10;   // of the header's second byte
-inline constexpr byte_t slotArrayMark = 0x80;       // of the slot's fourth byte
-inline constexpr byte_t ipv4Length = 4;
-inline constexpr byte_t ipv6Length = 16;
+inline constexpr len_t rowLengthOffset = 0;             ///< of the row length in a row's header
+inline constexpr len_t rowTypeOffset = 2;               ///< of the row type in the header
+inline constexpr len_t rowOidOffset = 4;                ///< of the oid in the header
+inline constexpr len_t rowHeaderLength = 8;             ///< bytes of the header
+inline constexpr std::size_t maxRowLength = 65535;      ///< bytes of the longest row
+inline constexpr std::size_t maxValueLength = 32767;    ///< bytes of the longest encoded value
+inline constexpr len_t arrayHeaderLength = 2;           ///< bytes of an array's header
+inline constexpr unsigned int arrayCountMask = 0x0FFF;  ///< the count's bits in an array's header
+/// Of the header's second byte: the count's upper bits.
+inline constexpr byte_t arrayCountHighMask = 0x0F;
+/// Of the header's second byte: elements of variable length.
+inline constexpr byte_t arrayVariableMark = 0x10;
+/// Of a slot's fourth byte: the column holds an array.
+inline constexpr byte_t slotArrayMark = 0x80;
+inline constexpr byte_t ipv4Length = 4;   ///< bytes of an IPv4 address
+inline constexpr byte_t ipv6Length = 16;  ///< bytes of an IPv6 address
 
 /// The slot of a variable-length column. It may stand at any address.
 struct VColType {
-  byte_t offsetBytes[2];
-  byte_t lengthBytes[2];
+  byte_t offsetBytes[2];  ///< the data offset
+  byte_t lengthBytes[2];  ///< the data length, and the array mark as the highest bit
 
+  /// Of the value, from the row's first byte; 0 when there is none.
   len_t offset() const noexcept { return loadField<len_t>(offsetBytes); }
+  /// Of the encoded value, in bytes; 0 when the column is empty.
   len_t length() const noexcept {
     return static_cast<len_t>(loadField<len_t>(lengthBytes) & maxValueLength);
   }
+  /// Whether the column holds an array, or did when it was cleared.
   bool isArray() const noexcept { return (lengthBytes[1] & slotArrayMark) != 0; }
 
   /// `length` is at most 32767.
@@ -118,9 +124,11 @@ struct VColType {
   /// marked as one.
   void clear() noexcept { valueIs(0, 0, isArray()); }
 
+  /// The slot that stands at `slotOffset` in a row or an array; valid as long as the buffer.
   static const VColType& at(const byte_t* buf, std::size_t slotOffset) noexcept {
     return *reinterpret_cast<const VColType*>(buf + slotOffset);
   }
+  /// The same for writing.
   static VColType& at(byte_t* buf, std::size_t slotOffset) noexcept {
     return *reinterpret_cast<VColType*>(buf + slotOffset);
   }
@@ -130,12 +138,13 @@ static_assert(sizeof(VColType) == 4 && alignof(VColType) == 1 && std::is_trivial
 /// Owner of one row buffer, a block of malloc, calloc or realloc that it frees.
 class KORVO_API KoRowBuf {
  public:
+  /// Takes over `buf`, which may be null.
   explicit KoRowBuf(byte_t* buf = nullptr) noexcept : buf_(buf) {}
   ~KoRowBuf() { std::free(buf_); }
   KoRowBuf(const KoRowBuf&) = delete;
   KoRowBuf& operator=(const KoRowBuf&) = delete;
 
-  byte_t* buf_;
+  byte_t* buf_;  ///< the block; null for none
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -146,16 +155,23 @@ class KORVO_API KoRowBuf {
 class StringValueReference {
  public:
   constexpr StringValueReference() = default;
+  /// Of `length` bytes from `data` on.
   constexpr StringValueReference(const char* data, len_t length) : data_(data), length_(length) {}
 
+  /// The first byte.
   constexpr const char* data() const { return data_; }
+  /// In bytes.
   constexpr len_t length() const { return length_; }
+  /// The same as length().
   constexpr len_t size() const { return length_; }
+  /// Whether there is no byte.
   constexpr bool empty() const { return length_ == 0; }
+  /// The text as a view, valid as long as this reference.
   constexpr std::string_view view() const { return {data_, length_}; }
-  // Every reader of text takes a view.
+  /// Every reader of text takes a view.
   constexpr operator std::string_view() const { return view(); }  // NOLINT
 
+  /// All bytes count.
   bool operator==(const StringValueReference& other) const {
     return length_ == other.length_ && compareCommon(other) == 0;
   }
@@ -189,10 +205,13 @@ class StringValueReference {
 class IpGenAddrReference {
  public:
   constexpr IpGenAddrReference() = default;
+  /// Of the 4 or 16 bytes from `addr` on.
   constexpr IpGenAddrReference(const byte_t* addr, AddressFamily af)
       : addr_(addr), af_(static_cast<byte_t>(af)) {}
 
+  /// The address's first byte; null for a null reference.
   constexpr const byte_t* addr() const { return addr_; }
+  /// The family; unknown_ also for an encoded value of a wrong length.
   constexpr AddressFamily af() const { return static_cast<AddressFamily>(af_); }
 
   /// By family first, then by address; all references of family unknown_ are equal, and no byte of
@@ -201,6 +220,7 @@ class IpGenAddrReference {
     return af_ == other.af_ && compareBytes(other) == 0;
   }
   bool operator!=(const IpGenAddrReference& other) const { return !(*this == other); }
+  /// By family first, then by address.
   bool operator<(const IpGenAddrReference& other) const { return compare(other) < 0; }
   bool operator>(const IpGenAddrReference& other) const { return compare(other) > 0; }
   bool operator<=(const IpGenAddrReference& other) const { return compare(other) <= 0; }
@@ -231,11 +251,15 @@ class IpGenAddrReference {
 class IpGenPrefixReference {
  public:
   constexpr IpGenPrefixReference() = default;
+  /// Of the 4 or 16 bytes from `addr` on.
   constexpr IpGenPrefixReference(const byte_t* addr, AddressFamily af, byte_t mask)
       : addr_(addr), af_(static_cast<byte_t>(af)), mask_(mask) {}
 
+  /// The address's first byte; null for a null reference.
   constexpr const byte_t* addr() const { return addr_; }
+  /// The family; unknown_ also for an encoded value of a wrong length.
   constexpr AddressFamily af() const { return static_cast<AddressFamily>(af_); }
+  /// The prefix length as it is stored; nobody has checked it.
   constexpr byte_t mask() const { return mask_; }
 
   /// Whether the other's address lies in this prefix; the other's length is not looked at, on
@@ -508,15 +532,19 @@ class ArrayReference {
   /// The same where the end of the row is known, one past its last byte.
   ArrayReference(const byte_t* array, const byte_t* rowEnd) : array_(array), rowEnd_(rowEnd) {}
 
+  /// The number of elements.
   unsigned int size() const {
     return array_ == nullptr ? 0 : loadField<std::uint16_t>(array_) & arrayCountMask;
   }
+  /// Whether there is no element.
   bool empty() const { return size() == 0; }
 
   /// Throws KoOutOfRange "Invalid index" at or beyond size().
   T operator[](unsigned int index) const;
 
+  /// At the first element.
   Iterator begin() const { return Iterator(*this, 0); }
+  /// Behind the last element.
   Iterator end() const { return Iterator(*this, size()); }
 
  private:
@@ -532,25 +560,31 @@ class ArrayReference {
 template <typename T>
 class ArrayReference<T>::Iterator {
  public:
-  using value_type = T;
-  using difference_type = std::ptrdiff_t;
-  using reference = T;
-  using pointer = void;
-  using iterator_category = std::input_iterator_tag;  // elements are values, not references
-  using iterator_concept = std::random_access_iterator_tag;
+  using value_type = T;                    ///< what an element is given as
+  using difference_type = std::ptrdiff_t;  ///< of two iterators
+  using reference = T;                     ///< elements are values
+  using pointer = void;                    ///< there is none
+  /// Elements are values, not references.
+  using iterator_category = std::input_iterator_tag;
+  using iterator_concept = std::random_access_iterator_tag;  ///< what it offers
 
   Iterator() = default;
+  /// At the element `index` of the array.
   Iterator(const ArrayReference& array, unsigned int index)
       : array_(array), index_(static_cast<difference_type>(index)) {}
 
+  /// The element's value. Throws KoOutOfRange behind the last one.
   T operator*() const { return array_[static_cast<unsigned int>(index_)]; }
+  /// The value `n` elements further on.
   T operator[](difference_type n) const { return *(*this + n); }
 
+  /// Moves by `n` elements; nothing is checked.
   Iterator& operator+=(difference_type n) {
     index_ += n;
     return *this;
   }
   Iterator& operator-=(difference_type n) { return *this += -n; }
+  /// Moves to the next element.
   Iterator& operator++() { return *this += 1; }
   Iterator& operator--() { return *this += -1; }
   Iterator operator++(int) {
@@ -563,9 +597,11 @@ class ArrayReference<T>::Iterator {
     --*this;
     return before;
   }
+  /// The iterator `n` elements further on.
   friend Iterator operator+(Iterator it, difference_type n) { return it += n; }
   friend Iterator operator+(difference_type n, Iterator it) { return it += n; }
   friend Iterator operator-(Iterator it, difference_type n) { return it -= n; }
+  /// How many elements lie between them.
   friend difference_type operator-(const Iterator& a, const Iterator& b) {
     return a.index_ - b.index_;
   }
@@ -606,6 +642,7 @@ class KORVO_API BaseRow {
 
   /// The buffer, for reading and for writing; neither copies. They throw KoNullRow for a null row.
   virtual byte_t* rowBuf() const;
+  /// The buffer for writing; it does not copy a shared one. Throws KoNullRow for a null row.
   virtual byte_t* rwRowBuf();
   /// Installs `buf` without freeing the old block; every row that shares the owner sees it. Throws
   /// KoNullRow for a null row.
@@ -615,14 +652,17 @@ class KORVO_API BaseRow {
   virtual ~BaseRow() = default;
   /// These three belong to the table's row class; here they stop the process.
   virtual vcdType& vcd() const;
+  /// The place of the named column. Belongs to the table's row class; here it stops the process.
   virtual len_t columnOffset(const std::string& name) const;
   /// Makes the row null.
   virtual void nullifyRow();
+  /// Whether the row has no buffer.
   virtual bool isNull() const;
   /// The header as text: "len = 64, type = 3, oid = 1001", or "len = 0, NULL".
   virtual std::string toString() const;
   /// Empty here; a table's row class may override it.
   virtual std::string toJson() const;
+  /// Where the variable area begins. Belongs to the table's row class; here it stops the process.
   virtual len_t baseRowLength();
   /// Whether vcd() lists every variable-length column. Only then are gaps reused and rows
   /// compacted; otherwise every new value is appended.
@@ -631,8 +671,11 @@ class KORVO_API BaseRow {
   virtual void clearRow();
 
   // The header's fields. They throw KoNullRow for a null row; the setters copy a shared buffer.
+  /// The whole row's length in bytes. Throws KoNullRow for a null row, as the next two.
   len_t rowLength() const { return loadField<len_t>(rowBuf() + rowLengthOffset); }
+  /// The table's number for its rows.
   std::uint16_t rowType() const { return loadField<std::uint16_t>(rowBuf() + rowTypeOffset); }
+  /// The row's object id.
   oid_t rowOid() const { return loadField<oid_t>(rowBuf() + rowOidOffset); }
   void rowTypeIs(std::uint16_t type) { setField(rowTypeOffset, type); }
   void rowOidIs(oid_t oid) { setField(rowOidOffset, oid); }
@@ -642,6 +685,7 @@ class KORVO_API BaseRow {
   /// The column's value; zero for a null row. T is a fixed-width type of the catalogue.
   template <typename T>
   T fixedColumn(len_t offset) const;
+  /// Writes a fixed-width column.
   template <typename T>
   void setFixedColumn(len_t offset, const T& value);
 
@@ -664,10 +708,13 @@ class KORVO_API BaseRow {
   /// row or a sub-row of it.
   void copyVarColumn(len_t srcSlotOffset, const BaseRow& src, len_t dstSlotOffset, len_t fdLen);
 
+  /// As getColumn() of an array.
   template <typename T>
   void getVarElemArray(len_t slotOffset, std::vector<T>& out) const;
+  /// As setColumn(), but for its assertion.
   template <typename T>
   void updateVarElement(len_t slotOffset, len_t fdLen, const T& value);
+  /// As setColumn() of an array, but for its assertion.
   template <typename T>
   void updateVarElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values);
   /// Writes an array of bool, one byte each.
@@ -680,12 +727,16 @@ class KORVO_API BaseRow {
   // Comparison and hash in place, for the three reference types. They throw KoNullRow for a null
   // row. The column's type is the caller's word.
 
+  /// Whether this row's column == the other's.
   template <typename T>
   bool columnEqual(len_t slotOffset, const BaseRow& other, len_t otherSlotOffset) const;
+  /// Whether this row's column == the value.
   template <typename T>
   bool columnEqualConst(len_t slotOffset, const T& value) const;
+  /// Whether this row's column < the other's.
   template <typename T>
   bool columnLess(len_t slotOffset, const BaseRow& other, len_t otherSlotOffset) const;
+  /// A hash of the column's bytes, 32 bits wide and the same on every host.
   template <typename T>
   unsigned int columnHash(len_t slotOffset) const;
   /// The reference's orderKey().
@@ -694,6 +745,7 @@ class KORVO_API BaseRow {
 
   // Encoded values.
 
+  /// The bytes that the value takes when it is encoded, of 16 bits as the length fields.
   template <typename T>
   static len_t encodeLength(const T& value);
   template <typename T>
@@ -701,8 +753,10 @@ class KORVO_API BaseRow {
   /// Writes encodeLength(value) bytes to `dst` and returns their number.
   template <typename T>
   static len_t encode(void* dst, const T& value);
+  /// Reads a value from `length` encoded bytes; as getColumn().
   template <typename T>
   static void decode(const void* src, len_t length, T& out);
+  /// Gives `out` the null value of its type.
   template <typename T>
   static void setToNull(T& out);
 
@@ -728,19 +782,24 @@ class KORVO_API BaseRow {
   /// variable area are not looked at.
   void installCopy(const void* bytes, std::size_t length, len_t baseLength, std::uint16_t rowType);
 
+  /// Throws KoNullRow.
   [[noreturn]] static void throwNullRow();
 
   // The writers without a virtual call, for row classes whose rwRowBuf() is BaseRow's own. `Slots`
   // is what such a class knows of its columns while it is compiled: baseLength, and extent(buf),
   // the place that all values take in a buffer.
 
+  /// As setFixedColumn().
   template <typename T>
   void setOwnField(len_t offset, const T& value);
+  /// As setColumn() of a value.
   template <typename Slots>
   void writeOwnValue(len_t slotOffset, const detail::EncodedValue& value);
+  /// As setColumn() of an array.
   template <typename Slots, typename T>
   void writeOwnArray(len_t slotOffset, const std::vector<T>& values);
 
+  /// The owner of the buffer, shared with other rows; empty for a null row.
   KoPtr<KoRowBuf> rowBuf_;
 
  private:
@@ -802,19 +861,24 @@ class KORVO_API RowWriter {
   RowWriter& operator=(const RowWriter&) = delete;
 
   // As BaseRow's.
+  /// Writes a fixed-width column.
   template <typename T>
   void setFixedColumn(len_t offset, const T& value);
+  /// As BaseRow's.
   template <typename T>
   void setColumn(len_t slotOffset, const T& value);
   template <typename T>
   void setColumn(len_t slotOffset, const std::vector<T>& values);
+  /// As BaseRow's.
   template <typename T>
   void updateFixElemArray(len_t slotOffset, const std::vector<T>& values);
 
  protected:
   // For the writers of row classes.
 
+  /// Writes an encoded value; an empty one makes the column null.
   void writeValue(len_t slotOffset, const detail::EncodedValue& value);
+  /// Writes an array; an empty one makes the column null.
   template <typename T>
   void writeArray(len_t slotOffset, const std::vector<T>& values);
 
@@ -848,6 +912,7 @@ KORVO_API std::ostream& operator<<(std::ostream& os, const BaseRow& row);
 /// offset. Of columns with one data offset, the last in vcd() order stays.
 class KORVO_API varFieldMap : public std::map<len_t, len_t> {
  public:
+  /// The row's columns as they are now. Throws KoNullRow for a null row.
   explicit varFieldMap(const BaseRow& row);
 };
 
@@ -866,9 +931,12 @@ class KORVO_API SubRowReference : public BaseRow {
   SubRowReference& operator=(SubRowReference&&) noexcept = default;
 
   byte_t* rowBuf() const override;
+  /// Stops the process: a nested row is never written in place.
   byte_t* rwRowBuf() override;
   ~SubRowReference() override = default;
+  /// Stops the process.
   void nullifyRow() override;
+  /// Whether this refers to nothing.
   bool isNull() const override;
 
  private:
