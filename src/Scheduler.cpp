@@ -253,7 +253,9 @@ constexpr std::size_t kMuchLonger = 8;
 
 }  // namespace
 
-Scheduler::Scheduler(const std::string& name) : name_(name) {}
+Scheduler::Scheduler(const std::string& name) : name_(name) {
+  entries_.max_load_factor(0.5F);  // most buckets then have one unit or none, which is foreseen
+}
 
 Scheduler::~Scheduler() {
   detail::DestructionWatch::notify(watches_);
@@ -345,7 +347,7 @@ Schedulable* Scheduler::popUnit() {
 void Scheduler::giveBackMemory() {
   const std::size_t longest = std::exchange(longestQueue_, runQueue_.size());
   runQueue_.shrink_to_fit();
-  if (entries_.bucket_count() > 4 * longest) return;  // more than it grew to: reserved
+  if (entries_.bucket_count() > 8 * longest) return;  // more than it grew to: reserved
   try {
     entries_.rehash(0);
   } catch (const std::bad_alloc&) {
