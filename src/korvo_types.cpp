@@ -206,6 +206,7 @@ constexpr std::size_t groupCount = 8;
 bool readGroup(const char*& in, const char* end, std::uint32_t& value) {
   constexpr int maxLength = 4;
   const char* const begin = in;
+  // Nearly every group is digits and nothing else.
   value = 0;
   for (int i = 0; i < maxLength && in != end; ++i, ++in) {
     const unsigned int digit = digitValue(*in);
@@ -222,14 +223,14 @@ bool readGroup(const char*& in, const char* end, std::uint32_t& value) {
 /// Goes over the text once: the result is that of expandV6Addr, validV6Addr and a base-16
 /// conversion of each group.
 bool parseV6(std::string_view text, unsigned char (&out)[16]) {
-  std::uint32_t groups[groupCount + 1] = {};
+  std::uint32_t groups[groupCount] = {};
   std::size_t count = 0;
   std::size_t colons = 0;
   bool hasGap = false;
 
-  const char* in = text.data();
-  const char* const end = in + text.size();
-  while (in != end) {
+  const char* const begin = text.data();
+  const char* const end = begin + text.size();
+  for (const char* in = begin; in != end;) {
     if (*in != ':') {
       if (count == groupCount || !readGroup(in, end, groups[count++])) return false;
       if (in == end) break;
@@ -239,11 +240,12 @@ bool parseV6(std::string_view text, unsigned char (&out)[16]) {
     if (hasGap) return false;
     hasGap = true;
     ++in;
-    // Every colon counts, a single one at either end, too.
+    // A zero beside it where the text begins or ends, and as many between as there are colons too
+    // few, all counted: a single one at either end as well.
+    if (in == begin + 2) ++count;
+    if (in == end) ++count;
     colons += 1 + static_cast<std::size_t>(std::count(in, end, ':'));
     if (colons < groupCount) count += groupCount - colons;
-    if (in - 2 == text.data()) ++count;
-    if (in == end) ++count;
     if (count > groupCount) return false;
   }
   if (count != groupCount) return false;
@@ -322,9 +324,7 @@ bool validV6Addr(const std::string& text) {
 
 IpAddr::IpAddr(const std::string& text) : IpAddr(parsedV4(text)) {}
 
-Ip6Addr::Ip6Addr(const std::string& text) {
-  if (!parseV6(text, bytes_)) throwInvalidAddress(text);
-}
+Ip6Addr::Ip6Addr(const std::string& text) : Ip6Addr(parsedV6(text)) {}
 
 void Ip6Addr::clearLowerAddrBits(unsigned short prefixLen, unsigned short addrLenBytes) {
   const std::size_t end = std::min<std::size_t>(addrLenBytes, sizeof bytes_);

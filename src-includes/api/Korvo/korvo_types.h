@@ -323,7 +323,7 @@ class KORVO_API IpGenPrefix {
 /// Parses dotted IPv4 text (four decimal numbers, leading zeros allowed) into a word in network
 /// byte order and returns nonzero; on failure returns 0 and leaves `*out` as it was.
 KORVO_API int strToV4Addr(const std::string& text, unsigned int* out);
-/// Whether strToV4Addr() takes the text.
+/// Whether strToV4Addr takes the text.
 KORVO_API bool validV4Addr(const std::string& text);
 /// Writes out the "::" of an IPv6 text; throws KoInvalidArgument "Invalid Address - (text)" on a
 /// second "::".
