@@ -383,10 +383,12 @@ void Scheduler::runLoop(int count, double timeLimit, bool exitOnQuiescence,
   // The seconds stay 0, on purpose: pauses of a second or more are refused by the system.
   std::timespec pause{0, pauseNanoseconds(pauseTime())};
   const std::timespec start = timeLimit > 0.0 ? readClockOrExit() : std::timespec{};
+  const detail::DestructionWatch watch(watches_);
+  if (betweenUnits != nullptr && active_) betweenUnits(*this);
+  if (watch.destroyed()) return;
   const int limit = count == -1 ? eligibleUnits() : std::max(count, 0);
   int counter = 0;
 
-  const detail::DestructionWatch watch(watches_);
   while (!watch.destroyed() && active_) {
     if (timeLimit > 0.0 && seconds(readClockOrExit()) - seconds(start) >= timeLimit) {
       trace(debug_, kQueueLevel, "run",

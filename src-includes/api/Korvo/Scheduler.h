@@ -272,8 +272,8 @@ class KORVO_API Scheduler {
   bool triggerSuppressed_ = false;
   __veltoDebug debug_;
 
-  /// run(), with a call of `betweenUnits`, unless it is null, after each invocation: for a
-  /// scheduler that has more to look after than its units.
+  /// run(), with a call of `betweenUnits`, unless it is null, before the first and after each
+  /// invocation: for a scheduler that has more to look after than its units.
   void runLoop(int count, double timeLimit, bool exitOnQuiescence,
                void (*betweenUnits)(Scheduler& scheduler));
 
