@@ -3,8 +3,8 @@
 
     check.py DOCS_DIR INCLUDE_DIR HEADER...
 
-The names are the compiler's: everything that the headers declare in their namespaces, private
-members and namespace detail left out. Pages and texts are Doxygen's, in DOCS_DIR/html and
+The names are the compiler's: everything that the headers declare in their namespaces, without
+private members and namespace detail, but for the classes there that public ones derive from. Pages and texts are Doxygen's, in DOCS_DIR/html and
 DOCS_DIR/xml. Overloads share a name and may share a text.
 """
 
@@ -67,6 +67,7 @@ def full_name_of(cursor):
 def public_names(unit, files):
     """{qualified name: its declaration}"""
     names = {}
+    inherited = set()  # classes of namespace detail
 
     def visit(scope, names=names):
         for child in scope.get_children():
@@ -77,8 +78,9 @@ def public_names(unit, files):
             if child.access_specifier == cindex.AccessSpecifier.PRIVATE:
                 continue
             if child.kind == Kind.NAMESPACE:
-                if child.spelling not in ("", "detail", "std"):
-                    visit(child)
+                visit(child)
+            elif child.kind == Kind.CXX_BASE_SPECIFIER:
+                inherited.update(re.findall(r"detail::(\w+)", child.spelling))
             elif child.kind == Kind.FRIEND_DECL:
                 friends = {}
                 visit(child, friends)
@@ -99,8 +101,10 @@ def public_names(unit, files):
                     names.setdefault(full_name_of(child), child)
 
     visit(unit.cursor)
-    hidden = re.compile(r"^std::|::detail::")
-    return {name: cursor for name, cursor in names.items() if not hidden.search(name)}
+    outside = {re.sub(rf"detail::(?=({'|'.join(inherited) or ' '})\b)", "", name): cursor
+               for name, cursor in names.items()}  # fmt: skip
+    hidden = re.compile(r"^std::|::detail\b|^::|::::")
+    return {name: cursor for name, cursor in outside.items() if not hidden.search(name)}
 
 
 def is_given(cursor):

@@ -69,6 +69,8 @@ def markdown(path, text):
                 anchor = heading_anchor(path, title) if has_title else page_name(path)
                 has_title = True
                 line = f"{marks} {title} {{#{anchor}}}"
+            if line.startswith("|"):  # a number keeps its unit
+                line = re.sub(r"(\d) (ns|us|ms|s|B|KiB|MiB)\b", "\\1\u00a0\\2", line)
             line = re.sub(r"(!?)\[([^\]]*)\]\(([^)\s]+)\)", link, line)
         out.append(line)
     return "\n".join(out)

@@ -338,10 +338,12 @@ class ColumnReaders {
   bool equal(const BaseRow& other) const {
     return row().template columnEqual<Reference<Name>>(at<Name>, other, at<Name>);
   }
+  /// Whether this row's column < the other's.
   template <ColumnName Name>
   bool less(const BaseRow& other) const {
     return row().template columnLess<Reference<Name>>(at<Name>, other, at<Name>);
   }
+  /// A hash of the column's bytes, 32 bits wide and the same on every host.
   template <ColumnName Name>
   unsigned int hash() const {
     return row().template columnHash<Reference<Name>>(at<Name>);
