@@ -398,7 +398,8 @@ def bases(cls):
     for current in found:
         if current.code != gdb.TYPE_CODE_STRUCT or len(found) > MAX_BASES:
             continue
-        found.extend(field.type.strip_typedefs() for field in current.fields() if field.is_base_class)
+        inherited = (field for field in current.fields() if field.is_base_class)
+        found.extend(field.type.strip_typedefs() for field in inherited)
     return found
 
 

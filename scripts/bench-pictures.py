@@ -179,10 +179,12 @@ def comparison(title, rows):
             own_way = name.startswith("korvo_")
             shown.setdefault("the library in another way" if own_way else peer, colour)
             radius = 4.0 if own_way else 6.0
-            picture.add("circle", None, cx=x(time / times["korvo"]), cy=y, r=radius, cls=f"c{colour}")
+            at = x(time / times["korvo"])
+            picture.add("circle", None, cx=at, cy=y, r=radius, cls=f"c{colour}")
     at = 20
     for name, colour in sorted(shown.items(), key=lambda each: each[1]):
-        picture.add("circle", None, cx=float(at + 6), cy=72.0, r=6.0 if colour else 4.0, cls=f"c{colour}")
+        radius = 6.0 if colour else 4.0
+        picture.add("circle", None, cx=float(at + 6), cy=72.0, r=radius, cls=f"c{colour}")
         picture.text(at + 18, 76, name)
         at += 34 + 6.6 * len(name)
     return picture.svg()

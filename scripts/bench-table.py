@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Prints the medians of benchmark results (JSON of Google Benchmark) as a Markdown table, or as JSON:
+"""Prints the medians of benchmark results (JSON of Google Benchmark) as a Markdown table or JSON.
 
     bench-table.py [--json] FILE...
 
@@ -50,7 +50,9 @@ def print_json(paths):
         workload: {contestant: float(f"{time:.4g}") for contestant, time in times.items()}
         for workload, times in medians(paths).items()
     }
-    lines = ",\n".join(f"  {json.dumps(name)}: {json.dumps(times)}" for name, times in rounded.items())
+    lines = ",\n".join(
+        f"  {json.dumps(workload)}: {json.dumps(times)}" for workload, times in rounded.items()
+    )
     print(f'{{"date": "{date}", "nanoseconds": {{\n{lines}\n}}}}')
 
 

@@ -4,8 +4,9 @@
     check.py DOCS_DIR INCLUDE_DIR HEADER...
 
 The names are the compiler's: everything that the headers declare in their namespaces, without
-private members and namespace detail, but for the classes there that public ones derive from. Pages and texts are Doxygen's, in DOCS_DIR/html and
-DOCS_DIR/xml. Overloads share a name and may share a text.
+private members and namespace detail, but for the classes there that public ones derive from. Pages
+and texts are Doxygen's, in DOCS_DIR/html and DOCS_DIR/xml. Overloads share a name and may share a
+text.
 """
 
 import pathlib
@@ -132,7 +133,7 @@ def has_text(definition):
 
 
 def described_names(docs_dir):
-    """{qualified name: (whether it has a text, whether it has a page)}, the best of the overloads."""
+    """{qualified name: (whether it has a text, whether it has a page)}, overloads together."""
     described = {}
     anchors = {}
 

@@ -10,7 +10,8 @@ MAX_SECONDS = 20
 ROUNDS = 40
 
 TYPES = [
-    "Port", "All", "Odd", "NotedPort", "Host", "Counter", "Korvo::BaseRow", "Korvo::SubRowReference",
+    "Port", "All", "Odd", "NotedPort", "Host", "Counter", "Korvo::BaseRow",
+    "Korvo::SubRowReference",
     "Korvo::VColType",
     "Korvo::StringValueReference", "Korvo::IpGenAddrReference", "Korvo::IpGenPrefixReference",
     "Korvo::ArrayReference<Korvo::StringValueReference>", "Korvo::ArrayReference<bool>",
@@ -45,7 +46,8 @@ def main():
     values = 0
 
     # Objects whose words are anything: numbers, pointers to memory, pointers to none.
-    pointers = [int(gdb.parse_and_eval(f"(unsigned long){name}")) for name in ("&port", "&everyType", "&first")]
+    objects = ("&port", "&everyType", "&first")
+    pointers = [int(gdb.parse_and_eval(f"(unsigned long){name}")) for name in objects]
     pointers += [address, address + size // 2, 0, 16, (1 << 8 * word) - 1, (1 << 8 * word - 1)]
     types = {name: gdb.lookup_type(name).pointer() for name in TYPES}
     for pointer in ("queue", "queuePlace", "buffer"):  # classes that may be known by name only
