@@ -254,8 +254,6 @@ class ValueType:
 class Layout:
     """The columns of a declared row class, out of the name of its RowLayout."""
 
-    MAX_NESTING = 16
-
     def __init__(self, name):
         arguments = template_arguments(name)
         self.columns = []  # (name, type, offset)
@@ -272,7 +270,7 @@ class Layout:
             self.columns.append((column_name(column[0]), value_type, offset))
 
     @staticmethod
-    def named(name, depth=0):
+    def named(name):
         """The layout that is called so, be it a RowLayout or a struct that derives from one."""
         if name.startswith("Korvo::RowLayout<"):
             return Layout(name)
@@ -281,7 +279,7 @@ class Layout:
         except gdb.error:
             return None
         for base in bases(layout):
-            if depth < Layout.MAX_NESTING and str(base.name).startswith("Korvo::RowLayout<"):
+            if str(base.name).startswith("Korvo::RowLayout<"):
                 return Layout(base.name)
         return None
 

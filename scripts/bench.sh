@@ -27,6 +27,11 @@ case $mode in
     ;;
 esac
 
+if [ "$mode" = --publish ] && [ -n "${BENCH_FILTER:-}" ]; then
+  echo "bench.sh: what is published is complete: unset BENCH_FILTER" >&2
+  exit 2
+fi
+
 scripts/install-deps.sh bench
 scripts/check-cmake.sh
 cmake --preset bench >/dev/null

@@ -14,7 +14,6 @@ import re
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-PAGES = ("*.md", "docs/*.md", "examples/netdb/README.md")
 
 
 def page_name(path):
