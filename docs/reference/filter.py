@@ -9,11 +9,13 @@ Markdown: headings get the anchors that they have where the sources are browsed,
 the pages and to headers lead to their pages here.
 """
 
+import html
 import pathlib
 import re
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
+PAGES = ("*.md", "docs/*.md", "examples/netdb/README.md")  # as the Doxyfile's INPUT has them
 
 
 def page_name(path):
@@ -35,7 +37,7 @@ def link_target(path, target):
         return target
     name, _, anchor = target.partition("#")
     linked = (path.parent / name).resolve() if name else path
-    if linked.suffix == ".md" and linked.is_file():
+    if any(linked in ROOT.glob(pages) for pages in PAGES):
         name = page_name(linked)
         return "@ref " + (f"{name}-{anchor}" if anchor else name.replace("mainpage", "index"))
     if linked.suffix == ".h":
@@ -57,6 +59,9 @@ def markdown(path, text):
             return f"![{label}]({target})"
         return f"[{label}]({target})" if target else label
 
+    def code(match):  # a backslash in one begins a command
+        return "<code>" + html.escape(match.group(1)).replace("\\", "\\\\") + "</code>"
+
     for line in text.split("\n"):
         if line.startswith("```"):
             in_code = not in_code
@@ -68,6 +73,7 @@ def markdown(path, text):
                 anchor = heading_anchor(path, title) if has_title else page_name(path)
                 has_title = True
                 line = f"{marks} {title} {{#{anchor}}}"
+            line = re.sub(r"`([^`]*\\[^`]*)`", code, line)
             if line.startswith("|"):  # a number keeps its unit
                 line = re.sub(r"(\d) (ns|us|ms|s|B|KiB|MiB)\b", "\\1\u00a0\\2", line)
             line = re.sub(r"(!?)\[([^\]]*)\]\(([^)\s]+)\)", link, line)
@@ -113,7 +119,8 @@ def header(text):
     else:
         lines = head.group().splitlines()
         lines = [re.sub(r"^//(   ?)(?=\S| )", r"///    \1", line) for line in lines]
-        lines = [re.sub(r"^//(?!/)", "///", line) for line in lines]
+        lines = [re.sub(r"^//(?!/)", "///", line.replace("\\", "\\\\")) if line.startswith("// ") else
+                 re.sub(r"^//(?!/)", "///", line) for line in lines]  # fmt: skip
         lines[0] = lines[0].replace("/// ", "/// @file\n/// ", 1)
         text = text.replace(head.group(), "\n".join(lines) + "\n")
         text = text.replace("#pragma once\n\n", "#pragma once\n", 1)  # one line was added
