@@ -33,7 +33,7 @@ MEMBERS = {
     Kind.ENUM_CONSTANT_DECL,
 }
 # Macros that the headers set for themselves.
-OWN_MACROS = {"KORVO_THREAD_SANITIZER"}
+OWN_MACROS = {"KORVO_SETTINGS_TAG", "KORVO_THREAD_SANITIZER"}
 
 
 def parse(include_dir, headers):

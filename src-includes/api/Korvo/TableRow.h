@@ -385,7 +385,7 @@ class SubRow final : public SubRowReference, public detail::ColumnReaders<SubRow
   }
   /// The layout's base length.
   len_t baseRowLength() override { return Layout::baseLength; }
-  /// All columns as a JSON object, in the order of their declaration; "null" for a null row.
+  /// All columns as a JSON object, in the order of the layout; "null" for a null row.
   std::string toJson() const override { return detail::rowAsJson(*this, Layout::info); }
 };
 
@@ -461,7 +461,7 @@ class TableRow : public BaseRow,
   len_t baseRowLength() override { return Layout::baseLength; }
   /// True: gaps are reused, and the row is compacted.
   bool isFullyDefined() const final { return true; }
-  /// All columns as a JSON object, in the order of their declaration; "null" for a null row.
+  /// All columns as a JSON object, in the order of the layout; "null" for a null row.
   std::string toJson() const override { return detail::rowAsJson(*this, Layout::info); }
 
  private:
