@@ -223,7 +223,7 @@ class PostedWork : public Event {
   void clear() {
     collect();
     withdraw();
-    std::list<Work>().swap(told_);
+    told_.clear();
   }
 
  private:
@@ -406,9 +406,10 @@ class detail::Events {
     uv_run(&loop_, mode);
     inRound_ = false;
 
-    posted_.collect();
     Timer::collect(timers_, ready_);
     if (std::exchange(polledReady_, false)) poll();
+    // After the poll, since what comes from other threads comes before its wake().
+    posted_.collect();
     if (stopped_.exchange(false)) owner_->active_ = false;
   }
 

@@ -128,6 +128,11 @@ TEST(EventLoopProcessTest, AChildStopsItselfAlone) {
               return !parent.loop->active();
             }),
             0);
+  timespec pause{};
+  parent.loop->activeIs(true);
+  parent.timer->timeoutIs(10ms);
+  parent.loop->pauseScheduler(&pause);
+  EXPECT_EQ(parent.late.count, 1);  // nothing else ended the wait
   parent.loop->activeIs(true);
   parent.loop->run(0, 0.0, true);
   EXPECT_TRUE(parent.loop->active());

@@ -824,6 +824,24 @@ TEST_F(EventLoopTest, ACallbackOfTheHostsOwnHandleEndsTheWaitThoughTriggersAreSu
   }
 }
 
+TEST_F(EventLoopTest, ATimerOfTheHostsThatIsDueBeforeAWaitPreventsIt) {
+  loop_->triggerSuppressedIs(true);
+  Unit unit("unit", loop_, [&](Unit&) { stop(); });
+  uv_timer_t timer;
+  uv_timer_init(loop_->loop(), &timer);
+  timer.data = &unit;
+  timespec pause{};
+  OnTimeout late([] { ADD_FAILURE() << "waited although a unit was queued"; });
+  const auto end = this->timer(late);
+  end->timeoutIs(kPlenty);
+  uv_timer_start(
+      &timer, [](uv_timer_t* handle) { static_cast<Unit*>(handle->data)->runnableIs(true); }, 0, 0);
+  loop_->pauseScheduler(&pause);
+  EXPECT_NE(unit.entry(), nullptr);
+  uv_close(reinterpret_cast<uv_handle_t*>(&timer), nullptr);
+  settle();
+}
+
 TEST_F(EventLoopDeathTest, TheHostsHandlesAreClosedBeforeTheLoop) {
   const auto careless = [] {
     auto loop = std::make_unique<EventLoop>("careless");

@@ -4,9 +4,12 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/epoll.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -14,6 +17,20 @@
 #include <vector>
 
 #include "event_loop_test_support.h"
+
+namespace {
+std::function<void()> beforePoll;
+}  // namespace
+
+// What another thread might do just before a poll.
+extern "C" int epoll_pwait(int epoll, struct epoll_event* events, int most, int timeout,
+                           const sigset_t* mask) {
+  if (beforePoll) beforePoll();
+  return static_cast<int>(syscall(SYS_epoll_pwait, epoll, events, most, timeout, mask, 8));
+}
+extern "C" int epoll_wait(int epoll, struct epoll_event* events, int most, int timeout) {
+  return epoll_pwait(epoll, events, most, timeout, nullptr);
+}
 
 namespace Korvo {
 namespace {
@@ -63,6 +80,23 @@ TEST_F(EventLoopThreadTest, WorkOfManyThreadsRunsOnTheLoopsThreadInTheOrderOfEac
       EXPECT_EQ(works.size(), static_cast<std::size_t>(kWorks));
       EXPECT_TRUE(std::is_sorted(works.begin(), works.end()));
     }
+  }
+}
+
+TEST_F(EventLoopThreadTest, WorkThatComesBeforeAnyPollOfAWaitEndsItOrTheNext) {
+  OnTimeout late([] { ADD_FAILURE() << "waited although there was work"; });
+  const auto end = timerOf(*loop_, late);
+  end->timeoutIs(kPlenty);
+  for (int poll = 1; poll <= 3; ++poll) {
+    int told = 0;
+    loop_->post([&] { ++told; });
+    beforePoll = [&, left = poll]() mutable {
+      if (--left == 0) loop_->post([&] { ++told; });
+    };
+    timespec pause{};
+    while (told < 2 && late.count == 0) loop_->pauseScheduler(&pause);
+    beforePoll = nullptr;
+    EXPECT_EQ(told, 2);
   }
 }
 

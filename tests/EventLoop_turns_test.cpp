@@ -106,7 +106,8 @@ TEST_F(EventLoopTurnsTest, BusyUnitsLeaveNoSocketUnheardForLongerThanAMillisecon
       };
       const auto watch = watchOf(*loop_, handler, sockets.ours);
       watch->readableWantedIs(true);
-      const auto units = {busyUnit(unitTime), busyUnit(unitTime)};
+      const auto first = busyUnit(unitTime);
+      const auto second = busyUnit(unitTime);
       loop_->run(0, 0.5, false);
       EXPECT_LE(longest, 0.001 + static_cast<double>(unitTime) * 1e-6 + 1e-9)
           << unitTime << " " << handlerTime;
