@@ -1,5 +1,7 @@
 #!/usr/bin/env python3
-"""Prints the medians of benchmark results (JSON of Google Benchmark) as a Markdown table.
+"""Prints the medians of benchmark results (JSON of Google Benchmark) as a Markdown table or JSON.
+
+    bench-table.py [--json] FILE...
 
 Benchmarks are named WORKLOAD/CONTESTANT[/ARGUMENTS]. The contestant "korvo" is this library,
 "korvo_..." are other ways that it offers, "limit" is straight-line code for the one purpose, all
@@ -40,7 +42,24 @@ def in_units(nanoseconds):
     return f"{nanoseconds:.3g} ns"
 
 
+def print_json(paths):
+    """One workload a line, so that a change of one is a change of a line."""
+    with open(paths[0], encoding="utf-8") as file:
+        date = json.load(file)["context"]["date"][:10]
+    rounded = {
+        workload: {contestant: float(f"{time:.4g}") for contestant, time in times.items()}
+        for workload, times in medians(paths).items()
+    }
+    lines = ",\n".join(
+        f"  {json.dumps(workload)}: {json.dumps(times)}" for workload, times in rounded.items()
+    )
+    print(f'{{"date": "{date}", "nanoseconds": {{\n{lines}\n}}}}')
+
+
 def main():
+    if sys.argv[1:2] == ["--json"]:
+        print_json(sys.argv[2:])
+        return
     print("| workload | korvo | best peer | ratio | limit | others |")
     print("|---|---|---|---|---|---|")
     for workload, times in medians(sys.argv[1:]).items():

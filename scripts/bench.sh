@@ -3,6 +3,8 @@
 #
 #   scripts/bench.sh            short: a few minutes, ratios good to about a tenth
 #   scripts/bench.sh --full     long enough to quote: about half an hour
+#   scripts/bench.sh --publish  the full form, then renews docs/benchmarks/: the results and the
+#                               pictures that are drawn from them
 #   scripts/bench.sh --once     runs each benchmark once, as a test
 #
 # BENCH_FILTER=REGEX takes only the benchmarks whose name it matches. Results: a table in
@@ -14,16 +16,21 @@ cd "$(dirname "$0")/.."
 mode=${1:---short}
 case $mode in
   --short) options=(--benchmark_repetitions=3 --benchmark_min_time=0.05) ;;
-  --full)
+  --full | --publish)
     options=(--benchmark_repetitions=9 --benchmark_min_time=0.2)
     export KORVO_BENCH_LARGEST=10000000
     ;;
   --once) ;;
   *)
-    echo "usage: scripts/bench.sh [--full | --once]" >&2
+    echo "usage: scripts/bench.sh [--full | --publish | --once]" >&2
     exit 2
     ;;
 esac
+
+if [ "$mode" = --publish ] && [ -n "${BENCH_FILTER:-}" ]; then
+  echo "bench.sh: what is published is complete: unset BENCH_FILTER" >&2
+  exit 2
+fi
 
 scripts/install-deps.sh bench
 scripts/check-cmake.sh
@@ -51,7 +58,11 @@ for program in build/bench/benchmarks/*_bench; do
     --benchmark_format=json >"$results/$name.json"
 done
 python3 scripts/bench-table.py $results/*.json >$results/table.md
-if [ "$mode" = --full ]; then
+if [ "$mode" = --publish ]; then
+  python3 scripts/bench-table.py --json $results/*.json >docs/benchmarks/results.json
+  python3 scripts/bench-pictures.py
+fi
+if [ "$mode" = --full ] || [ "$mode" = --publish ]; then
   echo "== netdb_sqlite"
   data=build/demo-data/usr/share/tor
   [ -e $data/geoip6 ] || data=examples/netdb/sample

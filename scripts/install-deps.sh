@@ -1,7 +1,7 @@
 #!/bin/bash
 # Installs what is missing of the Debian packages that the other scripts need:
 #
-#   scripts/install-deps.sh test          the packages of a profile: test, demo, bench or ci
+#   scripts/install-deps.sh test          the packages of a profile: test, demo, bench, docs or ci
 #   scripts/install-deps.sh clang-14 ...  or packages by name
 #
 # Works on Debian 12 and Ubuntu 24.04 or newer, as root or with sudo; where nothing is missing it
@@ -9,13 +9,14 @@
 set -euo pipefail
 
 build_packages=(g++ cmake ninja-build libssl-dev libuv1-dev pkgconf)
-test_packages=("${build_packages[@]}" googletest librapidcheck-dev libcli11-dev locales)
+test_packages=("${build_packages[@]}" googletest librapidcheck-dev libcli11-dev locales gdb)
 demo_packages=("${build_packages[@]}" libcli11-dev)
 bench_packages=("${demo_packages[@]}" libbenchmark-dev libflatbuffers-dev flatbuffers-compiler
   libcapnp-dev capnproto libprotobuf-dev protobuf-compiler libevent-dev libboost-dev libabsl-dev
   libre2-dev rapidjson-dev libsqlite3-dev python3)
-ci_packages=("${test_packages[@]}" "${demo_packages[@]}" clang-14 libclang-rt-14-dev g++-multilib
-  clang-format-14 clang-tidy-14 shellcheck gcovr doxygen valgrind abigail-tools ccache git)
+docs_packages=(doxygen doxygen-awesome-css python3)
+ci_packages=("${test_packages[@]}" "${demo_packages[@]}" "${docs_packages[@]}" clang-14 libclang-rt-14-dev g++-multilib
+  clang-format-14 clang-tidy-14 shellcheck gcovr python3-clang-14 valgrind abigail-tools ccache git)
 
 wanted=()
 for word in "$@"; do
@@ -23,6 +24,7 @@ for word in "$@"; do
     test) wanted+=("${test_packages[@]}") ;;
     demo) wanted+=("${demo_packages[@]}") ;;
     bench) wanted+=("${bench_packages[@]}") ;;
+    docs) wanted+=("${docs_packages[@]}") ;;
     ci) wanted+=("${ci_packages[@]}") ;;
     -*) echo "install-deps.sh: unknown option $word" >&2; exit 2 ;;
     *) wanted+=("$word") ;;

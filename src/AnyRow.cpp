@@ -305,7 +305,7 @@ const ColumnInfo& columnOf(const DynamicLayout& layout, std::string_view name) {
   throw KoInvalidArgument("Unknown column - (" + std::string(name) + ")");
 }
 
-void write(AnyRow& row, const ColumnInfo& column, const Bytes& value) {
+void writeColumn(AnyRow& row, const ColumnInfo& column, const Bytes& value) {
   const len_t at = column.offset;
   if (column.hasSlot()) {
     return row.copyVarColumn(ValueRow::slotOffset, ValueRow(value, column.isArray), at,
@@ -368,7 +368,7 @@ std::string AnyRow::text(std::string_view column) const {
 void AnyRow::jsonIs(std::string_view column, std::string_view json) {
   const ColumnInfo& info = columnOf(layout_, column);
   if (isNull()) throwNullRow();
-  write(*this, info, Encoder(json).column(info));
+  writeColumn(*this, info, Encoder(json).column(info));
 }
 
 void AnyRow::textIs(std::string_view column, std::string_view text) {
@@ -377,7 +377,7 @@ void AnyRow::textIs(std::string_view column, std::string_view text) {
   const auto refuse = [&](const std::string& reason) {
     throw KoTextError("column \"" + detail::shown(column) + "\": " + reason, 1, 1);
   };
-  if (info.hasSlot() && text.empty()) return write(*this, info, {});
+  if (info.hasSlot() && text.empty()) return writeColumn(*this, info, {});
   if (info.isArray || (info.type != stringType_ && !isAddress(info.type))) {
     return jsonIs(column, text);
   }
@@ -388,7 +388,7 @@ void AnyRow::textIs(std::string_view column, std::string_view text) {
   } else if (!appendAddress(value, info.type, text)) {
     refuse('"' + detail::shown(text) + "\" is no " + typeName(info.type));
   }
-  write(*this, info, value);
+  writeColumn(*this, info, value);
 }
 
 void AnyRow::fromJson(std::string_view json) {

@@ -28,13 +28,16 @@ namespace Korvo {
 /// them is written. Its exceptions leave the row as it was.
 class KORVO_API AnyRow : public BaseRow {
  public:
+  /// A null row of the layout.
   explicit AnyRow(const DynamicLayout& layout) : layout_(layout) {}
 
+  /// The columns; valid as long as this object.
   const DynamicLayout& layout() const noexcept { return layout_; }
 
-  // As TableRow's.
+  /// As TableRow's.
   void create(oid_t oid = 0) { create(oid, 0); }
   void create(oid_t oid, std::size_t valueBytes);
+  /// As TableRow's.
   void adopt(const void* bytes, std::size_t length);
 
   // These four throw KoInvalidArgument "Unknown column - (name)" for a name that the layout does
@@ -60,11 +63,14 @@ class KORVO_API AnyRow : public BaseRow {
   /// makes the row null. Throws KoTextError as jsonIs() does, also for a column named twice.
   void fromJson(std::string_view json);
 
+  /// All columns as a JSON object, in the order of the layout; "null" for a null row.
   std::string toJson() const override { return detail::rowAsJson(*this, layout_.info()); }
   vcdType& vcd() const override { return layout_.slots(); }
+  /// Throws KoInvalidArgument for a name that the layout does not have.
   len_t columnOffset(const std::string& name) const override {
     return detail::offsetOf(layout_.info(), name);
   }
+  /// The layout's base length.
   len_t baseRowLength() override { return layout_.info().baseLength; }
   bool isFullyDefined() const override { return true; }
 

@@ -107,8 +107,8 @@ class KORVO_API KoStrUtils {
   static std::string sha1(const std::string& data);
 };
 
-/// Puts a backslash before double quotes and backslashes, and writes line feeds and tabs as \n and
-/// \t. All other bytes stay as they are.
+/// Puts a backslash before double quotes and backslashes, and writes line feeds and tabs as `\n`
+/// and `\t`. All other bytes stay as they are.
 KORVO_API std::string escapeString(const std::string& text);
 
 /// The inverse of Korvo::escapeString. Stops the process at an escape that escapeString does not

@@ -23,6 +23,7 @@ namespace Korvo {
 
 /// The operations on the rows of one table. Defined by the host.
 class RowOpsBase;
+/// Shared ownership of a table's operations.
 using RowOps_p_t = KoPtr<RowOpsBase>;
 
 /// The system's name; empty until it is set.

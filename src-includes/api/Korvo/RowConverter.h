@@ -32,7 +32,14 @@
 namespace Korvo {
 
 /// What becomes of a column.
-enum class ColumnChange : byte_t { same, widened, nested, dropped, missing, refused };
+enum class ColumnChange : byte_t {
+  same,     ///< the same type
+  widened,  ///< ours holds every value of theirs
+  nested,   ///< nested rows that are converted themselves
+  dropped,  ///< we do not have it
+  missing,  ///< they do not have it: zero or null
+  refused   ///< ours does not hold it
+};
 /// "same" and so on.
 KORVO_API std::string_view columnChangeText(ColumnChange change);
 
@@ -41,7 +48,7 @@ enum class Conversion : byte_t {
   same,      ///< one layout: the bytes mean the same
   lossless,  ///< both have the same columns; ours hold every value of theirs
   lossy,     ///< columns are dropped or missing
-  refused
+  refused    ///< no row is converted
 };
 
 /// What a comparison cannot know from the layouts. Columns are named as ours are; one of a nested
@@ -49,10 +56,10 @@ enum class Conversion : byte_t {
 struct ConversionRules {
   /// A column's former name. Looked up, in this order, where the sender has no column of our name.
   struct Alias {
-    std::string column;
+    std::string column;  ///< as ours is named
     std::string former;  ///< without the names of those that it is in
   };
-  std::vector<Alias> aliases;
+  std::vector<Alias> aliases;  ///< former names
   /// Columns that must not be missing.
   std::vector<std::string> required;
 };
@@ -60,11 +67,11 @@ struct ConversionRules {
 /// One column of theirs, of ours, or of both. The pointers are valid as long as the comparison or a
 /// copy of it.
 struct ColumnComparison {
-  ColumnChange change = ColumnChange::same;
-  const ColumnInfo* sender = nullptr;  ///< null if it is missing
-  const ColumnInfo* ours = nullptr;    ///< null if it is dropped
-  std::string reason;                  ///< why it is refused
-  std::vector<ColumnComparison> nested;
+  ColumnChange change = ColumnChange::same;  ///< what becomes of it
+  const ColumnInfo* sender = nullptr;        ///< null if it is missing
+  const ColumnInfo* ours = nullptr;          ///< null if it is dropped
+  std::string reason;                        ///< why it is refused
+  std::vector<ColumnComparison> nested;      ///< the columns of nested rows
 
   /// Our name, or the sender's if we do not have the column.
   std::string_view name() const { return (ours != nullptr ? ours : sender)->name; }
@@ -79,9 +86,13 @@ class KORVO_API LayoutComparison {
   LayoutComparison(const LayoutInfo& sender, const LayoutInfo& ours,
                    const ConversionRules& rules = {});
 
+  /// What becomes of the rows.
   Conversion conversion() const noexcept { return conversion_; }
+  /// Column by column; valid as long as this object.
   const std::vector<ColumnComparison>& columns() const noexcept { return columns_; }
+  /// Their layout.
   const DynamicLayout& sender() const noexcept { return sender_; }
+  /// Our layout.
   const DynamicLayout& ours() const noexcept { return ours_; }
 
   /// Why the layouts are refused, in one line: `row type 7, here 8`, or
@@ -110,6 +121,7 @@ class KORVO_API ConversionPlan {
   ConversionPlan(const LayoutInfo& sender, const LayoutInfo& ours,
                  const ConversionRules& rules = {});
 
+  /// What was compared; valid as long as this object.
   const LayoutComparison& comparison() const noexcept { return comparison_; }
 
   /// How long the converted row is. `bytes` have passed checkRow() with the sender's layout. Throws

@@ -65,6 +65,7 @@ struct RunnableEntry {
 /// Destroying a queued unit withdraws it.
 class KORVO_API Schedulable {
  public:
+  /// What a unit gets for one turn unless it is told otherwise: 10 ms.
   static constexpr std::timespec defaultTimeSlice{0, 10'000'000};
 
   /// A unit that may be scheduled, is neither runnable nor client-ready, and has no debug channel.
@@ -116,9 +117,13 @@ class KORVO_API Schedulable {
   /// Whether the time slice of the current invocation is over; not yet at the deadline itself.
   bool shouldYield() const;
 
+  /// As given; valid as long as this object.
   const std::string& name() const { return name_; }
+  /// What the unit belongs to; null for none.
   const KoPtr<Scheduler>& scheduler() const { return scheduler_; }
+  /// Whether the unit has work.
   bool runnable() const { return runnable_; }
+  /// Whether the unit's client is ready.
   bool clientReady() const { return clientReady_; }
   /// Whether the work is under way, or ended with an exception the last time.
   bool running() const { return running_; }
@@ -143,6 +148,7 @@ class KORVO_API Schedulable {
   /// When the current or last invocation started and when its time slice ends, on the clock
   /// CLOCK_MONOTONIC_RAW. The deadline may hold 1,000,000,000 nanoseconds.
   const std::timespec& startTime() const { return startTime_; }
+  /// See startTime().
   const std::timespec& deadline() const { return deadline_; }
 
   /// The place in the run queue, null while there is none; valid until the unit's turn.
@@ -234,8 +240,10 @@ class KORVO_API Scheduler {
 
   /// Controls for timers and file descriptors: this scheduler has none and stops the process.
   virtual Velto::Platform::TimerControl* getTimerControl(Velto::Platform::TimeoutHandler* handler);
+  /// See getTimerControl().
   virtual Velto::Platform::FdControl* getFdControl(Velto::Platform::FdEventHandler* handler);
 
+  /// As given; valid as long as this object.
   const std::string& name() const { return name_; }
 
   /// Whether the loop runs; cleared from a unit's work, it stops before the next unit.
@@ -253,6 +261,7 @@ class KORVO_API Scheduler {
   }
 
  protected:
+  /// The link to the debug channel.
   // NOLINTNEXTLINE(bugprone-reserved-identifier): the host's tools know it by this name
   class __veltoDebug : public Velto::DebugSupport {};
 

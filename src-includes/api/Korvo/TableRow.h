@@ -35,10 +35,12 @@ namespace Korvo {
 /// A column's name as a template argument.
 template <std::size_t N>
 struct ColumnName {
-  char text[N];
+  char text[N];  ///< the name, terminated
+  /// Made from a string literal.
   constexpr ColumnName(const char (&name)[N]) {  // NOLINT: a string literal names a column
     for (std::size_t i = 0; i < N; ++i) text[i] = name[i];
   }
+  /// The text as a view, valid as long as this reference.
   constexpr std::string_view view() const { return {text, N - 1}; }
 };
 
@@ -49,9 +51,9 @@ inline constexpr std::size_t behindThePrevious = 0;
 /// or of bool, or Nested<Layout>.
 template <ColumnName Name, typename T, std::size_t Offset = behindThePrevious>
 struct Column {
-  using Type = T;
-  static constexpr std::string_view name = Name.view();
-  static constexpr std::size_t offset = Offset;
+  using Type = T;                                        ///< the column's type as declared
+  static constexpr std::string_view name = Name.view();  ///< static data
+  static constexpr std::size_t offset = Offset;          ///< as declared, in bytes
 };
 
 /// The type of a column that holds a row of another layout.
@@ -62,11 +64,11 @@ struct LayoutInfo;
 
 /// What is known of a column at run time.
 struct ColumnInfo {
-  std::string_view name;
-  KorvoTypes type;  ///< of the value, or of an array's elements
-  len_t offset;     ///< of the value or the slot
-  len_t width;      ///< in the fixed area
-  bool isArray;
+  std::string_view name;     ///< static data
+  KorvoTypes type;           ///< of the value, or of an array's elements
+  len_t offset;              ///< of the value or the slot
+  len_t width;               ///< in the fixed area
+  bool isArray;              ///< whether it is an array column
   const LayoutInfo* nested;  ///< of a nested row, otherwise null
 
   /// Whether the value stands in the variable area.
@@ -79,9 +81,9 @@ struct ColumnInfo {
 
 /// What is known of a table's rows at run time; static data.
 struct LayoutInfo {
-  std::uint16_t rowType;
-  len_t baseLength;  ///< header and fixed area: where the variable area begins
-  std::span<const ColumnInfo> columns;
+  std::uint16_t rowType;                ///< of the table's rows
+  len_t baseLength;                     ///< header and fixed area: where the variable area begins
+  std::span<const ColumnInfo> columns;  ///< in the order of their declaration
 };
 
 namespace detail {
@@ -215,9 +217,10 @@ class RowLayout {
   }
 
  public:
-  static constexpr std::uint16_t rowType = RowType;
+  static constexpr std::uint16_t rowType = RowType;  ///< of the table's rows
+  /// Header and fixed area: where the variable area begins.
   static constexpr len_t baseLength = static_cast<len_t>(fixedEnd);
-  using ColumnTypes = std::tuple<typename Columns::Type...>;
+  using ColumnTypes = std::tuple<typename Columns::Type...>;  ///< as declared
 
   /// The columns in the order of their declaration.
   static constexpr std::array<ColumnInfo, count> columns = [] {
@@ -229,7 +232,7 @@ class RowLayout {
     };
     return std::array<ColumnInfo, count>{describe(std::type_identity<Columns>())...};
   }();
-  static constexpr LayoutInfo info = {rowType, baseLength, columns};
+  static constexpr LayoutInfo info = {rowType, baseLength, columns};  ///< the same at run time
 
   /// The column's place in `columns`.
   template <ColumnName Name>
@@ -239,7 +242,7 @@ class RowLayout {
   }();
 
   template <ColumnName Name>
-  using Type = std::tuple_element_t<index<Name>, ColumnTypes>;
+  using Type = std::tuple_element_t<index<Name>, ColumnTypes>;  ///< of the named column
   template <ColumnName Name>
   static constexpr len_t offset = columns[index<Name>].offset;
 
@@ -335,10 +338,12 @@ class ColumnReaders {
   bool equal(const BaseRow& other) const {
     return row().template columnEqual<Reference<Name>>(at<Name>, other, at<Name>);
   }
+  /// Whether this row's column < the other's.
   template <ColumnName Name>
   bool less(const BaseRow& other) const {
     return row().template columnLess<Reference<Name>>(at<Name>, other, at<Name>);
   }
+  /// A hash of the column's bytes, 32 bits wide and the same on every host.
   template <ColumnName Name>
   unsigned int hash() const {
     return row().template columnHash<Reference<Name>>(at<Name>);
@@ -369,14 +374,18 @@ class SubRow final : public SubRowReference, public detail::ColumnReaders<SubRow
   explicit SubRow(const byte_t* row) : SubRowReference(row) {}
   explicit SubRow(const SubRowReference& row) : SubRowReference(row) {}
 
+  /// The layout's slots; the same vector for all rows of the class.
   BaseRow::vcdType& vcd() const override {
     static vcdType slots(Layout::slots.begin(), Layout::slots.end());
     return slots;
   }
+  /// Throws KoInvalidArgument for a name that the layout does not have.
   len_t columnOffset(const std::string& name) const override {
     return detail::offsetOf(Layout::info, name);
   }
+  /// The layout's base length.
   len_t baseRowLength() override { return Layout::baseLength; }
+  /// All columns as a JSON object, in the order of the layout; "null" for a null row.
   std::string toJson() const override { return detail::rowAsJson(*this, Layout::info); }
 };
 
@@ -385,9 +394,9 @@ template <typename RowLayoutType>
 class TableRow : public BaseRow,
                  public detail::ColumnReaders<TableRow<RowLayoutType>, RowLayoutType> {
  public:
-  using Layout = RowLayoutType;
+  using Layout = RowLayoutType;  ///< the columns
   template <ColumnName Name>
-  using ColumnType = typename Layout::template Type<Name>;
+  using ColumnType = typename Layout::template Type<Name>;  ///< of the named column
 
   /// Makes this a new row, all columns zero or null. On a throw the row is as before.
   void create(oid_t oid = 0) { installNew(Layout::baseLength, Layout::rowType, oid); }
@@ -433,18 +442,26 @@ class TableRow : public BaseRow,
   /// RowWriter.
   Writer writer() { return Writer(*this); }
 
+  /// The buffer for reading. Throws KoNullRow for a null row.
   byte_t* rowBuf() const final { return BaseRow::rowBuf(); }
+  /// The buffer for writing; it does not copy a shared one. Throws KoNullRow for a null row.
   byte_t* rwRowBuf() final { return BaseRow::rwRowBuf(); }
+  /// Whether the row has no buffer.
   bool isNull() const final { return BaseRow::isNull(); }
+  /// The layout's slots; the same vector for all rows of the class.
   vcdType& vcd() const final {
     static vcdType slots(Layout::slots.begin(), Layout::slots.end());
     return slots;
   }
+  /// Throws KoInvalidArgument for a name that the layout does not have.
   len_t columnOffset(const std::string& name) const override {
     return detail::offsetOf(Layout::info, name);
   }
+  /// The layout's base length.
   len_t baseRowLength() override { return Layout::baseLength; }
+  /// True: gaps are reused, and the row is compacted.
   bool isFullyDefined() const final { return true; }
+  /// All columns as a JSON object, in the order of the layout; "null" for a null row.
   std::string toJson() const override { return detail::rowAsJson(*this, Layout::info); }
 
  private:
@@ -482,9 +499,10 @@ class TableRow : public BaseRow,
 template <typename RowLayoutType>
 class TableRow<RowLayoutType>::Writer : public RowWriter {
  public:
+  /// Of a row that outlives it; changes nothing yet.
   explicit Writer(TableRow& row) : RowWriter(row, Layout::baseLength, Layout::slots) {}
 
-  // As the row's.
+  /// As the row's.
   template <ColumnName Name>
   requires(detail::takesItsType<ColumnType<Name>>) void set(const ColumnType<Name>& value) {
     if constexpr (detail::isVector<ColumnType<Name>>) {
@@ -493,6 +511,7 @@ class TableRow<RowLayoutType>::Writer : public RowWriter {
       setFixedColumn(slot<Name>, value);
     }
   }
+  /// As the row's.
   template <ColumnName Name, typename Value>
   requires(!detail::takesItsType<ColumnType<Name>>) void set(const Value& value) {
     writeEncoded<ColumnType<Name>>(

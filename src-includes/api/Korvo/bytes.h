@@ -11,6 +11,7 @@
 
 namespace Korvo {
 
+/// A byte of a row.
 using byte_t = std::uint8_t;
 /// Byte offsets, byte lengths and row lengths: a row is at most 65535 bytes.
 using len_t = std::uint16_t;

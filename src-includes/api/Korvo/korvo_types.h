@@ -39,6 +39,7 @@ using KoPtr = std::shared_ptr<T>;
 /// Root of every exception that a caller can provoke. Thrown by value.
 class KORVO_API KoBaseException : public Velto::Exception {
  public:
+  /// With the text of what() and that of name().
   KoBaseException(const std::string& message, const std::string& className);
   KoBaseException(const KoBaseException&) = default;
   KoBaseException& operator=(const KoBaseException&) = default;
@@ -55,30 +56,35 @@ class KORVO_API KoBaseException : public Velto::Exception {
 /// A text or setting that is no address or prefix.
 class KORVO_API KoInvalidArgument : public KoBaseException {
  public:
+  /// With the text of what().
   explicit KoInvalidArgument(const std::string& message);
 };
 
 /// A type name that the catalogue does not know; the message is the name.
 class KORVO_API KoInvalidTypeName : public KoBaseException {
  public:
+  /// With the text of what().
   explicit KoInvalidTypeName(const std::string& message);
 };
 
 /// A prefix length, an array index or a row length out of its range.
 class KORVO_API KoOutOfRange : public KoBaseException {
  public:
+  /// With the text of what().
   explicit KoOutOfRange(const std::string& message);
 };
 
 /// Use of a row that has no buffer; the message is "null row".
 class KORVO_API KoNullRow : public KoBaseException {
  public:
+  /// With the text "null row".
   KoNullRow();
 };
 
 /// Invoking a scheduler unit that is disabled.
 class KORVO_API KoSchedulableDisabled : public KoBaseException {
  public:
+  /// With the text of what().
   explicit KoSchedulableDisabled(const std::string& message);
 };
 
@@ -87,29 +93,30 @@ class KORVO_API KoSchedulableDisabled : public KoBaseException {
 
 /// The column value types. The numbers are part of the row format.
 enum KorvoTypes : std::uint32_t {
-  uint8Type_ = 0,
-  uint16Type_ = 1,
-  uint32Type_ = 2,
-  uint64Type_ = 3,
-  int8Type_ = 4,
-  int16Type_ = 5,
-  int32Type_ = 6,
-  int64Type_ = 7,
-  floatType_ = 8,
-  doubleType_ = 9,
-  boolType_ = 10,
-  stringType_ = 11,
-  structType_ = 12,
-  oidType_ = 13,
-  lenType_ = 14,
-  ipAddrType_ = 15,
-  ip6AddrType_ = 16,
-  ipGenAddrType_ = 17,
-  ipGenPrefixType_ = 18
+  uint8Type_ = 0,        ///< unsigned, 1 byte
+  uint16Type_ = 1,       ///< unsigned, 2 bytes
+  uint32Type_ = 2,       ///< unsigned, 4 bytes
+  uint64Type_ = 3,       ///< unsigned, 8 bytes
+  int8Type_ = 4,         ///< signed, 1 byte
+  int16Type_ = 5,        ///< signed, 2 bytes
+  int32Type_ = 6,        ///< signed, 4 bytes
+  int64Type_ = 7,        ///< signed, 8 bytes
+  floatType_ = 8,        ///< IEEE 754, 4 bytes
+  doubleType_ = 9,       ///< IEEE 754, 8 bytes
+  boolType_ = 10,        ///< 1 byte
+  stringType_ = 11,      ///< bytes of any value
+  structType_ = 12,      ///< a nested row
+  oidType_ = 13,         ///< an object id, 4 bytes
+  lenType_ = 14,         ///< a length, 2 bytes
+  ipAddrType_ = 15,      ///< an IPv4 address, 4 bytes
+  ip6AddrType_ = 16,     ///< an IPv6 address, 16 bytes
+  ipGenAddrType_ = 17,   ///< an address of either family
+  ipGenPrefixType_ = 18  ///< a prefix of either family
 };
 
 /// Hashes a type to its own number.
 struct hash {
+  /// The type's number.
   std::size_t operator()(KorvoTypes type) const noexcept { return type; }
 };
 
@@ -132,7 +139,9 @@ KORVO_API KorvoTypes korvoCppTypeNameToType(const std::string& name);
 template <typename T>
 class FMT {
  public:
+  /// Keeps the value, a copy.
   explicit FMT(T value) : value_(std::move(value)) {}
+  /// Valid as long as this object.
   const T& value() const { return value_; }
 
  private:
@@ -157,7 +166,12 @@ extern KORVO_API unsigned char byteMaskTbl[9];
 // ---------------------------------------------------------------------------------------------
 // Addresses
 
-enum AddressFamily : std::uint32_t { unknown_ = 0, ipv4_ = 1, ipv6_ = 2 };
+/// An address's family.
+enum AddressFamily : std::uint32_t {
+  unknown_ = 0,  ///< no address
+  ipv4_ = 1,     ///< 4 bytes
+  ipv6_ = 2      ///< 16 bytes
+};
 
 /// An IPv4 address: a 32-bit word in network byte order.
 class KORVO_API IpAddr {
@@ -167,8 +181,10 @@ class KORVO_API IpAddr {
   /// Parses dotted text; throws KoInvalidArgument "Invalid Address - (text)".
   explicit IpAddr(const std::string& text);
 
+  /// The word in network byte order.
   constexpr unsigned int addr() const { return addr_; }
 
+  /// The same address.
   friend constexpr bool operator==(const IpAddr&, const IpAddr&) = default;
   /// Numeric order of the addresses.
   friend constexpr std::strong_ordering operator<=>(const IpAddr& a, const IpAddr& b) {
@@ -195,6 +211,7 @@ class KORVO_API Ip6Addr {
   /// nothing if there is no such bit.
   void clearLowerAddrBits(unsigned short prefixLen, unsigned short addrLenBytes);
 
+  /// The same address.
   friend bool operator==(const Ip6Addr& a, const Ip6Addr& b) {
     return std::memcmp(a.bytes_, b.bytes_, sizeof a.bytes_) == 0;
   }
@@ -225,6 +242,7 @@ class KORVO_API IpGenAddr {
   /// KoInvalidArgument "Invalid Address - (text)".
   explicit IpGenAddr(const std::string& text);
 
+  /// The family; unknown_ for no address.
   AddressFamily af() const { return af_; }
   /// The 16 bytes of storage; valid as long as this object. An IPv4 address is in the first 4.
   const unsigned char* bytes() const { return storage_.bytes(); }
@@ -264,9 +282,12 @@ class KORVO_API IpGenPrefix {
   /// "Invalid Prefix - non-zero after prefixlen" for host bits that validPrefix finds.
   explicit IpGenPrefix(const std::string& text);
 
+  /// The address, host bits included; valid as long as this object.
   const IpGenAddr& addr() const { return addr_; }
+  /// The prefix length in bits.
   unsigned int mask() const { return mask_; }
 
+  /// Makes this the reset value.
   void reset() { *this = IpGenPrefix(); }
 
   /// Whether the other's address lies in this prefix; the other's length is not looked at. Stops

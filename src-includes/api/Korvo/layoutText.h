@@ -54,10 +54,12 @@ inline constexpr std::size_t maxColumnName = 255;      ///< bytes
 /// Text that is not what it should be, and where: "line 3, column 5: unknown type - (uint33_t)".
 class KORVO_API KoTextError : public KoInvalidArgument {
  public:
+  /// With the text of what(), which gains the place.
   KoTextError(const std::string& message, std::size_t line, std::size_t column);
 
   /// Both count from 1; the column in bytes.
   std::size_t line() const noexcept { return line_; }
+  /// Counts from 1, in bytes.
   std::size_t column() const noexcept { return column_; }
 
  private:
@@ -68,7 +70,7 @@ class KORVO_API KoTextError : public KoInvalidArgument {
 /// The SHA-1 digest of a layout's text. Two layouts have the same exactly when their rows' bytes
 /// mean the same.
 struct LayoutFingerprint {
-  std::array<byte_t, 20> bytes{};
+  std::array<byte_t, 20> bytes{};  ///< of the digest
 
   /// The first four bytes, as people see them: 0xa91f3c02 for "a91f3c02". A constant, so that a
   /// program can hold on to its layout: static_assert(fingerprint<PortLayout>().leading() == ...).
@@ -118,7 +120,9 @@ class KORVO_API DynamicLayout {
 
   /// What checkRow() and others take; valid as long as this object or a copy of it.
   const LayoutInfo& info() const noexcept;
+  /// The layout's text.
   std::string text() const { return layoutText(info()); }
+  /// The layout's fingerprint.
   LayoutFingerprint fingerprint() const { return Korvo::fingerprint(info()); }
   /// The offsets of the slots, by offset; valid as info() is.
   BaseRow::vcdType& slots() const noexcept;

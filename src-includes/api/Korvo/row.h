@@ -56,6 +56,7 @@ class KORVO_API BaseRow {
 
   /// The buffer, for reading and for writing; neither copies. They throw KoNullRow for a null row.
   virtual byte_t* rowBuf() const;
+  /// The buffer for writing; it does not copy a shared one. Throws KoNullRow for a null row.
   virtual byte_t* rwRowBuf();
   /// Installs `buf` without freeing the old block; every row that shares the owner sees it. Throws
   /// KoNullRow for a null row.
@@ -65,14 +66,17 @@ class KORVO_API BaseRow {
   virtual ~BaseRow() = default;
   /// These three belong to the table's row class; here they stop the process.
   virtual vcdType& vcd() const;
+  /// The place of the named column. Belongs to the table's row class; here it stops the process.
   virtual len_t columnOffset(const std::string& name) const;
   /// Makes the row null.
   virtual void nullifyRow();
+  /// Whether the row has no buffer.
   virtual bool isNull() const;
   /// The header as text: "len = 64, type = 3, oid = 1001", or "len = 0, NULL".
   virtual std::string toString() const;
   /// Empty here; a table's row class may override it.
   virtual std::string toJson() const;
+  /// Where the variable area begins. Belongs to the table's row class; here it stops the process.
   virtual len_t baseRowLength();
   /// Whether vcd() lists every variable-length column. Only then are gaps reused and rows
   /// compacted; otherwise every new value is appended.
@@ -81,8 +85,11 @@ class KORVO_API BaseRow {
   virtual void clearRow();
 
   // The header's fields. They throw KoNullRow for a null row; the setters copy a shared buffer.
+  /// The whole row's length in bytes. Throws KoNullRow for a null row, as the next two.
   len_t rowLength() const { return loadField<len_t>(rowBuf() + rowLengthOffset); }
+  /// The table's number for its rows.
   std::uint16_t rowType() const { return loadField<std::uint16_t>(rowBuf() + rowTypeOffset); }
+  /// The row's object id.
   oid_t rowOid() const { return loadField<oid_t>(rowBuf() + rowOidOffset); }
   void rowTypeIs(std::uint16_t type) { setField(rowTypeOffset, type); }
   void rowOidIs(oid_t oid) { setField(rowOidOffset, oid); }
@@ -92,6 +99,7 @@ class KORVO_API BaseRow {
   /// The column's value; zero for a null row. T is a fixed-width type of the catalogue.
   template <typename T>
   T fixedColumn(len_t offset) const;
+  /// Writes a fixed-width column.
   template <typename T>
   void setFixedColumn(len_t offset, const T& value);
 
@@ -114,10 +122,13 @@ class KORVO_API BaseRow {
   /// row or a sub-row of it.
   void copyVarColumn(len_t srcSlotOffset, const BaseRow& src, len_t dstSlotOffset, len_t fdLen);
 
+  /// As getColumn() of an array.
   template <typename T>
   void getVarElemArray(len_t slotOffset, std::vector<T>& out) const;
+  /// As setColumn(), but for its assertion.
   template <typename T>
   void updateVarElement(len_t slotOffset, len_t fdLen, const T& value);
+  /// As setColumn() of an array, but for its assertion.
   template <typename T>
   void updateVarElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values);
   /// Writes an array of bool, one byte each.
@@ -130,12 +141,16 @@ class KORVO_API BaseRow {
   // Comparison and hash in place, for the three reference types. They throw KoNullRow for a null
   // row. The column's type is the caller's word.
 
+  /// Whether this row's column == the other's.
   template <typename T>
   bool columnEqual(len_t slotOffset, const BaseRow& other, len_t otherSlotOffset) const;
+  /// Whether this row's column == the value.
   template <typename T>
   bool columnEqualConst(len_t slotOffset, const T& value) const;
+  /// Whether this row's column < the other's.
   template <typename T>
   bool columnLess(len_t slotOffset, const BaseRow& other, len_t otherSlotOffset) const;
+  /// A hash of the column's bytes, 32 bits wide and the same on every host.
   template <typename T>
   unsigned int columnHash(len_t slotOffset) const;
   /// The reference's orderKey().
@@ -144,6 +159,7 @@ class KORVO_API BaseRow {
 
   // Encoded values.
 
+  /// The bytes that the value takes when it is encoded, of 16 bits as the length fields.
   template <typename T>
   static len_t encodeLength(const T& value);
   template <typename T>
@@ -151,8 +167,10 @@ class KORVO_API BaseRow {
   /// Writes encodeLength(value) bytes to `dst` and returns their number.
   template <typename T>
   static len_t encode(void* dst, const T& value);
+  /// Reads a value from `length` encoded bytes; as getColumn().
   template <typename T>
   static void decode(const void* src, len_t length, T& out);
+  /// Gives `out` the null value of its type.
   template <typename T>
   static void setToNull(T& out);
 
@@ -178,17 +196,20 @@ class KORVO_API BaseRow {
   /// variable area are not looked at.
   void installCopy(const void* bytes, std::size_t length, len_t baseLength, std::uint16_t rowType);
 
+  /// Throws KoNullRow.
   [[noreturn]] static void throwNullRow();
 
   // The writers of row classes whose rwRowBuf() is BaseRow's own and which are fully defined.
   // `Layout` is what such a class knows of its columns while it is compiled: baseLength, slots, and
   // extent(buf), the place that all values take in a buffer.
 
+  /// As setFixedColumn().
   template <typename T>
   void setOwnField(len_t offset, const T& value);
   template <typename Layout, typename Value>
   void writeOwn(len_t slotOffset, const Value& value);
 
+  /// The owner of the buffer, shared with other rows; empty for a null row.
   KoPtr<KoRowBuf> rowBuf_;
 
  private:
@@ -262,6 +283,7 @@ KORVO_API std::ostream& operator<<(std::ostream& os, const BaseRow& row);
 /// offset. Of columns with one data offset, the last in vcd() order stays.
 class KORVO_API varFieldMap : public std::map<len_t, len_t> {
  public:
+  /// The row's columns as they are now. Throws KoNullRow for a null row.
   explicit varFieldMap(const BaseRow& row);
 };
 

@@ -47,15 +47,19 @@ class ArrayReference {
   /// read.
   ArrayReference(const byte_t* array, const byte_t* rowEnd) : array_(array), rowEnd_(rowEnd) {}
 
+  /// The number of elements.
   unsigned int size() const {
     return array_ == nullptr ? 0 : loadField<std::uint16_t>(array_) & arrayCountMask;
   }
+  /// Whether there is no element.
   bool empty() const { return size() == 0; }
 
   /// Throws KoOutOfRange "Invalid index" at or beyond size().
   T operator[](unsigned int index) const;
 
+  /// At the first element.
   Iterator begin() const { return Iterator(*this, 0); }
+  /// Behind the last element.
   Iterator end() const { return Iterator(*this, size()); }
 
  private:
@@ -75,25 +79,31 @@ class ArrayReference {
 template <typename T>
 class ArrayReference<T>::Iterator {
  public:
-  using value_type = T;
-  using difference_type = std::ptrdiff_t;
-  using reference = T;
-  using pointer = void;
-  using iterator_category = std::input_iterator_tag;  // elements are values, not references
-  using iterator_concept = std::random_access_iterator_tag;
+  using value_type = T;                    ///< what an element is given as
+  using difference_type = std::ptrdiff_t;  ///< of two iterators
+  using reference = T;                     ///< elements are values
+  using pointer = void;                    ///< there is none
+  /// Elements are values, not references.
+  using iterator_category = std::input_iterator_tag;
+  using iterator_concept = std::random_access_iterator_tag;  ///< what it offers
 
   Iterator() = default;
+  /// At the element `index` of the array.
   Iterator(const ArrayReference& array, unsigned int index)
       : array_(array), index_(static_cast<difference_type>(index)) {}
 
+  /// The element's value. Throws KoOutOfRange behind the last one.
   T operator*() const { return array_[static_cast<unsigned int>(index_)]; }
+  /// The value `n` elements further on.
   T operator[](difference_type n) const { return *(*this + n); }
 
+  /// Moves by `n` elements; nothing is checked.
   Iterator& operator+=(difference_type n) {
     index_ += n;
     return *this;
   }
   Iterator& operator-=(difference_type n) { return *this += -n; }
+  /// Moves to the next element.
   Iterator& operator++() { return *this += 1; }
   Iterator& operator--() { return *this += -1; }
   Iterator operator++(int) {
@@ -106,9 +116,11 @@ class ArrayReference<T>::Iterator {
     --*this;
     return before;
   }
+  /// The iterator `n` elements further on.
   friend Iterator operator+(Iterator it, difference_type n) { return it += n; }
   friend Iterator operator+(difference_type n, Iterator it) { return it += n; }
   friend Iterator operator-(Iterator it, difference_type n) { return it -= n; }
+  /// How many elements lie between them.
   friend difference_type operator-(const Iterator& a, const Iterator& b) {
     return a.index_ - b.index_;
   }

@@ -36,7 +36,7 @@ namespace Korvo {
 
 /// What is wrong with a row.
 enum class RowFaultKind : byte_t {
-  none,
+  none,            ///< the row is good
   shortHeader,     ///< fewer bytes than a header
   truncated,       ///< the row says that it is longer than what was received
   trailingBytes,   ///< more bytes were received than the row says that it has
@@ -60,13 +60,17 @@ enum class RowFaultKind : byte_t {
 inline constexpr unsigned int maxRowNesting = 16;
 
 /// Whether prefixes may have bits set after their length.
-enum class PrefixRule : byte_t { anyBits, noHostBits };
+enum class PrefixRule : byte_t {
+  anyBits,    ///< they may
+  noHostBits  ///< such a row is refused
+};
 
 /// The first fault of a row, or none.
 struct RowFault {
-  RowFaultKind kind = RowFaultKind::none;
+  RowFaultKind kind = RowFaultKind::none;  ///< what is wrong
   std::size_t offset = 0;  ///< of the faulty field or value, from the row's first byte
 
+  /// Whether there is a fault.
   explicit operator bool() const { return kind != RowFaultKind::none; }
   /// One line: "two values share a byte (at byte 40)".
   KORVO_API std::string text() const;

@@ -38,29 +38,35 @@
 
 namespace Korvo {
 
-inline constexpr len_t rowLengthOffset = 0;
-inline constexpr len_t rowTypeOffset = 2;
-inline constexpr len_t rowOidOffset = 4;
-inline constexpr len_t rowHeaderLength = 8;
-inline constexpr std::size_t maxRowLength = 65535;
-inline constexpr std::size_t maxValueLength = 32767;
-inline constexpr len_t arrayHeaderLength = 2;
-inline constexpr unsigned int arrayCountMask = 0x0FFF;
-inline constexpr byte_t arrayCountHighMask = 0x0F;  // of the header's second byte
-inline constexpr byte_t arrayVariableMark = 0x10;   // of the header's second byte
-inline constexpr byte_t slotArrayMark = 0x80;       // of the slot's fourth byte
-inline constexpr byte_t ipv4Length = 4;
-inline constexpr byte_t ipv6Length = 16;
+inline constexpr len_t rowLengthOffset = 0;             ///< of the row length in a row's header
+inline constexpr len_t rowTypeOffset = 2;               ///< of the row type in the header
+inline constexpr len_t rowOidOffset = 4;                ///< of the oid in the header
+inline constexpr len_t rowHeaderLength = 8;             ///< bytes of the header
+inline constexpr std::size_t maxRowLength = 65535;      ///< bytes of the longest row
+inline constexpr std::size_t maxValueLength = 32767;    ///< bytes of the longest encoded value
+inline constexpr len_t arrayHeaderLength = 2;           ///< bytes of an array's header
+inline constexpr unsigned int arrayCountMask = 0x0FFF;  ///< the count's bits in an array's header
+/// Of the header's second byte: the count's upper bits.
+inline constexpr byte_t arrayCountHighMask = 0x0F;
+/// Of the header's second byte: elements of variable length.
+inline constexpr byte_t arrayVariableMark = 0x10;
+/// Of a slot's fourth byte: the column holds an array.
+inline constexpr byte_t slotArrayMark = 0x80;
+inline constexpr byte_t ipv4Length = 4;   ///< bytes of an IPv4 address
+inline constexpr byte_t ipv6Length = 16;  ///< bytes of an IPv6 address
 
 /// The slot of a variable-length column. It may stand at any address.
 struct VColType {
-  byte_t offsetBytes[2];
-  byte_t lengthBytes[2];
+  byte_t offsetBytes[2];  ///< the data offset
+  byte_t lengthBytes[2];  ///< the data length, and the array mark as the highest bit
 
+  /// Of the value, from the row's first byte; 0 when there is none.
   len_t offset() const noexcept { return loadField<len_t>(offsetBytes); }
+  /// Of the encoded value, in bytes; 0 when the column is empty.
   len_t length() const noexcept {
     return static_cast<len_t>(loadField<len_t>(lengthBytes) & maxValueLength);
   }
+  /// Whether the column holds an array, or did when it was cleared.
   bool isArray() const noexcept { return (lengthBytes[1] & slotArrayMark) != 0; }
 
   /// `length` is at most 32767.
@@ -76,9 +82,11 @@ struct VColType {
   /// marked as one.
   void clear() noexcept { valueIs(0, 0, isArray()); }
 
+  /// The slot that stands at `slotOffset` in a row or an array; valid as long as the buffer.
   static const VColType& at(const byte_t* buf, std::size_t slotOffset) noexcept {
     return *reinterpret_cast<const VColType*>(buf + slotOffset);
   }
+  /// The same for writing.
   static VColType& at(byte_t* buf, std::size_t slotOffset) noexcept {
     return *reinterpret_cast<VColType*>(buf + slotOffset);
   }
@@ -88,12 +96,13 @@ static_assert(sizeof(VColType) == 4 && alignof(VColType) == 1 && std::is_trivial
 /// Owner of one row buffer, a block of malloc, calloc or realloc that it frees.
 class KORVO_API KoRowBuf {
  public:
+  /// Takes over `buf`, which may be null.
   explicit KoRowBuf(byte_t* buf = nullptr) noexcept : buf_(buf) {}
   ~KoRowBuf() { std::free(buf_); }
   KoRowBuf(const KoRowBuf&) = delete;
   KoRowBuf& operator=(const KoRowBuf&) = delete;
 
-  byte_t* buf_;
+  byte_t* buf_;  ///< the block; null for none
 };
 
 namespace detail {

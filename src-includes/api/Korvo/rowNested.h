@@ -21,9 +21,12 @@ class KORVO_API SubRowReference : public BaseRow {
   SubRowReference& operator=(SubRowReference&&) noexcept = default;
 
   byte_t* rowBuf() const override;
+  /// Stops the process: a nested row is never written in place.
   byte_t* rwRowBuf() override;
   ~SubRowReference() override = default;
+  /// Stops the process.
   void nullifyRow() override;
+  /// Whether this refers to nothing.
   bool isNull() const override;
 
  private:

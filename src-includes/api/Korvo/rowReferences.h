@@ -31,16 +31,23 @@ inline std::uint64_t leadingBytes(const void* bytes, std::size_t count) noexcept
 class StringValueReference {
  public:
   constexpr StringValueReference() = default;
+  /// Of `length` bytes from `data` on.
   constexpr StringValueReference(const char* data, len_t length) : data_(data), length_(length) {}
 
+  /// The first byte.
   constexpr const char* data() const { return data_; }
+  /// In bytes.
   constexpr len_t length() const { return length_; }
+  /// The same as length().
   constexpr len_t size() const { return length_; }
+  /// Whether there is no byte.
   constexpr bool empty() const { return length_ == 0; }
+  /// The text as a view, valid as long as this reference.
   constexpr std::string_view view() const { return {data_, length_}; }
-  // Every reader of text takes a view.
+  /// Every reader of text takes a view.
   constexpr operator std::string_view() const { return view(); }  // NOLINT
 
+  /// All bytes count.
   bool operator==(const StringValueReference& other) const {
     return length_ == other.length_ && compareCommon(other) == 0;
   }
@@ -74,10 +81,13 @@ class StringValueReference {
 class IpGenAddrReference {
  public:
   constexpr IpGenAddrReference() = default;
+  /// Of the 4 or 16 bytes from `addr` on.
   constexpr IpGenAddrReference(const byte_t* addr, AddressFamily af)
       : addr_(addr), af_(static_cast<byte_t>(af)) {}
 
+  /// The address's first byte; null for a null reference.
   constexpr const byte_t* addr() const { return addr_; }
+  /// The family; unknown_ also for an encoded value of a wrong length.
   constexpr AddressFamily af() const { return static_cast<AddressFamily>(af_); }
 
   /// By family first, then by address; all references of family unknown_ are equal, and no byte of
@@ -86,6 +96,7 @@ class IpGenAddrReference {
     return af_ == other.af_ && compareBytes(other) == 0;
   }
   bool operator!=(const IpGenAddrReference& other) const { return !(*this == other); }
+  /// By family first, then by address.
   bool operator<(const IpGenAddrReference& other) const { return compare(other) < 0; }
   bool operator>(const IpGenAddrReference& other) const { return compare(other) > 0; }
   bool operator<=(const IpGenAddrReference& other) const { return compare(other) <= 0; }
@@ -116,11 +127,15 @@ class IpGenAddrReference {
 class IpGenPrefixReference {
  public:
   constexpr IpGenPrefixReference() = default;
+  /// Of the 4 or 16 bytes from `addr` on.
   constexpr IpGenPrefixReference(const byte_t* addr, AddressFamily af, byte_t mask)
       : addr_(addr), af_(static_cast<byte_t>(af)), mask_(mask) {}
 
+  /// The address's first byte; null for a null reference.
   constexpr const byte_t* addr() const { return addr_; }
+  /// The family; unknown_ also for an encoded value of a wrong length.
   constexpr AddressFamily af() const { return static_cast<AddressFamily>(af_); }
+  /// The prefix length as it is stored; nobody has checked it.
   constexpr byte_t mask() const { return mask_; }
 
   /// Whether the other's address lies in this prefix; the other's length is not looked at, on

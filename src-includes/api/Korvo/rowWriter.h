@@ -29,12 +29,15 @@ class KORVO_API RowWriter {
   RowWriter& operator=(const RowWriter&) = delete;
 
   // As BaseRow's.
+  /// Writes a fixed-width column.
   template <typename T>
   void setFixedColumn(len_t offset, const T& value);
+  /// As BaseRow's.
   template <typename T>
   void setColumn(len_t slotOffset, const T& value);
   template <typename T>
   void setColumn(len_t slotOffset, const std::vector<T>& values);
+  /// As BaseRow's.
   template <typename T>
   void updateFixElemArray(len_t slotOffset, const std::vector<T>& values);
 
@@ -43,6 +46,7 @@ class KORVO_API RowWriter {
 
   /// `slots` names each column of the row's class, once; they outlive the writer.
   RowWriter(BaseRow& row, len_t fdLen, std::span<const len_t> slots);
+  /// Writes a column of the row's class, a value or an array.
   template <typename Value>
   void write(len_t slotOffset, const Value& value);
   void write(len_t slotOffset, const detail::EncodedValue& value);

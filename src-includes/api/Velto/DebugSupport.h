@@ -50,6 +50,7 @@ class DebugSupport {
 
   /// The channel; null if there is none.
   DebugChannel* channel() const { return channel_; }
+  /// Whether the channel is deleted with this object.
   bool owned() const { return owned_; }
 
   /// Replaces the channel, which may be null, and deletes the old one if it was owned. An owned

@@ -12,6 +12,7 @@ namespace Velto {
 /// interpreted here.
 class Exception : public std::exception {
  public:
+  /// With the text of what() and the flag.
   Exception(const std::string& message, bool flag) : message_(message), flag_(flag) {}
 
   /// The message; valid as long as this object.

@@ -68,14 +68,17 @@ class FdControl {
   /// is wanted of it starts as nothing. To be called with -1, or the control deleted, before the
   /// descriptor is closed.
   virtual void fdIs(int fd) = 0;
+  /// The descriptor that is watched; -1 for none.
   virtual int fd() const = 0;
 
   /// Whether onReadable() is called.
   virtual void readableWantedIs(bool wanted) = 0;
+  /// See readableWantedIs().
   virtual bool readableWanted() const = 0;
 
   /// Whether onWritable() is called.
   virtual void writableWantedIs(bool wanted) = 0;
+  /// See writableWantedIs().
   virtual bool writableWanted() const = 0;
 };
 
