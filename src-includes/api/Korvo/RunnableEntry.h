@@ -2,7 +2,7 @@
 
 // The entries of a scheduler's run queue, and the map that finds them. Included by Scheduler.h.
 
-#include <Korvo/export.h>
+#include <Korvo/fwd.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -14,11 +14,8 @@
 
 namespace Korvo {
 
-class Schedulable;
-class Scheduler;
-
 namespace detail {
-class EntryMap;
+class KORVO_API EntryMap;
 }
 
 /// One place in a scheduler's run queue. Belongs to the scheduler.

@@ -63,10 +63,6 @@
 
 namespace Korvo {
 
-class BaseRow;
-class RowWriter;
-class SubRowReference;
-
 namespace detail {
 
 /// The first `count` bytes, at most 8, as a number that orders as they do; bytes that are missing
