@@ -15,7 +15,8 @@ bench_packages=("${demo_packages[@]}" libbenchmark-dev libflatbuffers-dev flatbu
   libcapnp-dev capnproto libprotobuf-dev protobuf-compiler libevent-dev libboost-dev libabsl-dev
   libre2-dev rapidjson-dev libsqlite3-dev python3)
 ci_packages=("${test_packages[@]}" "${demo_packages[@]}" clang-14 libclang-rt-14-dev g++-multilib
-  clang-format-14 clang-tidy-14 shellcheck gcovr doxygen valgrind abigail-tools ccache git)
+  clang-format-14 clang-tidy-14 shellcheck gcovr doxygen valgrind abigail-tools ccache git
+  build-essential debhelper lintian mmdebstrap arch-test)
 
 wanted=()
 for word in "$@"; do

@@ -6,7 +6,7 @@
 #
 # The installed tree is left in WORK_DIR/moved.
 #
-# KORVO_SPOIL=header, library or eventLoop damages the installed tree first, to show that the check
+# KORVO_SPOIL=header, library, eventLoop or path damages the installed tree first, to show that the check
 # would see it.
 set -euo pipefail
 unset LD_LIBRARY_PATH
@@ -30,6 +30,7 @@ case ${KORVO_SPOIL:-} in
   header) echo 'Canary' >>"$prefix/include/Korvo/korvo_types.h" ;;
   library) rm "$libdir"/libKorvoAPI.* ;;
   eventLoop) rm "$libdir"/libKorvoEventLoop.* ;;
+  path) sed -i 's/ -Wl,-rpath,.*//' "$libdir"/pkgconfig/*.pc ;;
 esac
 
 # run_consumer PROGRAM: it prints what it should, and uses the kind of library it was linked with.

@@ -53,10 +53,6 @@ cpp23=-std=c++23
 [[ $compiler == g++* ]] || cpp23=-std=c++2b # clang 14 knows no other name
 
 for prefix in "$shared" "$static"; do
-  for options in '' -O2 '-O2 -flto' "$cpp23" -fno-rtti -fsanitize=undefined -D_GLIBCXX_ASSERTIONS; do
-    # shellcheck disable=SC2086
-    accepted "$prefix" $options
-  done
   for options in -O0 '-O2 -flto'; do
     # shellcheck disable=SC2086
     {
@@ -65,6 +61,10 @@ for prefix in "$shared" "$static"; do
       refused "$prefix" built_with_GLIBCXX_DEBUG_and_USE_CXX11_ABI_0 \
         -D_GLIBCXX_DEBUG -D_GLIBCXX_USE_CXX11_ABI=0 $options
     }
+  done
+  for options in '' -O2 '-O2 -flto' "$cpp23" -fno-rtti -fsanitize=undefined -D_GLIBCXX_ASSERTIONS; do
+    # shellcheck disable=SC2086
+    accepted "$prefix" $options
   done
 done
 echo "$compiler, the installed library: good"
