@@ -10,25 +10,24 @@ out=$PWD/build/packages
 architecture=${1:-}
 build_dependencies=(build-essential cmake debhelper libssl-dev libuv1-dev pkgconf)
 
-# copy_sources FOLDER
+# copy_sources FOLDER: what was built beside it before is gone.
 copy_sources() {
-  rm -rf "$1"
+  rm -rf "$(dirname "$1")"
   mkdir -p "$1"
   git ls-files -co --exclude-standard -z CMakeLists.txt README.md cmake debian docs src src-includes |
     xargs -0 cp --parents -t "$1"
 }
 
-mkdir -p "$out"
 if [ -z "$architecture" ]; then
   scripts/install-deps.sh "${build_dependencies[@]}" doxygen
-  copy_sources "$out/source"
-  cd "$out/source"
-  dpkg-buildpackage -b -us -uc -j"$(nproc)"
+  copy_sources "$out/own/source"
+  (cd "$out/own/source" && dpkg-buildpackage -b -us -uc -j"$(nproc)")
+  cp "$out"/own/*.* "$out"
 else
-  root=$out/root-$architecture
+  root=$out/root-$architecture.tar
   scripts/bare-root.sh "$root" "$architecture" "${build_dependencies[@]}"
-  rm -f "$root"/build/*.*
-  copy_sources "$root/build/source"
-  scripts/in-root.sh "$root" sh -ec "cd /build/source && dpkg-buildpackage -B -us -uc -j$(nproc)"
-  cp "$root"/build/*.deb "$root"/build/*.changes "$root"/build/*.buildinfo "$out"
+  copy_sources "$out/$architecture/source"
+  scripts/in-root.sh "$root" "$out/$architecture" \
+    sh -ec "cd /work/source && dpkg-buildpackage -B -us -uc -j$(nproc)"
+  cp "$out/$architecture"/*.* "$out"
 fi

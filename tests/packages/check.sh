@@ -16,26 +16,23 @@ architectures=("$@")
 # What a user has: compilers, and no header or library but theirs.
 "$source_dir/scripts/bare-root.sh" "$packages/bare.tar" "$(IFS=,; echo "${architectures[*]}")" \
   cmake g++-multilib make pkgconf
-root=$packages/bare
-rm -rf "$root"
-mkdir "$root"
-tar -C "$root" -xf "$packages/bare.tar"
-
-mkdir "$root/check"
+work=$packages/check
+rm -rf "$work"
+mkdir "$work"
 for architecture in "${architectures[@]}" all; do
-  cp "$packages"/*_"$architecture".deb "$root/check"
+  cp "$packages"/*_"$architecture".deb "$work"
 done
 cp "$source_dir/examples/readme/readme.cpp" "$source_dir/examples/readme/expected.txt" \
-  "$source_dir/tests/install/event_loop.cpp" "$here/inside.sh" "$here/CMakeLists.txt" "$root/check"
+  "$source_dir/tests/install/event_loop.cpp" "$here/inside.sh" "$here/CMakeLists.txt" "$work"
 # As in the README.
 grep -q '^find_package(KorvoAPI REQUIRED)$' "$source_dir/README.md"
 grep -qF "c++ -std=c++20 agent.cpp \$(pkg-config --cflags --libs KorvoAPI)" "$source_dir/README.md"
 
 if [ "${KORVO_SPOIL:-}" = header ]; then
-  spoilt=$(echo "$root"/check/libkorvoapi-dev_*_"${architectures[-1]}".deb)
-  dpkg-deb -R "$spoilt" "$root/check/spoilt"
-  echo '// Canary' >>"$root/check/spoilt/usr/include/Korvo/version.h"
-  dpkg-deb -b "$root/check/spoilt" "$spoilt"
+  spoilt=$(echo "$work"/libkorvoapi-dev_*_"${architectures[-1]}".deb)
+  dpkg-deb -R "$spoilt" "$work/spoilt"
+  echo '// Canary' >>"$work/spoilt/usr/include/Korvo/version.h"
+  dpkg-deb -b "$work/spoilt" "$spoilt"
 fi
 
-"$source_dir/scripts/in-root.sh" "$root" bash /check/inside.sh "${architectures[@]}"
+"$source_dir/scripts/in-root.sh" "$packages/bare.tar" "$work" bash /work/inside.sh "${architectures[@]}"
