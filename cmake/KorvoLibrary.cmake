@@ -27,7 +27,7 @@ korvo_add_library(KorvoAPI KorvoAPI
     src/fileUtils.cpp
   HEADERS ${korvo_headers} ${velto_headers})
 if(NOT KORVO_VELTO_IS_STAND_IN)
-  target_include_directories(KorvoAPI PUBLIC "${KORVO_VELTO_INCLUDE_DIR}")
+  target_include_directories(KorvoAPI BEFORE PUBLIC "${KORVO_VELTO_INCLUDE_DIR}")
 endif()
 
 # File sizes and offsets are 64 bits wide on 32-bit systems too.

@@ -15,11 +15,10 @@ static_assert(KORVO_VERSION >= 10000 && KORVO_VERSION_MAJOR == 1);
 namespace {
 
 using FileLayout = Korvo::RowLayout<2, Korvo::Column<"path", std::string>>;
-using RouteLayout =
-    Korvo::RowLayout<1, Korvo::Column<"metric", std::uint32_t>,
-                     Korvo::Column<"net", Korvo::IpGenPrefix>,
-                     Korvo::Column<"tags", std::vector<std::string>>,
-                     Korvo::Column<"origin", Korvo::Nested<FileLayout>>>;
+using RouteLayout = Korvo::RowLayout<1, Korvo::Column<"metric", std::uint32_t>,
+                                     Korvo::Column<"net", Korvo::IpGenPrefix>,
+                                     Korvo::Column<"tags", std::vector<std::string>>,
+                                     Korvo::Column<"origin", Korvo::Nested<FileLayout>>>;
 using Route = Korvo::TableRow<RouteLayout>;
 
 struct Greeter : Korvo::Schedulable {
@@ -56,7 +55,8 @@ void units() {
 
 void registry() {
   Korvo::sysnameIs("alpha");
-  std::cout << Korvo::sysname() << ' ' << Korvo::isInfrastructureTable("korvo/koCtrl/query") << '\n';
+  std::cout << Korvo::sysname() << ' ' << Korvo::isInfrastructureTable("korvo/koCtrl/query")
+            << '\n';
 }
 
 void errors() {

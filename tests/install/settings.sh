@@ -62,7 +62,8 @@ for prefix in "$shared" "$static"; do
         -D_GLIBCXX_DEBUG -D_GLIBCXX_USE_CXX11_ABI=0 $options
     }
   done
-  for options in '' -O2 '-O2 -flto' "$cpp23" -fno-rtti -fsanitize=undefined -D_GLIBCXX_ASSERTIONS; do
+  for options in '' -O2 '-O2 -flto' "$cpp23" -fno-rtti -fsanitize=undefined \
+    -fsanitize=address -D_GLIBCXX_ASSERTIONS; do
     # shellcheck disable=SC2086
     accepted "$prefix" $options
   done
