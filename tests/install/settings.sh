@@ -46,7 +46,8 @@ refused() {
   if compile "$prefix" host.cpp refused "$@" >"$work/log" 2>&1; then
     fail "a program with $* links a library that was built without"
   fi
-  grep -q "undefined reference to .*\[abi:$symbol\]" "$work/log" || fail "$(cat "$work/log")"
+  grep -q "undefined reference to .*\[abi:$symbol\]" "$work/log" ||
+    fail "the linker does not name $symbol: $(cat "$work/log")"
 }
 
 cpp23=-std=c++23
