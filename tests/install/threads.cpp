@@ -37,11 +37,16 @@ void shareRow() {
   std::cout << mine.view<"name">() << '\n';
 }
 
-int counter = 0;
+volatile int counter = 0;
+std::atomic<int> working = 0;
 
 struct Counter : Korvo::Schedulable {
   using Schedulable::Schedulable;
-  void run(bool) override { ++counter; }
+  void run(bool) override {
+    working.fetch_add(1, std::memory_order_relaxed);
+    while (working.load(std::memory_order_relaxed) != 2) std::this_thread::yield();
+    for (int i = 0; i < 10000; ++i) counter = counter + 1;
+  }
 };
 
 void runUnit() {
