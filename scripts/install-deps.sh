@@ -16,7 +16,8 @@ bench_packages=("${demo_packages[@]}" libbenchmark-dev libflatbuffers-dev flatbu
   libre2-dev rapidjson-dev libsqlite3-dev python3)
 docs_packages=(doxygen doxygen-awesome-css python3)
 ci_packages=("${test_packages[@]}" "${demo_packages[@]}" "${docs_packages[@]}" clang-14 libclang-rt-14-dev g++-multilib
-  clang-format-14 clang-tidy-14 shellcheck gcovr python3-clang-14 valgrind abigail-tools ccache git)
+  clang-format-14 clang-tidy-14 shellcheck gcovr python3-clang-14 valgrind abigail-tools ccache git
+  build-essential debhelper lintian mmdebstrap arch-test)
 
 wanted=()
 for word in "$@"; do

@@ -1,12 +1,15 @@
 #!/bin/bash
 # Installs a built tree and uses the library in the three ways that a user may: find_package,
-# pkg-config and add_subdirectory.
+# pkg-config and add_subdirectory. Programs start as they are: without LD_LIBRARY_PATH.
 #
-#   tests/install/check.sh BUILD_DIR WORK_DIR
+#   tests/install/check.sh BUILD_DIR WORK_DIR      with the compiler CXX
 #
-# KORVO_SPOIL=header, library or eventLoop damages the installed tree first, to show that the check
+# The installed tree is left in WORK_DIR/moved.
+#
+# KORVO_SPOIL=header, library, eventLoop or path damages the installed tree first, to show that the check
 # would see it.
 set -euo pipefail
+unset LD_LIBRARY_PATH
 here=$(cd "$(dirname "$0")" && pwd)
 source_dir=$(cd "$here/../.." && pwd)
 build=$1
@@ -27,11 +30,12 @@ case ${KORVO_SPOIL:-} in
   header) echo 'Canary' >>"$prefix/include/Korvo/korvo_types.h" ;;
   library) rm "$libdir"/libKorvoAPI.* ;;
   eventLoop) rm "$libdir"/libKorvoEventLoop.* ;;
+  path) sed -i 's/ -Wl,-rpath,.*//' "$libdir"/pkgconfig/*.pc ;;
 esac
 
 # run_consumer PROGRAM: it prints what it should, and uses the kind of library it was linked with.
 run_consumer() {
-  LD_LIBRARY_PATH=$libdir "$1" | diff "$here/consumer.expected" -
+  "$1" | diff "$here/consumer.expected" -
   if readelf -d "$1" | grep -q 'NEEDED.*libKorvoAPI'; then
     [ "$shared" = ON ]
   else
@@ -40,7 +44,7 @@ run_consumer() {
 }
 
 run_event_loop() {
-  [ "$(LD_LIBRARY_PATH=$libdir "$1")" = 'the timer ran out' ]
+  [ "$("$1")" = 'the timer ran out' ]
 }
 
 # The library itself comes without the event loop.
@@ -59,14 +63,22 @@ run_consumer "$work/event_loop/consumer"
 run_event_loop "$work/event_loop/event_loop"
 echo "find_package: good"
 
-# A component that does not exist is refused.
+# A component that does not exist is refused, by its name.
 if cmake -G Ninja -S "$here/find_package" -B "$work/no_such" -DCMAKE_PREFIX_PATH="$prefix" \
   -DCOMPONENTS=NoSuch >"$work/no_such.log" 2>&1; then
   echo "find_package accepts a component that does not exist" >&2
   exit 1
 fi
+grep -q 'its component NoSuch is not installed' "$work/no_such.log"
+
+# One version everywhere.
+header_version=$(sed -n 's/^#define KORVO_VERSION_[A-Z]* \([0-9]*\)$/\1/p' \
+  "$prefix/include/Korvo/version.h" | paste -sd .)
+cmake_version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
+[ "$header_version" = "$cmake_version" ]
 
 export PKG_CONFIG_PATH=$libdir/pkgconfig
+[ "$(pkg-config --modversion KorvoAPI)" = "$header_version" ]
 static=()
 [ "$shared" = ON ] || static=(--static)
 read -ra flags <<<"$(pkg-config --cflags --libs "${static[@]}" KorvoAPI)"

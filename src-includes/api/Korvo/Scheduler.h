@@ -23,7 +23,7 @@
 // scheduler. Nothing of what is destroyed is touched afterwards, and a loop whose scheduler is gone
 // returns.
 
-#include <Korvo/export.h>
+#include <Korvo/fwd.h>
 #include <Korvo/korvo_types.h>
 
 #include <cstddef>
@@ -44,9 +44,6 @@ namespace Korvo {
 
 static_assert(sizeof(std::time_t) == sizeof(long),
               "KorvoAPI is built with a time_t as wide as long: compile without _TIME_BITS=64");
-
-class Schedulable;
-class Scheduler;
 
 namespace detail {
 class DestructionWatch;

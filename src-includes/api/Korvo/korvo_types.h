@@ -11,7 +11,7 @@
 // other thread changes the same object or writes to the same stream.
 
 #include <Korvo/bytes.h>
-#include <Korvo/export.h>
+#include <Korvo/fwd.h>
 
 #include <compare>
 #include <cstddef>

@@ -7,6 +7,7 @@
 // is src/rowSpace.cpp's.
 
 #include <Korvo/assertion.h>
+#include <Korvo/fwd.h>
 #include <Korvo/rowArray.h>
 #include <Korvo/rowEncoding.h>
 #include <Korvo/rowFormat.h>
@@ -30,8 +31,6 @@
 #endif
 
 namespace Korvo {
-
-class RowWriter;
 
 /// A row: null, or holder of a row buffer that other rows may share. The row class of each table
 /// derives from it and knows the table's columns; TableRow.h makes such classes short.

@@ -214,9 +214,11 @@ class QuickLook {
   PrefixRule prefixes_;
 };
 
-/// The layout of a column's nested rows.
+/// The layout of a column's nested rows; void for any other column.
 template <typename T>
-struct NestedLayout;
+struct NestedLayout {
+  using Type = void;
+};
 template <typename Layout>
 struct NestedLayout<Nested<Layout>> {
   using Type = Layout;
@@ -227,9 +229,9 @@ template <typename Layout, unsigned int Depth = 0>
 [[gnu::always_inline]] inline bool passesQuickLook(QuickLook look) noexcept {
   const auto columnPasses = [&look]<std::size_t I>(std::integral_constant<std::size_t, I>) {
     return look.columnPasses(Layout::columns[I], [](const QuickLook& nested) {
-      using T = std::tuple_element_t<I, typename Layout::ColumnTypes>;
-      if constexpr (ColumnTraits<T>::nested != nullptr && Depth < maxRowNesting) {
-        return passesQuickLook<typename NestedLayout<T>::Type, Depth + 1>(nested);
+      using T = typename NestedLayout<std::tuple_element_t<I, typename Layout::ColumnTypes>>::Type;
+      if constexpr (!std::is_void_v<T> && Depth < maxRowNesting) {
+        return passesQuickLook<T, Depth + 1>(nested);
       } else {
         return false;
       }

@@ -3,6 +3,7 @@
 // Encodings: which types columns have, and the bytes of their values. A value carries no tag and no
 // length of its own; the length stands in the column's slot, and tells an address's family.
 
+#include <Korvo/fwd.h>
 #include <Korvo/rowReferences.h>
 
 #include <span>
@@ -12,8 +13,6 @@
 #include <vector>
 
 namespace Korvo {
-
-class SubRowReference;
 
 namespace detail {
 

@@ -1,0 +1,33 @@
+#!/bin/bash
+# Builds the Debian packages into build/packages, in a copy of the sources:
+#
+#   scripts/packages.sh                for the machine's architecture, with the documentation
+#   scripts/packages.sh ARCHITECTURE   for another, in a root of its own (needs root rights)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+out=$PWD/build/packages
+architecture=${1:-}
+build_dependencies=(build-essential cmake debhelper libssl-dev libuv1-dev pkgconf)
+
+# copy_sources FOLDER: what was built beside it before is gone.
+copy_sources() {
+  rm -rf "$(dirname "$1")"
+  mkdir -p "$1"
+  git ls-files -co --exclude-standard -z CMakeLists.txt README.md cmake debian docs src src-includes |
+    xargs -0 cp --parents -t "$1"
+}
+
+if [ -z "$architecture" ]; then
+  scripts/install-deps.sh "${build_dependencies[@]}" doxygen
+  copy_sources "$out/own/source"
+  (cd "$out/own/source" && dpkg-buildpackage -b -us -uc -j"$(nproc)")
+  cp "$out"/own/*.* "$out"
+else
+  root=$out/root-$architecture.tar
+  scripts/bare-root.sh "$root" "$architecture" "${build_dependencies[@]}"
+  copy_sources "$out/$architecture/source"
+  scripts/in-root.sh "$root" "$out/$architecture" \
+    sh -ec "cd /work/source && dpkg-buildpackage -B -us -uc -j$(nproc)"
+  cp "$out/$architecture"/*.* "$out"
+fi

@@ -1,0 +1,62 @@
+#!/bin/bash
+# The part of check.sh that runs in the root, in the folder of this script.
+set -euo pipefail
+cd "$(dirname "$0")"
+
+fail() {
+  echo "$*" >&2
+  exit 1
+}
+
+# runs_as_expected FOLDER: the programs there print what they should, and find the libraries where
+# the system has them.
+runs_as_expected() {
+  "$1/readme" | diff expected.txt -
+  [ "$("$1/event_loop")" = 'the timer ran out' ]
+  for program in "$1/readme" "$1/event_loop"; do
+    if readelf -d "$program" | grep -E 'RPATH|RUNPATH'; then fail "$program has a path"; fi
+    readelf -d "$program" | grep -q 'NEEDED.*libKorvo' || fail "$program has no library of ours"
+  done
+}
+
+apt-get -qq update
+# All architectures beside each other.
+apt-get install -qq -y --no-install-recommends ./*.deb </dev/null
+
+for architecture in "$@"; do
+  case $architecture in
+    amd64) triplet=x86_64-linux-gnu flags=-m64 ;;
+    i386) triplet=i386-linux-gnu flags=-m32 ;;
+  esac
+
+  cmake -S . -B "cmake-$architecture" -DCMAKE_CXX_FLAGS="$flags" \
+    -DKorvoAPI_DIR="/usr/lib/$triplet/cmake/KorvoAPI"
+  cmake --build "cmake-$architecture"
+  runs_as_expected "cmake-$architecture"
+
+  mkdir "pkg-config-$architecture"
+  export PKG_CONFIG_LIBDIR=/usr/lib/$triplet/pkgconfig
+  # shellcheck disable=SC2046
+  {
+    c++ -std=c++20 "$flags" readme.cpp $(pkg-config --cflags --libs KorvoAPI) \
+      -o "pkg-config-$architecture/readme"
+    c++ -std=c++20 "$flags" event_loop.cpp $(pkg-config --cflags --libs KorvoEventLoop) \
+      -o "pkg-config-$architecture/event_loop"
+  }
+  runs_as_expected "pkg-config-$architecture"
+
+  # The debugger finds the symbols of each library by its number.
+  for library in /usr/lib/"$triplet"/libKorvo*.so.*.*.*; do
+    id=$(readelf -n "$library" | sed -n 's/.*Build ID: //p')
+    [ -e "/usr/lib/debug/.build-id/${id:0:2}/${id:2}.debug" ] || fail "$library has no debug symbols"
+  done
+  echo "$architecture: good"
+done
+[ -e /usr/share/doc/libkorvoapi-dev/html/index.html ] || fail "there is no documentation"
+
+mapfile -t ours < <(dpkg-query -W -f '${binary:Package}\n' 'libkorvo*')
+apt-get purge -qq -y --auto-remove "${ours[@]}" </dev/null
+if dpkg-query -W 'libkorvo*' 2>/dev/null; then fail "these packages are left"; fi
+left=$(find / -xdev -iname '*korvo*' ! -path "$PWD/*" ! -path '/proc/*')
+[ -z "$left" ] || fail "left behind: $left"
+echo "removed: good"
