@@ -259,6 +259,48 @@ TEST(EventLoopProcessTest, AChildHandlesTheSignalsAsBeforeUntilItAsksItself) {
   EXPECT_FALSE(parent.loop->active());
 }
 
+TEST(EventLoopProcessTest, AChildAsksForEachSignalByItself) {
+  Watching parent;
+  parent.loop->stopOnSignals({SIGTERM, SIGUSR1});
+  const auto askForAnother = [] {
+    EventLoop own("own");
+    own.stopOnSignals({SIGUSR1});
+    raise(SIGUSR1);
+    own.run();
+    return !own.active();
+  };
+  const auto signalOf = [](int status) { return WIFSIGNALED(status) ? WTERMSIG(status) : 0; };
+  // A signal that it has not asked for.
+  EXPECT_EQ(signalOf(statusOfChild([&] {
+              EventLoop own("own");
+              own.stopOnSignals({SIGUSR1});
+              raise(SIGTERM);
+              return true;
+            })),
+            SIGTERM);
+  // One that it asks for no more, whatever the copy of the parent's loop.
+  EXPECT_EQ(signalOf(statusOfChild([&] { return askForAnother() && raise(SIGUSR1) == 0; })),
+            SIGUSR1);
+  EXPECT_EQ(signalOf(statusOfChild([&] {
+              const bool stopped = askForAnother();
+              parent.watch.reset();
+              parent.timer.reset();
+              parent.loop.reset();
+              return stopped && askForAnother() && raise(SIGUSR1) == 0;
+            })),
+            SIGUSR1);
+  // The copy does not end what the child asks for.
+  EXPECT_EQ(statusOfChild([&] {
+              EventLoop own("own");
+              own.stopOnSignals({SIGUSR1});
+              parent.loop.reset();
+              raise(SIGUSR1);
+              own.run();
+              return !own.active() && askForAnother();
+            }),
+            0);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Standard streams
 
