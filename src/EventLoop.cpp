@@ -506,7 +506,8 @@ void detail::Events::begin(Watch& watch, int fd) {
   // Only what is wanted is polled, since failures are always told.
   epoll_event event{};
   OwnDescriptor standIn;
-  if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0) {
+  // It is polled already if it was closed under an earlier watch and came back under its number.
+  if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0 || errno == EEXIST) {
     epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, &event);
   } else {
     const int error = errno;

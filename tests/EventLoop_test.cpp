@@ -551,6 +551,27 @@ TEST_F(EventLoopTest, ADescriptorClosedUnderItsWatchDoesNotKeepTheLoopBusy) {
   }
 }
 
+TEST_F(EventLoopTest, ADescriptorClosedUnderItsWatchAndRestoredIsWatchedAnew) {
+  const Sockets sockets;
+  const int number = dup(sockets.ours);
+  OnFd handler;
+  handler.readable = [&] { stop(); };
+  auto control = watch(handler, number);
+  control->readableWantedIs(true);
+  close(number);
+  control->fdIs(-1);
+  ASSERT_EQ(dup(sockets.ours), number);  // the same socket under the same number
+  control->fdIs(number);
+  settle();
+  EXPECT_EQ(handler.reads, 0);
+  control->readableWantedIs(true);
+  sockets.send("x");
+  run();
+  EXPECT_EQ(handler.reads, 1);
+  control.reset();
+  close(number);
+}
+
 TEST_F(EventLoopTest, TheWorkForManySocketsIsProportionalToTheirNumber) {
   constexpr int kCount = 10'000;
   rlimit limit{};
