@@ -270,8 +270,14 @@ class detail::Events {
     uv_prepare_init(&loop_, &beforeWait_);
     poll_.data = beforeWait_.data = this;
     uv_prepare_start(&beforeWait_, [](uv_prepare_t* handle) {
-      // The host's timers, which libuv calls back before it waits, may have queued a unit.
-      if (!static_cast<Events*>(handle->data)->idle()) uv_stop(handle->loop);
+      // The host's timers, which libuv calls back before it waits, may have queued a unit or set a
+      // timer.
+      auto& events = *static_cast<Events*>(handle->data);
+      if (events.idle()) {
+        events.setAlarm();
+      } else {
+        uv_stop(handle->loop);
+      }
     });
     startPoll();
   }
@@ -303,9 +309,7 @@ class detail::Events {
   /// Waits for something to tell, and tells it.
   void wait() {
     do {
-      const bool waits = idle();
-      if (waits) setAlarm();
-      round(waits ? UV_RUN_ONCE : UV_RUN_NOWAIT);
+      round(idle() ? UV_RUN_ONCE : UV_RUN_NOWAIT);
     } while (idle());
     woken_ = false;
     tell(now());

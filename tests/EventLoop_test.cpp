@@ -863,6 +863,28 @@ TEST_F(EventLoopTest, ATimerOfTheHostsThatIsDueBeforeAWaitPreventsIt) {
   settle();
 }
 
+TEST_F(EventLoopTest, ATimerSetByATimerOfTheHostsRunsOutInTime) {
+  OnTimeout soon([&] { stop(); });
+  const auto control = this->timer(soon);
+  uv_timer_t timer;
+  uv_timer_init(loop_->loop(), &timer);
+  timer.data = control.get();
+  OnTimeout starter([&] {  // is due when the wait begins
+    uv_timer_start(
+        &timer,
+        [](uv_timer_t* handle) { static_cast<TimerControl*>(handle->data)->timeoutIs(1ms); }, 0, 0);
+  });
+  const auto start = this->timer(starter);
+  start->timeoutIs(1ms);
+  const auto begin = Clock::now();
+  loop_->run(0, 3.0, false);
+  EXPECT_LT(Clock::now() - begin, 2s) << "nothing but the limit ended the wait";
+  EXPECT_EQ(soon.count, 1);
+  loop_->activeIs(true);
+  uv_close(reinterpret_cast<uv_handle_t*>(&timer), nullptr);
+  settle();
+}
+
 TEST_F(EventLoopDeathTest, TheHostsHandlesAreClosedBeforeTheLoop) {
   const auto careless = [] {
     auto loop = std::make_unique<EventLoop>("careless");
