@@ -608,9 +608,9 @@ namespace {
 
 using detail::Events;
 
-class UvTimerControl : public Velto::Platform::TimerControl {
+class LoopTimerControl : public Velto::Platform::TimerControl {
  public:
-  UvTimerControl(const std::shared_ptr<Events>& events, Velto::Platform::TimeoutHandler* handler)
+  LoopTimerControl(const std::shared_ptr<Events>& events, Velto::Platform::TimeoutHandler* handler)
       : events_(events), timer_(events->timers(), handler) {}
 
   void timeoutIs(nanoseconds delay) override { timer_.set(delay); }
@@ -622,13 +622,13 @@ class UvTimerControl : public Velto::Platform::TimerControl {
   Timer timer_;
 };
 
-class UvFdControl : public Velto::Platform::FdControl {
+class LoopFdControl : public Velto::Platform::FdControl {
  public:
-  UvFdControl(std::shared_ptr<Events> events, FdEventHandler* handler)
+  LoopFdControl(std::shared_ptr<Events> events, FdEventHandler* handler)
       : events_(std::move(events)), watch_(handler) {}
-  UvFdControl(const UvFdControl&) = delete;
-  UvFdControl& operator=(const UvFdControl&) = delete;
-  ~UvFdControl() override { events_->end(watch_); }
+  LoopFdControl(const LoopFdControl&) = delete;
+  LoopFdControl& operator=(const LoopFdControl&) = delete;
+  ~LoopFdControl() override { events_->end(watch_); }
 
   void fdIs(int fd) override {
     events_->end(watch_);
@@ -678,11 +678,11 @@ int EventLoop::pauseScheduler(timespec*) {
 
 Velto::Platform::TimerControl* EventLoop::getTimerControl(
     Velto::Platform::TimeoutHandler* handler) {
-  return new UvTimerControl(events_, handler);
+  return new LoopTimerControl(events_, handler);
 }
 
 Velto::Platform::FdControl* EventLoop::getFdControl(Velto::Platform::FdEventHandler* handler) {
-  return new UvFdControl(events_, handler);
+  return new LoopFdControl(events_, handler);
 }
 
 void EventLoop::post(std::function<void()> work) {

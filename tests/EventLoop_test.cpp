@@ -218,6 +218,13 @@ TEST_F(EventLoopTest, ADeletedTimerIsNotTold) {
   });
 }
 
+TEST_F(EventLoopTest, ATimerWithTheLongestDelayIsNotTold) {
+  expectNotTold([](auto& control) {
+    control->timeoutIs(std::chrono::nanoseconds::max());
+    EXPECT_TRUE(control->pending());
+  });
+}
+
 TEST_F(EventLoopTest, OneTimerPreventsAnotherThatRanOutWithIt) {
   for (const bool cancel : {false, true}) {
     std::unique_ptr<TimerControl> controls[2];
@@ -1035,13 +1042,15 @@ TEST_F(EventLoopTest, AHandlerDestroysTheLoop) {
 }
 
 TEST_F(EventLoopTest, AHandlerDestroysTheLoopAtTheStartOfARun) {
-  auto loop = std::make_shared<EventLoop>("mortal");
-  EventLoop& running = *loop;
-  OnTimeout handler([&] { loop.reset(); });
-  const std::unique_ptr<TimerControl> control(loop->getTimerControl(&handler));
-  control->timeoutIs(0ns);
-  running.run(0, 0.0, true);
-  EXPECT_EQ(loop, nullptr);
+  for (const int count : {0, 1, -1}) {
+    auto loop = std::make_shared<EventLoop>("mortal");
+    EventLoop& running = *loop;
+    OnTimeout handler([&] { loop.reset(); });
+    const std::unique_ptr<TimerControl> control(loop->getTimerControl(&handler));
+    control->timeoutIs(0ns);
+    running.run(count, 0.0, true);
+    EXPECT_EQ(loop, nullptr);
+  }
 }
 
 TEST_F(EventLoopTest, AUnitDestroysTheLoop) {
