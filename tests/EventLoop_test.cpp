@@ -769,6 +769,23 @@ TEST_F(EventLoopTest, WakeIsRememberedByALook) {
   EXPECT_EQ(loop_->pauseScheduler(&pause), 0);
 }
 
+TEST_F(EventLoopTest, WakeIsRememberedByALookWithinAHandler) {
+  OnTimeout handler([&] {
+    loop_->wake();
+    loop_->run(0, 0.0, true);
+  });
+  const auto control = timer(handler);
+  control->timeoutIs(0ns);
+  timespec pause{};
+  loop_->pauseScheduler(&pause);
+  ASSERT_EQ(handler.count, 1);
+  OnTimeout late;
+  const auto end = timer(late);
+  end->timeoutIs(1s);
+  loop_->pauseScheduler(&pause);
+  EXPECT_EQ(late.count, 0);
+}
+
 TEST_F(EventLoopTest, AnotherThreadEndsAWait) {
   struct Stoppable : EventLoop {
     Stoppable() : EventLoop("stoppable") {}
