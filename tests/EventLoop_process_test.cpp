@@ -139,6 +139,20 @@ TEST(EventLoopProcessTest, AChildStopsItselfAlone) {
   EXPECT_TRUE(parent.hears());
 }
 
+TEST(EventLoopProcessTest, AChildsCopyIsWokenByWhatCameBeforeTheForkAndByTheChild) {
+  Watching parent;
+  parent.loop->wake();
+  EXPECT_EQ(statusOfChild([&] {
+              timespec pause{};
+              parent.timer->timeoutIs(1s);
+              parent.loop->pauseScheduler(&pause);
+              parent.loop->wake();
+              parent.loop->pauseScheduler(&pause);
+              return parent.late.count == 0;
+            }),
+            0);
+}
+
 TEST(EventLoopProcessTest, AUnitForksAndTheLoopGoesOnInBoth) {
   Watching both;
   pid_t child = -1;
@@ -210,6 +224,18 @@ TEST(EventLoopProcessTest, TheFormerActionComesBackWithTheEndOfTheLastLoop) {
   first.reset();
   raise(SIGUSR1);
   EXPECT_EQ(handled, 11);
+  signal(SIGUSR1, former);
+}
+
+TEST(EventLoopProcessTest, TheFormerActionComesBackThoughControlsOutliveTheLoop) {
+  static int handled = 0;
+  handled = 0;
+  const auto former = signal(SIGUSR1, [](int) { ++handled; });
+  Watching watching;
+  watching.loop->stopOnSignals({SIGUSR1});
+  watching.loop.reset();
+  raise(SIGUSR1);
+  EXPECT_EQ(handled, 1);
   signal(SIGUSR1, former);
 }
 
@@ -297,6 +323,19 @@ TEST(EventLoopProcessTest, AChildAsksForEachSignalByItself) {
               raise(SIGUSR1);
               own.run();
               return !own.active() && askForAnother();
+            }),
+            0);
+}
+
+TEST(EventLoopProcessTest, AChildAsksWithItsCopy) {
+  Watching parent;
+  parent.loop->stopOnSignals({SIGTERM});
+  EXPECT_EQ(statusOfChild([&] {
+              parent.loop->stopOnSignals({SIGTERM});
+              const bool heard = parent.hears();
+              raise(SIGTERM);
+              parent.run();
+              return heard && !parent.loop->active() && parent.late.count == 1;
             }),
             0);
 }

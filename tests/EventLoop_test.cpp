@@ -379,6 +379,44 @@ TEST_F(EventLoopTest, TheEndOfTheDataIsReadable) {
   EXPECT_EQ(handler.reads, 1);
 }
 
+TEST_F(EventLoopTest, TheOtherEndOfAPipeIsClosed) {
+  int ends[2];
+  OnFd handler;
+  handler.readable = handler.writable = [&] { stop(); };
+  ASSERT_EQ(pipe(ends), 0);
+  close(ends[1]);
+  auto control = watch(handler, ends[0]);
+  control->readableWantedIs(true);
+  run();
+  EXPECT_EQ(handler.reads, 1);
+  control.reset();
+  close(ends[0]);
+
+  ASSERT_EQ(pipe(ends), 0);
+  control = watch(handler, ends[1]);
+  const std::string text(4096, 'x');
+  while (write(ends[1], text.data(), text.size()) > 0) {
+  }
+  close(ends[0]);
+  control->writableWantedIs(true);
+  run();
+  EXPECT_EQ(handler.writes, 1);
+  control.reset();
+  close(ends[1]);
+}
+
+TEST_F(EventLoopTest, AHandlerEndsTheWatchBeforeItsOtherDirection) {
+  const Sockets sockets;
+  OnFd handler;
+  const auto control = watch(handler, sockets.ours);
+  handler.readable = handler.writable = [&] { control->fdIs(-1); };
+  sockets.send("x");
+  control->readableWantedIs(true);
+  control->writableWantedIs(true);
+  settle();
+  EXPECT_EQ(handler.reads + handler.writes, 1);
+}
+
 TEST_F(EventLoopTest, AnErrorIsToldForAsLongAsItIsWanted) {
   int fds[2];
   ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
@@ -697,6 +735,16 @@ TEST_F(EventLoopTest, AShortRunInsideALongOneEndsInTime) {
   EXPECT_EQ(handler.count, 1);
 }
 
+TEST_F(EventLoopTest, TheLimitEndsWithItsRun) {
+  loop_->run(0, 0.001, false);
+  OnTimeout late;
+  const auto end = timer(late);
+  end->timeoutIs(20ms);
+  timespec pause{};
+  loop_->pauseScheduler(&pause);
+  EXPECT_EQ(late.count, 1);
+}
+
 TEST_F(EventLoopTest, EventsAreToldWhileUnitsAreBusy) {
   const Sockets sockets;
   Unit busy("busy", loop_, [](Unit& unit) { unit.runnableIs(true); });
@@ -767,6 +815,18 @@ TEST_F(EventLoopTest, WakeIsRememberedByALook) {
   loop_->run(0, 0.0, true);
   timespec pause{};
   EXPECT_EQ(loop_->pauseScheduler(&pause), 0);
+}
+
+TEST_F(EventLoopTest, AWakeIsForgottenAfterTheWaitThatItEnds) {
+  timespec pause{};
+  loop_->wake();
+  loop_->pauseScheduler(&pause);
+  OnTimeout stopper([&] { stop(); });
+  const auto end = timer(stopper);
+  end->timeoutIs(50ms);
+  polls = 0;
+  run();
+  EXPECT_LE(polls, 20);
 }
 
 TEST_F(EventLoopTest, WakeIsRememberedByALookWithinAHandler) {
