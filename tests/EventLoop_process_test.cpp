@@ -345,11 +345,14 @@ TEST(EventLoopProcessTest, AChildAsksWithItsCopy) {
 
 TEST(EventLoopProcessTest, StandardStreamsMayBeClosedAndStayClosed) {
   EXPECT_EQ(statusOfChild([] {
+              const int null = open("/dev/null", O_RDWR);
               for (const int stream : {0, 1, 2}) close(stream);
               bool right = true;
               {
                 EventLoop loop("main");
                 loop.stopOnSignals({SIGUSR1});
+                OnFd ready;
+                const auto watch = watchOf(loop, ready, null);
                 OnTimeout handler([&] { loop.activeIs(false); });
                 const auto timer = timerOf(loop, handler);
                 timer->timeoutIs(1ms);
