@@ -270,8 +270,14 @@ class detail::Events {
     uv_prepare_init(&loop_, &beforeWait_);
     poll_.data = beforeWait_.data = this;
     uv_prepare_start(&beforeWait_, [](uv_prepare_t* handle) {
-      // The host's timers, which libuv calls back before it waits, may have queued a unit.
-      if (!static_cast<Events*>(handle->data)->idle()) uv_stop(handle->loop);
+      // The host's timers, which libuv calls back before it waits, may have queued a unit or set a
+      // timer.
+      auto& events = *static_cast<Events*>(handle->data);
+      if (events.idle()) {
+        events.setAlarm();
+      } else {
+        uv_stop(handle->loop);
+      }
     });
     startPoll();
   }
@@ -303,9 +309,7 @@ class detail::Events {
   /// Waits for something to tell, and tells it.
   void wait() {
     do {
-      const bool waits = idle();
-      if (waits) setAlarm();
-      round(waits ? UV_RUN_ONCE : UV_RUN_NOWAIT);
+      round(idle() ? UV_RUN_ONCE : UV_RUN_NOWAIT);
     } while (idle());
     woken_ = false;
     tell(now());
@@ -506,7 +510,8 @@ void detail::Events::begin(Watch& watch, int fd) {
   // Only what is wanted is polled, since failures are always told.
   epoll_event event{};
   OwnDescriptor standIn;
-  if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0) {
+  // It is polled already if it was closed under an earlier watch and came back under its number.
+  if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0 || errno == EEXIST) {
     epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, &event);
   } else {
     const int error = errno;
@@ -603,9 +608,9 @@ namespace {
 
 using detail::Events;
 
-class UvTimerControl : public Velto::Platform::TimerControl {
+class LoopTimerControl : public Velto::Platform::TimerControl {
  public:
-  UvTimerControl(const std::shared_ptr<Events>& events, Velto::Platform::TimeoutHandler* handler)
+  LoopTimerControl(const std::shared_ptr<Events>& events, Velto::Platform::TimeoutHandler* handler)
       : events_(events), timer_(events->timers(), handler) {}
 
   void timeoutIs(nanoseconds delay) override { timer_.set(delay); }
@@ -617,13 +622,13 @@ class UvTimerControl : public Velto::Platform::TimerControl {
   Timer timer_;
 };
 
-class UvFdControl : public Velto::Platform::FdControl {
+class LoopFdControl : public Velto::Platform::FdControl {
  public:
-  UvFdControl(std::shared_ptr<Events> events, FdEventHandler* handler)
+  LoopFdControl(std::shared_ptr<Events> events, FdEventHandler* handler)
       : events_(std::move(events)), watch_(handler) {}
-  UvFdControl(const UvFdControl&) = delete;
-  UvFdControl& operator=(const UvFdControl&) = delete;
-  ~UvFdControl() override { events_->end(watch_); }
+  LoopFdControl(const LoopFdControl&) = delete;
+  LoopFdControl& operator=(const LoopFdControl&) = delete;
+  ~LoopFdControl() override { events_->end(watch_); }
 
   void fdIs(int fd) override {
     events_->end(watch_);
@@ -673,11 +678,11 @@ int EventLoop::pauseScheduler(timespec*) {
 
 Velto::Platform::TimerControl* EventLoop::getTimerControl(
     Velto::Platform::TimeoutHandler* handler) {
-  return new UvTimerControl(events_, handler);
+  return new LoopTimerControl(events_, handler);
 }
 
 Velto::Platform::FdControl* EventLoop::getFdControl(Velto::Platform::FdEventHandler* handler) {
-  return new UvFdControl(events_, handler);
+  return new LoopFdControl(events_, handler);
 }
 
 void EventLoop::post(std::function<void()> work) {

@@ -21,6 +21,8 @@ namespace {
 
 struct Signal {
   std::atomic<unsigned> count = 0;
+  /// The process that asked for it. A child has a copy of what its parent asked for.
+  std::atomic<pid_t> process = 0;
   int watches = 0;
   struct sigaction before {};
 };
@@ -28,7 +30,6 @@ struct Signal {
 // What the handler uses lives as long as the process.
 std::array<Signal, NSIG> signals;
 std::atomic<int> eventDescriptor = -1;
-std::atomic<pid_t> process = 0;
 std::mutex mutex;  // of all but the handler
 
 static_assert(std::atomic<unsigned>::is_always_lock_free &&
@@ -37,7 +38,7 @@ static_assert(std::atomic<unsigned>::is_always_lock_free &&
 void onSignal(int number) {
   const int error = errno;
   Signal& signal = signals[static_cast<std::size_t>(number)];
-  if (process == getpid()) {
+  if (signal.process == getpid()) {
     ++signal.count;
     const std::uint64_t one = 1;
     [[maybe_unused]] const ssize_t written = write(eventDescriptor, &one, sizeof(one));
@@ -64,7 +65,7 @@ int SignalWatch::descriptor() {
   return eventDescriptor;
 }
 
-SignalWatch::SignalWatch(int signal) : signal_(signal) {
+SignalWatch::SignalWatch(int signal) : signal_(signal), process_(getpid()) {
   if (signal <= 0 || signal >= NSIG) refuse(signal);
   descriptor();
   const std::lock_guard lock(mutex);
@@ -75,16 +76,18 @@ SignalWatch::SignalWatch(int signal) : signal_(signal) {
   ours.sa_handler = onSignal;
   ours.sa_flags = SA_RESTART;
   sigfillset(&ours.sa_mask);
-  // Also where there is a watch: in a child that may be the parent's.
   struct sigaction before {};
   if (sigaction(signal, nullptr, &before) != 0) refuse(signal);
-  if (watched.watches == 0) watched.before = before;
-  process = getpid();
+  if (watched.process != process_) watched.watches = 0;
+  // What a child has of its parent's handler stands for the action before it.
+  if (watched.watches == 0 && before.sa_handler != onSignal) watched.before = before;
+  watched.process = process_;
   if (sigaction(signal, &ours, nullptr) != 0) refuse(signal);
   ++watched.watches;
 }
 
 SignalWatch::~SignalWatch() {
+  if (process_ != getpid()) return;  // the parent's
   const std::lock_guard lock(mutex);
   Signal& watched = signals[static_cast<std::size_t>(signal_)];
   if (--watched.watches != 0) return;

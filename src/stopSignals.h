@@ -2,9 +2,12 @@
 
 // The signals that event loops stop on, for all of the process's event loops.
 
+#include <sys/types.h>
+
 namespace Korvo::detail {
 
-/// Has a signal counted as long as it exists. Watches are made and destroyed by every thread.
+/// Has a signal counted as long as it exists, in the process that made it. Watches are made and
+/// destroyed by every thread.
 class SignalWatch {
  public:
   /// Throws KoInvalidArgument if the signal cannot be handled.
@@ -23,6 +26,7 @@ class SignalWatch {
 
  private:
   int signal_;
+  pid_t process_;
   unsigned seen_;
 };
 

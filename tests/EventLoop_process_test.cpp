@@ -139,6 +139,20 @@ TEST(EventLoopProcessTest, AChildStopsItselfAlone) {
   EXPECT_TRUE(parent.hears());
 }
 
+TEST(EventLoopProcessTest, AChildsCopyIsWokenByWhatCameBeforeTheForkAndByTheChild) {
+  Watching parent;
+  parent.loop->wake();
+  EXPECT_EQ(statusOfChild([&] {
+              timespec pause{};
+              parent.timer->timeoutIs(1s);
+              parent.loop->pauseScheduler(&pause);
+              parent.loop->wake();
+              parent.loop->pauseScheduler(&pause);
+              return parent.late.count == 0;
+            }),
+            0);
+}
+
 TEST(EventLoopProcessTest, AUnitForksAndTheLoopGoesOnInBoth) {
   Watching both;
   pid_t child = -1;
@@ -213,6 +227,18 @@ TEST(EventLoopProcessTest, TheFormerActionComesBackWithTheEndOfTheLastLoop) {
   signal(SIGUSR1, former);
 }
 
+TEST(EventLoopProcessTest, TheFormerActionComesBackThoughControlsOutliveTheLoop) {
+  static int handled = 0;
+  handled = 0;
+  const auto former = signal(SIGUSR1, [](int) { ++handled; });
+  Watching watching;
+  watching.loop->stopOnSignals({SIGUSR1});
+  watching.loop.reset();
+  raise(SIGUSR1);
+  EXPECT_EQ(handled, 1);
+  signal(SIGUSR1, former);
+}
+
 TEST(EventLoopProcessTest, WhatCannotBeHandledIsRefusedAndNothingChanges) {
   EventLoop loop("main");
   struct sigaction before {
@@ -259,16 +285,74 @@ TEST(EventLoopProcessTest, AChildHandlesTheSignalsAsBeforeUntilItAsksItself) {
   EXPECT_FALSE(parent.loop->active());
 }
 
+TEST(EventLoopProcessTest, AChildAsksForEachSignalByItself) {
+  Watching parent;
+  parent.loop->stopOnSignals({SIGTERM, SIGUSR1});
+  const auto askForAnother = [] {
+    EventLoop own("own");
+    own.stopOnSignals({SIGUSR1});
+    raise(SIGUSR1);
+    own.run();
+    return !own.active();
+  };
+  const auto signalOf = [](int status) { return WIFSIGNALED(status) ? WTERMSIG(status) : 0; };
+  // A signal that it has not asked for.
+  EXPECT_EQ(signalOf(statusOfChild([&] {
+              EventLoop own("own");
+              own.stopOnSignals({SIGUSR1});
+              raise(SIGTERM);
+              return true;
+            })),
+            SIGTERM);
+  // One that it asks for no more, whatever the copy of the parent's loop.
+  EXPECT_EQ(signalOf(statusOfChild([&] { return askForAnother() && raise(SIGUSR1) == 0; })),
+            SIGUSR1);
+  EXPECT_EQ(signalOf(statusOfChild([&] {
+              const bool stopped = askForAnother();
+              parent.watch.reset();
+              parent.timer.reset();
+              parent.loop.reset();
+              return stopped && askForAnother() && raise(SIGUSR1) == 0;
+            })),
+            SIGUSR1);
+  // The copy does not end what the child asks for.
+  EXPECT_EQ(statusOfChild([&] {
+              EventLoop own("own");
+              own.stopOnSignals({SIGUSR1});
+              parent.loop.reset();
+              raise(SIGUSR1);
+              own.run();
+              return !own.active() && askForAnother();
+            }),
+            0);
+}
+
+TEST(EventLoopProcessTest, AChildAsksWithItsCopy) {
+  Watching parent;
+  parent.loop->stopOnSignals({SIGTERM});
+  EXPECT_EQ(statusOfChild([&] {
+              parent.loop->stopOnSignals({SIGTERM});
+              const bool heard = parent.hears();
+              raise(SIGTERM);
+              parent.run();
+              return heard && !parent.loop->active() && parent.late.count == 1;
+            }),
+            0);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Standard streams
 
 TEST(EventLoopProcessTest, StandardStreamsMayBeClosedAndStayClosed) {
   EXPECT_EQ(statusOfChild([] {
+              const int null = open("/dev/null", O_RDWR);
               for (const int stream : {0, 1, 2}) close(stream);
               bool right = true;
               {
                 EventLoop loop("main");
                 loop.stopOnSignals({SIGUSR1});
+                OnFd ready;
+                const auto watch = watchOf(loop, ready, null);
                 OnTimeout handler([&] { loop.activeIs(false); });
                 const auto timer = timerOf(loop, handler);
                 timer->timeoutIs(1ms);

@@ -218,6 +218,13 @@ TEST_F(EventLoopTest, ADeletedTimerIsNotTold) {
   });
 }
 
+TEST_F(EventLoopTest, ATimerWithTheLongestDelayIsNotTold) {
+  expectNotTold([](auto& control) {
+    control->timeoutIs(std::chrono::nanoseconds::max());
+    EXPECT_TRUE(control->pending());
+  });
+}
+
 TEST_F(EventLoopTest, OneTimerPreventsAnotherThatRanOutWithIt) {
   for (const bool cancel : {false, true}) {
     std::unique_ptr<TimerControl> controls[2];
@@ -370,6 +377,44 @@ TEST_F(EventLoopTest, TheEndOfTheDataIsReadable) {
   run();
   EXPECT_EQ(sockets.receive(), "");
   EXPECT_EQ(handler.reads, 1);
+}
+
+TEST_F(EventLoopTest, TheOtherEndOfAPipeIsClosed) {
+  int ends[2];
+  OnFd handler;
+  handler.readable = handler.writable = [&] { stop(); };
+  ASSERT_EQ(pipe(ends), 0);
+  close(ends[1]);
+  auto control = watch(handler, ends[0]);
+  control->readableWantedIs(true);
+  run();
+  EXPECT_EQ(handler.reads, 1);
+  control.reset();
+  close(ends[0]);
+
+  ASSERT_EQ(pipe(ends), 0);
+  control = watch(handler, ends[1]);
+  const std::string text(4096, 'x');
+  while (write(ends[1], text.data(), text.size()) > 0) {
+  }
+  close(ends[0]);
+  control->writableWantedIs(true);
+  run();
+  EXPECT_EQ(handler.writes, 1);
+  control.reset();
+  close(ends[1]);
+}
+
+TEST_F(EventLoopTest, AHandlerEndsTheWatchBeforeItsOtherDirection) {
+  const Sockets sockets;
+  OnFd handler;
+  const auto control = watch(handler, sockets.ours);
+  handler.readable = handler.writable = [&] { control->fdIs(-1); };
+  sockets.send("x");
+  control->readableWantedIs(true);
+  control->writableWantedIs(true);
+  settle();
+  EXPECT_EQ(handler.reads + handler.writes, 1);
 }
 
 TEST_F(EventLoopTest, AnErrorIsToldForAsLongAsItIsWanted) {
@@ -551,6 +596,27 @@ TEST_F(EventLoopTest, ADescriptorClosedUnderItsWatchDoesNotKeepTheLoopBusy) {
   }
 }
 
+TEST_F(EventLoopTest, ADescriptorClosedUnderItsWatchAndRestoredIsWatchedAnew) {
+  const Sockets sockets;
+  const int number = dup(sockets.ours);
+  OnFd handler;
+  handler.readable = [&] { stop(); };
+  auto control = watch(handler, number);
+  control->readableWantedIs(true);
+  close(number);
+  control->fdIs(-1);
+  ASSERT_EQ(dup(sockets.ours), number);  // the same socket under the same number
+  control->fdIs(number);
+  settle();
+  EXPECT_EQ(handler.reads, 0);
+  control->readableWantedIs(true);
+  sockets.send("x");
+  run();
+  EXPECT_EQ(handler.reads, 1);
+  control.reset();
+  close(number);
+}
+
 TEST_F(EventLoopTest, TheWorkForManySocketsIsProportionalToTheirNumber) {
   constexpr int kCount = 10'000;
   rlimit limit{};
@@ -669,6 +735,16 @@ TEST_F(EventLoopTest, AShortRunInsideALongOneEndsInTime) {
   EXPECT_EQ(handler.count, 1);
 }
 
+TEST_F(EventLoopTest, TheLimitEndsWithItsRun) {
+  loop_->run(0, 0.001, false);
+  OnTimeout late;
+  const auto end = timer(late);
+  end->timeoutIs(20ms);
+  timespec pause{};
+  loop_->pauseScheduler(&pause);
+  EXPECT_EQ(late.count, 1);
+}
+
 TEST_F(EventLoopTest, EventsAreToldWhileUnitsAreBusy) {
   const Sockets sockets;
   Unit busy("busy", loop_, [](Unit& unit) { unit.runnableIs(true); });
@@ -739,6 +815,35 @@ TEST_F(EventLoopTest, WakeIsRememberedByALook) {
   loop_->run(0, 0.0, true);
   timespec pause{};
   EXPECT_EQ(loop_->pauseScheduler(&pause), 0);
+}
+
+TEST_F(EventLoopTest, AWakeIsForgottenAfterTheWaitThatItEnds) {
+  timespec pause{};
+  loop_->wake();
+  loop_->pauseScheduler(&pause);
+  OnTimeout stopper([&] { stop(); });
+  const auto end = timer(stopper);
+  end->timeoutIs(50ms);
+  polls = 0;
+  run();
+  EXPECT_LE(polls, 20);
+}
+
+TEST_F(EventLoopTest, WakeIsRememberedByALookWithinAHandler) {
+  OnTimeout handler([&] {
+    loop_->wake();
+    loop_->run(0, 0.0, true);
+  });
+  const auto control = timer(handler);
+  control->timeoutIs(0ns);
+  timespec pause{};
+  loop_->pauseScheduler(&pause);
+  ASSERT_EQ(handler.count, 1);
+  OnTimeout late;
+  const auto end = timer(late);
+  end->timeoutIs(1s);
+  loop_->pauseScheduler(&pause);
+  EXPECT_EQ(late.count, 0);
 }
 
 TEST_F(EventLoopTest, AnotherThreadEndsAWait) {
@@ -838,6 +943,28 @@ TEST_F(EventLoopTest, ATimerOfTheHostsThatIsDueBeforeAWaitPreventsIt) {
       &timer, [](uv_timer_t* handle) { static_cast<Unit*>(handle->data)->runnableIs(true); }, 0, 0);
   loop_->pauseScheduler(&pause);
   EXPECT_NE(unit.entry(), nullptr);
+  uv_close(reinterpret_cast<uv_handle_t*>(&timer), nullptr);
+  settle();
+}
+
+TEST_F(EventLoopTest, ATimerSetByATimerOfTheHostsRunsOutInTime) {
+  OnTimeout soon([&] { stop(); });
+  const auto control = this->timer(soon);
+  uv_timer_t timer;
+  uv_timer_init(loop_->loop(), &timer);
+  timer.data = control.get();
+  OnTimeout starter([&] {  // is due when the wait begins
+    uv_timer_start(
+        &timer,
+        [](uv_timer_t* handle) { static_cast<TimerControl*>(handle->data)->timeoutIs(1ms); }, 0, 0);
+  });
+  const auto start = this->timer(starter);
+  start->timeoutIs(1ms);
+  const auto begin = Clock::now();
+  loop_->run(0, 3.0, false);
+  EXPECT_LT(Clock::now() - begin, 2s) << "nothing but the limit ended the wait";
+  EXPECT_EQ(soon.count, 1);
+  loop_->activeIs(true);
   uv_close(reinterpret_cast<uv_handle_t*>(&timer), nullptr);
   settle();
 }
@@ -992,13 +1119,15 @@ TEST_F(EventLoopTest, AHandlerDestroysTheLoop) {
 }
 
 TEST_F(EventLoopTest, AHandlerDestroysTheLoopAtTheStartOfARun) {
-  auto loop = std::make_shared<EventLoop>("mortal");
-  EventLoop& running = *loop;
-  OnTimeout handler([&] { loop.reset(); });
-  const std::unique_ptr<TimerControl> control(loop->getTimerControl(&handler));
-  control->timeoutIs(0ns);
-  running.run(0, 0.0, true);
-  EXPECT_EQ(loop, nullptr);
+  for (const int count : {0, 1, -1}) {
+    auto loop = std::make_shared<EventLoop>("mortal");
+    EventLoop& running = *loop;
+    OnTimeout handler([&] { loop.reset(); });
+    const std::unique_ptr<TimerControl> control(loop->getTimerControl(&handler));
+    control->timeoutIs(0ns);
+    running.run(count, 0.0, true);
+    EXPECT_EQ(loop, nullptr);
+  }
 }
 
 TEST_F(EventLoopTest, AUnitDestroysTheLoop) {

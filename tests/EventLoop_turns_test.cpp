@@ -4,10 +4,12 @@
 #include <Korvo/EventLoop.h>
 
 #include <gtest/gtest.h>
+#include <uv.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <new>
 #include <vector>
@@ -17,11 +19,12 @@
 
 namespace {
 std::atomic<long> blocks = 0;
+bool outOfMemory = false;
 }  // namespace
 
 // What is allocated, counted.
 [[gnu::noinline]] void* operator new(std::size_t size) {
-  void* block = std::malloc(size == 0 ? 1 : size);
+  void* block = outOfMemory ? nullptr : std::malloc(size == 0 ? 1 : size);
   if (block == nullptr) throw std::bad_alloc();
   ++blocks;
   return block;
@@ -116,6 +119,20 @@ TEST_F(EventLoopTurnsTest, BusyUnitsLeaveNoSocketUnheardForLongerThanAMillisecon
   }
 }
 
+TEST_F(EventLoopTurnsTest, BusyUnitsAreNotInterruptedForLessThanATenthOfAMillisecond) {
+  const auto unit = busyUnit(1);
+  int looks = 0;
+  uv_check_t check;  // called back once in each round
+  uv_check_init(loop_->loop(), &check);
+  check.data = &looks;
+  uv_check_start(&check, [](uv_check_t* handle) { ++*static_cast<int*>(handle->data); });
+  loop_->run(0, 0.1, false);
+  EXPECT_GE(looks, 990);
+  EXPECT_LE(looks, 1001);
+  uv_close(reinterpret_cast<uv_handle_t*>(&check), nullptr);
+  loop_->run(1, 0.0, true);
+}
+
 TEST_F(EventLoopTurnsTest, HandlersDoNotGiveWayWhereNoUnitWaits) {
   std::vector<std::unique_ptr<TimerControl>> timers;
   OnTimeout handler([] { takeMicroseconds(1'000); });
@@ -189,6 +206,36 @@ TEST_F(EventLoopTurnsTest, WhatIsMadeAndDeletedWithoutARunLeavesNoMemoryBehind) 
   }
   std::vector<std::unique_ptr<TimerControl>>().swap(timers);
   EXPECT_EQ(blocks, before);
+}
+
+TEST_F(EventLoopTurnsTest, WhatThereIsNoMemoryForLeavesEverythingAsItWas) {
+  const auto withoutMemory = [](const std::function<void()>& action) {
+    outOfMemory = true;
+    bool failed = false;
+    try {
+      action();
+    } catch (const std::bad_alloc&) {
+      failed = true;
+    }
+    outOfMemory = false;
+    return failed;
+  };
+  OnTimeout handler;
+  const auto set = timerOf(*loop_, handler);
+  const auto unset = timerOf(*loop_, handler);
+  set->timeoutIs(0ns);
+  for (const auto& timer : {set.get(), unset.get()}) {
+    EXPECT_TRUE(withoutMemory([&] { timer->timeoutIs(1h); }));
+  }
+  EXPECT_TRUE(set->pending());
+  EXPECT_FALSE(unset->pending());
+  int works = 0;
+  const std::function<void()> work = [&works] { ++works; };
+  EXPECT_TRUE(withoutMemory([&] { loop_->post(work); }));
+  loop_->post(work);
+  loop_->run(0, 0.0, true);
+  EXPECT_EQ(handler.count, 1);
+  EXPECT_EQ(works, 1);
 }
 
 }  // namespace

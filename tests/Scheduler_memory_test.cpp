@@ -115,6 +115,22 @@ TEST_F(SchedulerMemoryTest, TidesHoldNoMoreThanTheFirst) {
   EXPECT_EQ(units.back()->invocations(), 11U);
 }
 
+TEST_F(SchedulerMemoryTest, SchedulersThatAreGoneLeaveNothingBehind) {
+  Single unit("unit"), lone("lone");
+  std::size_t before = 0;
+  for (int i = 0; i < 1000; ++i) {
+    {
+      const Single source("source", std::make_shared<OpenScheduler>());
+      unit = source;
+      arm(unit);
+      ASSERT_NE(unit.entry(), nullptr);
+      unit = lone;  // detached from its place
+    }
+    if (i == 9) before = heap;
+  }
+  EXPECT_LE(heap, before + 1024);
+}
+
 TEST_F(SchedulerMemoryTest, TracesThatAreOffAllocateNothing) {
   Recorder recorder(0);
   Busy unit("a name that is too long to stand in the string itself", scheduler_);

@@ -228,6 +228,20 @@ TEST_F(SchedulerSubclassTest, ADestroyedSchedulerFreesEntriesThatItMade) {
   EXPECT_EQ(a.entry(), nullptr);
 }
 
+TEST_F(SchedulerSubclassTest, AnEntryThatItMarkedDeadIsDropped) {
+  Recorder recorder(1U << 9);
+  const auto scheduler = std::make_shared<OpenScheduler>();
+  Unit a("a", scheduler, note()), b("b", scheduler, note());
+  for (Unit* unit : {&a, &b}) unit->arm();
+  std::exchange(a.entry_, nullptr)->valid = false;  // the unit is still noted
+  scheduler->debugChannelIs(&recorder, false);
+  scheduler->run(-1, 0.0, false);
+  EXPECT_EQ(recorder.texts().back(), " main exited due to count:1 >= expected: 1");
+  EXPECT_EQ(ran, Names{"b"});
+  EXPECT_TRUE(scheduler->entries_.empty());
+  scheduler->debugChannelIs(nullptr, false);
+}
+
 // ---------------------------------------------------------------------------------------------
 // An unschedule() of its own
 
@@ -323,6 +337,19 @@ TEST_F(SchedulerSubclassTest, AUnitDestroyedWhileQueuedIsForgottenWhateverUnsche
   }
   EXPECT_EQ(ran, Names{"third"});
   EXPECT_EQ(scheduler->kept.size(), 2U);
+}
+
+TEST_F(SchedulerSubclassTest, ADetachedUnitIsForgottenWhateverUnscheduleDoes) {
+  const auto scheduler = std::make_shared<Keeping>();
+  const Unit lone("lone");
+  auto unit = std::make_unique<Unit>("a", scheduler, note());
+  unit->arm();
+  static_cast<Schedulable&>(*unit) = lone;
+  unit.reset();
+  EXPECT_TRUE(scheduler->entries_.empty());
+  EXPECT_EQ(scheduler->kept.size(), 1U);
+  scheduler->run(0, 0.0, true);
+  EXPECT_EQ(ran, Names{});
 }
 
 // ---------------------------------------------------------------------------------------------
