@@ -12,6 +12,7 @@ add_library(KorvoAPI
   src/rowCheck.cpp
   src/rowSpace.cpp
   src/rowWriter.cpp
+  src/socketAddress.cpp
   src/Scheduler.cpp
   src/KorvoApi.cpp
   src/KoStrUtils.cpp

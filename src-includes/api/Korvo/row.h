@@ -32,6 +32,7 @@
 namespace Korvo {
 
 class RowWriter;
+class SubRowReference;
 
 /// A row: null, or holder of a row buffer that other rows may share. The row class of each table
 /// derives from it and knows the table's columns; TableRow.h makes such classes short.
@@ -53,6 +54,10 @@ class KORVO_API BaseRow {
   BaseRow(BaseRow&&) noexcept = default;
   BaseRow& operator=(const BaseRow&) = default;
   BaseRow& operator=(BaseRow&&) noexcept = default;
+  /// A nested row's view has no buffer that could be shared: a copy of it would be a null row. Its
+  /// bytes are copied by adopt() of the nested row's own class.
+  BaseRow(const SubRowReference&) = delete;
+  BaseRow& operator=(const SubRowReference&) = delete;
 
   /// The buffer, for reading and for writing; neither copies. They throw KoNullRow for a null row.
   virtual byte_t* rowBuf() const;
@@ -125,7 +130,7 @@ class KORVO_API BaseRow {
   void updateFixElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values);
   /// The view of an array column; one that refers to nothing for an empty column or a null row.
   template <typename T>
-  ArrayReference<T> arrayReference(len_t slotOffset) const;
+  ArrayReference<T> arrayReference(len_t slotOffset) const KORVO_LIFETIMEBOUND;
 
   // Comparison and hash in place, for the three reference types. They throw KoNullRow for a null
   // row. The column's type is the caller's word.
