@@ -45,7 +45,8 @@ void BaseRow::nullifyRow() {
   rowBuf_.reset();
 }
 
-/// Gives the row a buffer of its own with what is in its present one, which it gives up and returns.
+/// Gives the row a buffer of its own with what is in its present one, which it gives up and
+/// returns.
 KoPtr<KoRowBuf> BaseRow::copyBuffer() {
   const byte_t* const shared = rowBuf();
   KoPtr<KoRowBuf> own = bufferOf(shared, loadField<len_t>(shared + rowLengthOffset));

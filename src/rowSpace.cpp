@@ -1,6 +1,8 @@
 // The variable area of rows: where values find room, and how it is packed. Every value that is
 // written comes through makePlace().
 
+#include "rowSpace.h"
+
 #include <Korvo/baseRow.h>
 
 #include <algorithm>
@@ -131,13 +133,6 @@ len_t checkedRowLength(std::size_t length) {
   return static_cast<len_t>(length);
 }
 
-bool shareAByte(std::span<const byte_t> some, std::span<const byte_t> others) {
-  const auto begin = [](std::span<const byte_t> bytes) {
-    return reinterpret_cast<std::uintptr_t>(bytes.data());
-  };
-  return begin(some) < begin(others) + others.size() && begin(others) < begin(some) + some.size();
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -186,10 +181,10 @@ BaseRow::Room BaseRow::findRoom(const byte_t* buf, const Demand& demand, const K
   }
   detail::Extent counted{demand.baseLength};
   const detail::Extent& others =
-      known.writer != nullptr   ? known.writer->extentBeside(buf, demand.slotOffset)
-      : known.others != nullptr ? *known.others
-                                : (counted = extentWithout(buf, slotsOf(known), demand.slotOffset,
-                                                           demand.baseLength));
+      known.writer != nullptr ? known.writer->extentBeside(buf, demand.slotOffset)
+      : known.others != nullptr
+          ? *known.others
+          : (counted = extentWithout(buf, slotsOf(known), demand.slotOffset, demand.baseLength));
   const std::size_t end = others.end + needed;
   if (end <= rowLength) return {Kind::behindAll, static_cast<len_t>(others.end), rowLength, false};
   // What the row is to have room for when it is packed. Columns that share their data count twice.
@@ -217,8 +212,7 @@ len_t BaseRow::takeRoom(byte_t*& buf, const Room& room, const Demand& demand, co
 byte_t* BaseRow::grow(byte_t* buf, len_t newLength, RowWriter* writer) {
   const len_t length = loadField<len_t>(buf + rowLengthOffset);
   if (newLength <= length) return buf;
-  buf = writer != nullptr ? writer->enlargeBlock(buf, newLength)
-                          : install(resized(buf, newLength));
+  buf = writer != nullptr ? writer->enlargeBlock(buf, newLength) : install(resized(buf, newLength));
   std::memset(buf + length, 0, newLength - std::size_t{length});
   storeField(buf + rowLengthOffset, newLength);
   return buf;
@@ -276,7 +270,8 @@ class BaseRow::SoleBuffer {
   if (demand.length > maxValueLength) throw KoOutOfRange("Encoded value exceeds 32767 bytes");
   const Room room = findRoom(present, demand, known);
   SoleBuffer own(*this);
-  if (room.movesRow && shareAByte(demand.source, {present, loadField<len_t>(present)})) [[unlikely]] {
+  if (room.movesRow && shareAByte(demand.source, {present, loadField<len_t>(present)}))
+      [[unlikely]] {
     own.copy();  // the value stays readable in the former buffer
   }
   byte_t* buf = rwRowBuf();

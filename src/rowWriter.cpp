@@ -1,5 +1,7 @@
 #include <Korvo/rowWriter.h>
 
+#include "rowSpace.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <new>
@@ -30,9 +32,27 @@ void RowWriter::write(len_t slotOffset, const detail::EncodedValue& value) {
 
 BaseRow::Place RowWriter::makePlace(len_t slotOffset, std::size_t length,
                                     std::span<const byte_t> source) {
+  if (extent_ && row_.isSoleHolder()) {
+    // The row's own decision, made here where all values stand without a gap up to the row's end
+    // and the block has room: it fits behind the last one.
+    byte_t* const buf = row_.rwRowBuf();
+    const unsigned int begin = extent_->end;
+    const std::size_t end = begin + length;
+    if (isOwnBlock(buf) && begin == block_.rowLength && begin == baseLength_ + extent_->used &&
+        length <= maxValueLength && end <= block_.length &&
+        VColType::at(buf, slotOffset).length() == 0 && isListedOnce(slotOffset) &&
+        !shareAByte(source, {buf, begin}) && row_.isFullyDefined()) {
+      if (length > 1) buf[begin + 1] = 0;  // an array keeps bits of it
+      block_.rowLength = static_cast<len_t>(end);
+      storeField(buf + rowLengthOffset, block_.rowLength);
+      extent_->end += static_cast<unsigned int>(length);
+      extent_->used += static_cast<unsigned int>(length);
+      return {buf, slotOffset, static_cast<len_t>(begin)};
+    }
+  }
   const len_t before = VColType::at(row_.rowBuf(), slotOffset).length();
-  BaseRow::Place place = row_.makePlace({slotOffset, length, source, baseLength_},
-                                        {declaredSlots_, nullptr, this});
+  BaseRow::Place place =
+      row_.makePlace({slotOffset, length, source, baseLength_}, {declaredSlots_, nullptr, this});
   if (extent_ && before != length) {
     // What was longer or shorter may have stood last.
     if (before != 0 || !isListedOnce(slotOffset)) {
@@ -75,8 +95,7 @@ const detail::Extent& RowWriter::extentBeside(const byte_t* buf, len_t slotOffse
 /// twice.
 bool RowWriter::isListedOnce(len_t slotOffset) const {
   if (!declaredSlots_.empty()) return true;
-  const auto [begin, end] =
-      std::equal_range(listedSlots_.begin(), listedSlots_.end(), slotOffset);
+  const auto [begin, end] = std::equal_range(listedSlots_.begin(), listedSlots_.end(), slotOffset);
   return end - begin == 1;
 }
 

@@ -255,7 +255,12 @@ TEST(HeapContents, TheEndOfAWriterLeavesASharedBufferWhereItIs) {
       if (shared) sharer = row;
       before = row.rowBuf();
     }
-    EXPECT_EQ(row.rowBuf() == before, shared);
+    EXPECT_NE(row.rowBuf(), before);
+    EXPECT_EQ(bytesOf(row).size(), base + 6U);
+    if (shared) {
+      EXPECT_EQ(sharer.rowBuf(), before);
+      EXPECT_EQ(bytesOf(sharer), bytesOf(row));
+    }
   }
 }
 

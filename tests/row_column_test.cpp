@@ -602,10 +602,11 @@ TEST(SetColumnDeathTest, EmptyValuesNeedItToo) {
   arrayNeedsFdLen<std::string>("std::basic_string<char>", {});
 }
 
-TEST(SetColumnDeathTest, ANullRowNeedsItToo) {
+TEST(SetColumn, ANullRowIsToldBeforeTheMissingBaseLength) {
   FullRow row;
-  EXPECT_ASSERTION(row.setColumn<std::string>(kName, "x", 0), kSourceFile,
-                   setColumnSignature("const T&", "std::basic_string<char>"), "fdLen != 0");
+  EXPECT_THROW(row.setColumn<std::string>(kName, "x", 0), KoNullRow);
+  EXPECT_THROW(row.setColumn<std::string>(kName, std::vector<std::string>{"x"}, 0), KoNullRow);
+  EXPECT_THROW(row.updateVarElement<std::string>(kName, 0, "x"), KoNullRow);
 }
 
 TEST(SetColumnDeathTest, OtherWritersMeetTheBaseLengthWhenTheyNeedRoom) {

@@ -67,29 +67,40 @@ void onStep(int, siginfo_t*, void* context) {
   flags |= trapFlag;
 }
 
-/// With a second thread use counts change atomically, here as they do where rows are shared.
+/// With a second thread use counts change atomically, here as they do where rows are shared. It has
+/// started, and allocates no more, when it has been made.
 class SecondThread {
  public:
   SecondThread() {
+    sem_init(&started_, 0, 0);
     sem_init(&end_, 0, 0);
     pthread_create(
         &thread_, nullptr,
-        [](void* end) -> void* {
-          while (sem_wait(static_cast<sem_t*>(end)) != 0) {
-          }
+        [](void* self) -> void* {
+          auto& thread = *static_cast<SecondThread*>(self);
+          sem_post(&thread.started_);
+          wait(thread.end_);
           return nullptr;
         },
-        &end_);
+        this);
+    wait(started_);
   }
   ~SecondThread() {
     sem_post(&end_);
     pthread_join(thread_, nullptr);
     sem_destroy(&end_);
+    sem_destroy(&started_);
   }
   SecondThread(const SecondThread&) = delete;
   SecondThread& operator=(const SecondThread&) = delete;
 
  private:
+  static void wait(sem_t& semaphore) {
+    while (sem_wait(&semaphore) != 0) {
+    }
+  }
+
+  sem_t started_{};
   sem_t end_{};
   pthread_t thread_{};
 };

@@ -34,7 +34,8 @@ class SpaceModel {
   }
   Bytes value(len_t at) const {
     const Slot s = slot(at);
-    return Bytes(row_.begin() + s.offset, row_.begin() + s.offset + s.length);
+    const byte_t* const begin = row_.data() + s.offset;
+    return Bytes(begin, begin + s.length);
   }
 
   // The operations. Each does all of its work on a copy, which it keeps only at its end.

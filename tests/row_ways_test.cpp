@@ -762,13 +762,9 @@ class Play {
   template <typename OnRow, typename OnModel>
   void eachRow(const std::string& what, const OnRow& onRow, const OnModel& onModel,
                bool mayCopy = false) {
+    for (const auto& way : ways_) way->end();  // while there is memory to give some back
     eachWay(
-        what,
-        [&](Way& way) {
-          way.end();
-          onRow(way.row());
-        },
-        [&](Way& way) { onModel(way.model); }, mayCopy);
+        what, [&](Way& way) { onRow(way.row()); }, [&](Way& way) { onModel(way.model); }, mayCopy);
   }
 
   template <typename OnRow, typename OnModel>

@@ -7,12 +7,15 @@
 //   row.getColumn(nameSlot, name);                        // reads in place
 //   std::cout << name << '\n';                            // eth0
 //
-// Row classes of tables are declared with TableRow.h; received rows are checked with rowCheck.h.
+// This header includes all that belongs to rows. To walk through it: rowFormat.h draws a row's bytes;
+// rowReferences.h has values in place, rowEncoding.h their bytes, rowArray.h array columns; row.h is
+// the row itself, rowWriter.h writes many columns of one, rowNested.h reads rows within rows. Row
+// classes of tables are declared with TableRow.h; received rows are checked with rowCheck.h.
 
-#include <Korvo/rowFormat.h>      // the bytes of a row, drawn
-#include <Korvo/rowReferences.h>  // values in place
-#include <Korvo/rowEncoding.h>    // the bytes of values
-#include <Korvo/rowArray.h>       // array columns
-#include <Korvo/row.h>            // the row
-#include <Korvo/rowWriter.h>      // writing many columns
-#include <Korvo/rowNested.h>      // rows within rows
+#include <Korvo/row.h>
+#include <Korvo/rowArray.h>
+#include <Korvo/rowEncoding.h>
+#include <Korvo/rowFormat.h>
+#include <Korvo/rowNested.h>
+#include <Korvo/rowReferences.h>
+#include <Korvo/rowWriter.h>

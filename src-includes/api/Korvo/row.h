@@ -185,8 +185,8 @@ class KORVO_API BaseRow {
 
   [[noreturn]] static void throwNullRow();
 
-  // The writers of row classes whose rwRowBuf() is BaseRow's own and which are fully defined. `Layout`
-  // is what such a class knows of its columns while it is compiled: baseLength, slots, and
+  // The writers of row classes whose rwRowBuf() is BaseRow's own and which are fully defined.
+  // `Layout` is what such a class knows of its columns while it is compiled: baseLength, slots, and
   // extent(buf), the place that all values take in a buffer.
 
   template <typename T>
@@ -210,7 +210,7 @@ class KORVO_API BaseRow {
   };
   /// What the writer knows of the columns, so that less has to be looked at.
   struct Known {
-    std::span<const len_t> slots = {};        ///< all of them; where empty, vcd() has them
+    std::span<const len_t> slots = {};       ///< all of them; where empty, vcd() has them
     const detail::Extent* others = nullptr;  ///< the place that the other columns' values take
     RowWriter* writer = nullptr;             ///< keeps that place, and room for growth
   };
@@ -245,6 +245,8 @@ class KORVO_API BaseRow {
   // Writing.
   template <typename Value>
   void write(len_t slotOffset, const Value& value, len_t fdLen, const Known& known);
+  template <typename Layout, typename Value>
+  void writeBehind(byte_t* buf, len_t slotOffset, const Value& value);
   void write(len_t slotOffset, const detail::EncodedValue& value, len_t fdLen, const Known& known);
   void clearColumn(len_t slotOffset);
   template <typename T>
@@ -500,34 +502,39 @@ void BaseRow::Place::fill(const Value& value) const {
 
 template <typename Value>
 void BaseRow::write(len_t slotOffset, const Value& value, len_t fdLen, const Known& known) {
-  if (value.length() == 0) return clearColumn(slotOffset);
+  if (value.isEmpty()) return clearColumn(slotOffset);
   makePlace({slotOffset, value.length(), value.source(), fdLen}, known).fill(value);
 }
 
+template <typename Layout, typename Value>
+void BaseRow::writeBehind(byte_t* buf, len_t slotOffset, const Value& value) {
+  constexpr std::span<const len_t> slots(Layout::slots);
+  const detail::Extent others = Layout::extent(buf);
+  if (others.end + value.length() > loadField<len_t>(buf + rowLengthOffset)) {
+    return write(slotOffset, value, Layout::baseLength, {slots, &others});
+  }
+  Place{buf, slotOffset, static_cast<len_t>(others.end)}.fill(value);
+}
+
 /// Decides by itself where nothing but the column changes: where the value fits in place, and where
-/// an empty column's fits behind the last value.
+/// an empty column's fits behind the last value. Only a copy of `value` leaves this function, so
+/// that it need not stand in memory.
 template <typename Layout, typename Value>
 [[gnu::always_inline]] inline void BaseRow::writeOwn(len_t slotOffset, const Value& value) {
   constexpr std::span<const len_t> slots(Layout::slots);
   const std::size_t length = value.length();
-  if (length != 0 && length <= maxValueLength && isSoleHolder()) {
+  if (!value.isEmpty() && length <= maxValueLength && isSoleHolder()) {
     byte_t* const buf = BaseRow::rwRowBuf();
     VColType& slot = VColType::at(buf, slotOffset);
-    if (length <= slot.length()) {
+    const len_t present = slot.length();
+    if (length <= present) {
       value.store(buf + slot.offset());
+      // The offset stays: writes in a row need not wait for each other's.
       return slot.lengthIs(static_cast<len_t>(length), value.isArray);
     }
-    if (slot.length() == 0) {
-      const detail::Extent others = Layout::extent(buf);
-      if (others.end + length <= loadField<len_t>(buf + rowLengthOffset)) {
-        value.store(buf + others.end);
-        return slot.valueIs(static_cast<len_t>(others.end), static_cast<len_t>(length),
-                            value.isArray);
-      }
-      return write(slotOffset, value, Layout::baseLength, {slots, &others});
-    }
+    if (present == 0) return writeBehind<Layout>(buf, slotOffset, value);
   }
-  write(slotOffset, value, Layout::baseLength, {slots});
+  write(slotOffset, Value(value), Layout::baseLength, {slots});
 }
 
 template <typename T>

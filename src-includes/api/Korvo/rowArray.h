@@ -40,8 +40,8 @@ class ArrayReference {
 
   /// Refers to nothing: no element.
   ArrayReference() = default;
-  /// The array that begins at `array`. Of the row it knows only its elements, which are read as told
-  /// wherever they stand; one of length 0 reads up to the farthest end of them all.
+  /// The array that begins at `array`. Of the row it knows only its elements, which are read as
+  /// told wherever they stand; one of length 0 reads up to the farthest end of them all.
   explicit ArrayReference(const byte_t* array) : array_(array) {}
   /// The same where the end of the row is known, one past its last byte, behind which nothing is
   /// read.
@@ -164,7 +164,7 @@ T ArrayReference<T>::operator[](unsigned int index) const {
     } else if constexpr (std::is_same_v<T, std::string>) {
       return std::string(reinterpret_cast<const char*>(data), length);
     } else if constexpr (std::is_same_v<T, SubRowReference>) {
-      return SubRowReference(data);
+      return T(data);
     } else if constexpr (std::is_same_v<T, IpGenAddr>) {
       // Every length but 4 reads as IPv6.
       if (length == ipv4Length) return IpGenAddr(ipv4_, data);

@@ -84,6 +84,7 @@ struct EncodedValue {
   byte_t prefixLength = 0;
   bool isArray = false;
 
+  bool isEmpty() const { return byteCount == 0; }
   std::size_t length() const { return byteCount + (hasPrefixLength ? 1 : 0); }
   /// The bytes that have to stay as they are until the value is stored.
   std::span<const byte_t> source() const { return {bytes, byteCount}; }
@@ -137,9 +138,7 @@ class EncodedArray {
   static constexpr bool isArray = true;
 
   /// Refers to `values`.
-  explicit EncodedArray(const std::vector<T>& values) : values_(values) {
-    if (values.empty()) return;  // an empty array is not stored
-    length_ = slotsEnd();
+  explicit EncodedArray(const std::vector<T>& values) : values_(values), length_(slotsEnd()) {
     if constexpr (isVariableLength) {
       for (const T& value : values) length_ += encoded(value).length();
     } else {
@@ -147,6 +146,8 @@ class EncodedArray {
     }
   }
 
+  /// An empty array is not stored.
+  bool isEmpty() const { return values_.empty(); }
   std::size_t length() const { return length_; }
   /// No element stands in a row.
   static std::span<const byte_t> source() { return {}; }
@@ -182,7 +183,7 @@ class EncodedArray {
   }
 
   const std::vector<T>& values_;
-  std::size_t length_ = 0;
+  std::size_t length_;
 };
 
 // ---------------------------------------------------------------------------------------------

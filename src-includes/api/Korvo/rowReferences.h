@@ -207,8 +207,7 @@ inline std::string IpGenPrefixReference::toShortString() const {
 inline bool IpGenPrefixReference::contains(const IpGenPrefixReference& other) const {
   if (af_ != other.af_) return false;
   KORVO_ASSERT(
-      af_ == ipv4_ || af_ == ipv6_, "af_ == ipv4_ || af_ == ipv6_",
-      detail::rowHeader,
+      af_ == ipv4_ || af_ == ipv6_, "af_ == ipv4_ || af_ == ipv6_", detail::rowHeader,
       "bool Korvo::IpGenPrefixReference::contains(const Korvo::IpGenPrefixReference&) const");
   if (mask_ > 8 * (af_ == ipv4_ ? ipv4Length : ipv6Length)) return false;
   if (mask_ == 0) return true;

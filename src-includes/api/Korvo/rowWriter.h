@@ -16,8 +16,10 @@ namespace Korvo {
 /// what the row's own writers leave, with their exceptions and guarantees.
 ///
 /// The row outlives its writer, and meanwhile is written by nothing else; it may be read and
-/// shared. Its block may be larger than the row until the writer ends and gives the rest back,
-/// which counts as one more write.
+/// shared. Its block may be larger than the row until the writer ends, which counts as one more
+/// write: the row then has a block of its length. A row that has come to share the larger block
+/// meanwhile keeps it, as nobody may move what another thread may be reading. The slots that the
+/// row's class lists stay the same.
 class KORVO_API RowWriter {
  public:
   /// `fdLen` is the row's base length; 0 stops the process. Changes nothing yet.
@@ -111,7 +113,7 @@ void RowWriter::updateFixElemArray(len_t slotOffset, const std::vector<T>& value
 
 template <typename Value>
 void RowWriter::write(len_t slotOffset, const Value& value) {
-  if (value.length() == 0) return clearColumn(slotOffset);
+  if (value.isEmpty()) return clearColumn(slotOffset);
   makePlace(slotOffset, value.length(), value.source()).fill(value);
 }
 
