@@ -17,6 +17,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace rowtest {
@@ -157,11 +158,12 @@ class PlainRow : public BaseRow {
 
  private:
   void install(const Bytes& image) {
-    auto* block = static_cast<byte_t*>(std::malloc(image.size()));
-    if (block == nullptr) throw std::bad_alloc();
-    std::memcpy(block, image.data(), image.size());
-    storeField<len_t>(block, static_cast<len_t>(image.size()));
-    rowBuf_ = Korvo::KoPtr<KoRowBuf>(new KoRowBuf(block));
+    auto owner = std::make_shared<KoRowBuf>();  // first, so that a block is never without one
+    owner->buf_ = static_cast<byte_t*>(std::malloc(image.size()));
+    if (owner->buf_ == nullptr) throw std::bad_alloc();
+    std::memcpy(owner->buf_, image.data(), image.size());
+    storeField<len_t>(owner->buf_, static_cast<len_t>(image.size()));
+    rowBuf_ = std::move(owner);
   }
 };
 

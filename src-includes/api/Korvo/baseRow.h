@@ -7,10 +7,11 @@
 //   row.getColumn(nameSlot, name);                        // reads in place
 //   std::cout << name << '\n';                            // eth0
 //
-// This header includes all that belongs to rows. To walk through it: rowFormat.h draws a row's bytes;
-// rowReferences.h has values in place, rowEncoding.h their bytes, rowArray.h array columns; row.h is
-// the row itself, rowWriter.h writes many columns of one, rowNested.h reads rows within rows. Row
-// classes of tables are declared with TableRow.h; received rows are checked with rowCheck.h.
+// This header includes all that belongs to rows. To walk through it: rowFormat.h draws a row's
+// bytes; rowReferences.h has values in place, rowEncoding.h their bytes, rowArray.h array columns;
+// row.h is the row itself, rowWriter.h writes many columns of one, rowNested.h reads rows within
+// rows. Row classes of tables are declared with TableRow.h; received rows are checked with
+// rowCheck.h.
 
 #include <Korvo/row.h>
 #include <Korvo/rowArray.h>
