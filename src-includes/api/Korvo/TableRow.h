@@ -302,7 +302,8 @@ struct ThereIsNoColumnOfThisName {
   template <typename T>
   operator T() const;  // NOLINT(google-explicit-constructor)
   friend std::ostream& operator<<(std::ostream&, const ThereIsNoColumnOfThisName&);
-  friend bool operator==(const ThereIsNoColumnOfThisName&, const Anything&);
+  template <typename T>
+  friend bool operator==(const ThereIsNoColumnOfThisName&, const T&);
 };
 
 /// What the column's type says of it; nothing where there is no such column.
