@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-using PortLayout =
-    Korvo::RowLayout<7,  //
-                     Korvo::Column<"speed", std::uint32_t>, Korvo::Column<"name", std::string>,
-                     Korvo::Column<"net", Korvo::IpGenPrefix>>;
+struct PortLayout
+    : Korvo::RowLayout<7,  //
+                       Korvo::Column<"speed", std::uint32_t>, Korvo::Column<"name", std::string>,
+                       Korvo::Column<"net", Korvo::IpGenPrefix>> {};
 using Port = Korvo::TableRow<PortLayout>;
 
 namespace {

@@ -10,20 +10,22 @@
 #include <unordered_set>
 #include <vector>
 
-using LinkLayout =
-    Korvo::RowLayout<2, Korvo::Column<"up", bool>, Korvo::Column<"peer", Korvo::IpGenAddr>>;
+struct LinkLayout
+    : Korvo::RowLayout<2, Korvo::Column<"up", bool>, Korvo::Column<"peer", Korvo::IpGenAddr>> {};
 using Link = Korvo::TableRow<LinkLayout>;
 
-using PortLayout = Korvo::RowLayout<
-    7,  // the table's row type
-    Korvo::Column<"speed", std::uint32_t>, Korvo::Column<"name", std::string>,
-    Korvo::Column<"net", Korvo::IpGenPrefix>, Korvo::Column<"tags", std::vector<std::string>>,
-    Korvo::Column<"lanes", std::vector<bool>>, Korvo::Column<"link", Korvo::Nested<LinkLayout>>>;
+struct PortLayout
+    : Korvo::RowLayout<7,  // the table's row type
+                       Korvo::Column<"speed", std::uint32_t>, Korvo::Column<"name", std::string>,
+                       Korvo::Column<"net", Korvo::IpGenPrefix>,
+                       Korvo::Column<"tags", std::vector<std::string>>,
+                       Korvo::Column<"lanes", std::vector<bool>>,
+                       Korvo::Column<"link", Korvo::Nested<LinkLayout>>> {};
 using Port = Korvo::TableRow<PortLayout>;
 
 // A layout with offsets of its own: two bytes behind "kind" stay free.
-using FrameLayout = Korvo::RowLayout<8, Korvo::Column<"kind", std::uint16_t>,
-                                     Korvo::Column<"length", std::uint32_t, 12>>;
+struct FrameLayout : Korvo::RowLayout<8, Korvo::Column<"kind", std::uint16_t>,
+                                      Korvo::Column<"length", std::uint32_t, 12>> {};
 static_assert(FrameLayout::offset<"kind"> == 8 && FrameLayout::baseLength == 16);
 
 // A row class written by hand.
