@@ -43,9 +43,9 @@ class SpreadSamples {
       sample.name24[i] = static_cast<char>('a' + random_() % 26);
     }
     sample.prefixLength = static_cast<std::uint8_t>(random_() % 33);
-    sample.prefix =
-        Korvo::IpGenPrefix(Korvo::IpAddr(static_cast<std::uint32_t>(random_())), sample.prefixLength)
-            .network();
+    sample.prefix = Korvo::IpGenPrefix(Korvo::IpAddr(static_cast<std::uint32_t>(random_())),
+                                       sample.prefixLength)
+                        .network();
     sample.prefixWord = Korvo::loadField<std::uint32_t>(sample.prefix.addr().bytes());
     return sample;
   }

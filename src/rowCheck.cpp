@@ -82,9 +82,9 @@ struct SlotValue {
 
 /// Whether the row of a layout known at run time passes the quick look.
 bool passesQuickLook(QuickLook look, const LayoutInfo& layout, unsigned int depth) noexcept {
-  const bool fixedAreaPasses =
-      depth == 0 ? look.fixedAreaPasses(layout.baseLength)
-                 : look.nestedFixedAreaPasses(layout.baseLength, layout.rowType);
+  const bool fixedAreaPasses = depth == 0
+                                   ? look.fixedAreaPasses(layout.baseLength)
+                                   : look.nestedFixedAreaPasses(layout.baseLength, layout.rowType);
   if (!fixedAreaPasses) return false;
   for (const ColumnInfo& column : layout.columns) {
     const bool passes = look.columnPasses(column, [&](const QuickLook& nested) {

@@ -17,8 +17,7 @@ namespace {
 
 using namespace Korvo;
 
-struct InnerLayout
-    : RowLayout<2, Column<"text", std::string>, Column<"number", double>> {};
+struct InnerLayout : RowLayout<2, Column<"text", std::string>, Column<"number", double>> {};
 struct Layout
     : RowLayout<1, Column<"u8", std::uint8_t>, Column<"u64", std::uint64_t>,
                 Column<"i8", std::int8_t>, Column<"i32", std::int32_t>, Column<"i64", std::int64_t>,
@@ -52,8 +51,7 @@ void expectOrder(const std::vector<T>& values) {
       EXPECT_EQ(rows[i].less<Name>(rows[j]), i < j) << i << " " << j;
       EXPECT_EQ(rows[i].equal<Name>(rows[j]), i == j) << i << " " << j;
       EXPECT_EQ(rows[i] == rows[j], i == j) << i << " " << j;
-      EXPECT_TRUE(i != j || rowWith<Name>(values[i]).template hash<Name>() ==
-                                rows[j].hash<Name>());
+      EXPECT_TRUE(i != j || rowWith<Name>(values[i]).template hash<Name>() == rows[j].hash<Name>());
       EXPECT_TRUE(i < j || rows[i].orderKey<Name>() >= rows[j].orderKey<Name>()) << i << " " << j;
     }
   }
@@ -105,8 +103,8 @@ TEST(ColumnOrder, OfBoolsHasFalseFirst) {
 }
 
 TEST(ColumnOrder, OfAddressesIsNumeric) {
-  expectOrder<"v4", IpAddr>({IpAddr(), IpAddr("1.0.0.0"), IpAddr("9.255.0.0"), IpAddr("10.0.0.1"),
-                             IpAddr("255.0.0.0")});
+  expectOrder<"v4", IpAddr>(
+      {IpAddr(), IpAddr("1.0.0.0"), IpAddr("9.255.0.0"), IpAddr("10.0.0.1"), IpAddr("255.0.0.0")});
   expectOrder<"v6", Ip6Addr>({Ip6Addr(), Ip6Addr("::1"), Ip6Addr("::1:0:0:0:0"),
                               Ip6Addr("2001:db8::1"), Ip6Addr("2001:db8::2"), Ip6Addr("ff00::")});
   expectOrder<"addr", IpGenAddr>({IpGenAddr(), IpGenAddr("0.0.0.0"), IpGenAddr("10.0.0.1"),
@@ -120,9 +118,9 @@ TEST(ColumnOrder, OfPrefixesIsThatOfTheirReferences) {
   expectOrder<"net", IpGenPrefix>(
       {IpGenPrefix(), IpGenPrefix("0.0.0.0/32"), IpGenPrefix("10.0.0.0/16"),
        IpGenPrefix("10.1.0.0/16"), IpGenPrefix("10.0.0.0/8"), IpGenPrefix("11.0.0.0/8"),
-       IpGenPrefix("0.0.0.0/0"), IpGenPrefix("::/128"), IpGenPrefix("::1/128"), IpGenPrefix("::/127"),
-       IpGenPrefix("::2/128"), IpGenPrefix("::/63"), IpGenPrefix("2001:db8::/64"),
-       IpGenPrefix("2001:db8::/33"), IpGenPrefix("::/0")});
+       IpGenPrefix("0.0.0.0/0"), IpGenPrefix("::/128"), IpGenPrefix("::1/128"),
+       IpGenPrefix("::/127"), IpGenPrefix("::2/128"), IpGenPrefix("::/63"),
+       IpGenPrefix("2001:db8::/64"), IpGenPrefix("2001:db8::/33"), IpGenPrefix("::/0")});
 }
 
 TEST(ColumnOrder, PrefixesWithoutAFamilyComeFirstAndStopNothing) {
@@ -147,8 +145,8 @@ TEST(ColumnOrder, OfTextIsLexicographicBytes) {
   using namespace std::string_literals;
   expectOrder<"text", std::string>({""s, "\0"s, "\0\0"s, "\0a"s, "a"s, "a\0"s, "a\0\0"s, "ab"s,
                                     "abcdefg"s, "abcdefg\0"s, "abcdefg\0x"s, "abcdefgh"s,
-                                    "abcdefghijklmn"s, "abcdefghijklmno"s, "abcdefghijklmnz"s,
-                                    "b"s, "\xFF"s, "\xFF\xFF"s});
+                                    "abcdefghijklmn"s, "abcdefghijklmno"s, "abcdefghijklmnz"s, "b"s,
+                                    "\xFF"s, "\xFF\xFF"s});
 }
 
 // Names that begin alike for 0 to 40 bytes, against std::sort.
@@ -178,9 +176,8 @@ TEST(SortRows, SortsPrefixesOfAllLengths) {
     rows.push_back(rowWith<"net">(IpGenPrefix(af, length, bytes).network()));
   }
   std::vector<Row> expected = rows;
-  std::sort(expected.begin(), expected.end(), [](const Row& a, const Row& b) {
-    return a.get<"net">() < b.get<"net">();
-  });
+  std::sort(expected.begin(), expected.end(),
+            [](const Row& a, const Row& b) { return a.get<"net">() < b.get<"net">(); });
   sortRows<"net">(rows);
   for (std::size_t i = 0; i < rows.size(); ++i) EXPECT_EQ(rows[i], expected[i]) << i;
 }

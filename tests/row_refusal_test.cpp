@@ -12,12 +12,11 @@ namespace {
 using namespace Korvo;
 
 struct InnerLayout : RowLayout<2, Column<"big", std::string>> {};
-struct Layout : RowLayout<1, Column<"name", std::string>, Column<"other", std::string>,
-                          Column<"net", IpGenPrefix>, Column<"nets", std::vector<IpGenPrefix>>,
-                          Column<"tags", std::vector<std::string>>,
-                          Column<"addrs", std::vector<IpGenAddr>>,
-                          Column<"flags", std::vector<bool>>,
-                          Column<"inner", Nested<InnerLayout>>> {};
+struct Layout
+    : RowLayout<1, Column<"name", std::string>, Column<"other", std::string>,
+                Column<"net", IpGenPrefix>, Column<"nets", std::vector<IpGenPrefix>>,
+                Column<"tags", std::vector<std::string>>, Column<"addrs", std::vector<IpGenAddr>>,
+                Column<"flags", std::vector<bool>>, Column<"inner", Nested<InnerLayout>>> {};
 using Row = TableRow<Layout>;
 
 std::vector<byte_t> bytesOf(const BaseRow& row) {
@@ -105,10 +104,10 @@ TEST(Refusal, NamesColumnSizeAndLimit) {
             "Korvo::OutOfRange: Column name: Encoded value exceeds 32767 bytes: 40000");
   EXPECT_EQ(refusalOf(row, [&](Row& r) { r.writer().set<"name">(tooLong); }),
             "Korvo::OutOfRange: Column name: Encoded value exceeds 32767 bytes: 40000");
-  EXPECT_EQ(refusalOf(row, [](Row& r) {
-              r.set<"tags">(std::vector<std::string>(2, std::string(20000, 'x')));
-            }),
-            "Korvo::OutOfRange: Column tags: Encoded value exceeds 32767 bytes: 40010");
+  EXPECT_EQ(
+      refusalOf(
+          row, [](Row& r) { r.set<"tags">(std::vector<std::string>(2, std::string(20000, 'x'))); }),
+      "Korvo::OutOfRange: Column tags: Encoded value exceeds 32767 bytes: 40010");
   row.set<"name">(std::string(32767, 'x'));
   const std::size_t length = row.rowLength();
   const std::string more(32767, 'y');

@@ -13,8 +13,8 @@ namespace {
 using namespace Korvo;
 
 struct LeafLayout : RowLayout<3, Column<"file", std::string>, Column<"net", IpGenPrefix>> {};
-struct OriginLayout : RowLayout<2, Column<"line", std::uint32_t>, Column<"leaf", Nested<LeafLayout>>,
-                                Column<"name", std::string>> {};
+struct OriginLayout : RowLayout<2, Column<"line", std::uint32_t>,
+                                Column<"leaf", Nested<LeafLayout>>, Column<"name", std::string>> {};
 struct Layout
     : RowLayout<1, Column<"id", std::uint32_t>, Column<"text", std::string>,
                 Column<"net", IpGenPrefix>, Column<"texts", std::vector<std::string>>,
@@ -87,8 +87,7 @@ TEST(RowFault, NamesItsColumn) {
   std::vector<byte_t> bytes = bytesOf(soundRow());
   VColType::at(bytes.data(), Layout::offset<"text">).valueIs(3, 4, false);
   EXPECT_EQ(check(bytes).column(), "text");
-  EXPECT_EQ(check(bytes).text(),
-            "a value lies in the header or the fixed area (text, at byte 12)");
+  EXPECT_EQ(check(bytes).text(), "a value lies in the header or the fixed area (text, at byte 12)");
   bytes = bytesOf(soundRow());
   bytes[valueAt(bytes, Layout::offset<"nets">) + 2 + 8] = 33;  // the first element's length
   EXPECT_EQ(check(bytes).kind, RowFaultKind::prefixBits);
@@ -98,9 +97,9 @@ TEST(RowFault, NamesItsColumn) {
 TEST(RowFault, NamesAllColumnsThatLeadIntoNestedRows) {
   const std::vector<byte_t> good = bytesOf(soundRow());
   const std::size_t origin = valueAt(good, Layout::offset<"origin">);
-  const std::size_t leaf = origin + valueAt({good.begin() + static_cast<std::ptrdiff_t>(origin),
-                                             good.end()},
-                                            OriginLayout::offset<"leaf">);
+  const std::size_t leaf =
+      origin + valueAt({good.begin() + static_cast<std::ptrdiff_t>(origin), good.end()},
+                       OriginLayout::offset<"leaf">);
   std::vector<byte_t> bytes = good;
   VColType::at(bytes.data(), leaf + LeafLayout::offset<"file">).valueIs(60000, 4, false);
   EXPECT_EQ(check(bytes).column(), "origin.leaf.file");

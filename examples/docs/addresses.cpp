@@ -23,6 +23,8 @@ void parse() {
   } catch (const Korvo::KoInvalidArgument& e) {
     std::cout << e.what() << '\n';
   }
+  std::cout << v6.toShortString() << ' ' << IpGenPrefix("10.1.0.0/16").netmask() << ' '
+            << Korvo::netmaskToLength(IpAddr("255.255.240.0")) << '\n';
 }
 
 void prefixes() {

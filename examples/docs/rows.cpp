@@ -151,6 +151,10 @@ void indexes(const Port& port) {
 
   const std::unordered_set<Port, NameHash, NameEqual> names = {port, other, port};
   std::cout << names.size() << '\n';
+
+  std::vector<Port> rows = {port, other};
+  Korvo::sortRows<"speed", "name">(rows);
+  std::cout << rows[0].view<"name">() << ' ' << (rows[0] == other) << (rows[1] == other) << '\n';
 }
 
 void stringOrder() {

@@ -334,9 +334,10 @@ constexpr void requireOrder() {
 /// Whether a column of type T is written from a Value. Besides what cannot be converted, what C++
 /// would convert in silence to another value is refused: fractions to integers, pointers to bool.
 template <typename T, typename Value>
-inline constexpr bool isWrittenFrom = std::is_convertible_v<const Value&, T> &&
-    !(std::is_integral_v<T> && std::is_floating_point_v<Value>) &&
-    !(std::is_same_v<T, bool> && std::is_pointer_v<std::decay_t<Value>>);
+inline constexpr bool isWrittenFrom =
+    std::is_convertible_v<const Value&, T> &&
+    !(std::is_integral_v<T> && std::is_floating_point_v<Value>)&&!(
+        std::is_same_v<T, bool> && std::is_pointer_v<std::decay_t<Value>>);
 template <typename Value>
 inline constexpr bool isWrittenFrom<std::string, Value> =
     std::is_convertible_v<const Value&, std::string_view> && !std::is_same_v<Value, std::nullptr_t>;
@@ -358,8 +359,9 @@ constexpr void refuseValue() {
   if constexpr (std::is_integral_v<T> && std::is_floating_point_v<Value>) {
     static_assert(fits, "a fraction is not written to a column of integers: round it first");
   } else if constexpr (isFixed<T>) {
-    static_assert(fits, "numbers are written to columns of numbers, bool to bool, IpAddr and "
-                        "Ip6Addr to theirs");
+    static_assert(fits,
+                  "numbers are written to columns of numbers, bool to bool, IpAddr and "
+                  "Ip6Addr to theirs");
   } else if constexpr (std::is_same_v<T, std::string>) {
     static_assert(fits, "a column of text is written from what converts to std::string_view");
   } else if constexpr (isArrayElement<T>) {
@@ -870,8 +872,9 @@ class RowSorter {
 }  // namespace detail
 
 /// Sorts rows as std::sort with less<Names...>() does, by one column or by several, the first one
-/// first: `sortRows<"vrf", "net">(rows)`. Several times faster, for about 48 bytes of memory for each
-/// row while it runs. On a throw (KoNullRow for a null row, std::bad_alloc) the rows are as before.
+/// first: `sortRows<"vrf", "net">(rows)`. Several times faster, for about 48 bytes of memory for
+/// each row while it runs. On a throw (KoNullRow for a null row, std::bad_alloc) the rows are as
+/// before.
 template <ColumnName... Names, std::ranges::contiguous_range Rows>
 requires(sizeof...(Names) > 0 && std::ranges::sized_range<Rows>) void sortRows(Rows&& rows) {
   using Row = std::ranges::range_value_t<Rows>;

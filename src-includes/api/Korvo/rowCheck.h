@@ -119,8 +119,7 @@ KORVO_API RowFault checkRow(const void* bytes, std::size_t length, const LayoutI
 /// The same for a layout that is declared (a RowLayout): `checkRow<PortLayout>(bytes, length)`.
 /// Faster, as most rows are looked at with code that is made for their columns.
 template <typename Layout>
-RowFault checkRow(const void* bytes, std::size_t length,
-                  RowRule rules = RowRule::anyBits) noexcept;
+RowFault checkRow(const void* bytes, std::size_t length, RowRule rules = RowRule::anyBits) noexcept;
 
 // ---------------------------------------------------------------------------------------------
 
@@ -157,8 +156,7 @@ class QuickLook {
     static_assert(rowTypeOffset == rowLengthOffset + 2);
     end_ = baseLength;
     return length_ >= std::max(baseLength, rowHeaderLength) &&
-           readOnce<std::uint32_t>(row_ + rowLengthOffset) ==
-               (length_ | std::uint32_t{type} << 16);
+           readOnce<std::uint32_t>(row_ + rowLengthOffset) == (length_ | std::uint32_t{type} << 16);
   }
 
   /// To be asked of each column in turn. `nestedPasses` is asked about a QuickLook at a nested row.
@@ -204,8 +202,7 @@ class QuickLook {
       case ipGenPrefixType_:
         return offset + length <= length_ && prefixPasses(row_ + offset, length);
       default:
-        return offset + length <= length_ &&
-               nestedPasses(QuickLook(row_ + offset, length, rules_));
+        return offset + length <= length_ && nestedPasses(QuickLook(row_ + offset, length, rules_));
     }
   }
 
@@ -294,7 +291,8 @@ template <typename Layout, unsigned int Depth = 0>
   const bool fixedAreaPasses =
       Depth == 0 ? look.fixedAreaPasses(Layout::baseLength)
                  : look.nestedFixedAreaPasses(Layout::baseLength, Layout::rowType);
-  return fixedAreaPasses && columnsPass(std::make_index_sequence<Layout::columns.size()>()) && look.endPasses();
+  return fixedAreaPasses && columnsPass(std::make_index_sequence<Layout::columns.size()>()) &&
+         look.endPasses();
 }
 
 }  // namespace detail

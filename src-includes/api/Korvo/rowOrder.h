@@ -22,14 +22,15 @@ namespace Korvo::detail {
 //
 // sortKey(view, level) is step `level` of a value in its order: of two values whose keys are the
 // same below some level, the one with the smaller key there is before the other. isLastKey() tells
-// from a key whether the values that have it are equal, so that no further level is to be asked for.
+// from a key whether the values that have it are equal, so that no further level is to be asked
+// for.
 
 template <typename T>
 requires std::is_arithmetic_v<T>
 inline std::uint64_t sortKey(T value, unsigned int /*level*/) noexcept {
   constexpr std::uint64_t signBit = std::uint64_t{1} << 63;
   if constexpr (std::is_floating_point_v<T>) {
-    if (value != value) return ~std::uint64_t{0};  // NaN, behind all others
+    if (value != value) return ~std::uint64_t{0};          // NaN, behind all others
     const double wide = value == 0 ? 0.0 : double{value};  // there is one zero
     const auto bits = std::bit_cast<std::uint64_t>(wide);
     return (bits & signBit) != 0 ? ~bits : bits | signBit;
@@ -51,7 +52,8 @@ inline std::uint64_t sortKey(const Ip6Addr& addr, unsigned int level) noexcept {
 /// Seven bytes, and how many of them the value has; 8 where it has more.
 inline std::uint64_t sortKey(const StringValueReference& text, unsigned int level) noexcept {
   constexpr std::size_t step = 7;
-  const std::string_view rest = text.view().substr(std::min<std::size_t>(text.size(), step * level));
+  const std::string_view rest =
+      text.view().substr(std::min<std::size_t>(text.size(), step * level));
   return leadingBytes(rest.data(), std::min(rest.size(), step)) | std::min(rest.size(), step + 1);
 }
 
