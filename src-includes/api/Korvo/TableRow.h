@@ -713,8 +713,12 @@ class TableRow : public BaseRow,
   static constexpr len_t slot = Layout::template offset<Name>;
 
   template <ColumnName Name, typename Encoded>
-  void writeColumn(const Encoded& encoded) {
-    detail::namingColumn(Name.view(), [&] { writeOwn<Layout>(slot<Name>, encoded); });
+  [[gnu::always_inline]] void writeColumn(const Encoded& encoded) {
+    try {
+      writeOwn<Layout>(slot<Name>, encoded);
+    } catch (const KoOutOfRange& e) {
+      detail::throwForColumn(Name.view(), e.what());
+    }
   }
 
   /// Gives `write` what a column of type T takes from `value`, while it lives.

@@ -10,6 +10,7 @@
 #include <Korvo/rowNested.h>
 
 #include <bit>
+#include <cmath>
 #include <concepts>
 #include <cstdint>
 #include <initializer_list>
@@ -30,7 +31,7 @@ requires std::is_arithmetic_v<T>
 inline std::uint64_t sortKey(T value, unsigned int /*level*/) noexcept {
   constexpr std::uint64_t signBit = std::uint64_t{1} << 63;
   if constexpr (std::is_floating_point_v<T>) {
-    if (value != value) return ~std::uint64_t{0};          // NaN, behind all others
+    if (std::isnan(value)) return ~std::uint64_t{0};       // behind all others
     const double wide = value == 0 ? 0.0 : double{value};  // there is one zero
     const auto bits = std::bit_cast<std::uint64_t>(wide);
     return (bits & signBit) != 0 ? ~bits : bits | signBit;
