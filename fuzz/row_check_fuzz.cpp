@@ -53,7 +53,7 @@ class SlowCheck {
   }
 
  private:
-  bool asks(RowRule rule) const { return has(rules_, rule); }
+  bool asks(RowRule rule) const { return hasRule(rules_, rule); }
   /// Whether values, or elements, of no bytes are good.
   bool mayBeEmpty(const ColumnInfo& column) const {
     return column.type != ipGenPrefixType_ || !asks(RowRule::withFamily);
@@ -134,9 +134,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FUZZ_REQUIRE(fault.kind <= RowFaultKind::noFamily);
     FUZZ_REQUIRE(fault.text().find('\n') == std::string::npos);
     FUZZ_REQUIRE(!fault == SlowCheck(rule).isGood(row, layout, 0));
-    if (!has(rule, RowRule::noHostBits)) FUZZ_REQUIRE(fault.kind != RowFaultKind::hostBits);
-    if (!has(rule, RowRule::withFamily)) FUZZ_REQUIRE(fault.kind != RowFaultKind::noFamily);
-    if (!has(rule, RowRule::wholeArrays)) FUZZ_REQUIRE(fault.kind != RowFaultKind::arrayCount);
+    if (!hasRule(rule, RowRule::noHostBits)) FUZZ_REQUIRE(fault.kind != RowFaultKind::hostBits);
+    if (!hasRule(rule, RowRule::withFamily)) FUZZ_REQUIRE(fault.kind != RowFaultKind::noFamily);
+    if (!hasRule(rule, RowRule::wholeArrays)) FUZZ_REQUIRE(fault.kind != RowFaultKind::arrayCount);
     FUZZ_REQUIRE(fault.column().empty() == (fault.columnCount == 0));
   }
   FUZZ_REQUIRE(std::equal(row.begin(), row.end(), block.data()));

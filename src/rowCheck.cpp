@@ -124,7 +124,7 @@ class Checker {
     const SlotValue slot(row.bytes + column.offset);
     if (slot.length == 0) {  // an offset or a mark beside it says nothing
       const bool isPrefix = column.type == ipGenPrefixType_ && !column.isArray;
-      if (!isPrefix || !has(rules_, RowRule::withFamily)) return {};
+      if (!isPrefix || !hasRule(rules_, RowRule::withFamily)) return {};
       return {RowFaultKind::noFamily, slotPosition};
     }
     if (slot.offset < layout.baseLength) return {RowFaultKind::valueInHeader, slotPosition};
@@ -155,7 +155,7 @@ class Checker {
     const std::size_t bits = 8 * (value.length - 1);
     const std::size_t mask = readOnce<byte_t>(value.bytes);
     if (mask > bits) return {RowFaultKind::prefixBits, value.position};
-    if (has(rules_, RowRule::noHostBits) &&
+    if (hasRule(rules_, RowRule::noHostBits) &&
         !validPrefix(IpGenAddr(af, value.bytes + 1), static_cast<int>(mask))) {
       return {RowFaultKind::hostBits, value.position};
     }
@@ -169,7 +169,7 @@ class Checker {
     const bool variable = (header >> 8 & arrayVariableMark) != 0;
     if (variable != (column.type != boolType_)) return {RowFaultKind::elementMark, array.position};
     const std::size_t left = array.length - arrayHeaderLength;
-    const bool wholeArrays = has(rules_, RowRule::wholeArrays);
+    const bool wholeArrays = hasRule(rules_, RowRule::wholeArrays);
     if (!variable) {
       // Arrays of more than 4095 elements keep only the low bits of their count.
       if ((left & arrayCountMask) != count) return {RowFaultKind::arrayLength, array.position};
@@ -189,7 +189,7 @@ class Checker {
       if (slot.offset != end && wholeArrays) return {RowFaultKind::arrayCount, array.position};
       end = slot.offset + slot.length;
       if (slot.length == 0 && column.type != structType_) {  // a row is never empty
-        if (column.type != ipGenPrefixType_ || !has(rules_, RowRule::withFamily)) continue;
+        if (column.type != ipGenPrefixType_ || !hasRule(rules_, RowRule::withFamily)) continue;
         return {RowFaultKind::noFamily, array.position + at};
       }
       const Stretch element = array.part(slot.offset, slot.length);

@@ -133,9 +133,9 @@ TEST(NestedRowType, IsAFaultOfItsOwn) {
 
 TEST(RowRule, RulesAreCombined) {
   EXPECT_EQ(RowRule::noHostBits | RowRule::withFamily | RowRule::wholeArrays, RowRule::forIndex);
-  EXPECT_TRUE(has(RowRule::forIndex, RowRule::withFamily));
-  EXPECT_FALSE(has(RowRule::noHostBits, RowRule::withFamily));
-  EXPECT_FALSE(has(RowRule::anyBits, RowRule::noHostBits));
+  EXPECT_TRUE(hasRule(RowRule::forIndex, RowRule::withFamily));
+  EXPECT_FALSE(hasRule(RowRule::noHostBits, RowRule::withFamily));
+  EXPECT_FALSE(hasRule(RowRule::anyBits, RowRule::noHostBits));
 }
 
 TEST(RowRule, AnIndexTakesSoundRows) {

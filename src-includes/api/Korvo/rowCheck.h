@@ -81,7 +81,7 @@ constexpr RowRule operator|(RowRule a, RowRule b) {
   return static_cast<RowRule>(static_cast<byte_t>(a) | static_cast<byte_t>(b));
 }
 /// Whether `rules` have the rule.
-constexpr bool has(RowRule rules, RowRule rule) {
+constexpr bool hasRule(RowRule rules, RowRule rule) {
   return (static_cast<byte_t>(rules) & static_cast<byte_t>(rule)) != 0;
 }
 /// The rules by the name that they had while all of them were about prefixes.
@@ -184,11 +184,12 @@ class QuickLook {
 
  private:
   bool mayBeEmpty(const ColumnInfo& column) const noexcept {
-    return column.type != ipGenPrefixType_ || column.isArray || !has(rules_, RowRule::withFamily);
+    return column.type != ipGenPrefixType_ || column.isArray ||
+           !hasRule(rules_, RowRule::withFamily);
   }
   /// Whether an array of `length` bytes may have its last element end at `end`.
   bool arrayEndPasses(std::uint32_t end, std::uint32_t length) const noexcept {
-    return end == length || (end < length && !has(rules_, RowRule::wholeArrays));
+    return end == length || (end < length && !hasRule(rules_, RowRule::wholeArrays));
   }
 
   template <typename NestedPasses>
@@ -211,7 +212,7 @@ class QuickLook {
     if (af == unknown_) return false;
     const unsigned int mask = readOnce<byte_t>(value);
     if (mask > 8 * (length - 1)) return false;
-    return !has(rules_, RowRule::noHostBits) ||
+    return !hasRule(rules_, RowRule::noHostBits) ||
            validPrefix(IpGenAddr(af, value + 1), static_cast<int>(mask));
   }
 
@@ -226,7 +227,7 @@ class QuickLook {
     if (column.type == boolType_) {
       const std::uint32_t elements = length - arrayHeaderLength;
       return !variable && (elements & arrayCountMask) == count &&
-             (elements == count || !has(rules_, RowRule::wholeArrays));
+             (elements == count || !hasRule(rules_, RowRule::wholeArrays));
     }
     std::uint32_t end = arrayHeaderLength + std::uint32_t{sizeof(VColType)} * count;
     if (!variable || end > length) return false;
@@ -246,7 +247,7 @@ class QuickLook {
     // A row is never empty.
     const bool elementMayBeEmpty =
         column.type != structType_ &&
-        (column.type != ipGenPrefixType_ || !has(rules_, RowRule::withFamily));
+        (column.type != ipGenPrefixType_ || !hasRule(rules_, RowRule::withFamily));
     for (const byte_t* at = slots; at != slotsEnd; at += sizeof(VColType)) {
       const auto slot = readOnce<std::uint32_t>(at);
       const std::uint32_t begin = end;
