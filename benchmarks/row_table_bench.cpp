@@ -9,7 +9,8 @@
 #include <algorithm>
 #include <memory>
 #include <random>
-#include <span>
+#include <string>
+#include <string_view>
 #include <vector>
 
 namespace bench {
@@ -23,30 +24,65 @@ std::size_t rowCount() {
   return count == nullptr ? 1'000'000 : std::strtoul(count, nullptr, 10);
 }
 
+/// How the values are spread over a table's rows.
+enum class Spread {
+  real,  ///< random names, prefixes of real ranges
+  alike  ///< names that share their first 5 to 12 bytes, prefixes of random lengths
+};
+
+class SpreadSamples {
+ public:
+  explicit SpreadSamples(Spread spread) : spread_(spread) {}
+
+  Sample next() {
+    Sample sample = samples_.next();
+    if (spread_ == Spread::real) return sample;
+    constexpr std::string_view shared = "ethernet-1/0";
+    sample.name24.replace(0, shared.size(), shared);
+    for (std::size_t i = 5 + random_() % 8; i < shared.size(); ++i) {
+      sample.name24[i] = static_cast<char>('a' + random_() % 26);
+    }
+    sample.prefixLength = static_cast<std::uint8_t>(random_() % 33);
+    sample.prefix = Korvo::IpGenPrefix(Korvo::IpAddr(static_cast<std::uint32_t>(random_())),
+                                       sample.prefixLength)
+                        .network();
+    sample.prefixWord = Korvo::loadField<std::uint32_t>(sample.prefix.addr().bytes());
+    return sample;
+  }
+
+ private:
+  Spread spread_;
+  Samples samples_;
+  std::mt19937 random_{2};
+};
+
 /// The rows of one contestant, made when they are first asked for.
-template <typename Row, typename Make>
+template <typename Row, Spread spread, typename Make>
 std::vector<Row>& table(Make make) {
   static std::vector<Row> rows = [&] {
     std::vector<Row> all;
     all.reserve(rowCount());
-    Samples samples;
+    SpreadSamples samples(spread);
     for (std::size_t i = 0; i < rowCount(); ++i) all.push_back(make(samples.next()));
     return all;
   }();
   return rows;
 }
 
+template <Spread spread>
 std::vector<KorvoRow>& korvoTable() {
-  return table<KorvoRow>(
+  return table<KorvoRow, spread>(
       [builder = KorvoBuilder()](const Sample& s) mutable { return builder.build(s); });
 }
+template <Spread spread>
 std::vector<FlatBytes>& flatTable() {
-  return table<FlatBytes>([builder = std::make_shared<FlatBuilder>()](const Sample& s) {
+  return table<FlatBytes, spread>([builder = std::make_shared<FlatBuilder>()](const Sample& s) {
     return OwnBytes(builder->build(s)).data;
   });
 }
+template <Spread spread>
 std::vector<std::unique_ptr<PlainRow>>& plainTable() {
-  return table<std::unique_ptr<PlainRow>>([](const Sample& s) {
+  return table<std::unique_ptr<PlainRow>, spread>([](const Sample& s) {
     auto row = std::make_unique<PlainRow>();
     row->fill(s);
     return row;
@@ -81,9 +117,9 @@ std::string_view nameOf(const std::unique_ptr<PlainRow>& row) {
 
 void addRandomReading() {
   const auto text = [](const auto& row) { return nameOf(row); };
-  addRandom("table_random_text/korvo", korvoTable, text);
-  addRandom("table_random_text/flatbuffers", flatTable, text);
-  addRandom("table_random_text/struct", plainTable, text);
+  addRandom("table_random_text/korvo", korvoTable<Spread::real>, text);
+  addRandom("table_random_text/flatbuffers", flatTable<Spread::real>, text);
+  addRandom("table_random_text/struct", plainTable<Spread::real>, text);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -150,19 +186,22 @@ void sortByPrefix(Rows& rows) {
             [](const auto& a, const auto& b) { return prefixLess(a, b); });
 }
 
-void addSorting() {
+template <Spread spread>
+void addSorting(const std::string& by) {
   const auto byText = [](auto& rows) { sortByText(rows); };
-  addSort("table_sort_by_text/korvo", korvoTable, byText);
-  addSort("table_sort_by_text/korvo_key", korvoTable,
-          [](auto& rows) { Korvo::sortRows<"name24">(std::span(rows)); });
-  addSort("table_sort_by_text/flatbuffers", flatTable, byText);
-  addSort("table_sort_by_text/struct", plainTable, byText);
+  const std::string text = "table_sort_by_" + by + "text/";
+  addSort(text + "korvo", korvoTable<spread>, byText);
+  addSort(text + "korvo_key", korvoTable<spread>,
+          [](auto& rows) { Korvo::sortRows<"name24">(rows); });
+  addSort(text + "flatbuffers", flatTable<spread>, byText);
+  addSort(text + "struct", plainTable<spread>, byText);
   const auto byPrefix = [](auto& rows) { sortByPrefix(rows); };
-  addSort("table_sort_by_prefix/korvo", korvoTable, byPrefix);
-  addSort("table_sort_by_prefix/korvo_key", korvoTable,
-          [](auto& rows) { Korvo::sortRows<"prefix">(std::span(rows)); });
-  addSort("table_sort_by_prefix/flatbuffers", flatTable, byPrefix);
-  addSort("table_sort_by_prefix/struct", plainTable, byPrefix);
+  const std::string prefix = "table_sort_by_" + by + "prefix/";
+  addSort(prefix + "korvo", korvoTable<spread>, byPrefix);
+  addSort(prefix + "korvo_key", korvoTable<spread>,
+          [](auto& rows) { Korvo::sortRows<"prefix">(rows); });
+  addSort(prefix + "flatbuffers", flatTable<spread>, byPrefix);
+  addSort(prefix + "struct", plainTable<spread>, byPrefix);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -180,12 +219,12 @@ std::uint64_t prefixOf(const std::unique_ptr<PlainRow>& row) {
 }
 
 /// A few thousand rows, sorted by each contestant, stand in the same order.
-void checkContestants() {
+void checkContestants(Spread spread) {
   constexpr std::size_t count = 5000;
   std::vector<KorvoRow> korvo;
   std::vector<FlatBytes> flat;
   std::vector<std::unique_ptr<PlainRow>> plain;
-  Samples samples;
+  SpreadSamples samples(spread);
   KorvoBuilder korvoBuilder;
   FlatBuilder flatBuilder;
   for (std::size_t i = 0; i < count; ++i) {
@@ -202,7 +241,12 @@ void checkContestants() {
     require(nameOf(korvo[i]) == nameOf(flat[i]) && nameOf(korvo[i]) == nameOf(plain[i]),
             "order of texts");
   }
-  Korvo::sortRows<"prefix">(std::span(korvo));
+  std::shuffle(korvo.begin(), korvo.end(), std::minstd_rand());
+  Korvo::sortRows<"name24">(korvo);
+  for (std::size_t i = 0; i < count; ++i) {
+    require(nameOf(korvo[i]) == nameOf(flat[i]), "order of texts by key");
+  }
+  Korvo::sortRows<"prefix">(korvo);
   for (std::size_t i = 0; i < count; ++i) {
     require(i == 0 || !prefixLess(korvo[i], korvo[i - 1]), "order of prefixes by key");
   }
@@ -219,9 +263,11 @@ void checkContestants() {
 }  // namespace bench
 
 int main(int argc, char** argv) {
-  bench::checkContestants();
+  bench::checkContestants(bench::Spread::real);
+  bench::checkContestants(bench::Spread::alike);
   bench::addRandomReading();
-  bench::addSorting();
+  bench::addSorting<bench::Spread::real>("");
+  bench::addSorting<bench::Spread::alike>("alike_");
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();

@@ -27,6 +27,7 @@ korvo_add_library(KorvoAPI KorvoAPI
     src/rowCheck.cpp
     src/rowSpace.cpp
     src/rowWriter.cpp
+    src/socketAddress.cpp
     src/Scheduler.cpp
     src/KorvoApi.cpp
     src/KoStrUtils.cpp

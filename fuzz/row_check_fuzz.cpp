@@ -22,18 +22,22 @@ Bytes cut(const Bytes& bytes, std::size_t begin, std::size_t length) {
 
 class SlowCheck {
  public:
-  explicit SlowCheck(PrefixRule rule) : rule_(rule) {}
+  explicit SlowCheck(RowRule rules) : rules_(rules) {}
 
   bool isGood(const Bytes& row, const LayoutInfo& layout, unsigned int depth) const {
     if (row.size() < 8 || wordAt(row, 0) != row.size()) return false;
     if (row.size() < layout.baseLength || depth > 16) return false;
+    if (depth > 0 && wordAt(row, 2) != layout.rowType) return false;
     std::vector<bool> owned(row.size());
     std::fill_n(owned.begin(), layout.baseLength, true);
     for (const ColumnInfo& column : layout.columns) {
       if (!hasSlot(column)) continue;
       const std::size_t length = wordAt(row, column.offset + 2U) % 0x8000;
       const std::size_t offset = wordAt(row, column.offset);
-      if (length == 0) continue;
+      if (length == 0) {
+        if (!column.isArray && !mayBeEmpty(column)) return false;
+        continue;
+      }
       for (std::size_t i = offset; i < offset + length; ++i) {
         if (i >= row.size() || owned[i]) return false;
         owned[i] = true;
@@ -49,6 +53,12 @@ class SlowCheck {
   }
 
  private:
+  bool asks(RowRule rule) const { return hasRule(rules_, rule); }
+  /// Whether values, or elements, of no bytes are good.
+  bool mayBeEmpty(const ColumnInfo& column) const {
+    return column.type != ipGenPrefixType_ || !asks(RowRule::withFamily);
+  }
+
   bool isGoodValue(const Bytes& value, const ColumnInfo& column, unsigned int depth) const {
     const std::size_t size = value.size();
     if (column.type == structType_) return isGood(value, *column.nested, depth + 1);
@@ -56,7 +66,7 @@ class SlowCheck {
     if (column.type != ipGenPrefixType_) return true;
     if (size != 5 && size != 17) return false;
     if (value[0] > 8 * (size - 1)) return false;
-    if (rule_ == PrefixRule::anyBits) return true;
+    if (!asks(RowRule::noHostBits)) return true;
     // The word that begins right behind the prefix is not looked at.
     const unsigned int mask = value[0];
     for (unsigned int bit = mask % 32 == 0 ? mask + 32 : mask; bit < 8 * (size - 1); ++bit) {
@@ -70,25 +80,32 @@ class SlowCheck {
     const std::size_t count = wordAt(array, 0) % 4096;
     const bool variable = (array[1] & 0x10) != 0;
     if (variable != (column.type != boolType_)) return false;
-    if (!variable) return (array.size() - 2) % 4096 == count;
+    if (!variable) {
+      return (array.size() - 2) % (asks(RowRule::wholeArrays) ? 100'000 : 4096) == count;
+    }
     std::size_t end = 2 + 4 * count;
+    std::size_t bytes = end;
     if (array.size() < end) return false;
     for (std::size_t i = 0; i < count; ++i) {
       const std::size_t offset = wordAt(array, 2 + 4 * i);
       const std::size_t length = wordAt(array, 4 + 4 * i) % 0x8000;
       if (offset < end || offset + length > array.size()) return false;
       end = offset + length;
-      if (length == 0 && column.type != structType_) continue;
+      bytes += length;
+      if (length == 0 && column.type != structType_) {
+        if (!mayBeEmpty(column)) return false;
+        continue;
+      }
       if (!isGoodValue(cut(array, offset, length), column, depth)) return false;
     }
-    return true;
+    return bytes == array.size() || !asks(RowRule::wholeArrays);
   }
 
-  PrefixRule rule_;
+  RowRule rules_;
 };
 
 /// checkRow for the declared layouts, in the order of rowLayouts.
-using DeclaredCheck = RowFault (*)(const void*, std::size_t, PrefixRule) noexcept;
+using DeclaredCheck = RowFault (*)(const void*, std::size_t, RowRule) noexcept;
 constexpr DeclaredCheck declaredChecks[] = {checkRow<Mixed>, checkRow<Middle>,
                                             checkRow<Leaf>,  checkRow<NoColumns>,
                                             checkRow<Wide>,  checkRow<Numbers>};
@@ -106,17 +123,21 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
 
   const ExactBlock block(row);
-  for (const PrefixRule rule : {PrefixRule::anyBits, PrefixRule::noHostBits}) {
+  for (int rules = 0; rules <= static_cast<int>(RowRule::forIndex); ++rules) {
+    const auto rule = static_cast<RowRule>(rules);
     const RowFault fault = checkRow(block.data(), row.size(), layout, rule);
     FUZZ_REQUIRE(fault == checkRow(block.data(), row.size(), layout, rule));
     if (number < std::size(declaredChecks)) {
       FUZZ_REQUIRE(fault == declaredChecks[number](block.data(), row.size(), rule));
     }
     FUZZ_REQUIRE(fault.offset <= row.size());
-    FUZZ_REQUIRE(fault.kind <= RowFaultKind::nestedTooDeep);
+    FUZZ_REQUIRE(fault.kind <= RowFaultKind::noFamily);
     FUZZ_REQUIRE(fault.text().find('\n') == std::string::npos);
     FUZZ_REQUIRE(!fault == SlowCheck(rule).isGood(row, layout, 0));
-    if (rule == PrefixRule::anyBits) FUZZ_REQUIRE(fault.kind != RowFaultKind::hostBits);
+    if (!hasRule(rule, RowRule::noHostBits)) FUZZ_REQUIRE(fault.kind != RowFaultKind::hostBits);
+    if (!hasRule(rule, RowRule::withFamily)) FUZZ_REQUIRE(fault.kind != RowFaultKind::noFamily);
+    if (!hasRule(rule, RowRule::wholeArrays)) FUZZ_REQUIRE(fault.kind != RowFaultKind::arrayCount);
+    FUZZ_REQUIRE(fault.column().empty() == (fault.columnCount == 0));
   }
   FUZZ_REQUIRE(std::equal(row.begin(), row.end(), block.data()));
   return 0;

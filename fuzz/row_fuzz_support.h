@@ -164,8 +164,12 @@ inline Bytes builtValue(Input& input, const ColumnInfo& column, unsigned int dep
   switch (column.type) {
     case boolType_:
       return {input.byte()};
-    case structType_:
-      return depth == 0 ? Bytes() : builtRow(input, *column.nested, depth - 1);
+    case structType_: {
+      if (depth == 0) return {};
+      Bytes row = builtRow(input, *column.nested, depth - 1);
+      putWord(row, 2, column.nested->rowType);
+      return row;
+    }
     case ipGenAddrType_:
     case ipGenPrefixType_: {
       const std::size_t kind = input.below(8);

@@ -11,6 +11,10 @@ len_t offsetOf(const LayoutInfo& layout, std::string_view name) {
   throw KoInvalidArgument("Unknown column - (" + std::string(name) + ")");
 }
 
+void throwForColumn(std::string_view column, std::string_view reason) {
+  throw KoOutOfRange("Column " + std::string(column) + ": " + std::string(reason));
+}
+
 namespace {
 
 void appendRow(JsonText& json, const BaseRow& row, const LayoutInfo& layout);

@@ -4,6 +4,7 @@
 #include <Korvo/assertion.h>
 #include <Korvo/bytes.h>
 #include <Korvo/korvo_types.h>
+#include <Korvo/rowReferences.h>
 
 #include <algorithm>
 #include <array>
@@ -336,6 +337,10 @@ void Ip6Addr::clearLowerAddrBits(unsigned short prefixLen, unsigned short addrLe
 
 IpGenAddr::IpGenAddr(const std::string& text) : IpGenAddr(parsedAddr(text)) {}
 
+IpGenAddr::IpGenAddr(const IpGenAddrReference& addr) {
+  if (addr.af() != unknown_) *this = IpGenAddr(addr.af(), addr.addr());
+}
+
 int IpGenAddr::addressLengthBytes() const {
   switch (af_) {
     case unknown_:
@@ -440,6 +445,41 @@ IpGenPrefix::IpGenPrefix(const std::string& text) {
   checkHostBits(addr_, mask_);
 }
 
+IpGenPrefix::IpGenPrefix(const IpGenPrefixReference& prefix) {
+  if (prefix.af() != unknown_) *this = IpGenPrefix(prefix.af(), prefix.mask(), prefix.addr());
+}
+
+IpGenPrefix IpGenPrefix::network() const {
+  IpGenPrefix cleared = *this;
+  cleared.clearLowerAddrBits();
+  return cleared;
+}
+
+IpGenAddr IpGenPrefix::netmask() const {
+  return lengthToNetmask(addr_.af(), mask_);
+}
+
+IpGenAddr lengthToNetmask(AddressFamily af, unsigned int len) {
+  checkLength(af, len);
+  if (af == unknown_) return {};
+  unsigned char ones[16];
+  std::fill(std::begin(ones), std::end(ones), static_cast<unsigned char>(0xFF));
+  IpGenAddr netmask(af, ones);
+  netmask.clearLowerAddrBits(static_cast<unsigned short>(len));
+  return netmask;
+}
+
+unsigned int netmaskToLength(const IpGenAddr& netmask) {
+  const unsigned char* const bytes = netmask.bytes();
+  const auto bits = 8 * static_cast<unsigned int>(netmask.addressLengthBytes());
+  unsigned int len = 0;
+  while (len < bits && (bytes[len / 8] & 0x80U >> len % 8) != 0) ++len;
+  if (bits == 0 || lengthToNetmask(netmask.af(), len) != netmask) {
+    throw KoInvalidArgument("Invalid Netmask - (" + netmask.toString() + ")");
+  }
+  return len;
+}
+
 void detail::containsWithoutFamily() {
   assertionFailed("addr().af() == ipv4_ || addr_.af() == ipv6_", "src/korvo_types.cpp", __LINE__,
                   "bool Korvo::IpGenPrefix::contains(const Korvo::IpGenPrefix&) const");
@@ -490,6 +530,40 @@ std::ostream& operator<<(std::ostream& os, const IpAddr& addr) {
   char text[detail::addressTextLength];
   const char* const end = detail::writeAddress(text, ipv4_, bytes);
   return os << std::string_view(text, end);
+}
+
+std::string IpAddr::toString() const {
+  return IpGenAddr(*this).toString();
+}
+std::string Ip6Addr::toString() const {
+  return IpGenAddr(*this).toString();
+}
+std::string Ip6Addr::toShortString() const {
+  return IpGenAddr(*this).toShortString();
+}
+
+namespace {
+
+template <typename Write>
+std::string textOf(const IpGenAddr& addr, Write write) {
+  if (addr.af() == unknown_) return "<unsupported address family>";
+  char text[detail::addressTextLength];
+  return {text, write(text, addr.af(), addr.bytes())};
+}
+
+}  // namespace
+
+std::string IpGenAddr::toString() const {
+  return textOf(*this, detail::writeAddress);
+}
+std::string IpGenAddr::toShortString() const {
+  return textOf(*this, detail::writeShortAddress);
+}
+std::string IpGenPrefix::toString() const {
+  return addr_.toString() + '/' + std::to_string(mask_);
+}
+std::string IpGenPrefix::toShortString() const {
+  return addr_.toShortString() + '/' + std::to_string(mask_);
 }
 
 std::ostream& operator<<(std::ostream& os, const Ip6Addr& addr) {

@@ -82,7 +82,10 @@ struct SlotValue {
 
 /// Whether the row of a layout known at run time passes the quick look.
 bool passesQuickLook(QuickLook look, const LayoutInfo& layout, unsigned int depth) noexcept {
-  if (!look.fixedAreaPasses(layout.baseLength)) return false;
+  const bool fixedAreaPasses = depth == 0
+                                   ? look.fixedAreaPasses(layout.baseLength)
+                                   : look.nestedFixedAreaPasses(layout.baseLength, layout.rowType);
+  if (!fixedAreaPasses) return false;
   for (const ColumnInfo& column : layout.columns) {
     const bool passes = look.columnPasses(column, [&](const QuickLook& nested) {
       return depth != maxRowNesting && passesQuickLook(nested, *column.nested, depth + 1);
@@ -95,15 +98,21 @@ bool passesQuickLook(QuickLook look, const LayoutInfo& layout, unsigned int dept
 /// Finds the first fault of any row.
 class Checker {
  public:
-  Checker(std::size_t length, PrefixRule prefixes) noexcept : prefixes_(prefixes), taken_(length) {}
+  Checker(std::size_t length, RowRule rules) noexcept : rules_(rules), taken_(length) {}
 
   RowFault checkRow(const Stretch& row, const LayoutInfo& layout, unsigned int depth) noexcept {
     if (row.length < layout.baseLength) {
       return {RowFaultKind::shortFixedArea, row.position + row.length};
     }
-    for (const ColumnInfo& column : layout.columns) {
+    for (std::size_t i = 0; i < layout.columns.size(); ++i) {
+      const ColumnInfo& column = layout.columns[i];
       if (!column.hasSlot()) continue;
-      if (const RowFault fault = checkColumn(row, layout, column, depth)) return fault;
+      if (RowFault fault = checkColumn(row, layout, column, depth)) {
+        // The innermost column is the first to be named here.
+        if (fault.columnCount == 0) fault.columnCount = static_cast<std::uint16_t>(depth + 1);
+        fault.columns[depth] = static_cast<std::uint16_t>(i);
+        return fault;
+      }
     }
     return {};
   }
@@ -113,7 +122,11 @@ class Checker {
                        unsigned int depth) noexcept {
     const std::size_t slotPosition = row.position + column.offset;
     const SlotValue slot(row.bytes + column.offset);
-    if (slot.length == 0) return {};  // an offset or a mark beside length 0 says nothing
+    if (slot.length == 0) {  // an offset or a mark beside it says nothing
+      const bool isPrefix = column.type == ipGenPrefixType_ && !column.isArray;
+      if (!isPrefix || !hasRule(rules_, RowRule::withFamily)) return {};
+      return {RowFaultKind::noFamily, slotPosition};
+    }
     if (slot.offset < layout.baseLength) return {RowFaultKind::valueInHeader, slotPosition};
     if (!row.has(slot.offset, slot.length)) return {RowFaultKind::valueBeyondRow, slotPosition};
     const Stretch value = row.part(slot.offset, slot.length);
@@ -142,7 +155,7 @@ class Checker {
     const std::size_t bits = 8 * (value.length - 1);
     const std::size_t mask = readOnce<byte_t>(value.bytes);
     if (mask > bits) return {RowFaultKind::prefixBits, value.position};
-    if (prefixes_ == PrefixRule::noHostBits &&
+    if (hasRule(rules_, RowRule::noHostBits) &&
         !validPrefix(IpGenAddr(af, value.bytes + 1), static_cast<int>(mask))) {
       return {RowFaultKind::hostBits, value.position};
     }
@@ -156,9 +169,11 @@ class Checker {
     const bool variable = (header >> 8 & arrayVariableMark) != 0;
     if (variable != (column.type != boolType_)) return {RowFaultKind::elementMark, array.position};
     const std::size_t left = array.length - arrayHeaderLength;
+    const bool wholeArrays = hasRule(rules_, RowRule::wholeArrays);
     if (!variable) {
       // Arrays of more than 4095 elements keep only the low bits of their count.
       if ((left & arrayCountMask) != count) return {RowFaultKind::arrayLength, array.position};
+      if (left != count && wholeArrays) return {RowFaultKind::arrayCount, array.position};
       return {};
     }
     if (left / sizeof(VColType) < count) return {RowFaultKind::arrayLength, array.position};
@@ -170,11 +185,17 @@ class Checker {
       if (slot.offset < end || !array.has(slot.offset, slot.length)) {
         return {RowFaultKind::elementOutside, array.position + at};
       }
+      // What stands between counted elements, or behind them, are others that are not.
+      if (slot.offset != end && wholeArrays) return {RowFaultKind::arrayCount, array.position};
       end = slot.offset + slot.length;
-      if (slot.length == 0 && column.type != structType_) continue;  // a row is never empty
+      if (slot.length == 0 && column.type != structType_) {  // a row is never empty
+        if (column.type != ipGenPrefixType_ || !hasRule(rules_, RowRule::withFamily)) continue;
+        return {RowFaultKind::noFamily, array.position + at};
+      }
       const Stretch element = array.part(slot.offset, slot.length);
       if (const RowFault fault = checkValue(element, column, depth)) return fault;
     }
+    if (end != array.length && wholeArrays) return {RowFaultKind::arrayCount, array.position};
     return {};
   }
 
@@ -185,6 +206,9 @@ class Checker {
       return {RowFaultKind::nestedLength, value.position};
     }
     if (depth == maxRowNesting) return {RowFaultKind::nestedTooDeep, value.position};
+    if (readOnce<std::uint16_t>(value.bytes + rowTypeOffset) != layout.rowType) {
+      return {RowFaultKind::nestedType, value.position + rowTypeOffset};
+    }
     // The nested row keeps account of its own values; to the row that holds it, all of it is taken.
     taken_.release(value.position, value.length);
     const RowFault fault = checkRow(value, layout, depth + 1);
@@ -193,7 +217,7 @@ class Checker {
     return fault;
   }
 
-  PrefixRule prefixes_;
+  RowRule rules_;
   TakenBytes taken_;
 };
 
@@ -208,7 +232,7 @@ const char* describe(RowFaultKind kind) {
     case RowFaultKind::trailingBytes:
       return "bytes follow the row";
     case RowFaultKind::shortFixedArea:
-      return "the row ends before its fixed area does";
+      return "shorter than the columns of this layout: an older or another layout?";
     case RowFaultKind::valueInHeader:
       return "a value lies in the header or the fixed area";
     case RowFaultKind::valueBeyondRow:
@@ -235,28 +259,49 @@ const char* describe(RowFaultKind kind) {
       return "a nested row's length is not its value's";
     case RowFaultKind::nestedTooDeep:
       return "rows are nested too deep";
+    case RowFaultKind::nestedType:
+      return "a nested row of another type than its column's layout";
+    case RowFaultKind::arrayCount:
+      return "an array's count is not that of its elements";
+    case RowFaultKind::noFamily:
+      return "a prefix has no family";
   }
   return "unknown fault";
 }
 
 }  // namespace
 
+std::string RowFault::column() const {
+  std::string path;
+  const LayoutInfo* row = layout;
+  for (std::size_t i = 0; i < columnCount && row != nullptr; ++i) {
+    const ColumnInfo& column = row->columns[columns[i]];
+    if (i != 0) path += '.';
+    path += column.name;
+    row = column.nested;
+  }
+  return path;
+}
+
 std::string RowFault::text() const {
   std::string text = describe(kind);
-  if (kind != RowFaultKind::none) text += " (at byte " + std::to_string(offset) + ")";
-  return text;
+  if (kind == RowFaultKind::none) return text;
+  const std::string name = column();
+  text += name.empty() ? " (at byte " : " (" + name + ", at byte ";
+  return text + std::to_string(offset) + ")";
 }
 
 RowFault checkRow(const void* bytes, std::size_t length, const LayoutInfo& layout,
-                  PrefixRule prefixes) noexcept {
+                  RowRule rules) noexcept {
   if (length < rowHeaderLength) return {RowFaultKind::shortHeader, length};
   const byte_t* const row = static_cast<const byte_t*>(bytes);
   const std::size_t said = readOnce<len_t>(row + rowLengthOffset);
   if (said > length) return {RowFaultKind::truncated, rowLengthOffset};
   if (said < length) return {RowFaultKind::trailingBytes, said};
-  if (passesQuickLook(QuickLook(row, length, prefixes), layout, 0)) return {};
-  Checker checker(length, prefixes);
-  return checker.checkRow({row, 0, length}, layout, 0);
+  if (passesQuickLook(QuickLook(row, length, rules), layout, 0)) return {};
+  RowFault fault = Checker(length, rules).checkRow({row, 0, length}, layout, 0);
+  fault.layout = &layout;
+  return fault;
 }
 
 }  // namespace Korvo

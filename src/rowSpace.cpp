@@ -127,9 +127,14 @@ len_t pack(byte_t* buf, const PackingOrder& order, len_t baseRowLength) {
 
 // ---------------------------------------------------------------------------------------------
 
+/// Out of the way of the writes that succeed.
+[[noreturn, gnu::noinline]] void refuse(const char* reason, std::size_t length) {
+  throw KoOutOfRange(reason + std::to_string(length));
+}
+
 /// A length that a row can have.
 len_t checkedRowLength(std::size_t length) {
-  if (length > maxRowLength) throw KoOutOfRange("Row length exceeds 65535 bytes");
+  if (length > maxRowLength) refuse("Row length exceeds 65535 bytes: ", length);
   return static_cast<len_t>(length);
 }
 
@@ -267,7 +272,9 @@ class BaseRow::SoleBuffer {
 [[gnu::flatten]] BaseRow::Place BaseRow::makePlace(const Demand& demand, const Known& known) {
   const byte_t* const present = rowBuf();
   requireBaseLength(demand.baseLength);
-  if (demand.length > maxValueLength) throw KoOutOfRange("Encoded value exceeds 32767 bytes");
+  if (demand.length > maxValueLength) {
+    refuse("Encoded value exceeds 32767 bytes: ", demand.length);
+  }
   const Room room = findRoom(present, demand, known);
   SoleBuffer own(*this);
   if (room.movesRow && shareAByte(demand.source, {present, loadField<len_t>(present)}))

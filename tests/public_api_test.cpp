@@ -16,6 +16,7 @@
 #include <Korvo/korvo_types.h>
 #include <Korvo/layoutText.h>
 #include <Korvo/rowCheck.h>
+#include <Korvo/socketAddress.h>
 #include <Velto/DebugSupport.h>
 #include <Velto/Exception.h>
 #include <Velto/Platform.h>
@@ -122,15 +123,21 @@ TEST(PublicApiTest, Addresses) {
 
   expectOrderedAndHashed(IpAddr(), IpAddr(Text("1.2.3.4")));
   EXPECT_EQ(IpAddr(0x04030201U).addr(), 0x04030201U);
+  EXPECT_TRUE(named<Text (IpAddr::*)() const>(&IpAddr::toString));
 
   expectOrderedAndHashed(Ip6Addr(), Ip6Addr(bytes));
   EXPECT_EQ(Ip6Addr(Text("::1")).bytes()[15], 1);
+  EXPECT_TRUE(named<Text (Ip6Addr::*)() const>(&Ip6Addr::toString));
+  EXPECT_TRUE(named<Text (Ip6Addr::*)() const>(&Ip6Addr::toShortString));
   EXPECT_TRUE(
       (named<void (Ip6Addr::*)(unsigned short, unsigned short)>(&Ip6Addr::clearLowerAddrBits)));
 
   expectOrderedAndHashed(IpGenAddr(), IpGenAddr(IpAddr()));
   EXPECT_EQ(IpGenAddr(Ip6Addr(bytes)), IpGenAddr(ipv6_, bytes));
   EXPECT_EQ(IpGenAddr(Text("1.2.3.4")).bytes()[3], 4);
+  EXPECT_EQ(IpGenAddr(IpGenAddrReference(bytes, ipv6_)), IpGenAddr(ipv6_, bytes));
+  EXPECT_TRUE(named<Text (IpGenAddr::*)() const>(&IpGenAddr::toString));
+  EXPECT_TRUE(named<Text (IpGenAddr::*)() const>(&IpGenAddr::toShortString));
   EXPECT_TRUE(named<AddressFamily (IpGenAddr::*)() const>(&IpGenAddr::af));
   EXPECT_TRUE(named<int (IpGenAddr::*)() const>(&IpGenAddr::addressLengthBytes));
   EXPECT_TRUE(named<void (IpGenAddr::*)(unsigned short)>(&IpGenAddr::clearLowerAddrBits));
@@ -140,6 +147,15 @@ TEST(PublicApiTest, Addresses) {
   EXPECT_TRUE(named<Text (*)(const Text&)>(&expandV6Addr));
   EXPECT_TRUE(named<bool (*)(const Text&)>(&validV6Addr));
   EXPECT_TRUE((named<bool (*)(IpGenAddr, int)>(&validPrefix)));
+  EXPECT_TRUE((named<IpGenAddr (*)(AddressFamily, unsigned int)>(&lengthToNetmask)));
+  EXPECT_TRUE(named<unsigned int (*)(const IpGenAddr&)>(&netmaskToLength));
+}
+
+TEST(PublicApiTest, SocketAddresses) {
+  EXPECT_TRUE((named<IpGenAddr (*)(const void*, socklen_t)>(&addressFromSockaddr)));
+  EXPECT_TRUE((named<std::uint16_t (*)(const void*, socklen_t)>(&portFromSockaddr)));
+  EXPECT_TRUE((named<socklen_t (*)(const IpGenAddr&, std::uint16_t, sockaddr_storage&)>(
+      &addressToSockaddr)));
 }
 
 TEST(PublicApiTest, Prefixes) {
@@ -150,6 +166,11 @@ TEST(PublicApiTest, Prefixes) {
   EXPECT_EQ(IpGenPrefix(Text("10.0.0.0/8")), prefix);
   EXPECT_NE(IpGenPrefix(Ip6Addr(bytes), 8), prefix);
   EXPECT_NE(IpGenPrefix(), prefix);
+  EXPECT_EQ(IpGenPrefix(IpGenPrefixReference(bytes, ipv4_, 8)), prefix);
+  EXPECT_TRUE(named<IpGenPrefix (IpGenPrefix::*)() const>(&IpGenPrefix::network));
+  EXPECT_TRUE(named<IpGenAddr (IpGenPrefix::*)() const>(&IpGenPrefix::netmask));
+  EXPECT_TRUE(named<Text (IpGenPrefix::*)() const>(&IpGenPrefix::toString));
+  EXPECT_TRUE(named<Text (IpGenPrefix::*)() const>(&IpGenPrefix::toShortString));
   EXPECT_EQ(std::hash<IpGenPrefix>()(prefix), std::hash<IpGenPrefix>()(IpGenPrefix(prefix)));
   EXPECT_TRUE(named<const IpGenAddr& (IpGenPrefix::*)() const>(&IpGenPrefix::addr));
   EXPECT_TRUE(named<unsigned int (IpGenPrefix::*)() const>(&IpGenPrefix::mask));
@@ -380,12 +401,11 @@ TEST(PublicApiTest, TableRows) {
   EXPECT_EQ(row.vcd().size(), 3U);
   EXPECT_EQ(row.columnOffset("number"), 8);
   EXPECT_EQ(row.view<"nested">().toJson(), inner.toJson());
-  EXPECT_TRUE(
-      (named<RowFault (*)(const void*, std::size_t, const LayoutInfo&, PrefixRule) noexcept>(
-          &checkRow)));
-  EXPECT_TRUE(
-      (named<RowFault (*)(const void*, std::size_t, PrefixRule) noexcept>(&checkRow<Outer>)));
+  EXPECT_TRUE((named<RowFault (*)(const void*, std::size_t, const LayoutInfo&, RowRule) noexcept>(
+      &checkRow)));
+  EXPECT_TRUE((named<RowFault (*)(const void*, std::size_t, RowRule) noexcept>(&checkRow<Outer>)));
   EXPECT_TRUE(named<Text (RowFault::*)() const>(&RowFault::text));
+  EXPECT_TRUE(named<Text (RowFault::*)() const>(&RowFault::column));
   EXPECT_FALSE(checkRow(row.rowBuf(), row.rowLength(), Outer::info));
   EXPECT_FALSE(checkRow<Outer>(row.rowBuf(), row.rowLength()));
 }

@@ -217,6 +217,7 @@ TEST(CheckedArraysOfRows, PassOnlyWithTheRowsOwnLength) {
     for (const std::size_t elementLength : elementLengths()) {
       Bytes bytes = rowOf({{6, elementLength}}, length);
       if (length >= 8) storeField<len_t>(bytes.data() + base + 6, 9);
+      if (length >= 10) storeField<std::uint16_t>(bytes.data() + base + 8, Inner::rowType);
       const bool passes = elementLength == 9 && 6 + elementLength <= length;
       const GuardedBlock block(bytes);
       ASSERT_EQ(!checkRow(block.data(), bytes.size(), layout), passes)

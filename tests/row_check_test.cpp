@@ -239,9 +239,9 @@ TEST(RowCheck, RefusesArraysWhoseLengthDoesNotFit) {
 TEST(RowCheck, PassesArraysOfMoreElementsThanTheirCountHolds) {
   Row row;
   row.create();
-  row.set<"flags">(std::vector<bool>(4096 + 5, true));
+  row.updateFixElemArray(Layout::offset<"flags">, base, std::vector<bool>(4096 + 5, true));
   EXPECT_EQ(check(bytesOf(row)), RowFault());
-  row.set<"texts">(std::vector<std::string>(4097));
+  row.setColumn(Layout::offset<"texts">, std::vector<std::string>(4097), base);
   EXPECT_EQ(check(bytesOf(row)), RowFault());
 }
 
@@ -377,6 +377,7 @@ const LayoutInfo endless = {1, 12, endlessColumns};
 TEST(RowCheck, OneBudgetLimitsTheNesting) {
   std::vector<byte_t> row(12, 0);
   row[0] = 12;
+  row[2] = 1;  // the layout's row type
   for (unsigned int depth = 0; depth <= maxRowNesting + 1; ++depth) {
     const RowFault found = checkRow(row.data(), row.size(), endless);
     if (depth <= maxRowNesting) {
@@ -387,6 +388,7 @@ TEST(RowCheck, OneBudgetLimitsTheNesting) {
     std::vector<byte_t> outer(12, 0);
     outer.insert(outer.end(), row.begin(), row.end());
     storeField<len_t>(outer.data(), static_cast<len_t>(outer.size()));
+    outer[2] = 1;
     VColType::at(outer.data(), 8).valueIs(12, static_cast<len_t>(row.size()), false);
     row = outer;
   }
@@ -405,6 +407,7 @@ TEST(RowCheck, DeclaredLayoutsHaveTheSameBudget) {
   using Deepest = Chain<maxRowNesting + 2>::Layout;
   std::vector<byte_t> row(12, 0);
   row[0] = 12;
+  row[2] = 1;  // the layout's row type
   for (unsigned int depth = 0; depth <= maxRowNesting + 1; ++depth) {
     const RowFault found = checkRow<Deepest>(row.data(), row.size());
     EXPECT_EQ(found, checkRow(row.data(), row.size(), Deepest::info));
@@ -413,6 +416,7 @@ TEST(RowCheck, DeclaredLayoutsHaveTheSameBudget) {
     std::vector<byte_t> outer(12, 0);
     outer.insert(outer.end(), row.begin(), row.end());
     storeField<len_t>(outer.data(), static_cast<len_t>(outer.size()));
+    outer[2] = 1;
     VColType::at(outer.data(), 8).valueIs(12, static_cast<len_t>(row.size()), false);
     row = outer;
   }
@@ -526,6 +530,7 @@ const LayoutInfo endlessArrays = {1, 12, endlessArrayColumns};
 TEST(RowCheck, OneBudgetLimitsTheNestingInArraysToo) {
   std::vector<byte_t> row(12, 0);
   row[0] = 12;
+  row[2] = 1;  // the layout's row type
   for (unsigned int depth = 0; depth <= maxRowNesting + 1; ++depth) {
     EXPECT_EQ(checkRow(row.data(), row.size(), endlessArrays),
               depth <= maxRowNesting ? RowFault()
@@ -534,6 +539,7 @@ TEST(RowCheck, OneBudgetLimitsTheNestingInArraysToo) {
     std::vector<byte_t> outer(18, 0);
     outer.insert(outer.end(), row.begin(), row.end());
     storeField<len_t>(outer.data(), static_cast<len_t>(outer.size()));
+    outer[2] = 1;
     VColType::at(outer.data(), 8).valueIs(12, static_cast<len_t>(row.size() + 6), true);
     storeField<std::uint16_t>(outer.data() + 12, 0x1001);
     VColType::at(outer.data(), 14).valueIs(6, static_cast<len_t>(row.size()), false);

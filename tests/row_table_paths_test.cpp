@@ -342,7 +342,8 @@ TEST(CheckRow, QuickLookPassesWhatTheFullCheckPasses) {
     unsigned int refused = 0;
     unsigned int hostBits = 0;
     const auto expectSame = [&](const std::vector<byte_t>& bytes) {
-      for (const PrefixRule rule : {PrefixRule::anyBits, PrefixRule::noHostBits}) {
+      for (const RowRule rule : {RowRule::anyBits, RowRule::noHostBits, RowRule::withFamily,
+                                 RowRule::wholeArrays, RowRule::forIndex}) {
         const RowFault quick = checkRow(bytes.data(), bytes.size(), Layout::info, rule);
         const RowFault declared = checkRow<Layout>(bytes.data(), bytes.size(), rule);
         const RowFault full = checkRow(bytes.data(), bytes.size(), backwards, rule);

@@ -605,7 +605,9 @@ class Play {
         value.prefixes = some([&] { return anyPrefix(); });
         break;
       case Type::flags:
-        value.flags.resize(chance(3) ? 4000 + pick(200) : pick(chance(90) ? 20 : 300));
+        // Declared classes refuse more than a header counts.
+        value.flags.resize(chance(3) ? 4000 + pick(layout_.types.empty() ? 200 : 96)
+                                     : pick(chance(90) ? 20 : 300));
         for (std::size_t i = 0; i < value.flags.size(); ++i) value.flags[i] = chance(50);
         break;
     }

@@ -35,22 +35,23 @@ struct OwnBytes {
 // ---------------------------------------------------------------------------------------------
 // This library
 
-using LinkLayout =
-    Korvo::RowLayout<2,  //
-                     Korvo::Column<"number", std::uint32_t>, Korvo::Column<"name", std::string>>;
+struct LinkLayout
+    : Korvo::RowLayout<2,  //
+                       Korvo::Column<"number", std::uint32_t>, Korvo::Column<"name", std::string>> {
+};
 using KorvoLink = Korvo::TableRow<LinkLayout>;
 
-using RowLayout = Korvo::RowLayout<1,                                           //
-                                   Korvo::Column<"id", std::uint32_t>,          //
-                                   Korvo::Column<"counter", std::uint64_t>,     //
-                                   Korvo::Column<"up", bool>,                   //
-                                   Korvo::Column<"name8", std::string>,         //
-                                   Korvo::Column<"name24", std::string>,        //
-                                   Korvo::Column<"name60", std::string>,        //
-                                   Korvo::Column<"address", Korvo::IpGenAddr>,  //
-                                   Korvo::Column<"prefix", Korvo::IpGenPrefix>,
-                                   Korvo::Column<"tags", std::vector<std::string>>,
-                                   Korvo::Column<"link", Korvo::Nested<LinkLayout>>>;
+struct RowLayout : Korvo::RowLayout<1,                                           //
+                                    Korvo::Column<"id", std::uint32_t>,          //
+                                    Korvo::Column<"counter", std::uint64_t>,     //
+                                    Korvo::Column<"up", bool>,                   //
+                                    Korvo::Column<"name8", std::string>,         //
+                                    Korvo::Column<"name24", std::string>,        //
+                                    Korvo::Column<"name60", std::string>,        //
+                                    Korvo::Column<"address", Korvo::IpGenAddr>,  //
+                                    Korvo::Column<"prefix", Korvo::IpGenPrefix>,
+                                    Korvo::Column<"tags", std::vector<std::string>>,
+                                    Korvo::Column<"link", Korvo::Nested<LinkLayout>>> {};
 using KorvoRow = Korvo::TableRow<RowLayout>;
 
 class KorvoBuilder {

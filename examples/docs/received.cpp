@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-using PortLayout =
-    Korvo::RowLayout<7,  //
-                     Korvo::Column<"speed", std::uint32_t>, Korvo::Column<"name", std::string>,
-                     Korvo::Column<"net", Korvo::IpGenPrefix>>;
+struct PortLayout
+    : Korvo::RowLayout<7,  //
+                       Korvo::Column<"speed", std::uint32_t>, Korvo::Column<"name", std::string>,
+                       Korvo::Column<"net", Korvo::IpGenPrefix>> {};
 using Port = Korvo::TableRow<PortLayout>;
 
 namespace {
@@ -59,6 +59,6 @@ int main() {
   // Host bits behind the prefix length are allowed unless they are asked for.
   bytes[2] = 7;
   const Korvo::RowFault fault =
-      Korvo::checkRow<PortLayout>(bytes.data(), bytes.size(), Korvo::PrefixRule::noHostBits);
+      Korvo::checkRow<PortLayout>(bytes.data(), bytes.size(), Korvo::RowRule::forIndex);
   std::cout << fault.text() << '\n';
 }

@@ -9,11 +9,11 @@
 #include <sstream>
 #include <string>
 
-using PortLayout =
-    Korvo::RowLayout<7,  //
-                     Korvo::Column<"speed", std::uint32_t>, Korvo::Column<"name", std::string>,
-                     Korvo::Column<"address", Korvo::IpGenAddr>,
-                     Korvo::Column<"tags", std::vector<std::string>>>;
+struct PortLayout
+    : Korvo::RowLayout<7,  //
+                       Korvo::Column<"speed", std::uint32_t>, Korvo::Column<"name", std::string>,
+                       Korvo::Column<"address", Korvo::IpGenAddr>,
+                       Korvo::Column<"tags", std::vector<std::string>>> {};
 using Port = Korvo::TableRow<PortLayout>;
 
 namespace {

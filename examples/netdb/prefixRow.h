@@ -9,21 +9,21 @@
 namespace netdb {
 
 /// Where a row came from.
-using OriginLayout =
-    Korvo::RowLayout<2,  //
-                     Korvo::Column<"file", std::string>, Korvo::Column<"line", std::uint32_t>>;
+struct OriginLayout
+    : Korvo::RowLayout<2,  //
+                       Korvo::Column<"file", std::string>, Korvo::Column<"line", std::uint32_t>> {};
 using OriginRow = Korvo::TableRow<OriginLayout>;
 
-using PrefixLayout = Korvo::RowLayout<1,                                            //
-                                      Korvo::Column<"prefix", Korvo::IpGenPrefix>,  //
-                                      Korvo::Column<"first", Korvo::IpGenAddr>,     //
-                                      Korvo::Column<"last", Korvo::IpGenAddr>,      //
-                                      Korvo::Column<"country", std::string>,        //
-                                      Korvo::Column<"line", std::uint32_t>,         //
-                                      Korvo::Column<"addresses", std::uint64_t>,    // saturates
-                                      Korvo::Column<"ipv6", bool>,                  //
-                                      Korvo::Column<"tags", std::vector<std::string>>,
-                                      Korvo::Column<"origin", Korvo::Nested<OriginLayout>>>;
+struct PrefixLayout : Korvo::RowLayout<1,                                            //
+                                       Korvo::Column<"prefix", Korvo::IpGenPrefix>,  //
+                                       Korvo::Column<"first", Korvo::IpGenAddr>,     //
+                                       Korvo::Column<"last", Korvo::IpGenAddr>,      //
+                                       Korvo::Column<"country", std::string>,        //
+                                       Korvo::Column<"line", std::uint32_t>,         //
+                                       Korvo::Column<"addresses", std::uint64_t>,    // saturates
+                                       Korvo::Column<"ipv6", bool>,                  //
+                                       Korvo::Column<"tags", std::vector<std::string>>,
+                                       Korvo::Column<"origin", Korvo::Nested<OriginLayout>>> {};
 using PrefixRow = Korvo::TableRow<PrefixLayout>;
 /// A row that is read where its bytes lie, and owns none of them.
 using PrefixView = Korvo::SubRow<PrefixLayout>;

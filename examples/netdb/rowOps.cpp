@@ -8,7 +8,7 @@ namespace {
 class PrefixRowOps : public Korvo::RowOpsBase {
  public:
   Korvo::RowFault check(const Korvo::byte_t* bytes, std::size_t length) const override {
-    return Korvo::checkRow<PrefixLayout>(bytes, length, Korvo::PrefixRule::noHostBits);
+    return Korvo::checkRow<PrefixLayout>(bytes, length, Korvo::RowRule::noHostBits);
   }
 };
 

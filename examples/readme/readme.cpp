@@ -2,11 +2,11 @@
 
 #include <iostream>
 
-using PortLayout =
-    Korvo::RowLayout<7,  // the table's row type
-                     Korvo::Column<"speed", std::uint32_t>, Korvo::Column<"name", std::string>,
-                     Korvo::Column<"address", Korvo::IpGenAddr>,
-                     Korvo::Column<"tags", std::vector<std::string>>>;
+struct PortLayout
+    : Korvo::RowLayout<7,  // the table's row type
+                       Korvo::Column<"speed", std::uint32_t>, Korvo::Column<"name", std::string>,
+                       Korvo::Column<"address", Korvo::IpGenAddr>,
+                       Korvo::Column<"tags", std::vector<std::string>>> {};
 using Port = Korvo::TableRow<PortLayout>;
 
 int main() {

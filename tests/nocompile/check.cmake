@@ -26,3 +26,16 @@ string(FIND "${errors}" "${expected}" position)
 if(position EQUAL -1)
   message(FATAL_ERROR "${SOURCE} is refused with another text than '${expected}':\n${errors}")
 endif()
+
+# One mistake is one error, and a person reads all that is said of it; but for a call that fits none
+# of a class's constructors, which compilers list.
+if(expected MATCHES "^no matching")
+  return()
+endif()
+string(REGEX MATCHALL "error: " count "${errors}")
+list(LENGTH count count)
+string(REGEX REPLACE "[^\n]" "" lines "${errors}")
+string(LENGTH "${lines}" lines)
+if(NOT count EQUAL 1 OR lines GREATER_EQUAL 15)
+  message(FATAL_ERROR "${SOURCE} is refused with ${count} errors in ${lines} lines:\n${errors}")
+endif()

@@ -284,7 +284,7 @@ TEST(Subscriber, RefusesBadRowsAndGoesOn) {
   ASSERT_EQ(reception.refusals.size(), 9U);
   EXPECT_EQ(reception.refusals[0], "2: the row is longer than what was received (at byte 0)");
   EXPECT_EQ(reception.refusals[1], "3: fewer bytes than a row header (at byte 5)");
-  EXPECT_EQ(reception.refusals[2], "4: a value lies beyond the row's end (at byte " +
+  EXPECT_EQ(reception.refusals[2], "4: a value lies beyond the row's end (country, at byte " +
                                        std::to_string(PrefixLayout::offset<"country">) + ")");
   EXPECT_EQ(reception.refusals[3], "5: Invalid Row - (another row type)");
   EXPECT_EQ(reception.refusals[4],

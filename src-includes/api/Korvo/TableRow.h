@@ -2,9 +2,9 @@
 
 // Row classes of tables, declared once.
 //
-//   using PortLayout = Korvo::RowLayout<7,  // the table's row type
+//   struct PortLayout : Korvo::RowLayout<7,  // the table's row type
 //       Korvo::Column<"speed", std::uint32_t>,
-//       Korvo::Column<"name", std::string>>;
+//       Korvo::Column<"name", std::string>> {};
 //   Korvo::TableRow<PortLayout> port;
 //   port.create(1001);
 //   port.set<"name">("eth0");
@@ -13,12 +13,19 @@
 // From the layout follow the columns' offsets, the base length, vcd(), columnOffset() and
 // isFullyDefined(). Overlapping columns, names used twice and types without a column form do not
 // compile. Columns stand one behind the other unless an offset is given; there is no padding.
+//
+// A layout may as well be an alias of its RowLayout; as a struct it has a short name in symbols and
+// in the compiler's messages.
 
 #include <Korvo/baseRow.h>
+#include <Korvo/rowOrder.h>
 
 #include <algorithm>
 #include <array>
+#include <concepts>
+#include <cstddef>
 #include <cstdint>
+#include <ranges>
 #include <span>
 #include <string>
 #include <string_view>
@@ -145,6 +152,8 @@ inline constexpr bool takesItsType = !ColumnTraits<T>::isVariable || isVector<T>
 
 template <typename Layout>
 class SubRow;
+template <typename RowLayoutType>
+class TableRow;
 
 template <typename Layout>
 struct detail::ColumnTraits<Nested<Layout>> : detail::SlotTraits<SubRow<Layout>, structType_> {
@@ -234,17 +243,24 @@ class RowLayout {
   }();
   static constexpr LayoutInfo info = {rowType, baseLength, columns};  ///< the same at run time
 
-  /// The column's place in `columns`.
+  /// The column's place in `columns`; the number of columns where none has this name.
   template <ColumnName Name>
-  static constexpr std::size_t index = [] {
-    static_assert(indexOf<Name>() < count, "the layout has no column of this name");
-    return indexOf<Name>();
-  }();
+  static constexpr std::size_t index = indexOf<Name>();
+  /// Whether there is a column of this name.
+  template <ColumnName Name>
+  static constexpr bool has = index<Name> < count;
 
   template <ColumnName Name>
-  using Type = std::tuple_element_t<index<Name>, ColumnTypes>;  ///< of the named column
+  requires(has<Name>) using Type = std::tuple_element_t<index<Name>, ColumnTypes>;
   template <ColumnName Name>
-  static constexpr len_t offset = columns[index<Name>].offset;
+  static constexpr len_t offset = [] {
+    static_assert(has<Name>, "the layout has no column of this name");
+    if constexpr (has<Name>) {
+      return columns[index<Name>].offset;
+    } else {
+      return len_t{0};
+    }
+  }();
 
   /// The slot offsets of the variable-length columns, in column order.
   static constexpr auto slots = [] {
@@ -271,6 +287,94 @@ class RowLayout {
 // Typed access
 
 namespace detail {
+
+// A mistake in a program is told once, by a static_assert: overloads that say what they want by
+// constraints make compilers list all of them. What such a call gives is quiet in the rest of the
+// program.
+
+template <typename Layout, ColumnName Name>
+inline constexpr bool layoutHasColumn = Layout::template has<Name>;
+
+/// Stands for any arguments of a call that does not compile.
+struct Anything {
+  template <typename... T>
+  Anything(const T&...) {}  // NOLINT(google-explicit-constructor)
+};
+/// Stands for the value of a column that does not exist.
+struct ThereIsNoColumnOfThisName {
+  template <typename T>
+  operator T() const;  // NOLINT(google-explicit-constructor)
+  friend std::ostream& operator<<(std::ostream&, const ThereIsNoColumnOfThisName&);
+  template <typename T>
+  friend bool operator==(const ThereIsNoColumnOfThisName&, const T&);
+};
+
+/// What the column's type says of it; nothing where there is no such column.
+template <typename Layout, ColumnName Name>
+struct NamedColumn {
+  static constexpr bool isFixed = false, isOrdered = false, isNested = false;
+};
+template <typename Layout, ColumnName Name>
+requires(layoutHasColumn<Layout, Name>) struct NamedColumn<Layout, Name> {
+  using Traits = ColumnTraits<typename Layout::template Type<Name>>;
+  static constexpr bool isNested = Traits::nested != nullptr;
+  static constexpr bool isFixed = !Traits::isVariable;
+  static constexpr bool isOrdered = !Traits::isArray && !isNested;
+};
+
+/// Whether order and hash can be made of the columns.
+template <typename Layout, ColumnName... Names>
+inline constexpr bool areOrdered = (NamedColumn<Layout, Names>::isOrdered && ...);
+
+/// Stops the compiler where they cannot.
+template <typename Layout, ColumnName... Names>
+constexpr void requireOrder() {
+  static_assert((layoutHasColumn<Layout, Names> && ...), "the layout has no column of this name");
+  static_assert(areOrdered<Layout, Names...> || !(layoutHasColumn<Layout, Names> && ...),
+                "arrays and nested rows have no order and no hash");
+}
+
+/// Whether a column of type T is written from a Value. Besides what cannot be converted, what C++
+/// would convert in silence to another value is refused: fractions to integers, pointers to bool.
+template <typename T, typename Value>
+inline constexpr bool isWrittenFrom =
+    std::is_convertible_v<const Value&, T> &&
+    !(std::is_integral_v<T> && std::is_floating_point_v<Value>)&&!(
+        std::is_same_v<T, bool> && std::is_pointer_v<std::decay_t<Value>>);
+template <typename Value>
+inline constexpr bool isWrittenFrom<std::string, Value> =
+    std::is_convertible_v<const Value&, std::string_view> && !std::is_same_v<Value, std::nullptr_t>;
+template <typename Value>
+inline constexpr bool isWrittenFrom<IpGenAddr, Value> =
+    std::is_convertible_v<const Value&, IpGenAddr> || std::is_same_v<Value, IpGenAddrReference>;
+template <typename Value>
+inline constexpr bool isWrittenFrom<IpGenPrefix, Value> =
+    std::is_convertible_v<const Value&, IpGenPrefix> || std::is_same_v<Value, IpGenPrefixReference>;
+template <typename Layout, typename Value>
+inline constexpr bool isWrittenFrom<Nested<Layout>, Value> =
+    std::is_convertible_v<const Value*, const TableRow<Layout>*> ||
+    std::is_convertible_v<const Value*, const SubRow<Layout>*>;
+
+/// Says why a column of type T is not written from a Value.
+template <typename T, typename Value>
+constexpr void refuseValue() {
+  constexpr bool fits = isWrittenFrom<T, Value>;
+  if constexpr (std::is_integral_v<T> && std::is_floating_point_v<Value>) {
+    static_assert(fits, "a fraction is not written to a column of integers: round it first");
+  } else if constexpr (isFixed<T>) {
+    static_assert(fits,
+                  "numbers are written to columns of numbers, bool to bool, IpAddr and "
+                  "Ip6Addr to theirs");
+  } else if constexpr (std::is_same_v<T, std::string>) {
+    static_assert(fits, "a column of text is written from what converts to std::string_view");
+  } else if constexpr (isArrayElement<T>) {
+    static_assert(fits, "a column of addresses or prefixes is written from one or its reference");
+  } else if constexpr (isVector<T>) {
+    static_assert(fits, "an array column is written from a std::vector of its elements");
+  } else {
+    static_assert(fits, "a nested row is written from a TableRow or SubRow of the column's layout");
+  }
+}
 
 /// The column of `row` that stands at `offset`, in place. Row's own rowBuf() and isNull() are
 /// final, so that a read comes down to its loads.
@@ -311,6 +415,28 @@ auto copyColumn(const Row& row, len_t offset) {
   }
 }
 
+/// Throws KoOutOfRange "Column (name): (reason)".
+[[noreturn]] KORVO_API void throwForColumn(std::string_view column, std::string_view reason);
+
+/// Names the column in what `access` throws.
+template <typename Access>
+decltype(auto) namingColumn(std::string_view column, const Access& access) {
+  try {
+    return access();
+  } catch (const KoOutOfRange& e) {
+    throwForColumn(column, e.what());
+  }
+}
+
+/// Refuses arrays that a header cannot count.
+template <typename T>
+void checkArrayCount(const BaseRow& row, std::string_view column, const std::vector<T>& values) {
+  if (values.size() <= arrayCountMask) [[likely]]
+    return;
+  (void)row.rowBuf();  // a null row is refused as such
+  throwForColumn(column, "Array exceeds 4095 elements: " + std::to_string(values.size()));
+}
+
 /// The columns of `row` as a JSON object, or null for a null row.
 KORVO_API std::string rowAsJson(const BaseRow& row, const LayoutInfo& layout);
 
@@ -322,46 +448,155 @@ template <typename Row, typename Layout>
 class ColumnReaders {
  public:
   /// The column's value: numbers, addresses and prefixes as they are, text as std::string, arrays
-  /// as vectors, nested rows as SubRow (which stays a view). The null value for a null row.
+  /// as vectors, nested rows as SubRow (which stays a view). The null value for a null row. Throws
+  /// KoOutOfRange for a prefix with host bits set.
   template <ColumnName Name>
   auto get() const {
-    return copyColumn<typename Layout::template Type<Name>>(row(), Layout::template offset<Name>);
+    static_assert(layoutHasColumn<Layout, Name>, "the layout has no column of this name");
+    if constexpr (!layoutHasColumn<Layout, Name>) {
+      return ThereIsNoColumnOfThisName();
+    } else {
+      using T = Type<Name>;
+      const auto copy = [this] { return copyColumn<T>(row(), at<Name>); };
+      if constexpr (isOneOf<T, IpGenPrefix, std::vector<IpGenPrefix>>) {
+        return namingColumn(Name.view(), copy);
+      } else {
+        return copy();
+      }
+    }
+  }
+  template <ColumnName Name>
+  requires(NamedColumn<Layout, Name>::isNested) auto get() const KORVO_LIFETIMEBOUND {
+    return view<Name>();
   }
   /// The column in place: a value reference, an ArrayReference, a SubRow, or the number itself.
   template <ColumnName Name>
-  auto view() const {
-    return viewColumn<typename Layout::template Type<Name>>(row(), Layout::template offset<Name>);
-  }
-  /// Comparison and hash of a column by the rules of its value reference. They throw KoNullRow for
-  /// a null row.
-  template <ColumnName Name>
-  bool equal(const BaseRow& other) const {
-    return row().template columnEqual<Reference<Name>>(at<Name>, other, at<Name>);
+  auto view() const KORVO_LIFETIMEBOUND {
+    static_assert(layoutHasColumn<Layout, Name>, "the layout has no column of this name");
+    if constexpr (layoutHasColumn<Layout, Name>) {
+      return viewColumn<Type<Name>>(row(), at<Name>);
+    } else {
+      return ThereIsNoColumnOfThisName();
+    }
   }
   /// Whether this row's column < the other's.
   template <ColumnName Name>
+  requires(NamedColumn<Layout, Name>::isFixed) auto view() const {
+    return viewColumn<Type<Name>>(row(), at<Name>);
+  }
+
+  // Comparison and hash of one column, or of several, the first one first. Values are compared by
+  // the rules of their value references, numbers as numbers (NaN behind all others and equal to
+  // itself). Two prefixes without a family are equal, and come before all others. These throw
+  // KoNullRow for a null row.
+
+  template <ColumnName... Names>
+  requires(sizeof...(Names) > 0) bool equal(const BaseRow& other) const {
+    requireOrder<Layout, Names...>();
+    if constexpr (areOrdered<Layout, Names...>) {
+      return (areEqual(comparedView<Names>(row()), comparedView<Names>(other)) && ...);
+    } else {
+      return false;
+    }
+  }
+  /// Whether this row's column < the other's.
+  template <ColumnName Name, ColumnName... More>
   bool less(const BaseRow& other) const {
-    return row().template columnLess<Reference<Name>>(at<Name>, other, at<Name>);
+    requireOrder<Layout, Name, More...>();
+    if constexpr (!areOrdered<Layout, Name, More...>) {
+      return false;
+    } else {
+      const auto mine = comparedView<Name>(row());
+      const auto others = comparedView<Name>(other);
+      if constexpr (sizeof...(More) == 0) {
+        return isBefore(mine, others);
+      } else {
+        return isBefore(mine, others) || (!isBefore(others, mine) && less<More...>(other));
+      }
+    }
   }
-  /// A hash of the column's bytes, 32 bits wide and the same on every host.
-  template <ColumnName Name>
-  unsigned int hash() const {
-    return row().template columnHash<Reference<Name>>(at<Name>);
+  /// The same on every host.
+  template <ColumnName... Names>
+  requires(sizeof...(Names) > 0) unsigned int hash() const {
+    requireOrder<Layout, Names...>();
+    if constexpr (areOrdered<Layout, Names...>) {
+      return combinedHash({columnHash(comparedView<Names>(row()))...});
+    } else {
+      return 0;
+    }
   }
-  /// The orderKey() of a column's value reference, which see.
+  /// The orderKey() of a column's value reference, which see; of a number the like.
   template <ColumnName Name>
   std::uint64_t orderKey() const {
-    return row().template columnOrderKey<Reference<Name>>(at<Name>);
+    requireOrder<Layout, Name>();
+    if constexpr (areOrdered<Layout, Name>) {
+      return columnOrderKey(comparedView<Name>(row()));
+    } else {
+      return 0;
+    }
+  }
+  /// Step `level` of the column's value in its order, and whether there are more; for sortRows().
+  template <ColumnName Name>
+  std::uint64_t columnSortKey(unsigned int level) const {
+    return sortKey(comparedView<Name>(row()), level);
+  }
+  template <ColumnName Name>
+  static bool isLastSortKey(std::uint64_t key, unsigned int level) {
+    return isLastKey(std::type_identity<View<Name>>(), key, level);
   }
 
  private:
   template <ColumnName Name>
-  using Reference = typename ColumnTraits<typename Layout::template Type<Name>>::View;
+  using Type = typename Layout::template Type<Name>;
+  template <ColumnName Name>
+  using View = typename ColumnTraits<Type<Name>>::View;
   template <ColumnName Name>
   static constexpr len_t at = Layout::template offset<Name>;
 
+  /// The column's value in place; throws for a null row.
+  template <ColumnName Name, typename AnyRow>
+  static View<Name> comparedView(const AnyRow& row) {
+    const byte_t* const buf = row.rowBuf();
+    if constexpr (ColumnTraits<Type<Name>>::isVariable) {
+      const VColType& slot = VColType::at(buf, at<Name>);
+      return referenceTo<View<Name>>(buf + slot.offset(), slot.length());
+    } else {
+      return fixedAt<View<Name>>(buf + at<Name>);
+    }
+  }
+
   const Row& row() const { return static_cast<const Row&>(*this); }
 };
+
+/// Whether two rows of a layout have the same values, or both are null.
+template <typename Layout, typename Row, typename Other>
+bool sameColumns(const Row& row, const Other& other);
+
+/// As sameColumns() for the values of two columns of type T in place.
+template <typename T, typename View>
+bool sameValues(const View& a, const View& b) {
+  if constexpr (ColumnTraits<T>::isArray) {
+    return std::ranges::equal(a, b);
+  } else if constexpr (ColumnTraits<T>::nested != nullptr) {
+    return a == b;
+  } else {
+    return areEqual(a, b);
+  }
+}
+
+template <typename Layout, typename Row, typename Other>
+bool sameColumns(const Row& row, const Other& other) {
+  if (row.isNull() || other.isNull()) return row.isNull() && other.isNull();
+  return [&]<std::size_t... I>(std::index_sequence<I...>) {
+    return (sameValues<std::tuple_element_t<I, typename Layout::ColumnTypes>>(
+                viewColumn<std::tuple_element_t<I, typename Layout::ColumnTypes>>(
+                    row, Layout::columns[I].offset),
+                viewColumn<std::tuple_element_t<I, typename Layout::ColumnTypes>>(
+                    other, Layout::columns[I].offset)) &&
+            ...);
+  }
+  (std::make_index_sequence<Layout::columns.size()>());
+}
 
 }  // namespace detail
 
@@ -387,6 +622,11 @@ class SubRow final : public SubRowReference, public detail::ColumnReaders<SubRow
   len_t baseRowLength() override { return Layout::baseLength; }
   /// All columns as a JSON object, in the order of the layout; "null" for a null row.
   std::string toJson() const override { return detail::rowAsJson(*this, Layout::info); }
+
+  /// By the values of the columns; the oid is none of them. Null rows are equal.
+  friend bool operator==(const SubRow& a, const SubRow& b) {
+    return detail::sameColumns<Layout>(a, b);
+  }
 };
 
 /// A row of a table. It begins as a null row; create() and adopt() give it a buffer of its own.
@@ -404,7 +644,8 @@ class TableRow : public BaseRow,
   /// while they are set. Throws KoOutOfRange for a row of more than 65535 bytes.
   void create(oid_t oid, std::size_t valueBytes) {
     if (valueBytes > maxRowLength - Layout::baseLength) {
-      throw KoOutOfRange("Row length exceeds 65535 bytes");
+      throw KoOutOfRange("Row length exceeds 65535 bytes: " +
+                         std::to_string(Layout::baseLength + valueBytes));
     }
     installNew(static_cast<len_t>(Layout::baseLength + valueBytes), Layout::rowType, oid);
   }
@@ -416,14 +657,17 @@ class TableRow : public BaseRow,
     installCopy(bytes, length, Layout::baseLength, Layout::rowType);
   }
 
-  // Writers of one column; their guarantees and exceptions are those of BaseRow's writers.
+  // Writers of one column; their guarantees and exceptions are those of BaseRow's writers, and
+  // KoOutOfRange names the column. Arrays of more than 4,095 elements are refused, too: BaseRow's
+  // operations write them with a count that readers do not see.
 
   /// A number, a fixed-width address or an array.
   template <ColumnName Name>
   requires(detail::takesItsType<ColumnType<Name>>) void set(const ColumnType<Name>& value) {
     using T = ColumnType<Name>;
     if constexpr (detail::isVector<T>) {
-      writeOwn<Layout>(slot<Name>, detail::EncodedArray(value));
+      detail::checkArrayCount(*this, Name.view(), value);
+      writeColumn<Name>(detail::EncodedArray(value));
     } else {
       setOwnField(slot<Name>, value);
     }
@@ -431,10 +675,18 @@ class TableRow : public BaseRow,
   /// Text: whatever converts to std::string_view. An address or a prefix: the value or its
   /// reference. A nested row: any row of its layout.
   template <ColumnName Name, typename Value>
-  requires(!detail::takesItsType<ColumnType<Name>>) void set(const Value& value) {
-    writeEncoded<ColumnType<Name>>(value, [this](const detail::EncodedValue& encoded) {
-      writeOwn<Layout>(slot<Name>, encoded);
-    });
+  requires(!detail::takesItsType<ColumnType<Name>> &&
+           detail::isWrittenFrom<ColumnType<Name>, Value>) void set(const Value& value) {
+    writeEncoded<ColumnType<Name>>(
+        value, [this](const detail::EncodedValue& encoded) { writeColumn<Name>(encoded); });
+  }
+  template <ColumnName Name, typename Value>
+  requires(!detail::isWrittenFrom<ColumnType<Name>, Value>) void set(const Value&) {
+    detail::refuseValue<ColumnType<Name>, Value>();
+  }
+  template <ColumnName Name>
+  requires(!Layout::template has<Name>) void set(const detail::Anything&) {
+    static_assert(detail::layoutHasColumn<Layout, Name>, "the layout has no column of this name");
   }
 
   class Writer;
@@ -464,9 +716,27 @@ class TableRow : public BaseRow,
   /// All columns as a JSON object, in the order of the layout; "null" for a null row.
   std::string toJson() const override { return detail::rowAsJson(*this, Layout::info); }
 
+  /// By the values of the columns; the oid is none of them. Null rows are equal. Also with a nested
+  /// row of the layout.
+  friend bool operator==(const TableRow& a, const TableRow& b) {
+    return detail::sameColumns<Layout>(a, b);
+  }
+  friend bool operator==(const TableRow& a, const SubRow<Layout>& b) {
+    return detail::sameColumns<Layout>(a, b);
+  }
+
  private:
   template <ColumnName Name>
   static constexpr len_t slot = Layout::template offset<Name>;
+
+  template <ColumnName Name, typename Encoded>
+  [[gnu::always_inline]] void writeColumn(const Encoded& encoded) {
+    try {
+      writeOwn<Layout>(slot<Name>, encoded);
+    } catch (const KoOutOfRange& e) {
+      detail::throwForColumn(Name.view(), e.what());
+    }
+  }
 
   /// Gives `write` what a column of type T takes from `value`, while it lives.
   template <typename T, typename Value, typename Write>
@@ -500,47 +770,141 @@ template <typename RowLayoutType>
 class TableRow<RowLayoutType>::Writer : public RowWriter {
  public:
   /// Of a row that outlives it; changes nothing yet.
-  explicit Writer(TableRow& row) : RowWriter(row, Layout::baseLength, Layout::slots) {}
+  explicit Writer(TableRow& row)
+      : RowWriter(row, Layout::baseLength, Layout::slots), tableRow_(row) {}
 
   /// As the row's.
   template <ColumnName Name>
   requires(detail::takesItsType<ColumnType<Name>>) void set(const ColumnType<Name>& value) {
     if constexpr (detail::isVector<ColumnType<Name>>) {
-      write(slot<Name>, detail::EncodedArray(value));
+      detail::checkArrayCount(tableRow_, Name.view(), value);
+      writeColumn<Name>(detail::EncodedArray(value));
     } else {
       setFixedColumn(slot<Name>, value);
     }
   }
   /// As the row's.
   template <ColumnName Name, typename Value>
-  requires(!detail::takesItsType<ColumnType<Name>>) void set(const Value& value) {
+  requires(!detail::takesItsType<ColumnType<Name>> &&
+           detail::isWrittenFrom<ColumnType<Name>, Value>) void set(const Value& value) {
     writeEncoded<ColumnType<Name>>(
-        value, [this](const detail::EncodedValue& encoded) { write(slot<Name>, encoded); });
+        value, [this](const detail::EncodedValue& encoded) { writeColumn<Name>(encoded); });
   }
+  template <ColumnName Name, typename Value>
+  requires(!detail::isWrittenFrom<ColumnType<Name>, Value>) void set(const Value&) {
+    detail::refuseValue<ColumnType<Name>, Value>();
+  }
+  template <ColumnName Name>
+  requires(!Layout::template has<Name>) void set(const detail::Anything&) {
+    static_assert(detail::layoutHasColumn<Layout, Name>, "the layout has no column of this name");
+  }
+
+ private:
+  template <ColumnName Name, typename Encoded>
+  void writeColumn(const Encoded& encoded) {
+    detail::namingColumn(Name.view(), [&] { write(slot<Name>, encoded); });
+  }
+
+  const TableRow& tableRow_;
 };
 
 // ---------------------------------------------------------------------------------------------
 // Sorting
 
-/// Sorts rows as std::sort with less<Name>() does, mostly by comparing order keys: several times
-/// faster, for about 40 bytes of memory for each row while it runs. On a throw (KoNullRow for a
-/// null row, std::bad_alloc) the rows are as before.
-template <ColumnName Name, typename Row>
-void sortRows(std::span<Row> rows) {
+namespace detail {
+
+/// Sorts rows by their columns' sort keys, one step at a time: only rows that are alike so far are
+/// looked at again.
+template <typename Row, ColumnName... Names>
+class RowSorter {
+ public:
+  explicit RowSorter(std::span<Row> rows) : rows_(rows) {
+    entries_.reserve(rows.size());
+    for (Row& row : rows) entries_.push_back({0, &row});
+  }
+
+  void sort() {
+    std::vector<Run> runs = {{0, entries_.size(), 0, 0}};
+    while (!runs.empty()) {
+      const Run run = runs.back();
+      runs.pop_back();
+      constexpr std::array<void (RowSorter::*)(const Run&, std::vector<Run>&), sizeof...(Names)>
+          byColumn = {&RowSorter::sortByColumn<Names>...};
+      (this->*byColumn[run.column])(run, runs);
+    }
+    std::vector<Row> sorted;
+    sorted.reserve(rows_.size());
+    for (const Entry& entry : entries_) sorted.push_back(std::move(*entry.row));
+    std::move(sorted.begin(), sorted.end(), rows_.begin());
+  }
+
+ private:
   struct Entry {
     std::uint64_t key;
     Row* row;
   };
-  std::vector<Entry> order;
-  order.reserve(rows.size());
-  for (Row& row : rows) order.push_back({row.template orderKey<Name>(), &row});
-  std::sort(order.begin(), order.end(), [](const Entry& a, const Entry& b) {
-    return a.key != b.key ? a.key < b.key : a.row->template less<Name>(*b.row);
-  });
-  std::vector<Row> sorted;
-  sorted.reserve(rows.size());
-  for (const Entry& entry : order) sorted.push_back(std::move(*entry.row));
-  std::move(sorted.begin(), sorted.end(), rows.begin());
+  /// Rows that are alike up to a step of a column.
+  struct Run {
+    std::size_t begin;
+    std::size_t end;
+    std::size_t column;
+    unsigned int level;
+  };
+  /// Fewer rows are sorted by comparing them, which looks at each of them no more often.
+  static constexpr std::size_t fewRows = 8;
+
+  template <ColumnName Name>
+  void sortByColumn(const Run& run, std::vector<Run>& runs) {
+    const auto begin = entries_.begin() + static_cast<std::ptrdiff_t>(run.begin);
+    const auto end = entries_.begin() + static_cast<std::ptrdiff_t>(run.end);
+    for (auto at = begin; at != end; ++at) {
+      at->key = at->row->template columnSortKey<Name>(run.level);
+    }
+    std::sort(begin, end, [](const Entry& a, const Entry& b) { return a.key < b.key; });
+    for (auto first = begin; first != end;) {
+      const std::uint64_t key = first->key;
+      const auto last =
+          std::find_if(first, end, [key](const Entry& entry) { return entry.key != key; });
+      if (last - first > 1) sortAlike<Name>(run, first, last, runs);
+      first = last;
+    }
+  }
+
+  template <ColumnName Name, typename Iterator>
+  void sortAlike(const Run& run, Iterator first, Iterator last, std::vector<Run>& runs) {
+    Run alike = {static_cast<std::size_t>(first - entries_.begin()),
+                 static_cast<std::size_t>(last - entries_.begin()), run.column, run.level + 1};
+    if (Row::template isLastSortKey<Name>(first->key, run.level)) {
+      alike.column = run.column + 1;
+      alike.level = 0;
+      if (alike.column == sizeof...(Names)) return;
+    }
+    if (last - first > static_cast<std::ptrdiff_t>(fewRows)) {
+      runs.push_back(alike);
+    } else {
+      std::sort(first, last, [](const Entry& a, const Entry& b) {
+        return a.row->template less<Names...>(*b.row);
+      });
+    }
+  }
+
+  std::span<Row> rows_;
+  std::vector<Entry> entries_;
+};
+
+}  // namespace detail
+
+/// Sorts rows as std::sort with less<Names...>() does, by one column or by several, the first one
+/// first: `sortRows<"vrf", "net">(rows)`. Several times faster, for about 48 bytes of memory for
+/// each row while it runs. On a throw (KoNullRow for a null row, std::bad_alloc) the rows are as
+/// before.
+template <ColumnName... Names, std::ranges::contiguous_range Rows>
+requires(sizeof...(Names) > 0 && std::ranges::sized_range<Rows>) void sortRows(Rows&& rows) {
+  using Row = std::ranges::range_value_t<Rows>;
+  detail::requireOrder<typename Row::Layout, Names...>();
+  if constexpr (detail::areOrdered<typename Row::Layout, Names...>) {
+    detail::RowSorter<Row, Names...>(std::span<Row>(rows)).sort();
+  }
 }
 
 }  // namespace Korvo

@@ -28,3 +28,11 @@
 /// The library is built with hidden visibility; this marks what it exports. A class that is
 /// declared before its definition has it there, too.
 #define KORVO_API __attribute__((visibility("default") KORVO_SETTINGS_TAG))
+
+/// Behind a member function's qualifiers: what it returns refers to the object, so that clang warns
+/// where the object is a temporary, or a local one that the function returns from.
+#if defined(__clang__)
+#define KORVO_LIFETIMEBOUND [[clang::lifetimebound]]
+#else
+#define KORVO_LIFETIMEBOUND
+#endif

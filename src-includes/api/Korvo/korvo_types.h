@@ -173,6 +173,9 @@ enum AddressFamily : std::uint32_t {
   ipv6_ = 2      ///< 16 bytes
 };
 
+class IpGenAddrReference;
+class IpGenPrefixReference;
+
 /// An IPv4 address: a 32-bit word in network byte order.
 class KORVO_API IpAddr {
  public:
@@ -183,6 +186,9 @@ class KORVO_API IpAddr {
 
   /// The word in network byte order.
   constexpr unsigned int addr() const { return addr_; }
+
+  /// "10.1.0.9".
+  std::string toString() const;
 
   /// The same address.
   friend constexpr bool operator==(const IpAddr&, const IpAddr&) = default;
@@ -205,7 +211,13 @@ class KORVO_API Ip6Addr {
   explicit Ip6Addr(const std::string& text);
 
   /// The 16 bytes; valid as long as this object.
-  const unsigned char* bytes() const { return bytes_; }
+  const unsigned char* bytes() const KORVO_LIFETIMEBOUND { return bytes_; }
+
+  /// Eight groups of four lower-case digits: "2001:0db8:0000:0000:0000:0000:0000:0001".
+  std::string toString() const;
+  /// The short form of RFC 5952, "2001:db8::1". No part of it is in IPv4 form, so that every text
+  /// reads back.
+  std::string toShortString() const;
 
   /// Zeroes every bit after the first `prefixLen` bits of the first `addrLenBytes` (4 or 16) bytes;
   /// nothing if there is no such bit.
@@ -241,13 +253,19 @@ class KORVO_API IpGenAddr {
   /// Parses an address: text with a dot anywhere is IPv4, all other text IPv6. Throws
   /// KoInvalidArgument "Invalid Address - (text)".
   explicit IpGenAddr(const std::string& text);
+  /// The value that a column's reference refers to; the zero value for one without a family.
+  explicit IpGenAddr(const IpGenAddrReference& addr);
 
   /// The family; unknown_ for no address.
   AddressFamily af() const { return af_; }
   /// The 16 bytes of storage; valid as long as this object. An IPv4 address is in the first 4.
-  const unsigned char* bytes() const { return storage_.bytes(); }
+  const unsigned char* bytes() const KORVO_LIFETIMEBOUND { return storage_.bytes(); }
   /// 0, 4 or 16. Stops the process if the family is none of the three.
   int addressLengthBytes() const;
+  /// As the address of its family; "<unsupported address family>" without one.
+  std::string toString() const;
+  /// The same with IPv6 in its short form.
+  std::string toShortString() const;
   /// Zeroes every bit after the first `prefixLen`; does nothing for family unknown_. Stops the
   /// process if the family is none of the three.
   void clearLowerAddrBits(unsigned short prefixLen);
@@ -281,11 +299,24 @@ class KORVO_API IpGenPrefix {
   /// "Invalid Address - (address)"; KoOutOfRange for a length beyond the family's, as above, or
   /// "Invalid Prefix - non-zero after prefixlen" for host bits that validPrefix finds.
   explicit IpGenPrefix(const std::string& text);
+  /// The value that a column's reference refers to, host bits as they are; the reset value for one
+  /// without a family. Throws KoOutOfRange as the four above.
+  explicit IpGenPrefix(const IpGenPrefixReference& prefix);
 
   /// The address, host bits included; valid as long as this object.
-  const IpGenAddr& addr() const { return addr_; }
+  const IpGenAddr& addr() const KORVO_LIFETIMEBOUND { return addr_; }
   /// The prefix length in bits.
   unsigned int mask() const { return mask_; }
+
+  /// The prefix without its host bits.
+  IpGenPrefix network() const;
+  /// The netmask of its length: 255.255.0.0 for 16. The zero value without a family.
+  IpGenAddr netmask() const;
+
+  /// "address/length".
+  std::string toString() const;
+  /// The same with IPv6 in its short form.
+  std::string toShortString() const;
 
   /// Makes this the reset value.
   void reset() { *this = IpGenPrefix(); }
@@ -334,6 +365,12 @@ KORVO_API bool validV6Addr(const std::string& text);
 /// Whether `len` fits the address's family and no host bit is set. The word in which the host part
 /// begins is not examined when `len` is 0, 32, 64 or 96, on purpose.
 KORVO_API bool validPrefix(IpGenAddr addr, int len);
+/// The netmask of a prefix length: 255.255.0.0 for 16, ffff:: for the same length in IPv6. The zero
+/// value for family unknown_. Throws KoOutOfRange as IpGenPrefix's constructors do.
+KORVO_API IpGenAddr lengthToNetmask(AddressFamily af, unsigned int len);
+/// The prefix length of a netmask: 16 for 255.255.0.0. Throws KoInvalidArgument "Invalid Netmask -
+/// (text)" unless all bits that are set come first, and for an address without a family.
+KORVO_API unsigned int netmaskToLength(const IpGenAddr& netmask);
 
 /// "10.1.0.9"; the stream's width and fill apply to the whole text.
 KORVO_API std::ostream& operator<<(std::ostream& os, const IpAddr& addr);

@@ -52,6 +52,10 @@ class KORVO_API BaseRow {
   BaseRow(BaseRow&&) noexcept = default;
   BaseRow& operator=(const BaseRow&) = default;
   BaseRow& operator=(BaseRow&&) noexcept = default;
+  /// A nested row's view has no buffer that could be shared: a copy of it would be a null row. Its
+  /// bytes are copied by adopt() of the nested row's own class.
+  BaseRow(const SubRowReference&) = delete;
+  BaseRow& operator=(const SubRowReference&) = delete;
 
   /// The buffer, for reading and for writing; neither copies. They throw KoNullRow for a null row.
   virtual byte_t* rowBuf() const;
@@ -135,7 +139,7 @@ class KORVO_API BaseRow {
   void updateFixElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values);
   /// The view of an array column; one that refers to nothing for an empty column or a null row.
   template <typename T>
-  ArrayReference<T> arrayReference(len_t slotOffset) const;
+  ArrayReference<T> arrayReference(len_t slotOffset) const KORVO_LIFETIMEBOUND;
 
   // Comparison and hash in place, for the three reference types. They throw KoNullRow for a null
   // row. The column's type is the caller's word.

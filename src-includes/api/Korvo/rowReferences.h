@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iosfwd>
+#include <string>
 #include <string_view>
 
 namespace Korvo {
@@ -52,6 +53,10 @@ class StringValueReference {
     return length_ == other.length_ && compareCommon(other) == 0;
   }
   bool operator!=(const StringValueReference& other) const { return !(*this == other); }
+  /// With any text: `row.view<"name">() == "eth0"`.
+  friend bool operator==(const StringValueReference& text, std::string_view other) {
+    return text.view() == other;
+  }
   /// < and > are lexicographic: a proper prefix comes first.
   bool operator<(const StringValueReference& other) const {
     const int order = compareCommon(other);
@@ -89,6 +94,10 @@ class IpGenAddrReference {
   constexpr const byte_t* addr() const { return addr_; }
   /// The family; unknown_ also for an encoded value of a wrong length.
   constexpr AddressFamily af() const { return static_cast<AddressFamily>(af_); }
+
+  /// What the value would give; "<null>" without a family.
+  std::string toString() const;
+  std::string toShortString() const;
 
   /// By family first, then by address; all references of family unknown_ are equal, and no byte of
   /// theirs is read.
@@ -137,6 +146,13 @@ class IpGenPrefixReference {
   constexpr AddressFamily af() const { return static_cast<AddressFamily>(af_); }
   /// The prefix length as it is stored; nobody has checked it.
   constexpr byte_t mask() const { return mask_; }
+
+  /// The value without its host bits, the reset value without a family. Throws KoOutOfRange for a
+  /// length that the family does not have.
+  IpGenPrefix network() const { return IpGenPrefix(*this).network(); }
+  /// What the value would give; "<null>" without a family.
+  std::string toString() const;
+  std::string toShortString() const;
 
   /// Whether the other's address lies in this prefix; the other's length is not looked at, on
   /// purpose. Stops the process when both families are unknown_.
@@ -189,6 +205,19 @@ KORVO_API std::ostream& operator<<(std::ostream& os, const IpGenPrefixReference&
 
 // ---------------------------------------------------------------------------------------------
 // Inline bodies
+
+inline std::string IpGenAddrReference::toString() const {
+  return af_ == unknown_ ? "<null>" : IpGenAddr(*this).toString();
+}
+inline std::string IpGenAddrReference::toShortString() const {
+  return af_ == unknown_ ? "<null>" : IpGenAddr(*this).toShortString();
+}
+inline std::string IpGenPrefixReference::toString() const {
+  return af_ == unknown_ ? "<null>" : IpGenPrefix(*this).toString();
+}
+inline std::string IpGenPrefixReference::toShortString() const {
+  return af_ == unknown_ ? "<null>" : IpGenPrefix(*this).toShortString();
+}
 
 inline bool IpGenPrefixReference::contains(const IpGenPrefixReference& other) const {
   if (af_ != other.af_) return false;

@@ -1,0 +1,22 @@
+// Refused: deleted
+
+// The copy of a nested row's view would be a null row.
+
+#include <Korvo/TableRow.h>
+
+struct LinkLayout : Korvo::RowLayout<2, Korvo::Column<"up", bool>> {};
+struct PortLayout
+    : Korvo::RowLayout<7, Korvo::Column<"speed", std::uint32_t>, Korvo::Column<"up", bool>,
+                       Korvo::Column<"name", std::string>, Korvo::Column<"net", Korvo::IpGenPrefix>,
+                       Korvo::Column<"tags", std::vector<std::string>>,
+                       Korvo::Column<"link", Korvo::Nested<LinkLayout>>> {};
+using Port = Korvo::TableRow<PortLayout>;
+
+int main() {
+  Port port;
+  port.create();
+  const Korvo::BaseRow good = port;
+#ifdef BAD_LINE
+  const Korvo::BaseRow bad = port.view<"link">();
+#endif
+}
