@@ -216,13 +216,6 @@ class RowLayout {
   static_assert(disjoint(), "two columns overlap");
   static_assert(namesDiffer(), "two columns have the same name");
 
-  template <ColumnName Name>
-  static constexpr std::size_t indexOf() {
-    std::size_t index = 0;
-    const bool found = ((Columns::name == Name.view() || (++index, false)) || ...);
-    return found ? index : count;
-  }
-
  public:
   static constexpr std::uint16_t rowType = RowType;
   static constexpr len_t baseLength = static_cast<len_t>(fixedEnd);
@@ -242,18 +235,28 @@ class RowLayout {
 
   /// The column's place in `columns`; the number of columns where none has this name.
   template <ColumnName Name>
-  static constexpr std::size_t index = indexOf<Name>();
+  static constexpr std::size_t indexOf() {
+    std::size_t place = 0;
+    const bool found = ((Columns::name == Name.view() || (++place, false)) || ...);
+    return found ? place : count;
+  }
   /// Whether there is a column of this name.
   template <ColumnName Name>
-  static constexpr bool has = index<Name> < count;
+  static constexpr bool has = indexOf<Name>() < count;
 
+  /// The column's place in `columns`.
   template <ColumnName Name>
-  requires(has<Name>) using Type = std::tuple_element_t<index<Name>, ColumnTypes>;
+  static constexpr std::size_t index = [] {
+    static_assert(has<Name>, "the layout has no column of this name");
+    return indexOf<Name>();
+  }();
+  template <ColumnName Name>
+  requires(has<Name>) using Type = std::tuple_element_t<indexOf<Name>(), ColumnTypes>;
   template <ColumnName Name>
   static constexpr len_t offset = [] {
     static_assert(has<Name>, "the layout has no column of this name");
     if constexpr (has<Name>) {
-      return columns[index<Name>].offset;
+      return columns[indexOf<Name>()].offset;
     } else {
       return len_t{0};
     }
@@ -331,13 +334,17 @@ constexpr void requireOrder() {
                 "arrays and nested rows have no order and no hash");
 }
 
-/// Whether a column of type T is written from a Value. Besides what cannot be converted, what C++
-/// would convert in silence to another value is refused: fractions to integers, pointers to bool.
+/// What C++ would convert in silence to another value.
 template <typename T, typename Value>
-inline constexpr bool isWrittenFrom =
-    std::is_convertible_v<const Value&, T> &&
-    !(std::is_integral_v<T> && std::is_floating_point_v<Value>)&&!(
-        std::is_same_v<T, bool> && std::is_pointer_v<std::decay_t<Value>>);
+inline constexpr bool losesItsFraction = std::is_integral_v<T>&& std::is_floating_point_v<Value>;
+template <typename T, typename Value>
+inline constexpr bool isTakenForTrue =
+    std::is_same_v<T, bool>&& std::is_pointer_v<std::decay_t<Value>>;
+
+/// Whether a column of type T is written from a Value.
+template <typename T, typename Value>
+inline constexpr bool isWrittenFrom = std::is_convertible_v<const Value&, T> &&
+                                      !losesItsFraction<T, Value> && !isTakenForTrue<T, Value>;
 template <typename Value>
 inline constexpr bool isWrittenFrom<std::string, Value> =
     std::is_convertible_v<const Value&, std::string_view> && !std::is_same_v<Value, std::nullptr_t>;
@@ -356,7 +363,7 @@ inline constexpr bool isWrittenFrom<Nested<Layout>, Value> =
 template <typename T, typename Value>
 constexpr void refuseValue() {
   constexpr bool fits = isWrittenFrom<T, Value>;
-  if constexpr (std::is_integral_v<T> && std::is_floating_point_v<Value>) {
+  if constexpr (losesItsFraction<T, Value>) {
     static_assert(fits, "a fraction is not written to a column of integers: round it first");
   } else if constexpr (isFixed<T>) {
     static_assert(fits,
