@@ -435,10 +435,10 @@ decltype(auto) namingColumn(std::string_view column, const Access& access) {
 /// Refuses arrays that a header cannot count.
 template <typename T>
 void checkArrayCount(const BaseRow& row, std::string_view column, const std::vector<T>& values) {
-  if (values.size() <= arrayCountMask) [[likely]]
-    return;
-  (void)row.rowBuf();  // a null row is refused as such
-  throwForColumn(column, "Array exceeds 4095 elements: " + std::to_string(values.size()));
+  if (values.size() > arrayCountMask) [[unlikely]] {
+    (void)row.rowBuf();  // a null row is refused as such
+    throwForColumn(column, "Array exceeds 4095 elements: " + std::to_string(values.size()));
+  }
 }
 
 /// The columns of `row` as a JSON object, or null for a null row.
@@ -451,6 +451,8 @@ KORVO_API len_t offsetOf(const LayoutInfo& layout, std::string_view name);
 template <typename Row, typename Layout>
 class ColumnReaders {
  public:
+  using RowsLayout = Layout;
+
   /// The column's value: numbers, addresses and prefixes as they are, text as std::string, arrays
   /// as vectors, nested rows as SubRow (which stays a view). The null value for a null row. Throws
   /// KoOutOfRange for a prefix with host bits set.
@@ -469,23 +471,15 @@ class ColumnReaders {
       }
     }
   }
-  template <ColumnName Name>
-  requires(NamedColumn<Layout, Name>::isNested) auto get() const KORVO_LIFETIMEBOUND {
-    return view<Name>();
-  }
   /// The column in place: a value reference, an ArrayReference, a SubRow, or the number itself.
   template <ColumnName Name>
-  auto view() const KORVO_LIFETIMEBOUND {
+  auto view() const {
     static_assert(layoutHasColumn<Layout, Name>, "the layout has no column of this name");
     if constexpr (layoutHasColumn<Layout, Name>) {
       return viewColumn<Type<Name>>(row(), at<Name>);
     } else {
       return ThereIsNoColumnOfThisName();
     }
-  }
-  template <ColumnName Name>
-  requires(NamedColumn<Layout, Name>::isFixed) auto view() const {
-    return viewColumn<Type<Name>>(row(), at<Name>);
   }
 
   // Comparison and hash of one column, or of several, the first one first. Values are compared by
@@ -635,6 +629,7 @@ class TableRow : public BaseRow,
   using Layout = RowLayoutType;
   template <ColumnName Name>
   using ColumnType = typename Layout::template Type<Name>;
+  using Readers = detail::ColumnReaders<TableRow, RowLayoutType>;
 
   /// Makes this a new row, all columns zero or null. On a throw the row is as before.
   void create(oid_t oid = 0) { installNew(Layout::baseLength, Layout::rowType, oid); }
@@ -653,6 +648,26 @@ class TableRow : public BaseRow,
   /// the row is then as before.
   void adopt(const void* bytes, std::size_t length) {
     installCopy(bytes, length, Layout::baseLength, Layout::rowType);
+  }
+
+  // The readers once more, for clang to warn where a view is taken of a row that is a temporary.
+  // Nested rows do without: their views refer to the outermost row.
+
+  template <ColumnName Name>
+  auto get() const {
+    return Readers::template get<Name>();
+  }
+  template <ColumnName Name>
+  requires(detail::NamedColumn<Layout, Name>::isNested) auto get() const KORVO_LIFETIMEBOUND {
+    return Readers::template get<Name>();
+  }
+  template <ColumnName Name>
+  auto view() const KORVO_LIFETIMEBOUND {
+    return Readers::template view<Name>();
+  }
+  template <ColumnName Name>
+  requires(detail::NamedColumn<Layout, Name>::isFixed) auto view() const {
+    return Readers::template view<Name>();
   }
 
   // Writers of one column; their guarantees and exceptions are those of BaseRow's writers, and
@@ -889,8 +904,8 @@ class RowSorter {
 template <ColumnName... Names, std::ranges::contiguous_range Rows>
 requires(sizeof...(Names) > 0 && std::ranges::sized_range<Rows>) void sortRows(Rows&& rows) {
   using Row = std::ranges::range_value_t<Rows>;
-  detail::requireOrder<typename Row::Layout, Names...>();
-  if constexpr (detail::areOrdered<typename Row::Layout, Names...>) {
+  detail::requireOrder<typename Row::RowsLayout, Names...>();
+  if constexpr (detail::areOrdered<typename Row::RowsLayout, Names...>) {
     detail::RowSorter<Row, Names...>(std::span<Row>(rows)).sort();
   }
 }
