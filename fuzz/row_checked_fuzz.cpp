@@ -381,7 +381,8 @@ class Writer {
         SubRowReference nested;
         row_.getColumn(at, nested);
         if (own && !nested.isNull()) return row_.setColumn(at, nested, base());
-        const Bytes built = builtRow(input_, *column.nested, 2);
+        Bytes built = builtRow(input_, *column.nested, 2);
+        putWord(built, 2, column.nested->rowType);
         if (checkRow(built.data(), built.size(), *column.nested)) return;
         row_.setColumn(at, SubRowReference(built.data()), base());
       }

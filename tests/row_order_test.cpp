@@ -216,6 +216,11 @@ TEST(SortRows, LeavesTheRowsAsTheyAreWhereOneIsNull) {
   EXPECT_TRUE(rows.back().isNull());
   std::vector<Row> none;
   sortRows<"u8">(none);
+
+  const Row outer = newRow();
+  std::vector<SubRow<Layout>> views(2, SubRow<Layout>(outer.rowBuf()));
+  sortRows<"text", "i32">(views);  // views are sorted as rows are
+  EXPECT_EQ(views[0], views[1]);
 }
 
 TEST(ColumnOrder, OfNullRowsIsRefused) {

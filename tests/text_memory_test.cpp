@@ -137,7 +137,7 @@ TEST(SplitMemory, PiecesThatDoNotFitTheAddressSpace) {
 }
 
 TEST(EscapeMemory, TextThatDoesNotFitTheAddressSpace) {
-  const std::string text(6 * many, '"');
+  const std::string text(11 * many, '"');
   EXPECT_THROW(Korvo::escapeString(text), std::bad_alloc);
   EXPECT_THROW(KoStrUtils::escapeString(text), std::bad_alloc);
 }

@@ -218,13 +218,6 @@ class RowLayout {
   static_assert(disjoint(), "two columns overlap");
   static_assert(namesDiffer(), "two columns have the same name");
 
-  template <ColumnName Name>
-  static constexpr std::size_t indexOf() {
-    std::size_t index = 0;
-    const bool found = ((Columns::name == Name.view() || (++index, false)) || ...);
-    return found ? index : count;
-  }
-
  public:
   static constexpr std::uint16_t rowType = RowType;  ///< of the table's rows
   /// Header and fixed area: where the variable area begins.
@@ -245,18 +238,28 @@ class RowLayout {
 
   /// The column's place in `columns`; the number of columns where none has this name.
   template <ColumnName Name>
-  static constexpr std::size_t index = indexOf<Name>();
+  static constexpr std::size_t indexOf() {
+    std::size_t place = 0;
+    const bool found = ((Columns::name == Name.view() || (++place, false)) || ...);
+    return found ? place : count;
+  }
   /// Whether there is a column of this name.
   template <ColumnName Name>
-  static constexpr bool has = index<Name> < count;
+  static constexpr bool has = indexOf<Name>() < count;
 
+  /// The column's place in `columns`.
   template <ColumnName Name>
-  requires(has<Name>) using Type = std::tuple_element_t<index<Name>, ColumnTypes>;
+  static constexpr std::size_t index = [] {
+    static_assert(has<Name>, "the layout has no column of this name");
+    return indexOf<Name>();
+  }();
+  template <ColumnName Name>
+  requires(has<Name>) using Type = std::tuple_element_t<indexOf<Name>(), ColumnTypes>;
   template <ColumnName Name>
   static constexpr len_t offset = [] {
     static_assert(has<Name>, "the layout has no column of this name");
     if constexpr (has<Name>) {
-      return columns[index<Name>].offset;
+      return columns[indexOf<Name>()].offset;
     } else {
       return len_t{0};
     }
@@ -334,13 +337,17 @@ constexpr void requireOrder() {
                 "arrays and nested rows have no order and no hash");
 }
 
-/// Whether a column of type T is written from a Value. Besides what cannot be converted, what C++
-/// would convert in silence to another value is refused: fractions to integers, pointers to bool.
+/// What C++ would convert in silence to another value.
 template <typename T, typename Value>
-inline constexpr bool isWrittenFrom =
-    std::is_convertible_v<const Value&, T> &&
-    !(std::is_integral_v<T> && std::is_floating_point_v<Value>)&&!(
-        std::is_same_v<T, bool> && std::is_pointer_v<std::decay_t<Value>>);
+inline constexpr bool losesItsFraction = std::is_integral_v<T>&& std::is_floating_point_v<Value>;
+template <typename T, typename Value>
+inline constexpr bool isTakenForTrue =
+    std::is_same_v<T, bool>&& std::is_pointer_v<std::decay_t<Value>>;
+
+/// Whether a column of type T is written from a Value.
+template <typename T, typename Value>
+inline constexpr bool isWrittenFrom = std::is_convertible_v<const Value&, T> &&
+                                      !losesItsFraction<T, Value> && !isTakenForTrue<T, Value>;
 template <typename Value>
 inline constexpr bool isWrittenFrom<std::string, Value> =
     std::is_convertible_v<const Value&, std::string_view> && !std::is_same_v<Value, std::nullptr_t>;
@@ -359,7 +366,7 @@ inline constexpr bool isWrittenFrom<Nested<Layout>, Value> =
 template <typename T, typename Value>
 constexpr void refuseValue() {
   constexpr bool fits = isWrittenFrom<T, Value>;
-  if constexpr (std::is_integral_v<T> && std::is_floating_point_v<Value>) {
+  if constexpr (losesItsFraction<T, Value>) {
     static_assert(fits, "a fraction is not written to a column of integers: round it first");
   } else if constexpr (isFixed<T>) {
     static_assert(fits,
@@ -431,10 +438,10 @@ decltype(auto) namingColumn(std::string_view column, const Access& access) {
 /// Refuses arrays that a header cannot count.
 template <typename T>
 void checkArrayCount(const BaseRow& row, std::string_view column, const std::vector<T>& values) {
-  if (values.size() <= arrayCountMask) [[likely]]
-    return;
-  (void)row.rowBuf();  // a null row is refused as such
-  throwForColumn(column, "Array exceeds 4095 elements: " + std::to_string(values.size()));
+  if (values.size() > arrayCountMask) [[unlikely]] {
+    (void)row.rowBuf();  // a null row is refused as such
+    throwForColumn(column, "Array exceeds 4095 elements: " + std::to_string(values.size()));
+  }
 }
 
 /// The columns of `row` as a JSON object, or null for a null row.
@@ -447,6 +454,8 @@ KORVO_API len_t offsetOf(const LayoutInfo& layout, std::string_view name);
 template <typename Row, typename Layout>
 class ColumnReaders {
  public:
+  using RowsLayout = Layout;
+
   /// The column's value: numbers, addresses and prefixes as they are, text as std::string, arrays
   /// as vectors, nested rows as SubRow (which stays a view). The null value for a null row. Throws
   /// KoOutOfRange for a prefix with host bits set.
@@ -465,24 +474,15 @@ class ColumnReaders {
       }
     }
   }
-  template <ColumnName Name>
-  requires(NamedColumn<Layout, Name>::isNested) auto get() const KORVO_LIFETIMEBOUND {
-    return view<Name>();
-  }
   /// The column in place: a value reference, an ArrayReference, a SubRow, or the number itself.
   template <ColumnName Name>
-  auto view() const KORVO_LIFETIMEBOUND {
+  auto view() const {
     static_assert(layoutHasColumn<Layout, Name>, "the layout has no column of this name");
     if constexpr (layoutHasColumn<Layout, Name>) {
       return viewColumn<Type<Name>>(row(), at<Name>);
     } else {
       return ThereIsNoColumnOfThisName();
     }
-  }
-  /// Whether this row's column < the other's.
-  template <ColumnName Name>
-  requires(NamedColumn<Layout, Name>::isFixed) auto view() const {
-    return viewColumn<Type<Name>>(row(), at<Name>);
   }
 
   // Comparison and hash of one column, or of several, the first one first. Values are compared by
@@ -637,6 +637,7 @@ class TableRow : public BaseRow,
   using Layout = RowLayoutType;  ///< the columns
   template <ColumnName Name>
   using ColumnType = typename Layout::template Type<Name>;  ///< of the named column
+  using Readers = detail::ColumnReaders<TableRow, RowLayoutType>;
 
   /// Makes this a new row, all columns zero or null. On a throw the row is as before.
   void create(oid_t oid = 0) { installNew(Layout::baseLength, Layout::rowType, oid); }
@@ -655,6 +656,26 @@ class TableRow : public BaseRow,
   /// the row is then as before.
   void adopt(const void* bytes, std::size_t length) {
     installCopy(bytes, length, Layout::baseLength, Layout::rowType);
+  }
+
+  // The readers once more, for clang to warn where a view is taken of a row that is a temporary.
+  // Nested rows do without: their views refer to the outermost row.
+
+  template <ColumnName Name>
+  auto get() const {
+    return Readers::template get<Name>();
+  }
+  template <ColumnName Name>
+  requires(detail::NamedColumn<Layout, Name>::isNested) auto get() const KORVO_LIFETIMEBOUND {
+    return Readers::template get<Name>();
+  }
+  template <ColumnName Name>
+  auto view() const KORVO_LIFETIMEBOUND {
+    return Readers::template view<Name>();
+  }
+  template <ColumnName Name>
+  requires(detail::NamedColumn<Layout, Name>::isFixed) auto view() const {
+    return Readers::template view<Name>();
   }
 
   // Writers of one column; their guarantees and exceptions are those of BaseRow's writers, and
@@ -901,8 +922,8 @@ class RowSorter {
 template <ColumnName... Names, std::ranges::contiguous_range Rows>
 requires(sizeof...(Names) > 0 && std::ranges::sized_range<Rows>) void sortRows(Rows&& rows) {
   using Row = std::ranges::range_value_t<Rows>;
-  detail::requireOrder<typename Row::Layout, Names...>();
-  if constexpr (detail::areOrdered<typename Row::Layout, Names...>) {
+  detail::requireOrder<typename Row::RowsLayout, Names...>();
+  if constexpr (detail::areOrdered<typename Row::RowsLayout, Names...>) {
     detail::RowSorter<Row, Names...>(std::span<Row>(rows)).sort();
   }
 }

@@ -139,7 +139,7 @@ class KORVO_API BaseRow {
   void updateFixElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values);
   /// The view of an array column; one that refers to nothing for an empty column or a null row.
   template <typename T>
-  ArrayReference<T> arrayReference(len_t slotOffset) const KORVO_LIFETIMEBOUND;
+  ArrayReference<T> arrayReference(len_t slotOffset) const;
 
   // Comparison and hash in place, for the three reference types. They throw KoNullRow for a null
   // row. The column's type is the caller's word.
