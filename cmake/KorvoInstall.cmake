@@ -20,6 +20,14 @@ if(TARGET KorvoEventLoop)
   korvo_install(KorvoEventLoop KorvoEventLoopTargets)
 endif()
 
+if(TARGET korvo)
+  install(TARGETS korvo EXPORT KorvoToolTargets RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(EXPORT KorvoToolTargets NAMESPACE Korvo:: DESTINATION ${korvo_package_dir})
+  install(FILES "${PROJECT_SOURCE_DIR}/cmake/KorvoGenerate.cmake"
+                "${PROJECT_SOURCE_DIR}/cmake/KorvoCheckLayouts.cmake"
+          DESTINATION ${korvo_package_dir})
+endif()
+
 configure_package_config_file(
   "${PROJECT_SOURCE_DIR}/cmake/KorvoAPIConfig.cmake.in"
   "${PROJECT_BINARY_DIR}/KorvoAPIConfig.cmake"

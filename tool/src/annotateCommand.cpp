@@ -155,7 +155,7 @@ class Annotator {
                             const std::string& value) {
       const bool isThere = offset + width <= length;
       add(Region::Kind::header, begin + offset, begin + offset + width, whole, name + of,
-          name + of + (isThere ? ' ' + value : ", cut off"));
+          name + of + (isThere ? ": " + value : ", cut off"));
     };
     const auto field = [&]<typename T>(std::size_t offset, T) {
       return offset + sizeof(T) <= length ? loadField<T>(row + offset) : T{};

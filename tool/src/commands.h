@@ -71,6 +71,7 @@ struct LayoutOptions : CommonOptions {
   std::string newLayout;
   std::string row;
   bool fingerprint = false;
+  bool named = false;  ///< names also where there is one row only
   std::vector<std::string> aliases;
   std::vector<std::string> required;
 };

@@ -190,8 +190,8 @@ class Generator {
       std::string lines = layout + ",\n";
       for (std::size_t i = 0; i < row.infos.size(); ++i) {
         const Korvo::ColumnInfo& info = row.infos[i];
-        std::string note = "@" + std::to_string(info.offset);
-        if (!row.columns[i].note.empty()) note += ' ' + row.columns[i].note;
+        std::string note = "At byte " + std::to_string(info.offset);
+        if (!row.columns[i].note.empty()) note += ": " + row.columns[i].note;
         lines += comment(note, space + "//");
         lines +=
             space + "Korvo::Column<" + literal(info.name) + ", " + columnType(row.columns[i], info);

@@ -162,11 +162,12 @@ int printLayout(const LayoutOptions& options) {
       out << named.layout.fingerprint().digest() << "  " << named.title() << "\n";
     }
   } else {
-    // A file of several is a definition: rows with their names.
+    // What has names is a definition; a layout's own text has none.
+    const bool withNames = options.named || layouts.all().size() > 1;
     const char* separator = "";
     for (const NamedLayout& named : layouts.all()) {
       std::string text = named.layout.text();
-      if (layouts.all().size() > 1 && !named.name.empty()) text.insert(4, named.name + ' ');
+      if (withNames && !named.name.empty()) text.insert(4, named.name + ' ');
       out << separator << text;
       separator = "\n";
     }

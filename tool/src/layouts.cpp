@@ -3,6 +3,8 @@
 #include "failure.h"
 #include "rowFile.h"
 
+#include <algorithm>
+
 namespace korvotool {
 
 std::string NamedLayout::title() const {
@@ -33,8 +35,15 @@ Definition readDefinition(const std::string& path) {
 
 Layouts::Layouts(const std::string& path, const std::string& row) : path_(path) {
   const Definition definition = readDefinition(path);
+  const auto top = std::count_if(definition.rows.begin(), definition.rows.end(),
+                                 [](const DefinedRow& defined) { return !defined.isInside; });
   for (const DefinedRow& defined : definition.rows) {
-    if (defined.isInside || (!row.empty() && defined.name != row)) continue;
+    if (defined.isInside) continue;
+    const bool isNameless = top == 1 && defined.name.empty();
+    if (!row.empty() && defined.name != row && !isNameless) {
+      others_.push_back({defined.name, Korvo::DynamicLayout(defined.info)});
+      continue;
+    }
     if (const NamedLayout* const other = find(defined.info.rowType)) {
       throw Failure(statusBadData, path + ": rows " + other->title() + " and " + defined.name +
                                        " have the same type; name one with --row");

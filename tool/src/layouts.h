@@ -32,7 +32,8 @@ class Layouts {
  public:
   Layouts() = default;
   /// Throws Failure for a file that cannot be read or is no definition, for a row type that two of
-  /// its rows have, and for a name that it does not have. With a name, it is that row alone.
+  /// its rows have, and for a name that it does not have. With a name, it is that row alone; a row
+  /// without a name that is alone in its file answers to any.
   explicit Layouts(const std::string& path, const std::string& row = {});
 
   const std::vector<NamedLayout>& all() const { return all_; }
@@ -44,12 +45,21 @@ class Layouts {
     }
     return nullptr;
   }
+  /// The same, also where it is a row that was not asked for.
+  const NamedLayout* findAny(std::uint16_t rowType) const {
+    if (const NamedLayout* const named = find(rowType)) return named;
+    for (const NamedLayout& named : others_) {
+      if (named.layout.info().rowType == rowType) return &named;
+    }
+    return nullptr;
+  }
   /// The only layout; throws Failure if there are several.
   const NamedLayout& single() const;
 
  private:
   std::string path_;
   std::vector<NamedLayout> all_;
+  std::vector<NamedLayout> others_;
 };
 
 }  // namespace korvotool

@@ -184,6 +184,7 @@ class CommandLine {
         ->type_name("");
     print.add_option("--row", print_.row, "Which row of the file; else all")->type_name("NAME");
     print.add_flag("--fingerprint", print_.fingerprint, "Print the fingerprints instead");
+    print.add_flag("--named", print_.named, "Print the row's name also where it is the only one");
     addJson(print, print_);
     runs(print, printLayout, print_);
 

@@ -68,6 +68,13 @@ Output::Output(const std::string& path) : path_(path) {
 }
 
 Output::~Output() {
+  // What was found before a failure is printed all the same.
+  if (fd_ == STDOUT_FILENO && !buffer_.empty()) {
+    try {
+      flush();
+    } catch (const Failure&) {  // NOLINT(bugprone-empty-catch): there is a failure already
+    }
+  }
   if (fd_ >= 0 && fd_ != STDOUT_FILENO) close(fd_);
   if (!temporary_.empty()) unlink(temporary_.c_str());
 }

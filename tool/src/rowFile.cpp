@@ -206,11 +206,21 @@ void RowFile::progress() {
 }
 
 const NamedLayout* RowFile::layoutOf(std::uint16_t rowType) {
-  if (last_ == nullptr || last_->layout.info().rowType != rowType) last_ = layouts_.find(rowType);
+  if (last_ == nullptr || last_->layout.info().rowType != rowType)
+    last_ = layouts_.findAny(rowType);
   return last_;
 }
 
 bool RowFile::next(Piece& piece) {
+  while (true) {
+    if (!nextOfAny(piece)) return false;
+    const bool isOther = piece.kind == Piece::Kind::good && piece.layout != nullptr &&
+                         layouts_.find(piece.rowType()) == nullptr;
+    if (!isOther) return true;
+  }
+}
+
+bool RowFile::nextOfAny(Piece& piece) {
   advance(std::exchange(lastPiece_, 0));
   if (!has(1)) return false;
   piece.kind = Piece::Kind::good;
@@ -244,7 +254,7 @@ bool RowFile::mayFollow(std::size_t distance) {
   const std::size_t length = loadField<len_t>(header);
   if (layouts_.empty()) return length >= Korvo::rowHeaderLength;
   const NamedLayout* const layout =
-      layouts_.find(loadField<std::uint16_t>(header + Korvo::rowTypeOffset));
+      layouts_.findAny(loadField<std::uint16_t>(header + Korvo::rowTypeOffset));
   return layout != nullptr && length >= layout->layout.info().baseLength;
 }
 
@@ -252,7 +262,7 @@ bool RowFile::goodHere() {
   const std::size_t length = loadField<len_t>(here());
   if (length < Korvo::rowHeaderLength) return false;
   const NamedLayout* const layout =
-      layouts_.find(loadField<std::uint16_t>(here() + Korvo::rowTypeOffset));
+      layouts_.findAny(loadField<std::uint16_t>(here() + Korvo::rowTypeOffset));
   if (layout == nullptr || !has(length)) return false;
   return !Korvo::checkRow(here(), length, layout->layout.info(), rules_.prefixes) &&
          mayFollow(length);

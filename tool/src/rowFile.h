@@ -70,7 +70,8 @@ class RowFile {
   RowFile(const std::string& path, const Layouts& layouts, const ReadRules& rules);
   ~RowFile();
 
-  /// False at the end. Throws Failure where the file cannot be read.
+  /// False at the end. Good rows that were not asked for are passed over. Throws Failure where the
+  /// file cannot be read.
   bool next(Piece& piece);
   const std::string& path() const { return path_; }
 
@@ -80,6 +81,7 @@ class RowFile {
   /// Whether `count` bytes are there, from the present one.
   bool has(std::size_t count) { return end_ - at_ >= count || fill(count); }
   bool fill(std::size_t count);
+  bool nextOfAny(Piece& piece);
   const Korvo::byte_t* here() const { return buffer_.data() + at_; }
   const NamedLayout* layoutOf(std::uint16_t rowType);
   void advance(std::size_t count) {
