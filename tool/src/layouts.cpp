@@ -33,6 +33,18 @@ Definition readDefinition(const std::string& path) {
   }
 }
 
+namespace {
+
+void addNestedTypes(const Korvo::LayoutInfo& layout, std::set<std::uint16_t>& types) {
+  for (const Korvo::ColumnInfo& column : layout.columns) {
+    if (column.nested == nullptr) continue;
+    types.insert(column.nested->rowType);
+    addNestedTypes(*column.nested, types);
+  }
+}
+
+}  // namespace
+
 Layouts::Layouts(const std::string& path, const std::string& row) : path_(path) {
   const Definition definition = readDefinition(path);
   const auto top = std::count_if(definition.rows.begin(), definition.rows.end(),
@@ -50,6 +62,7 @@ Layouts::Layouts(const std::string& path, const std::string& row) : path_(path) 
     }
     all_.push_back({defined.name, Korvo::DynamicLayout(defined.info)});
   }
+  for (const NamedLayout& named : all_) addNestedTypes(named.layout.info(), nestedTypes_);
   if (all_.empty()) throw Failure(statusBadData, path + ": no row has the name " + row);
 }
 

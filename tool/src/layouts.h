@@ -7,6 +7,7 @@
 #include <Korvo/layoutText.h>
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -53,6 +54,8 @@ class Layouts {
     }
     return nullptr;
   }
+  /// Whether rows of this type are nested in those that were asked for.
+  bool isNested(std::uint16_t rowType) const { return nestedTypes_.contains(rowType); }
   /// The only layout; throws Failure if there are several.
   const NamedLayout& single() const;
 
@@ -60,6 +63,7 @@ class Layouts {
   std::string path_;
   std::vector<NamedLayout> all_;
   std::vector<NamedLayout> others_;
+  std::set<std::uint16_t> nestedTypes_;
 };
 
 }  // namespace korvotool

@@ -258,14 +258,23 @@ bool RowFile::mayFollow(std::size_t distance) {
   return layout != nullptr && length >= layout->layout.info().baseLength;
 }
 
-bool RowFile::goodHere() {
-  const std::size_t length = loadField<len_t>(here());
-  if (length < Korvo::rowHeaderLength) return false;
-  const NamedLayout* const layout =
-      layouts_.findAny(loadField<std::uint16_t>(here() + Korvo::rowTypeOffset));
-  if (layout == nullptr || !has(length)) return false;
-  return !Korvo::checkRow(here(), length, layout->layout.info(), rules_.prefixes) &&
-         mayFollow(length);
+bool RowFile::goodAt(std::size_t distance) {
+  if (!has(distance + Korvo::rowHeaderLength)) return false;
+  const std::size_t length = loadField<len_t>(here() + distance);
+  const auto rowType = loadField<std::uint16_t>(here() + distance + Korvo::rowTypeOffset);
+  const NamedLayout* const layout = layouts_.findAny(rowType);
+  // A row that may be a part of another is none to begin again with.
+  if (layout == nullptr || layouts_.isNested(rowType)) return false;
+  if (length < layout->layout.info().baseLength || !has(distance + length)) return false;
+  return !Korvo::checkRow(here() + distance, length, layout->layout.info(), rules_.prefixes) &&
+         mayFollow(distance + length);
+}
+
+std::optional<std::size_t> RowFile::goodBefore(std::size_t limit) {
+  for (std::size_t distance = 1; distance < limit; ++distance) {
+    if (goodAt(distance)) return distance;
+  }
+  return std::nullopt;
 }
 
 /// What begins here is no good row. Tells why, and finds its end.
@@ -285,7 +294,11 @@ void RowFile::readFaulty(Piece& piece) {
   } else {
     piece.reason = piece.fault.text();
   }
-  if (hasAll && mayFollow(length)) {
+  // A length is believed if a row may begin behind it, or else if the header is one of a row and
+  // none begins before its end.
+  const bool hasRowHeader =
+      hasAll && piece.layout != nullptr && length >= piece.layout->layout.info().baseLength;
+  if (hasAll && (mayFollow(length) || (hasRowHeader && !goodBefore(length)))) {
     piece.kind = Piece::Kind::faulty;
     piece.bytes = here();
     piece.length = length;
@@ -297,7 +310,7 @@ void RowFile::readFaulty(Piece& piece) {
   const std::uint64_t begin = offset_;
   do {
     advance(1);
-  } while (has(Korvo::rowHeaderLength) && (layouts_.empty() || !goodHere()));
+  } while (has(Korvo::rowHeaderLength) && (layouts_.empty() || !goodAt(0)));
   piece.atEnd = !has(Korvo::rowHeaderLength);
   if (piece.atEnd) advance(end_ - at_);
   piece.length = offset_ - begin;

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -61,9 +62,10 @@ struct ReadRules {
   bool showsProgress = false;
 };
 
-/// Reads a file of rows. Where one does not pass the check, its length is trusted if a row can
-/// begin behind it; otherwise the next place is looked for where a row passes and another one, or
-/// the end, may follow. Without layouts, any row with a length is good.
+/// Reads a file of rows. Where one does not pass the check, its length is believed if a row may
+/// begin behind it, or if none begins before. Otherwise the next place is looked for where a row
+/// passes and another one, or the end, may follow; not one of a type that is nested in others,
+/// which may be a part of a damaged row. Without layouts, any row with a length is good.
 class RowFile {
  public:
   /// The layouts stay with the caller. Throws Failure.
@@ -90,8 +92,10 @@ class RowFile {
   }
   /// Whether a row may begin that many bytes from here, or the file ends there.
   bool mayFollow(std::size_t distance);
-  /// Whether a row that passes the check begins here.
-  bool goodHere();
+  /// Whether a row that passes the check begins that many bytes from here, and another may follow.
+  bool goodAt(std::size_t distance);
+  /// The first such place before a limit.
+  std::optional<std::size_t> goodBefore(std::size_t limit);
   void readFaulty(Piece& piece);
   void progress();
 
