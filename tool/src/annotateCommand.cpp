@@ -373,8 +373,7 @@ class Command {
     }
     const std::size_t said = length < sizeof(len_t) ? length : loadField<len_t>(bytes.data());
     std::string reason;
-    if (said < length) length = std::max<std::size_t>(said, Korvo::rowHeaderLength);
-    length = std::min(length, bytes.size());
+    length = std::min<std::size_t>(length, std::max<std::size_t>(said, Korvo::rowHeaderLength));
     const NamedLayout* const named = layoutOf(bytes.data(), length);
     if (named != nullptr) {
       if (const auto fault = Korvo::checkRow(bytes.data(), length, named->layout.info())) {

@@ -134,6 +134,11 @@ class Generator {
              " lies behind its last column, which declared layouts end with (" +
              std::to_string(row.end) + ')');
       }
+      for (const Korvo::ColumnInfo& column : row.infos) {
+        if (column.nested == nullptr || !column.isArray) continue;
+        fail("column " + std::string(column.name) + " of row " + names_[i] +
+             ": declared layouts have no arrays of rows");
+      }
       for (const DefinedColumn& column : row.columns) {
         const bool isInside = column.typeName.empty() && definition_.rows[column.row].isInside;
         if (isInside) names_[column.row] = names_[i] + capitalised(column.name);

@@ -14,12 +14,13 @@ bool LineReader::fill() {
 
 bool LineReader::nextLine(std::string& line) {
   line.clear();
+  lastLine_ = line_ + 1;
   bool any = false;
   for (char c = 0; next(c);) {
     if (c == '\n') return true;
     any = true;
     line += c;
-    if (line.size() > longestLine) fail(line_ + 1, "the line exceeds 4 MiB");
+    if (line.size() > longestLine) fail(lastLine_, "the line exceeds 4 MiB");
   }
   return any;
 }

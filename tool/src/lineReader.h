@@ -25,8 +25,9 @@ class LineReader {
   /// than any row is.
   bool nextLine(std::string& line);
 
-  /// How many lines have ended.
-  std::uint64_t line() const { return line_; }
+  /// The number of the line that next() is in, and of the one that nextLine() gave last.
+  std::uint64_t line() const { return line_ + 1; }
+  std::uint64_t lastLine() const { return lastLine_; }
   /// Throws Failure that names the file and a line.
   [[noreturn]] void fail(std::uint64_t line, const std::string& what) const;
 
@@ -39,7 +40,8 @@ class LineReader {
   std::unique_ptr<Bytes> source_;
   std::string piece_;
   std::size_t at_ = 0;
-  std::uint64_t line_ = 0;
+  std::uint64_t line_ = 0;  // lines that have ended
+  std::uint64_t lastLine_ = 0;
 };
 
 }  // namespace korvotool

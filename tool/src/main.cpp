@@ -11,24 +11,42 @@
 #include <cstdio>
 #include <exception>
 #include <functional>
-#include <map>
 #include <new>
+#include <string>
+#include <vector>
 
 namespace {
 
 using namespace korvotool;  // NOLINT(google-build-using-namespace): its own program
 
-const std::map<std::string, ColourChoice> colours = {{"auto", ColourChoice::automatic},
-                                                     {"always", ColourChoice::always},
-                                                     {"never", ColourChoice::never}};
+/// Refuses all other words, in words of people.
+CLI::Validator oneOf(const std::vector<std::string>& words) {
+  return {[words](const std::string& text) -> std::string {
+            std::string expected;
+            for (std::size_t i = 0; i < words.size(); ++i) {
+              if (words[i] == text) return {};
+              if (i != 0) expected += i + 1 == words.size() ? " or " : ", ";
+              expected += words[i];
+            }
+            return expected + ", not " + text;
+          },
+          ""};
+}
 
 void addJson(CLI::App& command, CommonOptions& options) {
   command.add_flag("--json", options.json, "Print one line of JSON for each result");
 }
 
 void addColour(CLI::App& command, CommonOptions& options) {
-  command.add_option("--color", options.colour, "auto (on a terminal), always or never")
-      ->transform(CLI::CheckedTransformer(colours).description(""))
+  command
+      .add_option_function<std::string>(
+          "--color",
+          [&options](const std::string& word) {
+            if (word == "always") options.colour = ColourChoice::always;
+            if (word == "never") options.colour = ColourChoice::never;
+          },
+          "auto (on a terminal), always or never")
+      ->check(oneOf({"auto", "always", "never"}))
       ->type_name("WHEN");
 }
 
@@ -139,7 +157,7 @@ class CommandLine {
     CLI::App& convert =
         *app_.add_subcommand("convert", "Convert rows: to another layout, JSON lines, CSV");
     addLayout(convert, convert_)->required();
-    const auto form = CLI::IsMember({"rows", "json", "csv"}).description("");
+    const CLI::Validator form = oneOf({"rows", "json", "csv"});
     convert_.from = convert_.as = "rows";
     convert.add_option("--from", convert_.from, "What the input is: rows, json or csv")
         ->check(form)

@@ -78,7 +78,8 @@ class RowFile {
   const std::string& path() const { return path_; }
 
  private:
-  static constexpr std::size_t bufferSize = std::size_t{1} << 20;
+  // Three rows at least, of which the last one's header; no more than a processor keeps at hand.
+  static constexpr std::size_t bufferSize = std::size_t{1} << 18;
 
   /// Whether `count` bytes are there, from the present one.
   bool has(std::size_t count) { return end_ - at_ >= count || fill(count); }

@@ -122,13 +122,14 @@ JsonLines::JsonLines(const std::string& path, const Layouts& layouts, Compressio
 Korvo::AnyRow& JsonLines::rowOf(std::optional<std::uint64_t> rowType) {
   const NamedLayout* named = nullptr;
   if (!rowType) {
-    if (layouts_.all().size() != 1) lines_.fail(lines_.line(), "no \"type\", and several layouts");
+    if (layouts_.all().size() != 1)
+      lines_.fail(lines_.lastLine(), "no \"type\", and several layouts");
     named = &layouts_.all().front();
   } else if (*rowType <= std::numeric_limits<std::uint16_t>::max()) {
     named = layouts_.find(static_cast<std::uint16_t>(*rowType));
   }
   if (named == nullptr) {
-    lines_.fail(lines_.line(), "no layout is known for row type " + std::to_string(*rowType));
+    lines_.fail(lines_.lastLine(), "no layout is known for row type " + std::to_string(*rowType));
   }
   return rows_.try_emplace(named->layout.info().rowType, named->layout).first->second;
 }
@@ -138,7 +139,7 @@ const Korvo::AnyRow* JsonLines::next() {
     if (!lines_.nextLine(line_)) return nullptr;
   } while (trimmed(line_).empty());
   std::vector<Members::Member> members;
-  const auto fail = [this](const std::string& what) { lines_.fail(lines_.line(), what); };
+  const auto fail = [this](const std::string& what) { lines_.fail(lines_.lastLine(), what); };
   if (!Members(line_).read(members)) fail("no object of JSON");
   std::optional<std::uint64_t> rowType;
   std::optional<Korvo::oid_t> oid;
@@ -187,7 +188,7 @@ CsvRows::CsvRows(const std::string& path, const NamedLayout& layout, Compression
 
 bool CsvRows::nextRecord(std::vector<std::string>& fields) {
   fields.clear();
-  line_ = lines_.line() + 1;
+  line_ = lines_.line();
   std::string field;
   std::size_t length = 0;
   enum class State : std::uint8_t { begin, plain, quoted, behindQuote } state = State::begin;

@@ -45,13 +45,14 @@ class Tool : public testing::Test {
  protected:
   static void SetUpTestSuite() {
     write("port.korvo", definition);
+    write("link.korvo", "row Link 2 {\n  up bool\n}\n");
     write("rows.json", rows);
     const Outcome made = korvo("convert -l port.korvo --from json rows.json -o good.rows");
     ASSERT_EQ(made.status, 0) << made.err;
     ASSERT_EQ(contentOf("good.rows").size(), firstLength + secondLength + thirdLength);
   }
 
-  static constexpr std::size_t firstLength = 90;
+  static constexpr std::size_t firstLength = 80;
   static constexpr std::size_t secondLength = 17;
   static constexpr std::size_t thirdLength = 32;
 
@@ -81,52 +82,57 @@ TEST_F(Tool, ChecksFaultyRows) {
   damage("faulty.rows", 12, 8);
   expectAll(
       "check -l port.korvo faulty.rows", 1,
-      "faulty.rows: byte 0: row of 90 bytes, type 7, oid 1: a value lies in the header or the "
+      "faulty.rows: byte 0: row of 80 bytes, type 7, oid 1: a value lies in the header or the "
       "fixed area (at byte 12)\n"
       "faulty.rows: 2 good rows, 1 faulty row\n",
       "");
   expectAll("check -l port.korvo -q faulty.rows", 1, "", "");
-  expectAll("check -l port.korvo --json faulty.rows", 1,
-            R"({"file":"faulty.rows","kind":"faulty","offset":0,"length":90,"type":7,"oid":1,"at":12,)"
-            R"("reason":"a value lies in the header or the fixed area (at byte 12)"
-})"
-            "\n"
-            R"({"file":"faulty.rows","kind":"summary","good":2,"faulty":1,"skipped":0})"
-            "\n",
+  expectAll(
+      "check -l port.korvo --json faulty.rows", 1,
+      R"({"file":"faulty.rows","kind":"faulty","offset":0,"length":80,"type":7,"oid":1,"at":12,)"
+      R"x("reason":"a value lies in the header or the fixed area (at byte 12)"})x"
+      "\n"
+      R"({"file":"faulty.rows","kind":"summary","good":2,"faulty":1,"skipped":0})"
+      "\n",
+      "");
+  write("hostbits.json", R"({"type":7,"row":{"net":"10.0.0.1/8"}})");
+  ASSERT_EQ(korvo("convert -l port.korvo --from json hostbits.json -o hostbits.rows").status, 0);
+  EXPECT_EQ(korvo("check -l port.korvo hostbits.rows").status, 0);
+  expectAll("check -l port.korvo --no-host-bits hostbits.rows", 1,
+            "hostbits.rows: byte 0: row of 37 bytes, type 7, oid 0: a prefix has host bits set (at "
+            "byte 32)\nhostbits.rows: 0 good rows, 1 faulty row\n",
             "");
-write("hostbits.json", R"({"type":7,"row":{"net":"10.0.0.1/8"}})");
-ASSERT_EQ(korvo("convert -l port.korvo --from json hostbits.json -o hostbits.rows").status, 0);
-EXPECT_EQ(korvo("check -l port.korvo hostbits.rows").status, 0);
-expectAll("check -l port.korvo --no-host-bits hostbits.rows", 1,
-          "hostbits.rows: byte 0: row of 37 bytes, type 7, oid 0: a prefix has host bits set (at "
-          "byte 32)\nhostbits.rows: 0 good rows, 1 faulty row\n",
-          "");
 }
 
 TEST_F(Tool, TellsRowsOfTypesThatItDoesNotKnow) {
   write("port.layout", korvo("layout print --row Port port.korvo").out);
   expectAll("check -l port.layout good.rows", 1,
-            "good.rows: byte 90: row of 17 bytes, type 2, oid 9: no layout is known for this row "
+            "good.rows: byte 80: row of 17 bytes, type 2, oid 9: no layout is known for this row "
             "type\ngood.rows: 2 good rows, 1 faulty row\n",
             "");
 }
 
 TEST_F(Tool, FindsRowsBehindDamage) {
   // A length that is too short, too long, and beyond the file.
-  for (const char length : {'\x03', '\x10', '\x5B', '\xFF'}) {
+  for (const char length : {'\x03', '\x10', '\xFF'}) {
     damage("damaged.rows", 0, length);
     const Outcome result = korvo("show -l port.korvo --json damaged.rows");
     EXPECT_EQ(result.status, 1);
     // The second is of a type that is nested in the first.
     EXPECT_EQ(result.out,
               std::string(rows).substr(std::string(rows).find("{\"type\":7,\"oid\":2")));
-    EXPECT_NE(result.err.find("107 bytes skipped, rows go on at byte 107\n"), std::string::npos)
+    EXPECT_NE(result.err.find("97 bytes skipped, rows go on at byte 97\n"), std::string::npos)
         << result.err;
   }
+  // One byte more may be a gap; then the next row is no row.
+  damage("damaged.rows", 0, firstLength + 1);
+  EXPECT_EQ(korvo("check -l port.korvo damaged.rows").out,
+            "damaged.rows: byte 81: a row of 512 bytes begins, of which 48 are there; 16 bytes "
+            "skipped, rows go on at byte 97\ndamaged.rows: 2 good rows, 16 bytes skipped\n");
   damage("damaged.rows", firstLength, 3);
   expectAll("check -l port.korvo damaged.rows", 1,
-            "damaged.rows: byte 90: a row of 3 bytes has no room for its header; 17 bytes skipped, "
-            "rows go on at byte 107\ndamaged.rows: 2 good rows, 17 bytes skipped\n",
+            "damaged.rows: byte 80: a row of 3 bytes has no room for its header; 17 bytes skipped, "
+            "rows go on at byte 97\ndamaged.rows: 2 good rows, 17 bytes skipped\n",
             "");
   // Two neighbours: the first one's length is believed as nothing begins before its end.
   std::string both = contentOf("good.rows");
@@ -134,18 +140,18 @@ TEST_F(Tool, FindsRowsBehindDamage) {
   both[firstLength] = 3;
   write("both.rows", both);
   expectAll("check -l port.korvo both.rows", 1,
-            "both.rows: byte 0: row of 90 bytes, type 7, oid 1: a value lies in the header or the "
+            "both.rows: byte 0: row of 80 bytes, type 7, oid 1: a value lies in the header or the "
             "fixed area (at byte 12)\n"
-            "both.rows: byte 90: a row of 3 bytes has no room for its header; 17 bytes skipped, "
-            "rows go on at byte 107\n"
+            "both.rows: byte 80: a row of 3 bytes has no room for its header; 17 bytes skipped, "
+            "rows go on at byte 97\n"
             "both.rows: 1 good row, 1 faulty row, 17 bytes skipped\n",
             "");
   // Bytes of something else between rows.
   write("foreign.rows", contentOf("good.rows") + std::string(1000, 'x') + contentOf("good.rows"));
   expectAll(
       "check -l port.korvo foreign.rows", 1,
-      "foreign.rows: byte 139: a row of 30840 bytes begins, of which 1139 are there; 1000 "
-      "bytes skipped, rows go on at byte 1139\nforeign.rows: 6 good rows, 1000 bytes skipped\n",
+      "foreign.rows: byte 129: a row of 30840 bytes begins, of which 1129 are there; 1000 "
+      "bytes skipped, rows go on at byte 1129\nforeign.rows: 6 good rows, 1000 bytes skipped\n",
       "");
 }
 
@@ -163,7 +169,7 @@ TEST_F(Tool, TellsTornFiles) {
 
 TEST_F(Tool, ShowsRows) {
   expectOut("show -l port.korvo --first 2 good.rows",
-            "Port oid 1, type 7, 90 bytes at byte 0\n"
+            "Port oid 1, type 7, 80 bytes at byte 0\n"
             "  speed  uint32_t     5\n"
             "  name   string_t     \"eth0\"\n"
             "  tags   string_t[]   [\"a\",\"bc\"]\n"
@@ -171,12 +177,12 @@ TEST_F(Tool, ShowsRows) {
             "  links  row[]        [{\"up\":true,\"peer\":\"10.0.0.1\"}]\n"
             "  net    IpGenPrefix  \"10.0.0.0/8\"\n"
             "\n"
-            "Link oid 9, type 2, 17 bytes at byte 90\n"
+            "Link oid 9, type 2, 17 bytes at byte 80\n"
             "  up    bool       false\n"
             "  peer  IpGenAddr  \"1.2.3.4\"\n");
   expectOut("show -l port.korvo --json good.rows", rows);
   expectOut("show -l port.korvo --oid 2 --columns name,speed good.rows",
-            "Port oid 2, type 7, 32 bytes at byte 107\n"
+            "Port oid 2, type 7, 32 bytes at byte 97\n"
             "  speed  uint32_t  6\n"
             "  name   string_t  \"\"\n");
   expectOut("show -l port.korvo --oid 2 --columns name,speed --json good.rows",
@@ -198,13 +204,13 @@ TEST_F(Tool, PaintsOnATerminalOnly) {
       "korvo show -l port.korvo --columns name escape.rows");
   EXPECT_EQ(
       shown.out,
-      "Port oid 0, type 7, 40 bytes at byte 0\n  name  string_t  \"\\u001b[31m\\u009b31m\"\n");
+      "Port oid 0, type 7, 42 bytes at byte 0\n  name  string_t  \"\\u001b[31m\\u009b31m\"\n");
 }
 
 TEST_F(Tool, AnnotatesRows) {
   expectOut("annotate -l port.korvo --first 1 good.rows",
-            "Port at byte 0, 90 bytes\n"
-            "      0  5a 00                    row length: 90\n"
+            "Port at byte 0, 80 bytes\n"
+            "      0  50 00                    row length: 80\n"
             "      2  07 00                    row type: 7\n"
             "      4  01 00 00 00              oid: 1\n"
             "      8  05 00 00 00              speed uint32_t = 5\n"
@@ -212,7 +218,24 @@ TEST_F(Tool, AnnotatesRows) {
             "     16  24 00 0d 80              slot of tags string_t[]: 13 bytes at 36\n"
             "     20  31 00 03 80              slot of flags bool[]: 3 bytes at 49\n"
             "     24  34 00 17 80              slot of links row[]: 23 bytes at 52\n"
-            "     28  55 00 05 00              slot of net IpGenPrefix: 5 bytes at 85\n");
+            "     28  4b 00 05 00              slot of net IpGenPrefix: 5 bytes at 75\n"
+            "     32  65 74 68 30              name = \"eth0\"\n"
+            "     36  02 10                    tags: array of 2 elements\n"
+            "     38  0a 00 01 00              slot of tags[0]: 1 byte at 10 of the array\n"
+            "     42  0b 00 02 00              slot of tags[1]: 2 bytes at 11 of the array\n"
+            "     46  61                       tags[0] = \"a\"\n"
+            "     47  62 63                    tags[1] = \"bc\"\n"
+            "     49  01 00                    flags: array of 1 element\n"
+            "     51  01                       flags: elements of fixed width\n"
+            "     52  01 10                    links: array of 1 element\n"
+            "     54  06 00 11 00              slot of links[0]: 17 bytes at 6 of the array\n"
+            "     58  11 00                    row length of links[0]: 17\n"
+            "     60  02 00                    row type of links[0]: 2\n"
+            "     62  00 00 00 00              oid of links[0]: 0\n"
+            "     66  01                       links[0].up bool = true\n"
+            "     67  0d 00 04 00              slot of links[0].peer IpGenAddr: 4 bytes at 13\n"
+            "     71  0a 00 00 01              links[0].peer = 10.0.0.1\n"
+            "     75  08 0a 00 00 00           net = 10.0.0.0/8\n");
 }
 
 TEST_F(Tool, AnnotatesGapsAndOverlaps) {
@@ -234,7 +257,7 @@ TEST_F(Tool, AnnotatesGapsAndOverlaps) {
       << overlap.out;
   damage("beyond.rows", 31, 0x70);
   const Outcome beyond = korvo("annotate -l port.korvo --oid 1 beyond.rows");
-  EXPECT_NE(beyond.out.find("slot of net IpGenPrefix: 28677 bytes at 85, beyond the row's end\n"),
+  EXPECT_NE(beyond.out.find("slot of net IpGenPrefix: 28677 bytes at 75, beyond the row's end\n"),
             std::string::npos)
       << beyond.out;
   const std::string json = korvo("annotate -l port.korvo --oid 1 --json overlap.rows").out;
@@ -244,20 +267,20 @@ TEST_F(Tool, AnnotatesGapsAndOverlaps) {
 }
 
 TEST_F(Tool, AnnotatesAnyBytes) {
-  expectAll("annotate --at 90 good.rows", 0,
-            "row at byte 90, 17 bytes\n"
+  expectAll("annotate --at 80 good.rows", 0,
+            "row at byte 80, 17 bytes\n"
             "      0  11 00                    row length: 17\n"
             "      2  02 00                    row type: 2\n"
             "      4  09 00 00 00              oid: 9\n"
             "      8  00 0d 00 04 00 01 02 03  no layout tells what this is\n"
             "     16  04\n",
             "");
-  expectAll("annotate --at 136 good.rows", 0,
-            "row at byte 136, 3 bytes\n"
+  expectAll("annotate --at 126 good.rows", 0,
+            "row at byte 126, 3 bytes\n"
             "      0  00 00                    row length: 0, of 3\n"
             "      2  00                       row type, cut off\n",
             "");
-  expectAll("annotate --at 139 good.rows", 65, "", "korvo: good.rows: no byte 139\n");
+  expectAll("annotate --at 129 good.rows", 65, "", "korvo: good.rows: no byte 129\n");
   // Every place, every layout: it says something and reads nothing that is not there.
   for (std::size_t at = 0; at < firstLength; ++at) {
     const Outcome result =
@@ -318,7 +341,7 @@ TEST_F(Tool, ComparesRows) {
             "");
   expectAll("diff -l port.korvo -q good.rows other.rows", 1, "", "");
   expectAll("diff -l port.korvo good.rows", 64, "",
-            "korvo: FILE: 2 required, only 1 given (see korvo diff --help)\n");
+            "korvo: FILE: At least 2 required but received 1 (see korvo diff --help)\n");
 }
 
 TEST_F(Tool, ComparesValuesAndNotTheirPlaces) {
@@ -403,7 +426,7 @@ TEST_F(Tool, ConvertsWholeOrNotAtAll) {
   write("kept.rows", "what was there");
   write("half.json", std::string(rows) + "{\"type\":7,\"row\":{\"speed\":-1}}\n");
   expectAll("convert -l port.korvo --from json half.json -o kept.rows", 65, "",
-            "korvo: half.json: line 4: column 27: column \"speed\": -1 does not fit uint32_t\n");
+            "korvo: half.json: line 4: column 26: column \"speed\": -1 does not fit uint32_t\n");
   damage("faulty.rows", 12, 8);
   const Outcome result = korvo("convert -l port.korvo faulty.rows -o kept.rows");
   EXPECT_EQ(result.status, 1);
@@ -438,7 +461,7 @@ TEST_F(Tool, TellsBadText) {
       {"--from json", "{\"type\":7,\"row\":{},\"row\":{}}",
        "line 1: a row has \"type\", \"oid\" and \"row\", once each: \"row\""},
       {"--from json", "\n{\"type\":7,\"row\":{\"speed\":1 2}}",
-       "line 2: column 27: expected ',' or '}'"},
+       "line 2: column 28: expected ',' or '}'"},
       {"--from csv --row Port", "", "line 1: no record that names the columns"},
       {"--from csv --row Port", "speed,mtu\n", "line 1: no column has the name mtu"},
       {"--from csv --row Port", "speed,speed\n", "line 1: a column named twice: speed"},
@@ -469,8 +492,8 @@ TEST_F(Tool, CountsRows) {
             "  up      bool            0    0.0 %\n"
             "  peer    IpGenAddr       1  100.0 %   4.0        4      4\n"
             "\n"
-            "Port: 2 rows, 122 bytes\n"
-            "  length  32 to 90, mean 61.0\n"
+            "Port: 2 rows, 112 bytes\n"
+            "  length  32 to 80, mean 56.0\n"
             "  gaps    0 bytes in 0 rows, 0.0 % of all bytes\n"
             "\n"
             "  column  type         filled    share  mean  longest  bytes\n"
@@ -483,7 +506,7 @@ TEST_F(Tool, CountsRows) {
   damage("gap.rows", 14, 2);
   expectOut(
       "stat -l port.korvo --row Port --json gap.rows",
-      R"({"name":"Port","type":7,"rows":2,"bytes":122,"shortest":32,"longest":90,"gapBytes":2,)"
+      R"({"name":"Port","type":7,"rows":2,"bytes":112,"shortest":32,"longest":80,"gapBytes":2,)"
       R"("gapRows":1,"columns":[{"name":"speed","type":"uint32_t","filled":2},)"
       R"({"name":"name","type":"string_t","filled":1,"bytes":2,"longest":2},)"
       R"({"name":"tags","type":"string_t[]","filled":1,"bytes":13,"longest":13},)"
@@ -562,7 +585,7 @@ TEST_F(Tool, TellsBadDefinitions) {
     return text;
   }());
   expectAll("layout print deep.korvo", 65, "",
-            "korvo: deep.korvo: line 18, column 17: Layout nested too deep\n");
+            "korvo: deep.korvo: line 18, column 20: Layout nested too deep\n");
   write("wide.korvo", [] {
     std::string text = "row A0 1 { a bool }\n";
     for (int i = 1; i < 14; ++i) {
@@ -588,8 +611,7 @@ TEST_F(Tool, PrintsLayouts) {
   // A layout's text is a definition, and the other way round.
   write("all.layouts", korvo("layout print port.korvo").out);
   expectOut("layout print all.layouts", contentOf("all.layouts"));
-  expectOut("layout diff -q port.korvo all.layouts || korvo layout diff all.layouts port.korvo",
-            korvo("layout diff all.layouts port.korvo").out);
+  EXPECT_EQ(korvo("layout diff all.layouts port.korvo").status, 0);
   expectAll("layout print --row Nobody port.korvo", 65, "",
             "korvo: port.korvo: no row has the name Nobody\n");
 }
@@ -648,6 +670,8 @@ TEST_F(Tool, TellsWhatCannotBeGenerated) {
       {"row 7 {}", "a row without a name: write \"row NAME 7\""},
       {"row A 7 base 20 { a bool }",
        "row A: base 20 lies behind its last column, which declared layouts end with (9)"},
+      {"row B 8 {} row A 7 { bs B[] }",
+       "column bs of row A: declared layouts have no arrays of rows"},
       {"row A 7 {} row ALayout 8 {}", "two types would have the name ALayout"},
       {"row A 7 { b row 8 {} } row AB 9 {}", "two types would have the name AB"},
   };
@@ -658,10 +682,10 @@ TEST_F(Tool, TellsWhatCannotBeGenerated) {
               std::string("korvo: bad.korvo: ") + c.err + '\n');
     EXPECT_EQ(contentOf("kept.h"), "kept");
   }
-  expectOut("generate port.korvo --namespace a::b | grep namespace",
+  expectOut("generate link.korvo --namespace a::b | grep namespace",
             "namespace a::b {\n}  // namespace a::b\n");
-  expectOut("generate port.korvo -o port.h", "");
-  EXPECT_EQ(contentOf("port.h"), korvo("generate port.korvo").out);
+  expectOut("generate link.korvo -o port.h", "");
+  EXPECT_EQ(contentOf("port.h"), korvo("generate link.korvo").out);
 }
 
 TEST_F(Tool, KnowsAddresses) {
@@ -716,8 +740,9 @@ TEST_F(Tool, KnowsPrefixes) {
             "korvo: Invalid Prefix - non-zero after prefixlen\n");
   expectAll("prefix parse 10.0.0.0/33", 65, "", "korvo: Invalid IPv4 Prefix Length\n");
   expectAll("prefix parse 10.0.0.0", 65, "", "korvo: Prefix missing subnet\n");
-  expectAll("prefix contains 10.0.0.0/8", 64, "",
-            "korvo: PREFIX: At least 2 required (see korvo prefix contains --help)\n");
+  expectAll(
+      "prefix contains 10.0.0.0/8", 64, "",
+      "korvo: PREFIX: At least 2 required but received 1 (see korvo prefix contains --help)\n");
   expectOut("prefix order ::/0 10.0.0.0/8 10.0.0.0/16 --json",
             R"(["10.0.0.0/16","10.0.0.0/8","0000:0000:0000:0000:0000:0000:0000:0000/0"])"
             "\n");
@@ -756,7 +781,7 @@ TEST_F(Tool, TellsWhenItsOutputIsLost) {
        {"check -l port.korvo good.rows", "show -l port.korvo good.rows",
         "annotate -l port.korvo good.rows", "diff -l port.korvo good.rows good.rows",
         "convert -l port.korvo good.rows", "stat -l port.korvo good.rows",
-        "layout print port.korvo", "layout diff port.korvo port.korvo", "generate port.korvo",
+        "layout print port.korvo", "layout diff port.korvo port.korvo", "generate link.korvo",
         "address ::1", "prefix parse ::/0", "prefix contains ::/0 ::", "prefix order ::/0",
         "query x"}) {
     const std::string line = std::string("korvo ") + arguments;
@@ -800,7 +825,7 @@ TEST_F(Tool, AnswersMistakesWithOneLine) {
        "--as: rows, json or csv, not xml (see korvo convert --help)"},
       {"show -l port.korvo --color blue good.rows",
        "--color: auto, always or never, not blue (see korvo show --help)"},
-      {"annotate --at 1 --oid 2 good.rows", "--at excludes --oid (see korvo annotate --help)"},
+      {"annotate --at 1 --oid 2 good.rows", "--oid excludes --at (see korvo annotate --help)"},
   };
   for (const Case& c : cases) {
     expectAll(c.arguments, 64, "", std::string("korvo: ") + c.err + '\n');

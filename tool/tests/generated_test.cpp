@@ -27,7 +27,6 @@ using PortLayout = Korvo::RowLayout<
     Korvo::Column<"nets", std::vector<Korvo::IpGenPrefix>>,
     Korvo::Column<"peers", std::vector<Korvo::IpGenAddr>, 94>,
     Korvo::Column<"link", Korvo::Nested<LinkLayout>, 110>,
-    Korvo::Column<"links", std::vector<Korvo::Nested<LinkLayout>>>,
     Korvo::Column<"origin", Korvo::Nested<OriginLayout>>>;
 
 }  // namespace byHand
