@@ -56,11 +56,12 @@ Layouts::Layouts(const std::string& path, const std::string& row) : path_(path) 
       others_.push_back({defined.name, Korvo::DynamicLayout(defined.info)});
       continue;
     }
+    const NamedLayout named{defined.name, Korvo::DynamicLayout(defined.info)};
     if (const NamedLayout* const other = find(defined.info.rowType)) {
-      throw Failure(statusBadData, path + ": rows " + other->title() + " and " + defined.name +
+      throw Failure(statusBadData, path + ": rows " + other->title() + " and " + named.title() +
                                        " have the same type; name one with --row");
     }
-    all_.push_back({defined.name, Korvo::DynamicLayout(defined.info)});
+    all_.push_back(named);
   }
   for (const NamedLayout& named : all_) addNestedTypes(named.layout.info(), nestedTypes_);
   if (all_.empty()) throw Failure(statusBadData, path + ": no row has the name " + row);
