@@ -300,6 +300,11 @@ class ValueRow : public BaseRow {
   }
 };
 
+const ColumnInfo& columnOf(const DynamicLayout& layout, std::string_view name) {
+  if (const ColumnInfo* const column = layout.find(name)) return *column;
+  throw KoInvalidArgument("Unknown column - (" + std::string(name) + ")");
+}
+
 void write(AnyRow& row, const ColumnInfo& column, const Bytes& value) {
   const len_t at = column.offset;
   if (column.hasSlot()) {
@@ -335,14 +340,9 @@ void AnyRow::adopt(const void* bytes, std::size_t length) {
   installCopy(bytes, length, layout_.info().baseLength, layout_.info().rowType);
 }
 
-const ColumnInfo& AnyRow::columnOf(std::string_view name) const {
-  if (const ColumnInfo* const column = layout_.find(name)) return *column;
-  throw KoInvalidArgument("Unknown column - (" + std::string(name) + ")");
-}
-
 std::string AnyRow::json(std::string_view column) const {
   // A layout of this column alone, without a name: {"":value}.
-  ColumnInfo alone = columnOf(column);
+  ColumnInfo alone = columnOf(layout_, column);
   alone.name = {};
   if (isNull()) return "null";
   const LayoutInfo& layout = layout_.info();
@@ -352,7 +352,7 @@ std::string AnyRow::json(std::string_view column) const {
 }
 
 std::string AnyRow::text(std::string_view column) const {
-  const ColumnInfo& info = columnOf(column);
+  const ColumnInfo& info = columnOf(layout_, column);
   if (isNull()) return {};
   if (info.type == stringType_ && !info.isArray) {
     std::string text;
@@ -366,13 +366,13 @@ std::string AnyRow::text(std::string_view column) const {
 }
 
 void AnyRow::jsonIs(std::string_view column, std::string_view json) {
-  const ColumnInfo& info = columnOf(column);
+  const ColumnInfo& info = columnOf(layout_, column);
   if (isNull()) throwNullRow();
   write(*this, info, Encoder(json).column(info));
 }
 
 void AnyRow::textIs(std::string_view column, std::string_view text) {
-  const ColumnInfo& info = columnOf(column);
+  const ColumnInfo& info = columnOf(layout_, column);
   if (isNull()) throwNullRow();
   const auto refuse = [&](const std::string& reason) {
     throw KoTextError("column \"" + detail::shown(column) + "\": " + reason, 1, 1);

@@ -247,7 +247,9 @@ std::string LayoutComparison::text() const {
 // ---------------------------------------------------------------------------------------------
 // Converting
 
-struct ConversionPlan::Steps {
+namespace detail {
+
+struct ConversionSteps {
   /// Fixed columns of one type, side by side in both layouts.
   struct Run {
     len_t from;
@@ -269,11 +271,11 @@ struct ConversionPlan::Steps {
     len_t from;
     len_t to;
     bool isArray;
-    std::unique_ptr<const Steps> steps;
+    std::unique_ptr<const ConversionSteps> steps;
   };
 
-  Steps(const LayoutInfo& sender, const LayoutInfo& ours,
-        const std::vector<ColumnComparison>& columns);
+  ConversionSteps(const LayoutInfo& sender, const LayoutInfo& ours,
+                  const std::vector<ColumnComparison>& columns);
 
   std::size_t lengthOf(const byte_t* row) const;
   std::size_t lengthOfRows(const byte_t* value, bool isArray) const;
@@ -291,8 +293,8 @@ struct ConversionPlan::Steps {
   std::vector<NestedSlot> nestedSlots;
 };
 
-ConversionPlan::Steps::Steps(const LayoutInfo& sender, const LayoutInfo& ours,
-                             const std::vector<ColumnComparison>& columns)
+ConversionSteps::ConversionSteps(const LayoutInfo& sender, const LayoutInfo& ours,
+                                 const std::vector<ColumnComparison>& columns)
     : senderType(sender.rowType),
       rowType(ours.rowType),
       senderBase(sender.baseLength),
@@ -306,7 +308,7 @@ ConversionPlan::Steps::Steps(const LayoutInfo& sender, const LayoutInfo& ours,
     } else if (column.change == ColumnChange::nested) {
       nestedSlots.push_back(
           {their.offset, our.offset, our.isArray,
-           std::make_unique<const Steps>(*their.nested, *our.nested, column.nested)});
+           std::make_unique<const ConversionSteps>(*their.nested, *our.nested, column.nested)});
     } else if (our.hasSlot()) {
       slots.push_back({their.offset, our.offset});
     } else if (!runs.empty() && runs.back().from + runs.back().length == their.offset &&
@@ -323,7 +325,7 @@ ConversionPlan::Steps::Steps(const LayoutInfo& sender, const LayoutInfo& ours,
 }
 
 /// The bytes that the converted row needs.
-std::size_t ConversionPlan::Steps::lengthOf(const byte_t* row) const {
+std::size_t ConversionSteps::lengthOf(const byte_t* row) const {
   std::size_t length = base;
   for (const Slot& slot : slots) length += VColType::at(row, slot.from).length();
   for (const NestedSlot& slot : nestedSlots) {
@@ -337,7 +339,7 @@ std::size_t ConversionPlan::Steps::lengthOf(const byte_t* row) const {
   return length;
 }
 
-std::size_t ConversionPlan::Steps::lengthOfRows(const byte_t* value, bool isArray) const {
+std::size_t ConversionSteps::lengthOfRows(const byte_t* value, bool isArray) const {
   if (!isArray) return lengthOf(value);
   std::size_t length = arrayHeaderLength;
   const unsigned int count = loadField<std::uint16_t>(value) & arrayCountMask;
@@ -386,7 +388,7 @@ void widen(KorvoTypes type, const byte_t* from, byte_t* to, len_t width) noexcep
 }  // namespace
 
 /// Writes the converted row, whatever the bytes were before, and returns its length.
-std::size_t ConversionPlan::Steps::write(const byte_t* row, byte_t* to) const noexcept {
+std::size_t ConversionSteps::write(const byte_t* row, byte_t* to) const noexcept {
   storeField(to + rowTypeOffset, rowType);
   storeField(to + rowOidOffset, loadField<oid_t>(row + rowOidOffset));
   std::memset(to + rowHeaderLength, 0, std::size_t{base} - rowHeaderLength);
@@ -431,8 +433,8 @@ std::size_t ConversionPlan::Steps::write(const byte_t* row, byte_t* to) const no
   return end;
 }
 
-std::size_t ConversionPlan::Steps::writeRows(const byte_t* value, bool isArray,
-                                             byte_t* to) const noexcept {
+std::size_t ConversionSteps::writeRows(const byte_t* value, bool isArray,
+                                       byte_t* to) const noexcept {
   if (!isArray) return write(value, to);
   const unsigned int count = loadField<std::uint16_t>(value) & arrayCountMask;
   storeField(to, static_cast<std::uint16_t>(count | unsigned{arrayVariableMark} << 8));
@@ -446,14 +448,16 @@ std::size_t ConversionPlan::Steps::writeRows(const byte_t* value, bool isArray,
   return end;
 }
 
+}  // namespace detail
+
 ConversionPlan::ConversionPlan(const LayoutInfo& sender, const LayoutInfo& ours,
                                const ConversionRules& rules)
     : comparison_(sender, ours, rules) {
   if (comparison_.conversion() == Conversion::refused) {
     throw KoInvalidArgument("Layout refused - (" + comparison_.refusal() + ")");
   }
-  auto steps = std::make_shared<Steps>(comparison_.sender().info(), comparison_.ours().info(),
-                                       comparison_.columns());
+  auto steps = std::make_shared<detail::ConversionSteps>(
+      comparison_.sender().info(), comparison_.ours().info(), comparison_.columns());
   steps->isSame = comparison_.conversion() == Conversion::same;
   steps_ = std::move(steps);
 }

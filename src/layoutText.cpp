@@ -75,21 +75,25 @@ LayoutFingerprint fingerprint(const LayoutInfo& layout) {
 
 // ---------------------------------------------------------------------------------------------
 
-struct DynamicLayout::Data {
+struct detail::LayoutData {
   LayoutInfo info{};
   std::vector<ColumnInfo> columns;
   std::deque<std::string> names;  // stay where they are
-  std::vector<std::unique_ptr<Data>> nested;
+  std::vector<std::unique_ptr<LayoutData>> nested;
   BaseRow::vcdType slots;
 };
 
-class DynamicLayout::Parser {
+namespace {
+
+using detail::LayoutData;
+
+class Parser {
  public:
   explicit Parser(std::string_view text) : in_(text) {
     if (text.size() > maxLayoutText) in_.fail("the text exceeds 1 MiB");
   }
 
-  void parse(Data& layout) {
+  void parse(LayoutData& layout) {
     expectWord("row");
     parseRow(layout, 0);
     in_.expectEnd();
@@ -102,7 +106,7 @@ class DynamicLayout::Parser {
   };
 
   /// What follows "row".
-  void parseRow(Data& layout, unsigned int depth) {
+  void parseRow(LayoutData& layout, unsigned int depth) {
     if (depth > maxRowNesting) in_.fail("rows are nested too deep");
     layout.info.rowType = number("a row type");
     expectWord("base");
@@ -125,7 +129,7 @@ class DynamicLayout::Parser {
     takeColumns(layout, places);
   }
 
-  Place parseColumn(Data& layout, unsigned int depth) {
+  Place parseColumn(LayoutData& layout, unsigned int depth) {
     in_.skipSpace();
     Place place{{}, in_.position()};
     if (++columns_ > maxLayoutColumns) in_.fail("too many columns");
@@ -194,15 +198,15 @@ class DynamicLayout::Parser {
     return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
   }
 
-  void parseType(Data& layout, ColumnInfo& column, unsigned int depth) {
+  void parseType(LayoutData& layout, ColumnInfo& column, unsigned int depth) {
     in_.skipSpace();
     const std::size_t begin = in_.position();
     const std::string_view word = in_.word();
     if (word.empty()) in_.fail("expected the column's type");
     if (word == "row") {
       column.type = structType_;
-      layout.nested.push_back(std::make_unique<Data>());
-      Data& nested = *layout.nested.back();
+      layout.nested.push_back(std::make_unique<LayoutData>());
+      LayoutData& nested = *layout.nested.back();
       parseRow(nested, depth + 1);
       column.nested = &nested.info;
       return;
@@ -227,7 +231,7 @@ class DynamicLayout::Parser {
   }
 
   /// Puts the columns into the order of their offsets, in which they have to be apart.
-  void takeColumns(Data& layout, std::vector<Place>& places) {
+  void takeColumns(LayoutData& layout, std::vector<Place>& places) {
     std::stable_sort(places.begin(), places.end(), [](const Place& a, const Place& b) {
       return a.column.offset < b.column.offset;
     });
@@ -277,7 +281,9 @@ class DynamicLayout::Parser {
   std::size_t columns_ = 0;
 };
 
-DynamicLayout::DynamicLayout(std::string_view text) : data_(std::make_shared<Data>()) {
+}  // namespace
+
+DynamicLayout::DynamicLayout(std::string_view text) : data_(std::make_shared<LayoutData>()) {
   Parser(text).parse(*data_);
 }
 

@@ -69,8 +69,6 @@ class KORVO_API AnyRow : public BaseRow {
   bool isFullyDefined() const override { return true; }
 
  private:
-  const ColumnInfo& columnOf(std::string_view name) const;
-
   DynamicLayout layout_;
 };
 

@@ -98,6 +98,10 @@ class KORVO_API LayoutComparison {
   Conversion conversion_ = Conversion::same;
 };
 
+namespace detail {
+struct ConversionSteps;
+}
+
 /// The conversion of rows, planned; what RowConverter uses, and those who have no row to convert
 /// into. Safe from any thread.
 class KORVO_API ConversionPlan {
@@ -122,10 +126,8 @@ class KORVO_API ConversionPlan {
   void convertInto(const void* bytes, std::size_t length, BaseRow& row) const;
 
  private:
-  struct Steps;
-
   LayoutComparison comparison_;
-  KoPtr<const Steps> steps_;
+  KoPtr<const detail::ConversionSteps> steps_;
 };
 
 /// Converts rows of a sender into those of a table's row class, or AnyRow. Safe from any thread.

@@ -96,6 +96,10 @@ KORVO_API std::string columnTypeText(const ColumnInfo& column);
 /// The fingerprint of a layout that is known at run time. Throws as layoutText() does.
 KORVO_API LayoutFingerprint fingerprint(const LayoutInfo& layout);
 
+namespace detail {
+struct LayoutData;
+}
+
 /// A layout that is known at run time only. Copies share what they describe.
 class KORVO_API DynamicLayout {
  public:
@@ -122,10 +126,7 @@ class KORVO_API DynamicLayout {
   const ColumnInfo* find(std::string_view name) const noexcept;
 
  private:
-  struct Data;
-  class Parser;
-
-  KoPtr<Data> data_;
+  KoPtr<detail::LayoutData> data_;
 };
 
 // ---------------------------------------------------------------------------------------------
