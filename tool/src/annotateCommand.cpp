@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <set>
+#include <span>
 #include <sstream>
 
 namespace korvotool {
@@ -83,7 +85,10 @@ class Annotator {
       for (; next != byBegin.end() && regions_[*next].begin == borders[i]; ++next) {
         if (regions_[*next].end != borders[i]) covering.push_back(*next);
       }
-      Segment segment = segmentOf(covering, borders[i], borders[i + 1]);
+      // Of a great many on one place, some will do.
+      const std::span<const std::size_t> some(covering.data(),
+                                              std::min(covering.size(), mostOnOnePlace));
+      Segment segment = segmentOf(some, borders[i], borders[i + 1]);
       if (!all.empty() && all.back().kind == segment.kind && all.back().text == segment.text) {
         all.back().end = segment.end;
       } else {
@@ -94,14 +99,10 @@ class Annotator {
   }
 
  private:
-  static constexpr std::size_t mostRegions = std::size_t{4} * Korvo::maxRowLength;
+  static constexpr std::size_t mostRegions = Korvo::maxRowLength;
+  static constexpr std::size_t mostOnOnePlace = 64;
 
-  bool isPartOf(std::size_t region, std::size_t whole) const {
-    while (region != none && region != whole) region = regions_[region].whole;
-    return region == whole;
-  }
-
-  Segment segmentOf(const std::vector<std::size_t>& covering, std::size_t begin,
+  Segment segmentOf(std::span<const std::size_t> covering, std::size_t begin,
                     std::size_t end) const {
     if (covering.empty()) {
       const bool inFixedArea = begin < fixedEnd_;
@@ -109,12 +110,15 @@ class Annotator {
       return {begin, end, inFixedArea ? "unused" : "gap",
               inFixedArea ? "no column's, in the fixed area" : "gap"};
     }
+    std::set<std::size_t> wholes;
+    for (const std::size_t region : covering) {
+      for (std::size_t at = regions_[region].whole; at != none; at = regions_[at].whole) {
+        wholes.insert(at);
+      }
+    }
     std::vector<std::size_t> innermost;
     for (const std::size_t region : covering) {
-      const bool hasParts = std::any_of(covering.begin(), covering.end(), [&](std::size_t other) {
-        return other != region && isPartOf(other, region);
-      });
-      if (!hasParts) innermost.push_back(region);
+      if (!wholes.contains(region)) innermost.push_back(region);
     }
     const Region& first = regions_[innermost.front()];
     if (innermost.size() > 1) {

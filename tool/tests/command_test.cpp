@@ -311,6 +311,34 @@ TEST_F(Tool, AnnotatesEveryByteOfSpoiltRows) {
   }
 }
 
+TEST_F(Tool, AnnotatesArraysWhoseElementsLieOnOnePlace) {
+  // Four thousand elements, each all of the array.
+  constexpr unsigned int count = 4000;
+  const auto put = [](std::string& to, unsigned int number) {
+    to += static_cast<char>(number & 0xFF);
+    to += static_cast<char>(number >> 8);
+  };
+  std::string array;
+  put(array, count | 0x1000);
+  for (unsigned int i = 0; i < count; ++i) {
+    put(array, 0);
+    put(array, 16000);
+  }
+  std::string row;
+  put(row, static_cast<unsigned int>(12 + array.size()));
+  row += std::string("\x07\0\x01\0\0\0", 6);
+  put(row, 12);
+  put(row, static_cast<unsigned int>(0x8000 | array.size()));
+  row += array;
+  write("array.layout", "row 7 base 12 { tags string_t[] @8 }");
+  write("array.rows", row);
+  const Outcome result = korvo("annotate -l array.layout array.rows");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.out.find("\n  fault: an element lies outside its array or over another"),
+            std::string::npos);
+  EXPECT_NE(result.out.find("overlap of tags"), std::string::npos);
+}
+
 TEST_F(Tool, ComparesRows) {
   expectOut("diff -l port.korvo good.rows good.rows", "3 same, 0 changed, 0 removed, 0 added\n");
   write("other.json", R"({"type":7,"oid":2,"row":{"speed":7,"tags":["\u0001"]}})"
