@@ -350,7 +350,7 @@ class Command {
       }
       if (options_.oid && piece.oid() != *options_.oid) continue;
       if (piece.kind == Piece::Kind::faulty) allGood_ = false;
-      print(piece.bytes, static_cast<std::size_t>(piece.length), piece.offset,
+      print(piece.bytes, piece.size(), piece.offset,
             piece.kind == Piece::Kind::faulty ? piece.reason : std::string());
     }
   }

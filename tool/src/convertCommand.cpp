@@ -63,8 +63,7 @@ class Converter {
     bool allGood = true;
     if (options_.from == "rows") {
       allGood = forEachGoodRow(options_, layouts_, [&](const Piece& piece) {
-        convert(out, piece.layout->layout.info().rowType, piece.bytes,
-                static_cast<std::size_t>(piece.length));
+        convert(out, piece.layout->layout.info().rowType, piece.bytes, piece.size());
         return true;
       });
     } else {

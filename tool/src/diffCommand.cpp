@@ -95,7 +95,7 @@ struct KeptRow {
 
   KeptRow() = default;
   explicit KeptRow(const Piece& piece)
-      : bytes(piece.bytes, piece.bytes + piece.length), layout(piece.layout) {}
+      : bytes(piece.bytes, piece.bytes + piece.size()), layout(piece.layout) {}
 
   Korvo::oid_t oid() const {
     return Korvo::loadField<Korvo::oid_t>(bytes.data() + Korvo::rowOidOffset);

@@ -48,6 +48,8 @@ struct Piece {
   std::string reason;
   bool atEnd = false;  ///< nothing was found behind what was skipped
 
+  // Of rows:
+  std::size_t size() const { return static_cast<std::size_t>(length); }
   std::uint16_t rowType() const {
     return Korvo::loadField<std::uint16_t>(bytes + Korvo::rowTypeOffset);
   }

@@ -28,7 +28,7 @@ class Table {
   }
 
   void show(Output& out, const Style& style, const Piece& piece) {
-    row_.adopt(piece.bytes, piece.length);
+    row_.adopt(piece.bytes, piece.size());
     out << style.bold(named_.name.empty() ? "row" : printable(named_.name)) << " oid "
         << style.bold(std::to_string(piece.oid())) << ", type " << std::to_string(piece.rowType())
         << ", " << counted(piece.length, "byte") << " at byte " << std::to_string(piece.offset)
@@ -66,7 +66,7 @@ void requireColumns(const Layouts& layouts, const std::vector<std::string>& colu
 /// The wanted columns alone, as JSON.
 std::string partJson(Korvo::AnyRow& row, const Piece& piece,
                      const std::vector<std::string>& columns) {
-  row.adopt(piece.bytes, piece.length);
+  row.adopt(piece.bytes, piece.size());
   Json values = Json::object();
   for (const std::string& column : columns) {
     if (row.layout().find(column) != nullptr) values.addRaw(column, row.json(column));

@@ -155,7 +155,7 @@ int statRows(const RowOptions& options) {
       last = piece.layout;
       counts = &all[piece.rowType()];
     }
-    counts->add(last->layout.info(), piece.bytes, static_cast<std::size_t>(piece.length));
+    counts->add(last->layout.info(), piece.bytes, piece.size());
     return true;
   });
   Output out;
