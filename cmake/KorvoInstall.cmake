@@ -2,6 +2,14 @@
 # that an installed tree can be moved; so do the pkg-config files.
 
 get_property(KORVO_COMPONENT_MODULES GLOBAL PROPERTY KORVO_COMPONENT_MODULES)
+if(TARGET korvo)
+  install(TARGETS korvo EXPORT KorvoToolTargets RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(EXPORT KorvoToolTargets NAMESPACE Korvo:: DESTINATION ${KORVO_CMAKE_DIR})
+  install(FILES "${PROJECT_SOURCE_DIR}/cmake/KorvoGenerate.cmake"
+                "${PROJECT_SOURCE_DIR}/cmake/KorvoCheckLayouts.cmake"
+          DESTINATION ${KORVO_CMAKE_DIR})
+endif()
+
 configure_package_config_file(
   "${PROJECT_SOURCE_DIR}/cmake/KorvoAPIConfig.cmake.in"
   "${PROJECT_BINARY_DIR}/KorvoAPIConfig.cmake"

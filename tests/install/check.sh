@@ -63,6 +63,17 @@ run_consumer "$work/event_loop/consumer"
 run_event_loop "$work/event_loop/event_loop"
 echo "find_package: good"
 
+# The tool finds the library beside it, and makes row classes for those who use the package.
+if grep -q '^KORVO_TOOL:BOOL=ON' "$build/CMakeCache.txt"; then
+  cmake -G Ninja -S "$here/generated" -B "$work/generated" -DCMAKE_PREFIX_PATH="$prefix"
+  cmake --build "$work/generated"
+  [ "$("$work/generated/generated")" = '{"name":"eth0"}' ]
+  [ "$("$prefix/bin/korvo" address ::1 | sed -n 2p)" = 'short   ::1' ]
+  [ -s "$prefix/share/man/man1/korvo.1" ]
+  [ -s "$prefix/share/bash-completion/completions/korvo" ]
+  echo "korvo: good"
+fi
+
 # A component that does not exist is refused, by its name.
 if cmake -G Ninja -S "$here/find_package" -B "$work/no_such" -DCMAKE_PREFIX_PATH="$prefix" \
   -DCOMPONENTS=NoSuch >"$work/no_such.log" 2>&1; then

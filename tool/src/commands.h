@@ -1,0 +1,98 @@
+#pragma once
+
+// The commands, with what the command line can tell them. Each gives the program's exit status, or
+// throws Failure.
+
+#include "output.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace korvotool {
+
+/// What all commands have.
+struct CommonOptions {
+  bool json = false;
+  ColourChoice colour = ColourChoice::automatic;
+};
+
+/// Where rows come from.
+struct RowOptions : CommonOptions {
+  std::string layout;  ///< a layout's text or a definition; may be empty where that makes sense
+  std::string row;     ///< which row of it; empty for all
+  bool plain = false;  ///< gzip and zstd are not unpacked
+  std::vector<std::string> files;
+};
+
+struct CheckOptions : RowOptions {
+  bool noHostBits = false;
+  bool quiet = false;
+};
+int checkRows(const CheckOptions& options);
+
+struct ShowOptions : RowOptions {
+  std::vector<std::string> columns;  ///< empty for all
+  std::optional<std::uint32_t> oid;
+  std::uint64_t limit = 0;  ///< 0 for all
+};
+int showRows(const ShowOptions& options);
+
+struct AnnotateOptions : RowOptions {
+  std::optional<std::uint32_t> oid;
+  std::optional<std::uint64_t> at;  ///< the byte where the row begins
+  std::uint64_t limit = 0;          ///< 0 for all
+};
+int annotateRows(const AnnotateOptions& options);
+
+struct DiffOptions : RowOptions {
+  std::string newLayout;  ///< of the second file; empty if it is that of the first
+  bool inOrder = false;   ///< the first with the first, whatever their oids
+  bool quiet = false;
+};
+int diffRows(const DiffOptions& options);
+
+struct ConvertOptions : RowOptions {
+  std::string from;  ///< rows, json, csv
+  std::string as;
+  std::string to;  ///< the layout of the result; empty if it is that of the input
+  std::string toRow;
+  std::string output;                 ///< empty for standard output
+  std::vector<std::string> aliases;   ///< column=former
+  std::vector<std::string> required;  ///< columns
+};
+int convertRows(const ConvertOptions& options);
+
+int statRows(const RowOptions& options);
+
+struct LayoutOptions : CommonOptions {
+  std::string layout;
+  std::string newLayout;
+  std::string row;
+  bool fingerprint = false;
+  bool named = false;  ///< names also where there is one row only
+  std::vector<std::string> aliases;
+  std::vector<std::string> required;
+};
+int printLayout(const LayoutOptions& options);
+int diffLayouts(const LayoutOptions& options);
+
+struct GenerateOptions {
+  std::string definition;
+  std::string output;  ///< empty for standard output
+  std::string space;   ///< namespace, in place of the definition's
+};
+int generateHeader(const GenerateOptions& options);
+
+struct TextOptions : CommonOptions {
+  std::vector<std::string> texts;
+};
+int parseAddresses(const TextOptions& options);
+int parsePrefixes(const TextOptions& options);
+/// The first is the prefix, the others are addresses or prefixes.
+int containsPrefixes(const TextOptions& options);
+int orderPrefixes(const TextOptions& options);
+int describeQuery(const TextOptions& options);
+
+}  // namespace korvotool
