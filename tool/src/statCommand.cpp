@@ -151,11 +151,11 @@ int statRows(const RowOptions& options) {
   const NamedLayout* last = nullptr;
   Counts* counts = nullptr;
   const bool allGood = forEachGoodRow(options, layouts, [&](const Piece& piece) {
-    if (piece.layout != last) {
+    if (counts == nullptr || piece.layout != last) {
       last = piece.layout;
       counts = &all[piece.rowType()];
     }
-    counts->add(last->layout.info(), piece.bytes, piece.size());
+    counts->add(piece.layout->layout.info(), piece.bytes, piece.size());
     return true;
   });
   Output out;

@@ -618,7 +618,8 @@ TEST_F(Tool, TellsBadDefinitions) {
     std::string text = "row A0 1 { a bool }\n";
     for (int i = 1; i < 14; ++i) {
       const std::string last = "A" + std::to_string(i - 1);
-      text += "row A" + std::to_string(i) + " 1 { a " + last + " b " + last + " }\n";
+      text.append("row A").append(std::to_string(i)).append(" 1 { a ").append(last);
+      text.append(" b ").append(last).append(" }\n");
     }
     return text;
   }());
