@@ -31,7 +31,7 @@ class Subject {
     batch_.commit();
     runAll(loop_);
     told_.str("");
-    for (oid_t oid = 1; oid <= 4; ++oid) batch_.remove(oid);
+    for (oid_t oid = 1; oid <= 4; ++oid) batch_.remove(ports_, oid);
     for (oid_t oid = 5; oid <= 8; ++oid) {
       batch_.put(port(oid, "new" + std::to_string(oid), 20, "10.128.0.0/9", 1));
     }
