@@ -28,7 +28,7 @@ if(NOT KORVO_VELTO_IS_STAND_IN)
                       "and KORVO_VELTO_INCLUDE_DIR names another framework")
 endif()
 
-add_library(KorvoEventLoop src/EventLoop.cpp)
+add_library(KorvoEventLoop src/EventLoop.cpp src/stopSignals.cpp)
 add_library(Korvo::EventLoop ALIAS KorvoEventLoop)
 set_target_properties(KorvoEventLoop PROPERTIES
   EXPORT_NAME EventLoop

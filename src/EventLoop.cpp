@@ -1,45 +1,79 @@
 #include <Korvo/EventLoop.h>
 #include <Korvo/assertion.h>
 
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 #include <uv.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
-#include <limits>
-#include <set>
+#include <functional>
+#include <initializer_list>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
 #include <system_error>
 #include <utility>
+#include <vector>
+
+#include "ownDescriptor.h"
+#include "stopSignals.h"
 
 namespace Korvo {
 
 namespace {
 
+using namespace std::chrono_literals;
+using std::chrono::nanoseconds;
+using Velto::Platform::FdEventHandler;
+using Work = std::function<void()>;
+
 constexpr const char* kSourceFile = "src/EventLoop.cpp";
 
-/// How often events are looked at while units are busy: rarely enough that a look, about a
-/// microsecond, does not count.
-constexpr std::uint64_t kLookInterval = 100'000;
+/// How long handlers are told while units wait, and how long units then run before the next look at
+/// the events: twice as long as the last one took, within these limits. A look takes a microsecond
+/// or two where nothing has happened.
+constexpr nanoseconds kHandlersTurn = 250us;
+constexpr nanoseconds kUnitsShortestTurn = 100us;
+constexpr nanoseconds kUnitsLongestTurn = 1ms;
 
-using Seconds = std::chrono::duration<double>;
+constexpr nanoseconds kNever = nanoseconds::max();
 
-Seconds now() {
+/// The clock of the scheduler, for turns and limits.
+nanoseconds now() {
   timespec time{};
   clock_gettime(CLOCK_MONOTONIC_RAW, &time);
-  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+  return std::chrono::seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
 }
 
-/// Rounded up, and within what libuv takes.
-std::uint64_t wholeMilliseconds(Seconds time) {
-  constexpr double kMost = 1e15;
-  return static_cast<std::uint64_t>(std::clamp(std::ceil(time.count() * 1e3), 0.0, kMost));
+/// The clock of the system's waits, for timers: the two may drift apart.
+nanoseconds timerNow() {
+  return nanoseconds(static_cast<std::int64_t>(uv_hrtime()));
+}
+
+/// When a time that begins now is over.
+nanoseconds endOf(double timeLimit) {
+  constexpr double kMost = 1e9;
+  if (!(timeLimit > 0.0)) return kNever;
+  return now() + nanoseconds(static_cast<std::int64_t>(std::min(timeLimit, kMost) * 1e9));
 }
 
 void check(int result, const char* call) {
   if (result < 0) throw std::system_error(-result, std::generic_category(), call);
 }
+
+// ---------------------------------------------------------------------------------------------
+// What is told
 
 /// Something to tell a handler, in a list of such things. Handlers are told when libuv has
 /// finished its round: they may throw, run the loop and destroy everything, of which libuv's own
@@ -53,8 +87,10 @@ class Event {
 
   virtual void tell() = 0;
 
+  bool listed() const { return next_ != this; }
+  /// Appends to the list of which this is the head. What is in a list keeps its place.
   void append(Event& event) noexcept {
-    event.withdraw();
+    if (event.listed()) return;
     event.previous_ = previous_;
     event.next_ = this;
     previous_->next_ = &event;
@@ -75,7 +111,133 @@ class Event {
 
 /// The head of a list, which is never told.
 class EventList : public Event {
+ public:
+  bool empty() const { return !listed(); }
+
+ private:
   void tell() override {}
+};
+
+class Timer;
+/// Timers that have not run out, in the order of their times.
+using Timers = std::multimap<nanoseconds, Timer*>;
+
+class Timer : public Event {
+ public:
+  Timer(Timers& timers, Velto::Platform::TimeoutHandler* handler)
+      : timers_(timers), handler_(handler) {}
+  Timer(const Timer&) = delete;
+  Timer& operator=(const Timer&) = delete;
+  ~Timer() override { cancel(); }
+
+  void set(nanoseconds delay) {
+    const nanoseconds time = timerNow();
+    const nanoseconds due = time + std::clamp(delay, nanoseconds(0), kNever - time);
+    const Timers::iterator place = timers_.emplace(due, this);
+    cancel();
+    place_ = place;
+  }
+
+  void cancel() {
+    withdraw();
+    if (place_ != timers_.end()) timers_.erase(place_);
+    place_ = timers_.end();
+  }
+
+  bool pending() const { return place_ != timers_.end() || listed(); }
+
+  /// Moves the timers that have run out to the list of what is to be told.
+  static void collect(Timers& timers, EventList& ready) {
+    const nanoseconds time = timerNow();
+    while (!timers.empty() && timers.begin()->first <= time) {
+      Timer& timer = *timers.begin()->second;
+      timers.erase(std::exchange(timer.place_, timers.end()));
+      ready.append(timer);
+    }
+  }
+
+ private:
+  void tell() override { handler_->onTimeout(); }
+
+  Timers& timers_;
+  Velto::Platform::TimeoutHandler* handler_;
+  Timers::iterator place_ = timers_.end();
+};
+
+/// One of the two things that a descriptor can be ready for.
+class Readiness : public Event {
+ public:
+  Readiness(FdEventHandler* handler, void (FdEventHandler::*told)())
+      : handler_(handler), told_(told) {}
+
+ private:
+  void tell() override { (handler_->*told_)(); }
+
+  FdEventHandler* handler_;
+  void (FdEventHandler::*told_)();
+};
+
+/// A descriptor that is watched, or none.
+struct Watch {
+  explicit Watch(FdEventHandler* handler)
+      : readable(handler, &FdEventHandler::onReadable),
+        writable(handler, &FdEventHandler::onWritable) {}
+
+  int polled() const { return standIn.get() == -1 ? fd : standIn.get(); }
+
+  int fd = -1;
+  /// What the system polls in place of a device that is always ready.
+  detail::OwnDescriptor standIn;
+  /// Tells the watch from those that its number had before.
+  std::uint32_t serial = 0;
+  /// EPOLLIN, EPOLLOUT, both or neither.
+  std::uint32_t wanted = 0;
+  Readiness readable;
+  Readiness writable;
+};
+
+/// Work that other threads have posted: some that they still add to, and some that is being told.
+class PostedWork : public Event {
+ public:
+  explicit PostedWork(EventList& ready) : ready_(ready) {}
+
+  /// Calls `wake` if there was none, while the loop's thread cannot get at the work, which might
+  /// destroy the loop.
+  template <typename Wake>
+  void add(Work work, Wake wake) {
+    std::list<Work> one;
+    one.push_back(std::move(work));
+    const std::lock_guard lock(mutex_);
+    added_.splice(added_.end(), one);
+    if (added_.size() == 1) wake();
+  }
+
+  void collect() {
+    {
+      const std::lock_guard lock(mutex_);
+      told_.splice(told_.end(), added_);
+    }
+    if (!told_.empty()) ready_.append(*this);
+  }
+
+  void clear() {
+    collect();
+    withdraw();
+    told_.clear();
+  }
+
+ private:
+  void tell() override {
+    std::list<Work> work;
+    work.splice(work.begin(), told_, told_.begin());
+    if (!told_.empty()) ready_.append(*this);  // handlers have their turn in between
+    work.front()();
+  }
+
+  EventList& ready_;
+  std::list<Work> told_;
+  std::mutex mutex_;
+  std::list<Work> added_;
 };
 
 template <typename Handle>
@@ -85,342 +247,402 @@ uv_handle_t* base(Handle* handle) {
 
 }  // namespace
 
+// ---------------------------------------------------------------------------------------------
+// Looking and waiting
+
 /// libuv's loop, and what is to be told. Shared by the event loop and its controls, so that these
 /// may be destroyed in any order, and by every function that tells handlers.
+///
+/// Descriptors are polled here, libuv waits for the poll as a whole: libuv would call back for
+/// everything that is ready some fifty times over before a handler could do something about it.
 class detail::Events {
  public:
-  Events() {
+  explicit Events(EventLoop& owner) : owner_(&owner) {
+    const StandardNumbersTaken taken;
+    epoll_ = newEpoll();
+    wake_ = newEventDescriptor(0);
+    pollCounter(kWakeKey, wake_.get());
     check(uv_loop_init(&loop_), "uv_loop_init");
-    const int result = uv_async_init(&loop_, &wake_, [](uv_async_t* handle) {
-      auto* events = static_cast<Events*>(handle->data);
-      events->woken_ = true;
-      uv_stop(handle->loop);
-    });
+    const int result = uv_poll_init(&loop_, &poll_, epoll_.get());
     if (result < 0) uv_loop_close(&loop_);
-    check(result, "uv_async_init");
-    wake_.data = this;
-    uv_timer_init(&loop_, &limitTimer_);
+    check(result, "uv_poll_init");
+    uv_timer_init(&loop_, &alarm_);
+    uv_prepare_init(&loop_, &beforeWait_);
+    poll_.data = beforeWait_.data = this;
+    uv_prepare_start(&beforeWait_, [](uv_prepare_t* handle) {
+      // The host's timers, which libuv calls back before it waits, may have queued a unit.
+      if (!static_cast<Events*>(handle->data)->idle()) uv_stop(handle->loop);
+    });
+    startPoll();
   }
   Events(const Events&) = delete;
   Events& operator=(const Events&) = delete;
   ~Events() {
-    uv_close(base(&wake_), nullptr);
-    uv_close(base(&limitTimer_), nullptr);
+    if (inherited()) forkLoop();
+    uv_close(base(&poll_), nullptr);
+    uv_close(base(&alarm_), nullptr);
+    uv_close(base(&beforeWait_), nullptr);
     uv_run(&loop_, UV_RUN_NOWAIT);
     KORVO_ASSERT(uv_loop_close(&loop_) == 0, "uv_loop_close(&loop_) == 0", kSourceFile,
                  "Korvo::detail::Events::~Events()");
   }
 
   uv_loop_t* loop() { return &loop_; }
-  void wake() { uv_async_send(&wake_); }
 
-  /// Ends the wait when its callbacks are done.
-  void stop() {
-    if (inRound_) uv_stop(&loop_);
-  }
+  void lookIsDue() { nextLook_ = nanoseconds::min(); }
 
-  /// Puts the event at the end of those that are to be told. Called by libuv's callbacks.
-  void add(Event& event) noexcept {
-    ready_.append(event);
-    uv_stop(&loop_);
-  }
-
-  /// Tells what has happened by now.
-  void look() {
-    lastLook_ = uv_hrtime();
-    round(UV_RUN_NOWAIT);
-    tellAll();
-  }
-
+  /// Called before the first unit and after each.
   void lookIfDue() {
-    if (uv_hrtime() - lastLook_ >= kLookInterval) look();
+    const nanoseconds begin = now();
+    const bool unitsWait = !owner_->runQueue_.empty();
+    if (begin < nextLook_ && (unitsWait || ready_.empty())) return;
+    round(UV_RUN_NOWAIT);
+    tell(begin);
   }
 
   /// Waits for something to tell, and tells it.
   void wait() {
-    if (ready_.next() == &ready_ && !woken_ && !limitReached()) round(UV_RUN_DEFAULT);
+    do {
+      const bool waits = idle();
+      if (waits) setAlarm();
+      round(waits ? UV_RUN_ONCE : UV_RUN_NOWAIT);
+    } while (idle());
     woken_ = false;
-    lastLook_ = uv_hrtime();
-    tellAll();
+    tell(now());
+  }
+
+  /// Ends the wait under way, or else the next one. In a child of a fork nobody waits.
+  void wake() {
+    if (inherited()) return;
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(wake_.get(), &one, sizeof(one));
+  }
+
+  void stop() {
+    stopped_ = true;
+    wake();
+  }
+
+  void post(Work work) {
+    posted_.add(std::move(work), [this] { wake(); });
+  }
+
+  void stopOnSignals(std::initializer_list<int> signals) {
+    own();
+    std::list<SignalWatch> watches;
+    for (const int signal : signals) watches.emplace_back(signal);
+    if (signals_.empty() && !watches.empty()) pollCounter(kSignalKey, SignalWatch::descriptor());
+    signals_.splice(signals_.end(), watches);
   }
 
   /// The event loop is gone: there is nobody to tell any more.
   void abandon() {
     KORVO_ASSERT(!inRound_, "!inRound_", kSourceFile, "virtual Korvo::EventLoop::~EventLoop()");
-    abandoned_ = true;
+    owner_ = nullptr;
+    signals_.clear();
+    posted_.clear();
   }
 
-  bool abandoned() const { return abandoned_; }
+  bool abandoned() const { return owner_ == nullptr; }
 
   /// Bounds the waits of one run, and restores the bound of the run around it, which has no say in
   /// a run inside.
   class Limit {
    public:
-    Limit(Events& events, double timeLimit) : events_(events), outer_(events.end_) {
-      events_.end_ = timeLimit > 0.0 ? now() + Seconds(timeLimit) : kNever;
-    }
+    Limit(Events& events, double timeLimit)
+        : events_(events), outer_(std::exchange(events.end_, endOf(timeLimit))) {}
     Limit(const Limit&) = delete;
     Limit& operator=(const Limit&) = delete;
     ~Limit() { events_.end_ = outer_; }
 
    private:
     Events& events_;
-    Seconds outer_;
+    nanoseconds outer_;
   };
 
-  /// The descriptors that are watched: libuv takes each only once.
-  std::set<int> watched;
+  Timers& timers() { return timers_; }
+
+  /// Begins to watch `fd`, of which nothing is wanted yet.
+  void begin(Watch& watch, int fd);
+  void end(Watch& watch) noexcept;
+  /// What is wanted of the watched descriptor.
+  void wantedIs(Watch& watch, std::uint32_t wanted);
 
  private:
+  // Keys of polled descriptors: a watch has its serial and its number, which these have not.
+  static constexpr std::uint64_t kWakeKey = ~std::uint64_t{0};
+  static constexpr std::uint64_t kSignalKey = kWakeKey - 1;
+  static std::uint64_t keyOf(const Watch& watch) {
+    return std::uint64_t{watch.serial} << 32 | static_cast<std::uint32_t>(watch.fd);
+  }
+
+  /// Whether there is nothing but to wait.
+  bool idle() const {
+    return ready_.empty() && !woken_ && !abandoned() && owner_->active_ &&
+           owner_->runQueue_.empty() && (end_ == kNever || now() < end_);
+  }
+
+  /// Lets a wait end when a timer runs out or the limit is reached.
+  void setAlarm() {
+    nanoseconds time = timers_.empty() ? kNever : timers_.begin()->first;
+    const nanoseconds start = timerNow();
+    if (end_ != kNever) time = std::min(time, start + (end_ - now()));
+    uv_timer_stop(&alarm_);
+    if (time == kNever) return;
+    // libuv counts whole milliseconds: the first one at which the time is over.
+    uv_update_time(&loop_);
+    const auto due = static_cast<std::uint64_t>(time / 1ms + 1);
+    const std::uint64_t delay = time <= start ? 0 : due - std::min(due, uv_now(&loop_));
+    uv_timer_start(
+        &alarm_, [](uv_timer_t* timer) { uv_stop(timer->loop); }, delay, 0);
+  }
+
+  /// One round of libuv. What has happened is ready to be told afterwards.
   void round(uv_run_mode mode) {
     KORVO_ASSERT(!inRound_, "!inRound_", kSourceFile,
                  "void Korvo::detail::Events::round(uv_run_mode)");
+    own();
     inRound_ = true;
     uv_run(&loop_, mode);
     inRound_ = false;
+
+    Timer::collect(timers_, ready_);
+    if (std::exchange(polledReady_, false)) poll();
+    // After the poll, since what comes from other threads comes before its wake().
+    posted_.collect();
+    if (stopped_.exchange(false)) owner_->active_ = false;
   }
 
-  /// Sets the timer that ends a wait at the limit; tells whether that is past.
-  bool limitReached() {
-    if (end_ == kNever) {
-      uv_timer_stop(&limitTimer_);
-      return false;
-    }
-    const Seconds left = end_ - now();
-    uv_update_time(&loop_);
-    uv_timer_start(
-        &limitTimer_, [](uv_timer_t* timer) { uv_stop(timer->loop); }, wholeMilliseconds(left), 0);
-    return left <= Seconds(0);
+  void poll();
+  Watch* watchOf(std::uint64_t key) const {
+    const auto fd = static_cast<std::uint32_t>(key);
+    Watch* watch = fd < watches_.size() ? watches_[fd] : nullptr;
+    return watch != nullptr && keyOf(*watch) == key ? watch : nullptr;
   }
 
-  void tellAll() {
-    while (!abandoned_ && ready_.next() != &ready_) {
+  /// Tells what is ready. Units that wait have their turn after a while.
+  void tell(nanoseconds begin) {
+    while (!abandoned() && owner_->active_ && !ready_.empty()) {
       Event& event = *ready_.next();
       event.withdraw();
       event.tell();
+      const nanoseconds time = now();
+      if (time >= end_) break;
+      if (!abandoned() && !owner_->runQueue_.empty() && time - begin >= kHandlersTurn) break;
     }
+    const nanoseconds end = now();
+    nextLook_ = end + std::clamp(2 * (end - begin), kUnitsShortestTurn, kUnitsLongestTurn);
   }
 
-  static constexpr Seconds kNever{std::numeric_limits<double>::infinity()};
+  // --- After a fork
 
+  /// Whether what is polled is the parent's.
+  bool inherited() const { return process_ != getpid(); }
+
+  /// Makes what is polled this process's own.
+  void own() {
+    if (!inherited()) return;
+    forkLoop();
+    repoll();
+    process_ = getpid();
+  }
+  void forkLoop() {
+    const StandardNumbersTaken taken;
+    check(uv_loop_fork(&loop_), "uv_loop_fork");
+  }
+
+  /// Polls what is watched with a descriptor that was made anew, under the number of the old one.
+  void repoll();
+
+  static OwnDescriptor newEpoll() { return {epoll_create1(EPOLL_CLOEXEC), "epoll_create1"}; }
+  /// Polls one of the two descriptors that become ready once more without having been read from.
+  void pollCounter(std::uint64_t key, int fd) {
+    epoll_event event{EPOLLIN | EPOLLET, {.u64 = key}};
+    if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) != 0) check(-errno, "epoll_ctl");
+  }
+  /// Has libuv wait for what is polled.
+  void startPoll() {
+    uv_poll_start(&poll_, UV_READABLE, [](uv_poll_t* handle, int, int) {
+      static_cast<Events*>(handle->data)->polledReady_ = true;
+    });
+  }
+
+  EventLoop* owner_;
+  std::atomic<pid_t> process_ = getpid();
+  OwnDescriptor epoll_;
+  OwnDescriptor wake_;
   uv_loop_t loop_;
-  uv_async_t wake_;
-  uv_timer_t limitTimer_;
+  uv_poll_t poll_;
+  uv_timer_t alarm_;
+  uv_prepare_t beforeWait_;
+
   EventList ready_;
-  Seconds end_ = kNever;
-  std::uint64_t lastLook_ = 0;
+  PostedWork posted_{ready_};
+  Timers timers_;
+  std::vector<Watch*> watches_;  // under the numbers of their descriptors
+  std::uint32_t lastSerial_ = 0;
+  std::list<SignalWatch> signals_;
+
+  nanoseconds end_ = kNever;
+  nanoseconds nextLook_{};
+  std::atomic<bool> stopped_ = false;
   bool inRound_ = false;
+  bool polledReady_ = false;
   bool woken_ = false;
-  bool abandoned_ = false;
 };
+
+// ---------------------------------------------------------------------------------------------
+// Descriptors
+
+void detail::Events::begin(Watch& watch, int fd) {
+  const auto refuse = [fd](const char* reason) {
+    throw KoInvalidArgument("Cannot watch file descriptor - (" + std::to_string(fd) +
+                            "): " + reason);
+  };
+  own();
+  const auto place = static_cast<std::size_t>(fd);
+  if (fd >= 0 && place < watches_.size() && watches_[place] != nullptr) refuse("watched already");
+
+  // Only what is wanted is polled, since failures are always told.
+  epoll_event event{};
+  OwnDescriptor standIn;
+  if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0) {
+    epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, &event);
+  } else {
+    const int error = errno;
+    struct stat status {};
+    const bool device = error == EPERM && fstat(fd, &status) == 0 && S_ISCHR(status.st_mode);
+    if (!device) refuse(uv_strerror(-error));
+    const StandardNumbersTaken taken;
+    standIn = newEventDescriptor(1);
+  }
+  if (watches_.size() <= place) watches_.resize(place + 1);
+  const int flags = fcntl(fd, F_GETFL);
+  if (fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) refuse(uv_strerror(-errno));
+
+  watch.fd = fd;
+  watch.standIn = std::move(standIn);
+  watch.serial = ++lastSerial_;
+  watches_[place] = &watch;
+}
+
+void detail::Events::end(Watch& watch) noexcept {
+  watch.readable.withdraw();
+  watch.writable.withdraw();
+  if (watch.fd == -1) return;
+  if (watch.wanted != 0 && !inherited()) {
+    epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, watch.polled(), nullptr);
+  }
+  watches_[static_cast<std::size_t>(watch.fd)] = nullptr;
+  watch.fd = -1;
+  watch.wanted = 0;
+  watch.standIn = OwnDescriptor();
+}
+
+void detail::Events::wantedIs(Watch& watch, std::uint32_t wanted) {
+  if (watch.fd == -1 || wanted == watch.wanted) return;
+  own();
+  const int change = watch.wanted == 0 ? EPOLL_CTL_ADD
+                     : wanted == 0     ? EPOLL_CTL_DEL
+                                       : EPOLL_CTL_MOD;
+  epoll_event event{wanted, {.u64 = keyOf(watch)}};
+  if (epoll_ctl(epoll_.get(), change, watch.polled(), &event) != 0 && wanted != 0) {
+    check(-errno, "epoll_ctl");
+  }
+  watch.wanted = wanted;
+  if ((wanted & EPOLLIN) == 0) watch.readable.withdraw();
+  if ((wanted & EPOLLOUT) == 0) watch.writable.withdraw();
+}
+
+void detail::Events::poll() {
+  // Descriptors that are ready take turns: the next poll begins behind those that this one found.
+  std::array<epoll_event, 256> found;
+  const int count = epoll_wait(epoll_.get(), found.data(), static_cast<int>(found.size()), 0);
+  bool stray = false;
+  for (int i = 0; i < count; ++i) {
+    const epoll_event& event = found[static_cast<std::size_t>(i)];
+    if (event.data.u64 == kWakeKey) {
+      woken_ = true;
+    } else if (event.data.u64 == kSignalKey) {
+      for (SignalWatch& signal : signals_) {
+        if (signal.came()) owner_->active_ = false;
+      }
+    } else if (Watch* watch = watchOf(event.data.u64); watch != nullptr) {
+      // After a failure neither direction blocks.
+      const bool failed = (event.events & (EPOLLERR | EPOLLHUP)) != 0;
+      const std::uint32_t ready = failed ? watch->wanted : event.events & watch->wanted;
+      if ((ready & EPOLLIN) != 0) ready_.append(watch->readable);
+      if ((ready & EPOLLOUT) != 0) ready_.append(watch->writable);
+    } else {
+      stray = true;
+    }
+  }
+  // A descriptor that was closed under its watch, and has a duplicate, can be got rid of only thus.
+  if (stray) repoll();
+}
+
+void detail::Events::repoll() {
+  const StandardNumbersTaken taken;
+  const OwnDescriptor epoll = newEpoll();
+  const OwnDescriptor wake = newEventDescriptor(0);
+  uv_poll_stop(&poll_);
+  if (dup3(epoll.get(), epoll_.get(), O_CLOEXEC) < 0) check(-errno, "dup3");
+  if (dup3(wake.get(), wake_.get(), O_CLOEXEC) < 0) check(-errno, "dup3");
+  pollCounter(kWakeKey, wake_.get());
+  if (!signals_.empty()) pollCounter(kSignalKey, SignalWatch::descriptor());
+  for (const Watch* watch : watches_) {
+    if (watch == nullptr || watch->wanted == 0) continue;
+    epoll_event event{watch->wanted, {.u64 = keyOf(*watch)}};
+    epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, watch->polled(), &event);  // fails for what was closed
+  }
+  startPoll();
+  woken_ = true;  // by what was written to the old one
+}
 
 namespace {
 
 using detail::Events;
 
-// ---------------------------------------------------------------------------------------------
-// Timers
-
-/// libuv's part of a timer, which lives until libuv has let go of it.
-class Timer : public Event {
- public:
-  Timer(Events& events, Velto::Platform::TimeoutHandler* handler)
-      : events_(events), handler_(handler) {
-    uv_timer_init(events.loop(), &handle_);
-    handle_.data = this;
-  }
-
-  void close() {
-    withdraw();
-    uv_close(base(&handle_), [](uv_handle_t* handle) { delete static_cast<Timer*>(handle->data); });
-  }
-
-  void set(std::chrono::nanoseconds delay) {
-    cancel();
-    set_ = true;
-    uv_timer_start(
-        &handle_,
-        [](uv_timer_t* handle) {
-          auto* timer = static_cast<Timer*>(handle->data);
-          timer->events_.add(*timer);
-        },
-        timeoutFor(delay), 0);
-  }
-
-  void cancel() {
-    uv_timer_stop(&handle_);
-    withdraw();
-    set_ = false;
-  }
-
-  bool pending() const { return set_; }
-
- private:
-  void tell() override {
-    set_ = false;
-    handler_->onTimeout();
-  }
-
-  /// Milliseconds from libuv's time, which stands still while units run, to the first whole
-  /// millisecond at which the delay is over.
-  std::uint64_t timeoutFor(std::chrono::nanoseconds delay) {
-    if (delay.count() <= 0) return 0;
-    const std::uint64_t due = uv_hrtime() + static_cast<std::uint64_t>(delay.count());
-    return due / 1'000'000 + 1 - uv_now(events_.loop());
-  }
-
-  Events& events_;
-  Velto::Platform::TimeoutHandler* handler_;
-  uv_timer_t handle_;
-  bool set_ = false;
-};
-
 class UvTimerControl : public Velto::Platform::TimerControl {
  public:
   UvTimerControl(const std::shared_ptr<Events>& events, Velto::Platform::TimeoutHandler* handler)
-      : events_(events), timer_(new Timer(*events, handler)) {}
-  UvTimerControl(const UvTimerControl&) = delete;
-  UvTimerControl& operator=(const UvTimerControl&) = delete;
-  ~UvTimerControl() override { timer_->close(); }
+      : events_(events), timer_(events->timers(), handler) {}
 
-  void timeoutIs(std::chrono::nanoseconds delay) override { timer_->set(delay); }
-  void cancel() override { timer_->cancel(); }
-  bool pending() const override { return timer_->pending(); }
+  void timeoutIs(nanoseconds delay) override { timer_.set(delay); }
+  void cancel() override { timer_.cancel(); }
+  bool pending() const override { return timer_.pending(); }
 
  private:
   std::shared_ptr<Events> events_;
-  Timer* timer_;
-};
-
-// ---------------------------------------------------------------------------------------------
-// File descriptors
-
-using Velto::Platform::FdEventHandler;
-
-/// One of the two things that a descriptor can be ready for.
-class Readiness : public Event {
- public:
-  Readiness(FdEventHandler* handler, void (FdEventHandler::*told)())
-      : handler_(handler), told_(told) {}
-
-  bool wanted() const { return wanted_; }
-  void wantedIs(bool wanted) {
-    wanted_ = wanted;
-    if (!wanted) withdraw();
-  }
-
- private:
-  void tell() override { (handler_->*told_)(); }
-
-  FdEventHandler* handler_;
-  void (FdEventHandler::*told_)();
-  bool wanted_ = false;
-};
-
-/// libuv's part of a watch, which lives until libuv has let go of it.
-class Watch {
- public:
-  Watch(Events& events, FdEventHandler* handler, int fd)
-      : fd_(fd),
-        events_(events),
-        readable_(handler, &FdEventHandler::onReadable),
-        writable_(handler, &FdEventHandler::onWritable) {
-    if (events_.watched.contains(fd)) refuse("watched already");
-    const int result = uv_poll_init(events.loop(), &handle_, fd);
-    if (result < 0) refuse(uv_strerror(result));
-    handle_.data = this;
-  }
-  Watch(const Watch&) = delete;
-  Watch& operator=(const Watch&) = delete;
-
-  void close() {
-    readable_.withdraw();
-    writable_.withdraw();
-    events_.watched.erase(fd_);
-    uv_close(base(&handle_), [](uv_handle_t* handle) { delete static_cast<Watch*>(handle->data); });
-  }
-
-  int fd() const { return fd_; }
-  const Readiness& readable() const { return readable_; }
-  const Readiness& writable() const { return writable_; }
-  void readableWantedIs(bool wanted) {
-    readable_.wantedIs(wanted);
-    start();
-  }
-  void writableWantedIs(bool wanted) {
-    writable_.wantedIs(wanted);
-    start();
-  }
-
- private:
-  [[noreturn]] void refuse(const std::string& reason) const {
-    throw KoInvalidArgument("Cannot watch file descriptor - (" + std::to_string(fd_) +
-                            "): " + reason);
-  }
-
-  void start() {
-    const int wanted =
-        (readable_.wanted() ? UV_READABLE : 0) | (writable_.wanted() ? UV_WRITABLE : 0);
-    if (wanted == 0) {
-      uv_poll_stop(&handle_);
-    } else {
-      uv_poll_start(&handle_, wanted, [](uv_poll_t* handle, int status, int events) {
-        static_cast<Watch*>(handle->data)->ready(status, events);
-      });
-    }
-  }
-
-  void ready(int status, int ready) {
-    if (status < 0) {
-      // libuv has stopped the watch. Reading and writing give the error, so that both are ready.
-      ready = UV_READABLE | UV_WRITABLE;
-      start();
-    }
-    if ((ready & UV_READABLE) != 0 && readable_.wanted()) events_.add(readable_);
-    if ((ready & UV_WRITABLE) != 0 && writable_.wanted()) events_.add(writable_);
-  }
-
-  int fd_;
-  Events& events_;
-  Readiness readable_;
-  Readiness writable_;
-  uv_poll_t handle_;
+  Timer timer_;
 };
 
 class UvFdControl : public Velto::Platform::FdControl {
  public:
   UvFdControl(std::shared_ptr<Events> events, FdEventHandler* handler)
-      : events_(std::move(events)), handler_(handler) {}
+      : events_(std::move(events)), watch_(handler) {}
   UvFdControl(const UvFdControl&) = delete;
   UvFdControl& operator=(const UvFdControl&) = delete;
-  ~UvFdControl() override { close(); }
+  ~UvFdControl() override { events_->end(watch_); }
 
   void fdIs(int fd) override {
-    close();
-    if (fd == -1) return;
-    auto watch = std::make_unique<Watch>(*events_, handler_, fd);
-    events_->watched.insert(fd);
-    watch_ = watch.release();
+    events_->end(watch_);
+    if (fd != -1) events_->begin(watch_, fd);
   }
-  int fd() const override { return watch_ == nullptr ? -1 : watch_->fd(); }
+  int fd() const override { return watch_.fd; }
 
-  void readableWantedIs(bool wanted) override {
-    if (watch_ != nullptr) watch_->readableWantedIs(wanted);
-  }
-  bool readableWanted() const override { return watch_ != nullptr && watch_->readable().wanted(); }
-  void writableWantedIs(bool wanted) override {
-    if (watch_ != nullptr) watch_->writableWantedIs(wanted);
-  }
-  bool writableWanted() const override { return watch_ != nullptr && watch_->writable().wanted(); }
+  void readableWantedIs(bool wanted) override { wantedIs(EPOLLIN, wanted); }
+  bool readableWanted() const override { return (watch_.wanted & EPOLLIN) != 0; }
+  void writableWantedIs(bool wanted) override { wantedIs(EPOLLOUT, wanted); }
+  bool writableWanted() const override { return (watch_.wanted & EPOLLOUT) != 0; }
 
  private:
-  void close() {
-    if (watch_ != nullptr) std::exchange(watch_, nullptr)->close();
+  void wantedIs(std::uint32_t direction, bool wanted) {
+    events_->wantedIs(watch_, wanted ? watch_.wanted | direction : watch_.wanted & ~direction);
   }
 
   std::shared_ptr<Events> events_;
-  FdEventHandler* handler_;
-  Watch* watch_ = nullptr;
+  Watch watch_;
 };
 
 }  // namespace
@@ -429,7 +651,7 @@ class UvFdControl : public Velto::Platform::FdControl {
 // The scheduler. Handlers may destroy it: after they were told, only the shared events are touched.
 
 EventLoop::EventLoop(const std::string& name)
-    : Scheduler(name), events_(std::make_shared<Events>()) {}
+    : Scheduler(name), events_(std::make_shared<Events>(*this)) {}
 
 EventLoop::~EventLoop() {
   events_->abandon();
@@ -438,21 +660,15 @@ EventLoop::~EventLoop() {
 void EventLoop::run(int count, double timeLimit, bool exitOnQuiescence) {
   const std::shared_ptr<Events> events = events_;
   const Events::Limit limit(*events, timeLimit);
-  if (active_) events->look();  // a host that runs it in slices waits for events, too
-  if (events->abandoned()) return;
-  runLoop(count, timeLimit, exitOnQuiescence, [](Scheduler& scheduler) {
-    std::shared_ptr<Events>(static_cast<EventLoop&>(scheduler).events_)->lookIfDue();
-  });
+  events->lookIsDue();  // a host that runs it in slices waits for events, too
+  runLoop(count, timeLimit, exitOnQuiescence,
+          [](Scheduler& scheduler) { static_cast<EventLoop&>(scheduler).events_->lookIfDue(); });
 }
 
 int EventLoop::pauseScheduler(timespec*) {
   const std::shared_ptr<Events> events = events_;
   events->wait();
   return 0;
-}
-
-void EventLoop::triggerScheduler() {
-  events_->stop();
 }
 
 Velto::Platform::TimerControl* EventLoop::getTimerControl(
@@ -462,6 +678,19 @@ Velto::Platform::TimerControl* EventLoop::getTimerControl(
 
 Velto::Platform::FdControl* EventLoop::getFdControl(Velto::Platform::FdEventHandler* handler) {
   return new UvFdControl(events_, handler);
+}
+
+void EventLoop::post(std::function<void()> work) {
+  if (!work) throw KoInvalidArgument("Cannot post work - (none)");
+  events_->post(std::move(work));
+}
+
+void EventLoop::stop() {
+  events_->stop();
+}
+
+void EventLoop::stopOnSignals(std::initializer_list<int> signals) {
+  events_->stopOnSignals(signals);
 }
 
 void EventLoop::wake() {

@@ -1,3 +1,5 @@
+#include "hexDigits.h"
+
 #include <Korvo/KoStrUtils.h>
 #include <Korvo/assertion.h>
 #include <Korvo/bytes.h>
@@ -14,6 +16,7 @@
 #include <exception>
 #include <functional>
 #include <limits>
+#include <new>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -46,8 +49,8 @@ constexpr std::size_t firstMatch(Block matched) {
 // ---------------------------------------------------------------------------------------------
 // Escaping
 
-/// How many bytes satisfy the predicate. The inner loop has a fixed length and a narrow counter, so
-/// that compilers turn it into vector instructions.
+/// How many bytes satisfy the predicate, which is told where they stand. The inner loop has a fixed
+/// length and a narrow counter, so that compilers turn it into vector instructions.
 template <typename Predicate>
 std::size_t countBytes(std::string_view text, Predicate predicate) {
   constexpr std::size_t stretch = 128;
@@ -55,12 +58,12 @@ std::size_t countBytes(std::string_view text, Predicate predicate) {
   while (text.size() >= stretch) {
     unsigned char inStretch = 0;
     for (std::size_t i = 0; i < stretch; ++i) {
-      inStretch = static_cast<unsigned char>(inStretch + predicate(text[i]));
+      inStretch = static_cast<unsigned char>(inStretch + predicate(&text[i]));
     }
     count += inStretch;
     text.remove_prefix(stretch);
   }
-  for (const char c : text) count += static_cast<std::size_t>(predicate(c));
+  for (const char& c : text) count += static_cast<std::size_t>(predicate(&c));
   return count;
 }
 
@@ -88,7 +91,9 @@ struct EscapeTable {
 std::string escaped(const std::string& text, const EscapeTable& table, std::size_t escapes) {
   if (escapes == 0) return text;
   // One more, since two bytes are stored even where only the first one stays.
-  std::string result(text.size() + escapes + 1, '\0');
+  const std::size_t size = text.size() + escapes + 1;
+  if (size > text.max_size()) throw std::bad_alloc();
+  std::string result(size, '\0');
   char* out = result.data();
   for (const char c : text) {
     const auto b = static_cast<unsigned char>(c);
@@ -121,8 +126,21 @@ bool isElementOf(const std::vector<std::string>& out, const std::string& text) {
 /// Makes room for `count` more elements, growing at least to twice the size, so that many small
 /// additions stay cheap.
 void makeRoom(std::vector<std::string>& out, std::size_t count) {
+  if (count > out.max_size() - out.size()) throw std::bad_alloc();
   const std::size_t needed = out.size() + count;
-  if (needed > out.capacity()) out.reserve(std::max(needed, 2 * out.capacity()));
+  if (needed > out.capacity()) {
+    out.reserve(std::max(needed, std::min(2 * out.capacity(), out.max_size())));
+  }
+}
+
+/// How many pieces appendPieces makes of a text that is not empty.
+std::size_t countPieces(std::string_view text, char delim, bool skipEmpty) {
+  const bool startsWithPiece = !skipEmpty || text.front() != delim;
+  text.remove_prefix(1);
+  return static_cast<std::size_t>(startsWithPiece) +
+         countBytes(text, [delim, skipEmpty](const char* c) -> bool {
+           return (c[-1] == delim) & (!skipEmpty | (*c != delim));
+         });
 }
 
 /// Appends the pieces of the text: a delimiter ends a piece, and what follows the last one is a
@@ -134,7 +152,7 @@ void appendPieces(std::string_view text, char delim, bool skipEmpty,
   constexpr std::size_t shortPiece = 15;
 
   if (text.empty()) return;
-  makeRoom(out, countBytes(text, [delim](char c) { return c == delim; }) + 1);
+  makeRoom(out, countPieces(text, delim, skipEmpty));
   const std::size_t before = out.size();
   try {
     while (!text.empty()) {
@@ -257,111 +275,35 @@ struct LastWords {
   std::size_t count = 0;
 };
 
-constexpr auto hexDigits = [] {
-  std::array<std::array<char, 2>, 256> table = {};
-  for (std::size_t b = 0; b < 256; ++b) {
-    table[b] = {"0123456789abcdef"[b >> 4], "0123456789abcdef"[b & 0xf]};
-  }
-  return table;
-}();
-
-// ---------------------------------------------------------------------------------------------
-// Letter case
-
-/// tolower in the present C locale. The C++ library hides the C library's inline form of it, which
-/// reads the table that is looked up here once and not for every byte.
-class LowerCase {
- public:
-#ifdef __GLIBC__
-  int operator()(char c) const {
-    return table_[static_cast<unsigned char>(c)];
-  }
-
- private:
-  const std::int32_t* table_ = *__ctype_tolower_loc();
-#else
-  int operator()(char c) const {
-    return std::tolower(static_cast<unsigned char>(c));
-  }
-#endif
-};
-
-/// Whether the locale takes the letters of ASCII for pairs, as all but a few do.
-bool pairsAsciiLetters(const LowerCase& lower) {
-  int differences = 0;
-  for (int i = 0; i < 26; ++i) {
-    differences |= lower(static_cast<char>('A' + i)) ^ lower(static_cast<char>('a' + i));
-  }
-  return differences == 0;
+/// Where the last occurrence of `tail` begins; npos if there is none. Unlike rfind, the search
+/// takes time in proportion to the texts even where every place nearly matches. It goes forward
+/// only, hence over reversed texts.
+std::size_t findLast(const std::string& text, const std::string& tail) {
+  const std::string reversed(text.rbegin(), text.rend());
+  const std::string sought(tail.rbegin(), tail.rend());
+  const void* const found =
+      ::memmem(reversed.data(), reversed.size(), sought.data(), sought.size());
+  if (found == nullptr) return text.npos;
+  const auto behind = static_cast<const char*>(found) - reversed.data();
+  return text.size() - tail.size() - static_cast<std::size_t>(behind);
 }
 
-/// Sixteen bytes at a time: in one register where the processor has such, otherwise in pieces.
-using Stretch [[gnu::vector_size(16)]] = unsigned char;
-constexpr std::size_t caseStretch = sizeof(Stretch);
-
-bool isZero(const Stretch& bits) {
-  using Halves [[gnu::vector_size(16)]] = Block;
-  const auto halves = reinterpret_cast<Halves>(bits);
-  return (halves[0] | halves[1]) == 0;
-}
-
-/// Adds the bits in which stretches of two texts differ to `differences`, and those that are not
-/// the case of an ASCII letter to `others`.
-void addDifferences(const char* a, const char* b, Stretch& differences, Stretch& others) {
-  // Loaded in place: how such values are passed depends on the registers that there are.
-  Stretch bytes;
-  Stretch otherBytes;
-  std::memcpy(&bytes, a, sizeof bytes);
-  std::memcpy(&otherBytes, b, sizeof otherBytes);
-  const Stretch letters = (bytes | 0x20) - 'a';
-  const Stretch caseBits = (letters < 26) & 0x20;
-  const Stretch different = bytes ^ otherBytes;
-  differences |= different;
-  others |= different & ~caseBits;
-}
-
-/// Whether the next `count` stretches of two texts are equal but for the case of ASCII letters.
-template <std::size_t count>
-bool equalByAsciiPairs(const char* a, const char* b, Stretch& differences) {
-  Stretch others = {};
-  for (std::size_t i = 0; i < count; ++i) {
-    addDifferences(a + i * caseStretch, b + i * caseStretch, differences, others);
-  }
-  return isZero(others);
-}
-
-/// How many of the first bytes are equal but for the case of ASCII letters, in whole stretches or
-/// all of them. Texts shorter than a stretch are not looked at.
-std::size_t equalByAsciiPairs(const char* a, const char* b, std::size_t size,
-                              Stretch& differences) {
-  if (size < caseStretch) return 0;
-  std::size_t at = 0;
-  for (; size - at > 4 * caseStretch; at += 4 * caseStretch) {
-    if (!equalByAsciiPairs<4>(a + at, b + at, differences)) break;
-  }
-  for (; at < size - caseStretch; at += caseStretch) {
-    if (!equalByAsciiPairs<1>(a + at, b + at, differences)) return at;
-  }
-  // The last stretch reaches back into the one before.
-  const std::size_t last = size - caseStretch;
-  return equalByAsciiPairs<1>(a + last, b + last, differences) ? size : last;
+bool equalInAnyCase(std::string_view a, std::string_view b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](unsigned char x, unsigned char y) {
+    return std::tolower(x) == std::tolower(y);
+  });
 }
 
 std::string beforeLastSemicolon(std::string_view word) {
   return std::string(word.substr(0, word.rfind(';')));
 }
 
-/// Whether the word is the keyword, in any letter case.
-bool isKeyword(std::string_view word, std::string_view keyword) {
-  return KoStrUtils::iequals(std::string(word), std::string(keyword));
-}
-
 }  // namespace
 
 std::string escapeString(const std::string& text) {
   static constexpr EscapeTable table("\n\t\"\\", "nt\"\\");
-  return escaped(text, table, countBytes(text, [](char c) -> bool {
-                   return (c == '\n') | (c == '\t') | (c == '"') | (c == '\\');
+  return escaped(text, table, countBytes(text, [](const char* c) -> bool {
+                   return (*c == '\n') | (*c == '\t') | (*c == '"') | (*c == '\\');
                  }));
 }
 
@@ -447,16 +389,17 @@ std::string KoStrUtils::canonicalize(const std::string& text) {
 
 std::string KoStrUtils::extractQueryName(const std::string& text) {
   const LastWords words(text);
-  if (words.count < 2 || !isKeyword(words.word[1], "named")) return {};
+  if (words.count < 2 || !equalInAnyCase(words.word[1], "named")) return {};
   return beforeLastSemicolon(words.word[0]);
 }
 
 std::string KoStrUtils::extractOutputType(const std::string& text) {
   const LastWords words(text);
-  if (words.count >= 2 && isKeyword(words.word[1], "into")) {
+  if (words.count >= 2 && equalInAnyCase(words.word[1], "into")) {
     return beforeLastSemicolon(words.word[0]);
   }
-  KORVO_ASSERT(words.count >= 4 && isKeyword(words.word[3], "into"), "false", "src/KoStrUtils.cpp",
+  KORVO_ASSERT(words.count >= 4 && equalInAnyCase(words.word[3], "into"), "false",
+               "src/KoStrUtils.cpp",
                "static std::string Korvo::KoStrUtils::extractOutputType(const string&)");
   return std::string(words.word[2]);
 }
@@ -485,7 +428,7 @@ std::string KoStrUtils::trim(const std::string& text) {
 
 std::string KoStrUtils::escapeString(const std::string& text) {
   static constexpr EscapeTable table("\"", "\"");
-  return escaped(text, table, countBytes(text, [](char c) { return c == '"'; }));
+  return escaped(text, table, countBytes(text, [](const char* c) { return *c == '"'; }));
 }
 
 std::string KoStrUtils::replaceCtrl(const std::string& text) {
@@ -513,11 +456,11 @@ void KoStrUtils::addTrailingSlash(std::string& path) {
 }
 
 std::string KoStrUtils::dropTail(const std::string& text, const std::string& tail) {
-  return text.substr(0, text.rfind(tail));
+  return text.substr(0, findLast(text, tail));
 }
 
 std::string KoStrUtils::keepTail(const std::string& text, const std::string& tail) {
-  const std::size_t found = text.rfind(tail);
+  const std::size_t found = findLast(text, tail);
   return found == text.npos ? text : text.substr(found + tail.size());
 }
 
@@ -534,17 +477,7 @@ double KoStrUtils::stoDouble(const std::string& text) {
 }
 
 bool KoStrUtils::iequals(const std::string& a, const std::string& b) {
-  if (a.size() != b.size()) return false;
-  Stretch differences = {};
-  std::size_t at = equalByAsciiPairs(a.data(), b.data(), a.size(), differences);
-  // The same bytes are equal in every locale.
-  if (at == a.size() && isZero(differences)) return true;
-  const LowerCase lower;
-  if (at != 0 && !pairsAsciiLetters(lower)) at = 0;
-  for (; at < a.size(); ++at) {
-    if (lower(a[at]) != lower(b[at])) return false;
-  }
-  return true;
+  return equalInAnyCase(a, b);
 }
 
 std::string KoStrUtils::sha1(const std::string& data) {
@@ -553,7 +486,8 @@ std::string KoStrUtils::sha1(const std::string& data) {
     throw std::runtime_error("SHA-1 is not available from the cryptographic library");
   }
   char text[2 * sizeof digest];
-  for (std::size_t i = 0; i < sizeof digest; ++i) storeField(text + 2 * i, hexDigits[digest[i]]);
+  char* to = text;
+  for (const unsigned char byte : digest) to = detail::writeHex(to, byte);
   return {text, sizeof text};
 }
 

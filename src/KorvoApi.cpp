@@ -2,6 +2,8 @@
 #include <Korvo/assertion.h>
 
 #include <deque>
+#include <functional>
+#include <memory>
 #include <string_view>
 #include <unordered_set>
 #include <utility>
@@ -16,12 +18,15 @@ constexpr const char* kSourceFile = "src/KorvoApi.cpp";
 // State. Built on first use and never destroyed, so that static objects of other sources can use
 // it in their constructors and destructors.
 
+using RowOpsFactory = std::function<KoPtr<RowOpsBase>(const std::string&, unsigned char)>;
+
 struct Registry {
   std::string _sysname_;
   /// Not a vector: a callback may register another while it runs, and has to stay where it is.
   std::deque<std::function<void(std::string, std::string)>> callbacks;
   bool isolated = false;
-  std::function<KoPtr<RowOpsBase>(const std::string&, unsigned char)> rowOpsFactory_;
+  /// Null if there is none. Shared with the calls under way: a factory may install its successor.
+  std::shared_ptr<const RowOpsFactory> rowOpsFactory_;
 };
 
 Registry& registry() {
@@ -107,14 +112,16 @@ bool requireSysnameChangeNotifications() {
 // Row operations
 
 RowOps_p_t getRowOps(const std::string& tableName, std::uint8_t selector) {
-  const auto& factory = registry().rowOpsFactory_;
+  const std::shared_ptr<const RowOpsFactory> factory = registry().rowOpsFactory_;
   KORVO_ASSERT(factory != nullptr, "rowOpsFactory_ != __null", kSourceFile,
                "Korvo::RowOps_p_t Korvo::getRowOps(const string&, uint8_t)");
-  return factory(tableName, selector);
+  return (*factory)(tableName, selector);
 }
 
-void rowOpsFactoryIs(std::function<KoPtr<RowOpsBase>(const std::string&, unsigned char)> factory) {
-  registry().rowOpsFactory_.swap(factory);  // the old one ends with the call, after the change
+void rowOpsFactoryIs(RowOpsFactory factory) {
+  std::shared_ptr<const RowOpsFactory> stored;
+  if (factory != nullptr) stored = std::make_shared<const RowOpsFactory>(std::move(factory));
+  registry().rowOpsFactory_.swap(stored);  // the old one ends with the call, after the change
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -10,8 +10,11 @@
 #include <cstdlib>
 #include <limits>
 #include <locale>
+#include <memory>
 #include <new>
+#include <optional>
 #include <sstream>
+#include <utility>
 
 #include "DestructionWatch.h"
 
@@ -33,18 +36,20 @@ constexpr unsigned int kRequestLevel = 8;
 constexpr unsigned int kQueueLevel = 9;
 
 /// A trace for which there is no memory is left out: tracing changes nothing of what is traced.
+/// What the channel throws is its own affair, and comes out.
 template <typename Print>
 [[gnu::noinline, gnu::cold]] void sendTrace(Velto::DebugChannel& channel, unsigned int level,
                                             unsigned int line, const char* function, Print print) {
+  std::optional<std::ostringstream> text;
   try {
-    std::ostringstream text;
-    text.imbue(std::locale::classic());
-    text.precision(12);
-    print(text);
-    if (text.good()) channel.trace(text, level, kSourceFile, line, function);
+    text.emplace();
+    text->imbue(std::locale::classic());
+    text->precision(12);
+    print(*text);
   } catch (const std::bad_alloc&) {
     return;
   }
+  if (text->good()) channel.trace(*text, level, kSourceFile, line, function);
 }
 
 /// Sends what `print` writes if the level is on; nothing is built otherwise.
@@ -130,30 +135,6 @@ long pauseNanoseconds(float pauseTime) {
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
-// The map of entries
-
-void detail::EntryMap::clear() noexcept {
-  while (waiting_ != &end_) erase(waiting_);
-  for (RunnableEntry*& bucket : buckets_) {
-    while (bucket != &end_) erase(bucket);
-  }
-}
-
-void detail::EntryMap::distribute(RunnableEntry* list) const noexcept {
-  while (list != &end_) {
-    RunnableEntry* entry = std::exchange(list, list->nextInBucket_);
-    link(entry, buckets_[bucketOf(entry->key_)]);
-  }
-}
-
-void detail::EntryMap::grow() {
-  std::vector<RunnableEntry*> old(buckets_.size() * 2, &end_);
-  old.swap(buckets_);
-  --shift_;
-  for (RunnableEntry* list : old) distribute(list);
-}
-
-// ---------------------------------------------------------------------------------------------
 // Schedulable
 
 Schedulable::Schedulable(const std::string& name, const KoPtr<Scheduler>& scheduler,
@@ -162,6 +143,7 @@ Schedulable::Schedulable(const std::string& name, const KoPtr<Scheduler>& schedu
 
 Schedulable& Schedulable::operator=(const Schedulable& other) {
   if (&other == this) return *this;
+  if (entry_ != nullptr && scheduler_ != nullptr) mayLeavePlaceIn(*scheduler_);
   name_ = other.name_;
   schedulingEnabled_ = other.schedulingEnabled_;
   scheduler_ = other.scheduler_;
@@ -177,36 +159,29 @@ Schedulable& Schedulable::operator=(const Schedulable& other) {
 
 Schedulable::~Schedulable() {
   detail::DestructionWatch::notify(watches_);
+  const bool queued = entry_ != nullptr && scheduler_ != nullptr;
   Schedulable::cleanup();
-  while (places_ != nullptr) {
-    Scheduler* scheduler = places_->scheduler_;
-    withdrawFrom(places_);
-    scheduler->unschedule(this);
+  if (queued) scheduler_->entries_.erase(this);  // an overridden unschedule() may keep it
+  for (const std::shared_ptr<Scheduler*>& scheduler : leftBehindIn_) {
+    if (*scheduler != nullptr) (*scheduler)->withdraw(this);
   }
 }
 
 void Schedulable::cleanup() {
   if (entry_ == nullptr) return;
-  withdrawFrom(std::exchange(entry_, nullptr));
+  entry_->unit = nullptr;
+  entry_->valid = false;
+  entry_ = nullptr;
   if (scheduler_ != nullptr) scheduler_->unschedule(this);
 }
 
-void Schedulable::addPlace(RunnableEntry* entry) noexcept {
-  entry->nextOfUnit_ = places_;
-  places_ = entry;
-}
-
-void Schedulable::removePlace(RunnableEntry* entry) noexcept {
-  RunnableEntry** link = &places_;
-  while (*link != nullptr && *link != entry) link = &(*link)->nextOfUnit_;
-  if (*link != nullptr) *link = entry->nextOfUnit_;
-}
-
-void Schedulable::withdrawFrom(RunnableEntry* entry) noexcept {
-  removePlace(entry);
-  entry->unit = nullptr;
-  entry->valid = false;
-  entry->scheduler_->withdrawn_ = entry;
+void Schedulable::mayLeavePlaceIn(Scheduler& scheduler) {
+  if (scheduler.self_ == nullptr) scheduler.self_ = std::make_shared<Scheduler*>(&scheduler);
+  std::erase_if(leftBehindIn_, [](const auto& left) { return *left == nullptr; });
+  if (std::find(leftBehindIn_.begin(), leftBehindIn_.end(), scheduler.self_) ==
+      leftBehindIn_.end()) {
+    leftBehindIn_.push_back(scheduler.self_);
+  }
 }
 
 void Schedulable::clearScheduler() {
@@ -222,13 +197,13 @@ void Schedulable::clientReadyIs(bool ready) {
   if (ready == clientReady_) return;
   clientReady_ = ready;
   onClientReady();
-  if (!ready) return;
-  try {
-    _considerRunnability();
-  } catch (detail::NotQueued& failure) {
-    failure.takeBack(this, clientReady_);
-    throw;
-  }
+  if (ready) askForPlace(&clientReady_);
+}
+
+/// Undoes the change that asked for a place which could not be made.
+void Schedulable::takeBack(bool& changedFlag) {
+  changedFlag = false;
+  if (&changedFlag == &clientReady_) onClientReady();
 }
 
 void Schedulable::onClientReady() {}
@@ -269,103 +244,115 @@ bool Schedulable::shouldYield() const {
 // ---------------------------------------------------------------------------------------------
 // Scheduler: the queue
 
-Scheduler::Scheduler(const std::string& name) : name_(name) {}
+namespace {
+
+/// A queue that was longer than kShortQueue and has become kMuchLonger times as short gives memory
+/// back. Each time costs about as much as its entries have cost already.
+constexpr std::size_t kShortQueue = 32;
+constexpr std::size_t kMuchLonger = 8;
+
+}  // namespace
+
+Scheduler::Scheduler(const std::string& name) : name_(name) {
+  entries_.max_load_factor(0.5F);  // most buckets then have one unit or none, which is foreseen
+}
 
 Scheduler::~Scheduler() {
   detail::DestructionWatch::notify(watches_);
+  if (self_ != nullptr) *self_ = nullptr;
   active_ = false;
   triggerSuppressed_ = false;
   entries_.clear();
   while (!runQueue_.empty()) popUnit();
-  while (spareEntries_ != nullptr) delete takeSpare();
 }
 
 void Scheduler::triggerScheduler() {}
 
 void Scheduler::runnableIs(Schedulable* unit, bool runnable) {
-  trace(debug_, kQueueLevel, "runnableIs", [unit, runnable](std::ostream& out) {
-    out << " " << unit->name_
-        << " virtual void Korvo::Scheduler::runnableIs(Korvo::Schedulable*, bool) marking "
-        << id(unit) << " " << runnable;
-  });
-  if (!runnable) return;
-  if (!unit->schedulingEnabled_) return;
-  if (unit->scheduler_.get() != this || isQueued(unit)) {
-    trace(debug_, kQueueLevel, "runnableIs", [this, unit](std::ostream& out) {
-      out << "  not scheduled by " << id(this) << " on scheduler " << id(unit->scheduler_.get())
-          << " count: " << entries_.count(unit);
-    });
-    return;
-  }
-  trace(debug_, kQueueLevel, "runnableIs", [this](std::ostream& out) {
-    out << "  adding to runqueue (" << runQueue_.size() << " elts)";
-  });
-  const bool wake = active_ && runQueue_.empty();
+  bool* const changedFlag = std::exchange(unit->changedFlag_, nullptr);
+  bool wake = false;
   try {
-    enqueue(unit);
-  } catch (const std::bad_alloc&) {
-    throw detail::NotQueued(unit);
+    trace(debug_, kQueueLevel, "runnableIs", [unit, runnable](std::ostream& out) {
+      out << " " << unit->name_
+          << " virtual void Korvo::Scheduler::runnableIs(Korvo::Schedulable*, bool) marking "
+          << id(unit) << " " << runnable;
+    });
+    if (!runnable) return;
+    if (!unit->schedulingEnabled_) return;
+    wake = active_ && runQueue_.empty();
+    if (unit->scheduler_.get() != this || !enqueue(unit)) {
+      trace(debug_, kQueueLevel, "runnableIs", [this, unit](std::ostream& out) {
+        out << "  not scheduled by " << id(this) << " on scheduler " << id(unit->scheduler_.get())
+            << " count: " << entries_.count(unit);
+      });
+      return;
+    }
+  } catch (...) {
+    if (changedFlag != nullptr) unit->takeBack(*changedFlag);
+    throw;
   }
   if (wake && !triggerSuppressed_) triggerScheduler();
 }
 
-bool Scheduler::isQueued(const Schedulable* unit) const {
-  const RunnableEntry* place = unit->places_;  // most units have no place at all
-  while (place != nullptr && !(place->scheduler_ == this && detail::EntryMap::holds(place))) {
-    place = place->nextOfUnit_;
+/// Gives the unit a place at the back, unless it has one.
+bool Scheduler::enqueue(Schedulable* unit) {
+  const auto [place, isNew] = entries_.try_emplace(unit, nullptr);
+  if (!isNew) return false;
+  try {
+    trace(debug_, kQueueLevel, "runnableIs", [this](std::ostream& out) {
+      out << "  adding to runqueue (" << runQueue_.size() << " elts)";
+    });
+    if (unit->entry_ != nullptr || !unit->leftBehindIn_.empty()) unit->mayLeavePlaceIn(*this);
+    auto entry = std::make_unique<RunnableEntry>();
+    entry->valid = true;
+    entry->unit = unit;
+    runQueue_.push_back(entry.get());
+    unit->entry_ = place->second = entry.release();
+  } catch (...) {
+    entries_.erase(unit);
+    throw;
   }
-  return place != nullptr;
-}
-
-void Scheduler::enqueue(Schedulable* unit) {
-  // All that can fail comes first.
-  if (spareEntries_ == nullptr) keepSpare(new RunnableEntry);
-  entries_.makeRoom();
-  runQueue_.push_back(spareEntries_);
-
-  RunnableEntry* entry = takeSpare();
-  entry->valid = true;
-  entry->unit = unit;
-  entry->scheduler_ = this;
-  entries_.insert(unit, entry);
-  unit->addPlace(entry);
-  unit->entry_ = entry;
+  return true;
 }
 
 void Scheduler::unschedule(Schedulable* unit) {
-  RunnableEntry* entry = std::exchange(withdrawn_, nullptr);
-  if (entry != nullptr && detail::EntryMap::holds(entry, unit)) {
-    entries_.erase(entry);
-  } else {
-    entries_.erase(unit);
-  }
+  entries_.erase(unit);
 }
 
-Schedulable* Scheduler::popUnit() noexcept {
-  RunnableEntry* entry = runQueue_.front();
-  Schedulable* unit = entry->unit;
-  const bool valid = entry->valid;
-  if (detail::EntryMap::holds(entry)) {
-    entries_.erase(entry);  // also a dead one, which an overridden unschedule() may have kept
-  } else if (unit != nullptr) {
-    entries_.erase(unit);  // forgotten by unschedule() and queued once more since
+/// Marks dead every place that the unit has in the queue, and forgets the unit.
+void Scheduler::withdraw(Schedulable* unit) {
+  bool found = false;
+  for (RunnableEntry* entry : runQueue_) {
+    if (entry->unit != unit) continue;
+    entry->unit = nullptr;
+    entry->valid = false;
+    found = true;
   }
-  if (unit != nullptr) {
-    unit->removePlace(entry);
-    unit->entry_ = nullptr;
-  }
+  if (found) unschedule(unit);
+  entries_.erase(unit);
+}
+
+/// Takes out the front entry; gives its unit, null if that withdrew.
+Schedulable* Scheduler::popUnit() {
+  const std::unique_ptr<const RunnableEntry> entry(runQueue_.front());
+  Schedulable* const unit = entry->unit;
+  if (unit != nullptr) entries_.erase(unit);
   runQueue_.pop_front();
-  keepSpare(entry);
-  return valid ? unit : nullptr;
+  if (unit == nullptr || !entry->valid) return nullptr;
+  unit->entry_ = nullptr;
+  return unit;
 }
 
-void Scheduler::keepSpare(RunnableEntry* entry) noexcept {
-  entry->nextOfUnit_ = spareEntries_;
-  spareEntries_ = entry;
-}
-
-RunnableEntry* Scheduler::takeSpare() noexcept {
-  return std::exchange(spareEntries_, spareEntries_->nextOfUnit_);
+/// Makes the containers as small as what they hold, after they held much more.
+void Scheduler::giveBackMemory() {
+  const std::size_t longest = std::exchange(longestQueue_, runQueue_.size());
+  runQueue_.shrink_to_fit();
+  if (entries_.bucket_count() > 8 * longest) return;  // more than it grew to: reserved
+  try {
+    entries_.rehash(0);
+  } catch (const std::bad_alloc&) {
+    return;  // stays as it is
+  }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -396,10 +383,12 @@ void Scheduler::runLoop(int count, double timeLimit, bool exitOnQuiescence,
   // The seconds stay 0, on purpose: pauses of a second or more are refused by the system.
   std::timespec pause{0, pauseNanoseconds(pauseTime())};
   const std::timespec start = timeLimit > 0.0 ? readClockOrExit() : std::timespec{};
+  const detail::DestructionWatch watch(watches_);
+  if (betweenUnits != nullptr && active_) betweenUnits(*this);
+  if (watch.destroyed()) return;
   const int limit = count == -1 ? eligibleUnits() : std::max(count, 0);
   int counter = 0;
 
-  const detail::DestructionWatch watch(watches_);
   while (!watch.destroyed() && active_) {
     if (timeLimit > 0.0 && seconds(readClockOrExit()) - seconds(start) >= timeLimit) {
       trace(debug_, kQueueLevel, "run",
@@ -421,7 +410,10 @@ void Scheduler::runLoop(int count, double timeLimit, bool exitOnQuiescence,
       pauseOrExit(pause);
       continue;
     }
+    const std::size_t length = runQueue_.size();
+    longestQueue_ = std::max(longestQueue_, length);
     Schedulable* unit = popUnit();
+    if (length < longestQueue_ / kMuchLonger && longestQueue_ > kShortQueue) giveBackMemory();
     if (unit == nullptr || !eligible(*unit)) continue;
     unit->invoke(false);
     if (count != 0) ++counter;
@@ -441,10 +433,14 @@ bool Scheduler::eligible(const Schedulable& unit) {
   return unit.runnable_ && unit.clientReady_ && !unit.disabled_;
 }
 
+/// Goes through the queue: an overridden unschedule() may keep units in the map that are gone.
 int Scheduler::eligibleUnits() const {
-  return static_cast<int>(std::count_if(entries_.begin(), entries_.end(), [](const auto& element) {
-    return element.second->valid && eligible(*element.second->unit);
-  }));
+  return static_cast<int>(
+      std::count_if(runQueue_.begin(), runQueue_.end(), [this](const RunnableEntry* entry) {
+        if (!entry->valid || !eligible(*entry->unit)) return false;
+        const auto place = entries_.find(entry->unit);
+        return place != entries_.end() && place->second == entry;
+      }));
 }
 
 // ---------------------------------------------------------------------------------------------

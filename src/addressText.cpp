@@ -1,13 +1,10 @@
 #include "addressText.h"
 
+#include "hexDigits.h"
+
 #include <charconv>
 
 namespace Korvo::detail {
-namespace {
-
-constexpr char hexDigits[] = "0123456789abcdef";
-
-}  // namespace
 
 char* writeAddress(char* to, AddressFamily af, const byte_t* bytes) noexcept {
   if (af == ipv4_) {
@@ -19,8 +16,7 @@ char* writeAddress(char* to, AddressFamily af, const byte_t* bytes) noexcept {
   }
   for (int i = 0; i < 16; ++i) {
     if (i != 0 && i % 2 == 0) *to++ = ':';
-    *to++ = hexDigits[bytes[i] >> 4];
-    *to++ = hexDigits[bytes[i] & 0xF];
+    to = writeHex(to, bytes[i]);
   }
   return to;
 }

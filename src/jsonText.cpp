@@ -1,6 +1,7 @@
 #include "jsonText.h"
 
 #include "addressText.h"
+#include "hexDigits.h"
 
 #include <Korvo/bytes.h>
 
@@ -9,8 +10,6 @@
 
 namespace Korvo::detail {
 namespace {
-
-constexpr char hexDigits[] = "0123456789abcdef";
 
 /// Bytes of the UTF-8 sequence at the front of `text`, or 0 if there is none. Overlong forms,
 /// surrogates and values above U+10FFFF are none.
@@ -74,8 +73,8 @@ void JsonText::putEscaped(char c) {
       return put("\\r");
     default:
       put("\\u00");
-      put(hexDigits[c >> 4]);
-      put(hexDigits[c & 0xF]);
+      writeHex(room(2), static_cast<unsigned char>(c));
+      length_ += 2;
   }
 }
 

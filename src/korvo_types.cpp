@@ -1,13 +1,18 @@
+#include "addressText.h"
+#include "hexDigits.h"
+
 #include <Korvo/KoStrUtils.h>
 #include <Korvo/assertion.h>
 #include <Korvo/korvo_types.h>
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <locale>
 #include <ostream>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 #include <unordered_map>
 #include <utility>
 
@@ -133,13 +138,14 @@ namespace {
 
 constexpr unsigned char noDigit = 0xFF;
 
-/// The value of every character as a digit, up to base 16.
+/// The value of every character as a hexadecimal digit.
 constexpr auto digitValues = [] {
   std::array<unsigned char, 256> values{};
   values.fill(noDigit);
-  for (unsigned char i = 0; i < 10; ++i) values['0' + i] = i;
-  for (unsigned char i = 0; i < 6; ++i) {
-    values['a' + i] = values['A' + i] = static_cast<unsigned char>(10 + i);
+  for (unsigned char i = 0; i < 16; ++i) {
+    const auto digit = static_cast<unsigned char>(detail::hexDigits[i]);
+    values[digit] = i;
+    if (i >= 10) values[digit - 'a' + 'A'] = i;
   }
   return values;
 }();
@@ -148,30 +154,18 @@ unsigned int digitValue(char c) {
   return digitValues[static_cast<unsigned char>(c)];
 }
 
-bool isSpace(char c) {
-  return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
 /// What strtoul gives in the C locale with a 32-bit unsigned long, on either word size: leading
 /// white space and a sign are accepted, so is "0x" in base 16, anything may follow the digits, a
 /// negative number counts modulo 2^32, and one too large in either direction is the largest.
-std::uint32_t toUnsigned(std::string_view text, unsigned int base) {
-  const char* in = text.data();
-  const char* const end = in + text.size();
-  while (in != end && isSpace(*in)) ++in;
-  const bool isNegative = in != end && *in == '-';
-  if (in != end && (*in == '-' || *in == '+')) ++in;
-  if (base == 16 && end - in > 2 && in[0] == '0' && (in[1] == 'x' || in[1] == 'X') &&
-      digitValue(in[2]) != noDigit) {
-    in += 2;
-  }
-  std::uint64_t value = 0;
-  for (; in != end && digitValue(*in) < base; ++in) {
-    value = value * base + digitValue(*in);
-    if (value > UINT32_MAX) return UINT32_MAX;
-  }
-  const auto result = static_cast<std::uint32_t>(value);
-  return isNegative ? 0 - result : result;
+std::uint32_t toUnsigned(std::string_view text, int base) {
+  text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
+  const bool isNegative = text.starts_with('-');
+  if (isNegative || text.starts_with('+')) text.remove_prefix(1);
+  if (base == 16 && (text.starts_with("0x") || text.starts_with("0X"))) text.remove_prefix(2);
+  std::uint32_t value = 0;
+  const auto read = std::from_chars(text.data(), text.data() + text.size(), value, base);
+  if (read.ec == std::errc::result_out_of_range) return UINT32_MAX;
+  return isNegative ? 0 - value : value;
 }
 
 std::uint32_t loadBigEndian(const unsigned char* from) {
@@ -206,136 +200,60 @@ bool parseV4(std::string_view text, unsigned char (&out)[4]) {
   return true;
 }
 
-/// The groups of an IPv6 text, as one number.
-struct GroupNumber {
-  std::uint64_t high = 0;
-  std::uint64_t low = 0;
+constexpr std::size_t groupCount = 8;
 
-  void append(unsigned int group) {
-    high = high << 16 | low >> 48;
-    low = low << 16 | group;
+/// Reads a group up to the colon or the end behind it. False if it is longer than four characters.
+bool readGroup(const char*& in, const char* end, std::uint32_t& value) {
+  constexpr int maxLength = 4;
+  const char* const begin = in;
+  // Nearly every group is digits and nothing else.
+  value = 0;
+  for (int i = 0; i < maxLength && in != end; ++i, ++in) {
+    const unsigned int digit = digitValue(*in);
+    if (digit == noDigit) break;
+    value = value << 4 | digit;
   }
-
-  /// Moves the groups left by 1 to 7 places.
-  void shift(unsigned int places) {
-    if (places >= 4) {
-      high = low;
-      low = 0;
-      places -= 4;
-    }
-    if (places == 0) return;
-    high = high << 16 * places | low >> (64 - 16 * places);
-    low <<= 16 * places;
+  if (in != end && *in != ':') {
+    in = std::find(in, end, ':');
+    value = toUnsigned({begin, in}, 16);
   }
-};
-
-constexpr unsigned int groupCount = 8;
-
-/// Parses what is written as addresses usually are: groups of one to four hexadecimal digits, one
-/// "::" at most and no colon too many. False, with `out` as before, for anything else, which may
-/// still be an address. The character after the text must be readable, and neither a digit nor a
-/// colon: it stops the scan.
-bool parsePlainV6(std::string_view text, unsigned char (&out)[16]) {
-  const char* in = text.data();
-  const char* const end = in + text.size();
-  GroupNumber beforeGap;
-  GroupNumber groups;
-  unsigned int count = 0;
-  unsigned int countBeforeGap = 0;
-  bool hasGap = false;
-
-  if (in[0] == ':') {
-    if (in[1] != ':') return false;
-    hasGap = true;
-    in += 2;
-  }
-  while (!hasGap || in != end) {
-    unsigned int group = digitValue(*in);
-    if (group == noDigit) return false;
-    // Unrolled, as the branches are then foreseen group by group.
-    unsigned int digit;
-    if ((digit = digitValue(*++in)) != noDigit) {
-      group = group << 4 | digit;
-      if ((digit = digitValue(*++in)) != noDigit) {
-        group = group << 4 | digit;
-        if ((digit = digitValue(*++in)) != noDigit) {
-          group = group << 4 | digit;
-          ++in;
-        }
-      }
-    }
-    groups.append(group);
-    ++count;
-    if (*in != ':') break;
-    if (*++in != ':') {
-      if (in == end) return false;
-      continue;
-    }
-    if (hasGap) return false;
-    hasGap = true;
-    beforeGap = std::exchange(groups, {});
-    countBeforeGap = count;
-    ++in;
-  }
-  if (in != end || (hasGap ? count >= groupCount : count != groupCount)) return false;
-
-  if (countBeforeGap != 0) {
-    beforeGap.shift(groupCount - countBeforeGap);
-    groups.high |= beforeGap.high;
-    groups.low |= beforeGap.low;
-  }
-  storeField(out, __builtin_bswap64(groups.high));
-  storeField(out + 8, __builtin_bswap64(groups.low));
-  return true;
+  return in - begin <= maxLength;
 }
 
-/// Parses every text that is accepted, in one go over it: the result is that of expandV6Addr,
-/// validV6Addr and a base-16 conversion of each group. A single colon at either end does no harm
-/// but counts, like every colon, when it comes to how many zero groups "::" stands for.
-bool parseAnyV6(std::string_view text, unsigned char (&out)[16]) {
-  constexpr std::size_t maxGroupLen = 4;
-
-  std::uint32_t groups[groupCount + 2];  // and the zeros that "::" writes at the text's ends
+/// Goes over the text once: the result is that of expandV6Addr, validV6Addr and a base-16
+/// conversion of each group.
+bool parseV6(std::string_view text, unsigned char (&out)[16]) {
+  std::uint32_t groups[groupCount] = {};
   std::size_t count = 0;
-  std::size_t countBeforeGap = 0;
   std::size_t colons = 0;
   bool hasGap = false;
 
-  for (std::size_t at = 0; at < text.size();) {
-    if (text[at] != ':') {
-      const std::string_view group = text.substr(at, text.find(':', at) - at);
-      if (group.size() > maxGroupLen || count == groupCount) return false;
-      groups[count++] = toUnsigned(group, 16);
-      at += group.size();
-    } else if (text.substr(at, 2) != "::") {
-      ++colons;
-      ++at;
-    } else {
-      if (hasGap) return false;
-      hasGap = true;
-      if (at == 0) groups[count++] = 0;
-      countBeforeGap = count;
-      colons += 2;
-      at += 2;
-      if (at == text.size()) groups[count++] = 0;
+  const char* const begin = text.data();
+  const char* const end = begin + text.size();
+  for (const char* in = begin; in != end;) {
+    if (*in != ':') {
+      if (count == groupCount || !readGroup(in, end, groups[count++])) return false;
+      if (in == end) break;
     }
+    ++colons;
+    if (++in == end || *in != ':') continue;
+    if (hasGap) return false;
+    hasGap = true;
+    ++in;
+    // A zero beside it where the text begins or ends, and as many between as there are colons too
+    // few, all counted: a single one at either end as well.
+    if (in == begin + 2) ++count;
+    if (in == end) ++count;
+    colons += 1 + static_cast<std::size_t>(std::count(in, end, ':'));
+    if (colons < groupCount) count += groupCount - colons;
+    if (count > groupCount) return false;
   }
-
-  const std::size_t zeros = hasGap && colons < groupCount ? groupCount - colons : 0;
-  if (count + zeros != groupCount) return false;
-
-  std::uint32_t all[groupCount] = {};
-  std::copy(groups, groups + countBeforeGap, all);
-  std::copy(groups + countBeforeGap, groups + count, all + countBeforeGap + zeros);
+  if (count != groupCount) return false;
   for (std::size_t word = 0; word < 4; ++word) {
     // A group with a sign may be wider than 16 bits and reach into the one before it.
-    storeBigEndian(out + 4 * word, (all[2 * word] << 16) + all[2 * word + 1]);
+    storeBigEndian(out + 4 * word, (groups[2 * word] << 16) + groups[2 * word + 1]);
   }
   return true;
-}
-
-bool parseV6(std::string_view text, unsigned char (&out)[16]) {
-  return parsePlainV6(text, out) || parseAnyV6(text, out);
 }
 
 [[noreturn]] void throwInvalidAddress(std::string_view text) {
@@ -406,9 +324,7 @@ bool validV6Addr(const std::string& text) {
 
 IpAddr::IpAddr(const std::string& text) : IpAddr(parsedV4(text)) {}
 
-Ip6Addr::Ip6Addr(const std::string& text) {
-  if (!parseV6(text, bytes_)) throwInvalidAddress(text);
-}
+Ip6Addr::Ip6Addr(const std::string& text) : Ip6Addr(parsedV6(text)) {}
 
 void Ip6Addr::clearLowerAddrBits(unsigned short prefixLen, unsigned short addrLenBytes) {
   const std::size_t end = std::min<std::size_t>(addrLenBytes, sizeof bytes_);
@@ -554,33 +470,12 @@ void IpGenPrefix::afIs(AddressFamily af) {
 
 namespace {
 
-/// "0." to "255.", in four bytes each.
-constexpr auto dottedNumbers = [] {
-  std::array<std::array<char, 4>, 256> texts{};
-  for (unsigned int i = 0; i < 256; ++i) {
-    std::size_t at = 0;
-    if (i >= 100) texts[i][at++] = static_cast<char>('0' + i / 100);
-    if (i >= 10) texts[i][at++] = static_cast<char>('0' + i / 10 % 10);
-    texts[i][at++] = static_cast<char>('0' + i % 10);
-    texts[i][at] = '.';
-  }
-  return texts;
-}();
-
-constexpr std::size_t v6TextLen = 8 * 4 + 7;
-
-void composeV6(const unsigned char* bytes, const char* digits, char* out) {
-  for (int i = 0; i < 16; ++i) {
-    *out++ = digits[bytes[i] >> 4];
-    *out++ = digits[bytes[i] & 0x0F];
-    if (i % 2 == 1 && i != 15) *out++ = ':';
-  }
-}
-
-/// Whether eight insertions of a number give the plain digits, whatever else the stream's state and
-/// locale could make of them, and inserting the text instead does to the stream what they do.
+/// Whether eight insertions of a number give plain lower-case digits, whatever else the stream's
+/// state and locale could make of them, and inserting the text instead does to the stream what they
+/// do.
 bool printsPlainDigits(const std::ostream& os) {
-  constexpr auto disturbing = std::ios_base::showbase | std::ios_base::unitbuf;
+  constexpr auto disturbing =
+      std::ios_base::showbase | std::ios_base::unitbuf | std::ios_base::uppercase;
   return os.good() && os.exceptions() == std::ios_base::goodbit && os.tie() == nullptr &&
          (os.flags() & disturbing) == 0 &&
          (os.flags() & std::ios_base::adjustfield) != std::ios_base::left &&
@@ -592,29 +487,24 @@ bool printsPlainDigits(const std::ostream& os) {
 std::ostream& operator<<(std::ostream& os, const IpAddr& addr) {
   unsigned char bytes[4];
   storeField(bytes, addr.addr());
-  char text[16];
-  std::size_t length = 0;
-  for (const unsigned char byte : bytes) {
-    std::memcpy(text + length, dottedNumbers[byte].data(), 4);
-    length += byte >= 100 ? 4U : byte >= 10 ? 3U : 2U;
-  }
-  return os << std::string_view(text, length - 1);
+  char text[detail::addressTextLength];
+  const char* const end = detail::writeAddress(text, ipv4_, bytes);
+  return os << std::string_view(text, end);
 }
 
 std::ostream& operator<<(std::ostream& os, const Ip6Addr& addr) {
   // The stream's fill stays '0' and its base decimal, on purpose.
   os.fill('0');
   if (printsPlainDigits(os)) {
-    const bool isUpper = (os.flags() & std::ios_base::uppercase) != 0;
-    char text[v6TextLen];
-    composeV6(addr.bytes(), isUpper ? "0123456789ABCDEF" : "0123456789abcdef", text);
+    char text[detail::addressTextLength];
+    const char* const end = detail::writeAddress(text, ipv6_, addr.bytes());
     // The last group stands alone so that a stream that breaks ends in the same state: one that
     // broke earlier refuses this insertion and keeps its width.
-    constexpr std::size_t lastGroup = v6TextLen - 4;
+    const char* const lastGroup = end - 4;
     os.width(0);
     os << std::string_view(text, lastGroup);
     if (!os.good()) os.width(4);
-    os << std::string_view(text + lastGroup, 4);
+    os << std::string_view(lastGroup, end);
   } else {
     os.setf(std::ios_base::hex, std::ios_base::basefield);
     for (int at = 0; at < 16; at += 2) {

@@ -8,11 +8,13 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <uv.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -23,6 +25,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "event_loop_test_support.h"
 
 namespace {
 int sleeps = 0;
@@ -46,56 +50,7 @@ extern "C" int epoll_wait(int epoll, struct epoll_event* events, int most, int t
 namespace Korvo {
 namespace {
 
-using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
-using Velto::Platform::FdControl;
-using Velto::Platform::TimerControl;
-
-constexpr auto kPlenty = 20s;
-
-struct Thrown : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
-/// A handler that calls functions.
-struct OnTimeout : Velto::Platform::TimeoutHandler {
-  explicit OnTimeout(std::function<void()> function = nullptr) : told(std::move(function)) {}
-  void onTimeout() override {
-    ++count;
-    if (const auto function = told) function();  // a copy, which stays while this is destroyed
-  }
-  std::function<void()> told;
-  int count = 0;
-};
-
-struct OnFd : Velto::Platform::FdEventHandler {
-  void onReadable() override {
-    ++reads;
-    if (const auto function = readable) function();
-  }
-  void onWritable() override {
-    ++writes;
-    if (const auto function = writable) function();
-  }
-  std::function<void()> readable, writable;
-  int reads = 0;
-  int writes = 0;
-};
-
-class Unit : public Schedulable {
- public:
-  using Work = std::function<void(Unit&)>;
-  Unit(const std::string& name, const KoPtr<Scheduler>& scheduler, Work work)
-      : Schedulable(name, scheduler), work_(std::move(work)) {
-    clientReadyIs(true);
-  }
-  void run(bool) override {
-    if (const Work work = work_) work(*this);
-  }
-
- private:
-  Work work_;
-};
+using namespace eventlooptest;
 
 /// Counts its waits.
 class CountingLoop : public EventLoop {
@@ -110,30 +65,6 @@ class CountingLoop : public EventLoop {
   using Scheduler::runQueue_;
 };
 
-/// A pair of connected sockets.
-struct Sockets {
-  Sockets() {
-    int fds[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) throw Thrown("socketpair");
-    ours = fds[0];
-    theirs = fds[1];
-  }
-  ~Sockets() {
-    close(ours);
-    if (theirs != -1) close(theirs);
-  }
-  void send(const std::string& text) const {
-    ASSERT_EQ(write(theirs, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  }
-  std::string receive(std::size_t most = 1000) const {
-    std::string text(most, '\0');
-    const ssize_t length = read(ours, text.data(), most);
-    text.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
-    return text;
-  }
-  int ours, theirs;
-};
-
 class EventLoopTest : public testing::Test {
  protected:
   EventLoopTest() {
@@ -142,13 +73,9 @@ class EventLoopTest : public testing::Test {
   }
   ~EventLoopTest() override { EXPECT_EQ(sleeps, 0); }
 
-  std::unique_ptr<TimerControl> timer(OnTimeout& handler) {
-    return std::unique_ptr<TimerControl>(loop_->getTimerControl(&handler));
-  }
+  std::unique_ptr<TimerControl> timer(OnTimeout& handler) { return timerOf(*loop_, handler); }
   std::unique_ptr<FdControl> watch(OnFd& handler, int fd = -1) {
-    std::unique_ptr<FdControl> control(loop_->getFdControl(&handler));
-    if (fd != -1) control->fdIs(fd);
-    return control;
+    return watchOf(*loop_, handler, fd);
   }
   /// Runs until something stops it, which does not take for ever.
   void run() {
@@ -409,6 +336,30 @@ TEST_F(EventLoopTest, AHandlerThatWantsNoMoreIsNotTold) {
   EXPECT_EQ(handler.reads + handler.writes, 1);
 }
 
+TEST_F(EventLoopTest, OnlyTheDirectionThatIsReadyIsToldOfBothThatAreWanted) {
+  const Sockets sockets;
+  OnFd handler;
+  const auto control = watch(handler, sockets.ours);
+  control->readableWantedIs(true);
+  control->writableWantedIs(true);
+  settle();  // the input is empty
+  EXPECT_EQ(handler.reads, 0);
+  EXPECT_GT(handler.writes, 0);
+
+  const std::string block(10'000, 'x');
+  while (write(sockets.ours, block.data(), block.size()) > 0) {
+  }
+  sockets.send("y");
+  handler.reads = handler.writes = 0;
+  settle();  // the output is full
+  EXPECT_GT(handler.reads, 0);
+  EXPECT_EQ(handler.writes, 0);
+  EXPECT_EQ(sockets.receive(), "y");
+  handler.reads = 0;
+  settle();
+  EXPECT_EQ(handler.reads + handler.writes, 0);
+}
+
 TEST_F(EventLoopTest, TheEndOfTheDataIsReadable) {
   Sockets sockets;
   OnFd handler;
@@ -540,6 +491,109 @@ TEST_F(EventLoopTest, DescriptorsThatCannotBeWatchedAreRefused) {
   // The same control may be given the same descriptor once more.
   EXPECT_EQ(refusal(sockets.ours), "");
   EXPECT_FALSE(control->readableWanted());
+}
+
+TEST_F(EventLoopTest, ADeviceThatCannotBePolledIsAlwaysReady) {
+  const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  OnFd handler;
+  const auto control = watch(handler, null);
+  control->readableWantedIs(true);
+  handler.readable = [&] {
+    char byte;
+    EXPECT_EQ(read(null, &byte, 1), 0);  // the end of the data
+    if (handler.reads == 3) stop();
+  };
+  run();
+  control->readableWantedIs(false);
+  control->writableWantedIs(true);
+  settle();
+  EXPECT_EQ(handler.reads, 3);
+  EXPECT_GT(handler.writes, 0);
+  control->fdIs(-1);
+  EXPECT_EQ(control->fd(), -1);
+  handler.writes = 0;
+  settle();
+  EXPECT_EQ(handler.writes, 0);
+  close(null);
+}
+
+TEST_F(EventLoopTest, ADescriptorClosedUnderItsWatchDoesNotKeepTheLoopBusy) {
+  for (const bool reused : {false, true}) {
+    const Sockets sockets, others;
+    const int closed = dup(sockets.ours);  // the same socket twice
+    OnFd handler, other;
+    auto control = watch(handler, closed);
+    const auto witness = watch(other, others.ours);
+    control->readableWantedIs(true);
+    witness->readableWantedIs(true);
+    close(closed);
+    control.reset();
+    sockets.send("x");
+    std::unique_ptr<FdControl> next;
+    if (reused) {
+      ASSERT_EQ(dup(others.ours), closed);
+      next = watch(handler, closed);
+      next->readableWantedIs(true);
+    }
+    OnTimeout stopper([&] { stop(); });
+    const auto end = timer(stopper);
+    end->timeoutIs(50ms);
+    polls = 0;
+    run();
+    EXPECT_LE(polls, 20);
+    EXPECT_EQ(handler.reads, 0);
+    others.send("x");
+    loop_->run(0, 0.0, true);
+    EXPECT_EQ(other.reads, 1);
+    EXPECT_EQ(handler.reads, reused ? 1 : 0);
+    next.reset();
+    if (reused) close(closed);
+  }
+}
+
+TEST_F(EventLoopTest, TheWorkForManySocketsIsProportionalToTheirNumber) {
+  constexpr int kCount = 10'000;
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, kCount + 100);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0) << "the system allows too few descriptors";
+
+  int told = 0;
+  int remaining = kCount;
+  /// Reads the message that its socket has already, and lets go.
+  struct Reader : OnFd {
+    explicit Reader(const std::shared_ptr<CountingLoop>& loop)
+        : unit("reader", loop, [this](Unit&) { read(); }),
+          control(watchOf(*loop, *this, sockets.ours)) {
+      control->readableWantedIs(true);
+      sockets.send("x");
+      close(std::exchange(sockets.theirs, -1));
+    }
+    void read() {
+      EXPECT_EQ(sockets.receive(), "x");
+      control->fdIs(-1);
+      done();
+    }
+    std::function<void()> done;
+    Sockets sockets;
+    Unit unit;
+    std::unique_ptr<FdControl> control;
+  };
+  std::vector<std::unique_ptr<Reader>> readers;
+  for (int i = 0; i < kCount; ++i) {
+    readers.push_back(std::make_unique<Reader>(loop_));
+    readers.back()->readable = [&told, reader = readers.back().get()] {
+      ++told;
+      reader->unit.runnableIs(true);
+    };
+    readers.back()->done = [&] {
+      if (--remaining == 0) stop();
+    };
+  }
+  run();
+  EXPECT_EQ(remaining, 0);
+  EXPECT_LE(told, 3 * kCount);
+  EXPECT_LE(polls, kCount / 10);
 }
 
 TEST_F(EventLoopTest, AControlIsDeletedByItsHandler) {
@@ -733,6 +787,61 @@ TEST_F(EventLoopTest, ACallbackOfTheHostsOwnHandleEndsTheWaitByQueueingAUnit) {
   settle();
 }
 
+TEST_F(EventLoopTest, ACallbackOfTheHostsOwnHandleEndsTheWaitThoughTriggersAreSuppressed) {
+  loop_->triggerSuppressedIs(true);
+  // libuv calls timers back before it waits, and the others after it.
+  for (const bool byTimer : {true, false}) {
+    for (const bool stops : {false, true}) {
+      Unit unit("unit", loop_, [&](Unit&) { stop(); });
+      std::function<void()> call = [&] {
+        if (stops) {
+          stop();
+        } else {
+          unit.runnableIs(true);
+        }
+      };
+      uv_timer_t timer;
+      uv_async_t async;
+      uv_timer_init(loop_->loop(), &timer);
+      uv_async_init(loop_->loop(), &async, [](uv_async_t* handle) {
+        (*static_cast<std::function<void()>*>(handle->data))();
+      });
+      timer.data = async.data = &call;
+      if (byTimer) {
+        uv_timer_start(
+            &timer,
+            [](uv_timer_t* handle) { (*static_cast<std::function<void()>*>(handle->data))(); }, 5,
+            0);
+      } else {
+        uv_async_send(&async);
+      }
+      run();
+      EXPECT_EQ(unit.invocations(), stops ? 0U : 1U);
+      uv_close(reinterpret_cast<uv_handle_t*>(&timer), nullptr);
+      uv_close(reinterpret_cast<uv_handle_t*>(&async), nullptr);
+      settle();
+    }
+  }
+}
+
+TEST_F(EventLoopTest, ATimerOfTheHostsThatIsDueBeforeAWaitPreventsIt) {
+  loop_->triggerSuppressedIs(true);
+  Unit unit("unit", loop_, [&](Unit&) { stop(); });
+  uv_timer_t timer;
+  uv_timer_init(loop_->loop(), &timer);
+  timer.data = &unit;
+  timespec pause{};
+  OnTimeout late([] { ADD_FAILURE() << "waited although a unit was queued"; });
+  const auto end = this->timer(late);
+  end->timeoutIs(kPlenty);
+  uv_timer_start(
+      &timer, [](uv_timer_t* handle) { static_cast<Unit*>(handle->data)->runnableIs(true); }, 0, 0);
+  loop_->pauseScheduler(&pause);
+  EXPECT_NE(unit.entry(), nullptr);
+  uv_close(reinterpret_cast<uv_handle_t*>(&timer), nullptr);
+  settle();
+}
+
 TEST_F(EventLoopDeathTest, TheHostsHandlesAreClosedBeforeTheLoop) {
   const auto careless = [] {
     auto loop = std::make_unique<EventLoop>("careless");
@@ -790,6 +899,42 @@ TEST_F(EventLoopTest, WhatAHandlerThrowsBetweenUnitsLeavesTheRun) {
   control->timeoutIs(3ms);
   EXPECT_THROW(run(), Thrown);
   EXPECT_NE(busy.entry(), nullptr);
+}
+
+TEST_F(EventLoopTest, AHandlerStopsTheLoopBeforeTheNextHandler) {
+  const Sockets sockets;
+  sockets.send("x");
+  std::string told;
+  OnTimeout first([&] {
+    told += 'a';
+    stop();
+  });
+  OnTimeout second([&] {
+    told += 'b';
+    stop();
+  });
+  OnFd third;
+  third.readable = [&] {
+    told += 'c';
+    sockets.receive();
+  };
+  const auto a = timer(first);
+  const auto b = timer(second);
+  const auto c = watch(third, sockets.ours);
+  a->timeoutIs(0ns);
+  b->timeoutIs(0ns);
+  c->readableWantedIs(true);
+  loop_->run(0, 0.0, true);
+  EXPECT_EQ(told, "a");
+  EXPECT_TRUE(b->pending());
+  loop_->run(0, 0.0, true);  // inactive
+  EXPECT_EQ(told, "a");
+  loop_->activeIs(true);
+  loop_->run(0, 0.0, true);
+  EXPECT_EQ(told, "ab");
+  loop_->activeIs(true);
+  loop_->run(0, 0.0, true);
+  EXPECT_EQ(told, "abc");
 }
 
 TEST_F(EventLoopTest, ARunInsideAHandlerTellsWhatTheOuterOneFound) {

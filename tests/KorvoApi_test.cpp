@@ -330,6 +330,56 @@ TEST(KorvoApi, ASecondFactoryReplacesTheFirst) {
   });
 }
 
+TEST(KorvoApi, AFactoryMayInstallItsSuccessorWhileItRuns) {
+  inOwnProcess([] {
+    bool gone = false;
+    struct Capture {
+      ~Capture() { *gone = true; }
+      bool* gone;
+      std::string name;
+    };
+    auto capture = std::make_shared<Capture>();
+    capture->gone = &gone;
+    capture->name = "a name that is longer than a short string";
+    rowOpsFactoryIs([capture, &gone](const std::string& table, unsigned char) -> RowOps_p_t {
+      rowOpsFactoryIs([](const std::string&, unsigned char) -> RowOps_p_t {
+        return std::make_shared<RowOpsBase>("successor");
+      });
+      EXPECT_EQ(getRowOps("inner", 0)->table(), "successor");
+      EXPECT_FALSE(gone);
+      return std::make_shared<RowOpsBase>(capture->name + table);
+    });
+    capture.reset();
+    EXPECT_EQ(getRowOps("t", 0)->table(), "a name that is longer than a short stringt");
+    EXPECT_TRUE(gone);
+    EXPECT_EQ(getRowOps("t", 0)->table(), "successor");
+  });
+}
+
+TEST(KorvoApi, AFactoryMayRemoveItselfAndThrow) {
+  inOwnProcess([] {
+    const std::string captured = "a name that is longer than a short string";
+    rowOpsFactoryIs([captured](const std::string&, unsigned char) -> RowOps_p_t {
+      rowOpsFactoryIs(nullptr);
+      throw std::invalid_argument(captured);
+    });
+    EXPECT_THROW(getRowOps("t", 0), std::invalid_argument);
+    rowOpsFactoryIs([](const std::string&, unsigned char) { return nullptr; });
+    EXPECT_EQ(getRowOps("t", 0), nullptr);
+  });
+}
+
+/// What a factory counts in itself it finds again at the next call.
+TEST(KorvoApi, AFactoryKeepsItsState) {
+  inOwnProcess([] {
+    rowOpsFactoryIs([count = 0](const std::string&, unsigned char) mutable -> RowOps_p_t {
+      return std::make_shared<RowOpsBase>(std::to_string(++count));
+    });
+    EXPECT_EQ(getRowOps("t", 0)->table(), "1");
+    EXPECT_EQ(getRowOps("t", 0)->table(), "2");
+  });
+}
+
 TEST(KorvoApi, WhatTheFactoryThrowsReachesTheCaller) {
   inOwnProcess([] {
     rowOpsFactoryIs([](const std::string& table, unsigned char) -> RowOps_p_t {

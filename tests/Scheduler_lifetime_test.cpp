@@ -428,32 +428,57 @@ TEST_F(SchedulerLifetimeTest, ForgottenByUnscheduleQueuedTwiceAndDestroyed) {
   scheduler_->run(0, 0.0, true);
 }
 
-TEST_F(SchedulerLifetimeTest, AnEntryThatUnscheduleKeepsIsForgottenWhenItIsFreed) {
-  struct Keeping : OpenScheduler {
-    using OpenScheduler::OpenScheduler;
-    void unschedule(Schedulable*) override {}
-  };
-  const auto scheduler = std::make_shared<Keeping>("keeping");
-  int runs = 0;
-  const auto count = [&](Unit&) { ++runs; };
-  Unit withdrawn("a", scheduler, count);
-  withdrawn.arm();
-  withdrawn.cleanup();
-  EXPECT_TRUE(scheduler->entries_.contains(&withdrawn));
-  scheduler->run(0, 0.0, true);
-  EXPECT_TRUE(scheduler->entries_.empty());
+TEST_F(SchedulerLifetimeTest, DetachedQueuedElsewhereServedHereAndDestroyed) {
+  const auto second = std::make_shared<OpenScheduler>("second");
+  const Unit source("source", second);
+  auto unit = std::make_unique<Unit>("a", scheduler_);
+  unit->arm();
+  static_cast<Schedulable&>(*unit) = source;
+  unit->arm();
+  scheduler_->run(0, 0.0, true);
+  EXPECT_EQ(unit->invocations(), 1U);
+  EXPECT_EQ(unit->entry(), nullptr);  // of any queue
+  ASSERT_TRUE(second->runQueue_.front()->valid);
+  unit.reset();
+  EXPECT_FALSE(second->runQueue_.front()->valid);
+  EXPECT_TRUE(second->entries_.empty());
+  second->run(0, 0.0, true);
+}
 
-  Unit b("b", scheduler, count);  // takes the freed entry
-  Unit c("c", scheduler, count);
-  b.arm();
-  c.arm();
-  EXPECT_EQ(scheduler->entries_.size(), 2U);
-  EXPECT_TRUE(scheduler->entries_.contains(&b));
-  EXPECT_TRUE(scheduler->entries_.contains(&c));
-  EXPECT_FALSE(scheduler->entries_.contains(&withdrawn));
-  scheduler->run(0, 0.0, true);
-  EXPECT_EQ(runs, 2);
-  EXPECT_TRUE(scheduler->entries_.empty());
+TEST_F(SchedulerLifetimeTest, DetachedFromSchedulersThatAreGone) {
+  auto unit = std::make_unique<Unit>("a");
+  for (int i = 0; i < 100; ++i) {
+    const auto scheduler = std::make_shared<OpenScheduler>();
+    const Unit source("source", scheduler), lone("lone");
+    static_cast<Schedulable&>(*unit) = source;
+    unit->arm();
+    EXPECT_NE(unit->entry(), nullptr);
+    static_cast<Schedulable&>(*unit) = lone;
+    if (i % 2 == 0) scheduler->run(0, 0.0, true);
+  }
+  unit.reset();
+}
+
+TEST_F(SchedulerLifetimeTest, DestroyingADetachedUnitLeavesTheOthersAlone) {
+  std::vector<std::unique_ptr<Unit>> units;
+  const Unit source("source", scheduler_);
+  for (int i = 0; i < 20; ++i) {
+    units.push_back(std::make_unique<Unit>("a", scheduler_));
+    units.back()->arm();
+    if (i % 2 == 0) {
+      static_cast<Schedulable&>(*units.back()) = source;
+      units.back()->arm();  // refused: the key is there
+      EXPECT_EQ(units.back()->entry(), nullptr);
+    }
+  }
+  for (std::size_t i = 0; i < units.size(); i += 4) units[i].reset();
+  EXPECT_EQ(scheduler_->entries_.size(), 15U);
+  scheduler_->run(0, 0.0, true);
+  for (std::size_t i = 0; i < units.size(); ++i) {
+    if (units[i] != nullptr) {
+      EXPECT_EQ(units[i]->invocations(), 1U) << i;
+    }
+  }
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -492,6 +492,20 @@ TEST(AddressValueTest, Ip6Addr) {
   static_assert(std::is_trivially_copyable_v<Ip6Addr>);
 }
 
+TEST(AddressValueTest, TheFirstByteThatDiffersOrdersAddresses) {
+  std::mt19937 random(17);
+  for (int i = 0; i < 20000; ++i) {
+    StorageBytes a{};
+    for (unsigned char& byte : a) byte = static_cast<unsigned char>(random());
+    StorageBytes b = a;
+    for (auto changes = random() % 4; changes != 0; --changes) {
+      b[random() % 16] = static_cast<unsigned char>(random());
+    }
+    ASSERT_EQ(v6(a) <=> v6(b), a <=> b);
+    ASSERT_EQ(IpGenAddr(v6(a)) <=> IpGenAddr(v6(b)), a <=> b);
+  }
+}
+
 TEST(AddressValueTest, IpGenAddr) {
   EXPECT_EQ(IpGenAddr().af(), unknown_);
   EXPECT_EQ(storageOf(IpGenAddr()), StorageBytes{});

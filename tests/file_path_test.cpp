@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <ctime>
+#include <limits>
+#include <random>
 #include <string>
 
 #include "text_test_support.h"
@@ -81,6 +85,67 @@ TEST(KeepTail, KeepsWhatFollowsTheLastOccurrence) {
 TEST(DropTailAndKeepTail, FindAnEmptyTailAtTheEnd) {
   EXPECT_EQ(KoStrUtils::dropTail("abc", ""), "abc");
   EXPECT_EQ(KoStrUtils::keepTail("abc", ""), "");
+}
+
+TEST(DropTailAndKeepTail, MatchTheirSteps) {
+  const auto check = [](const std::string& text, const std::string& tail) {
+    std::string before = text;
+    std::string after = text;
+    for (std::size_t at = 0; at + tail.size() <= text.size(); ++at) {
+      if (text.compare(at, tail.size(), tail) != 0) continue;
+      before = text.substr(0, at);
+      after = text.substr(at + tail.size());
+    }
+    ASSERT_EQ(KoStrUtils::dropTail(text, tail), before) << text << ' ' << tail;
+    ASSERT_EQ(KoStrUtils::keepTail(text, tail), after) << text << ' ' << tail;
+  };
+  forEachText("ab", 7, [&](const std::string& text) {
+    forEachText("ab", 4, [&](const std::string& tail) { check(text, tail); });
+  });
+  std::mt19937 random(9);
+  forRandomTexts("", 300, 2000, [&](const std::string& text) {
+    check(text, text.substr(random() % (text.size() + 1), random() % 20));
+  });
+  forRandomTexts("aaaaaaaab", 700, 2000, [&](const std::string& text) {
+    check(text, text.substr(random() % (text.size() + 1), random() % 400));
+    check(text, std::string(random() % 30, 'a'));
+  });
+}
+
+/// The least processor time of a few runs, in seconds.
+template <typename Work>
+double secondsOf(const Work& work) {
+  double least = std::numeric_limits<double>::infinity();
+  for (int run = 0; run < 3; ++run) {
+    const std::clock_t start = std::clock();
+    work();
+    const std::clock_t end = std::clock();
+    least = std::min(least, static_cast<double>(end - start) / CLOCKS_PER_SEC);
+  }
+  return least;
+}
+
+// Texts that nearly match everywhere: eight times the text takes eight times as long, not
+// sixty-four.
+TEST(DropTailAndKeepTail, TakeTimeInProportionToTheText) {
+  const auto secondsFor = [](std::size_t size, const auto& tailOf) {
+    const std::string text(size, 'a');
+    const std::string tail = tailOf(size / 2);
+    return secondsOf([&] {
+      EXPECT_EQ(KoStrUtils::dropTail(text, tail).size(), size);
+      EXPECT_EQ(KoStrUtils::keepTail(text, tail).size(), size);
+    });
+  };
+  const auto expectLinear = [&](const auto& tailOf) {
+    constexpr std::size_t size = std::size_t{1} << 17;
+    EXPECT_LT(secondsFor(8 * size, tailOf), 20 * secondsFor(size, tailOf) + 0.05);
+  };
+  expectLinear([](std::size_t half) { return std::string(half, 'a') + 'b'; });
+  expectLinear([](std::size_t half) { return 'b' + std::string(half, 'a'); });
+  expectLinear([](std::size_t half) {
+    return std::string(half / 2, 'a') + 'b' + std::string(half / 2, 'a');
+  });
+  expectLinear([](std::size_t half) { return 'c' + std::string(half, 'a') + 'b'; });
 }
 
 }  // namespace

@@ -434,10 +434,6 @@ TEST(PublicApiTest, Units) {
   EXPECT_TRUE(unit.startTime().tv_sec == 0 && unit.deadline().tv_sec == 0);
 }
 
-TEST(PublicApiTest, EntryMaps) {
-  EXPECT_TRUE(called<detail::EntryMap>({[](detail::EntryMap& map) { map.clear(); }}));
-}
-
 /// What a scheduler on an event loop derives from.
 struct LoopedScheduler : Scheduler {
   using Scheduler::runLoop;

@@ -12,11 +12,13 @@
 
 #include <cerrno>
 #include <ctime>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 

@@ -5,9 +5,11 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <thread>
 
 // Reads a socket or a pipe in its turns, and never waits for it.
 class Reader : public Korvo::Schedulable, public Velto::Platform::FdEventHandler {
@@ -54,6 +56,24 @@ void listen(int fd) {
   loop->run();  // until the time is over
 }
 
+int answer() {
+  return 42;  // after a long time
+}
+
+void wait() {
+  Korvo::EventLoop loop("main");
+  loop.stopOnSignals({SIGINT, SIGTERM});
+  std::thread worker([&loop] {
+    const int found = answer();
+    loop.post([&loop, found] {  // runs on the loop's thread
+      std::cout << "found " << found << '\n';
+      loop.activeIs(false);
+    });
+  });
+  loop.run();  // until the answer is there, or the process is asked to end
+  worker.join();
+}
+
 }  // namespace
 
 int main() {
@@ -62,4 +82,5 @@ int main() {
   close(ends[1]);
   listen(ends[0]);
   close(ends[0]);
+  wait();
 }

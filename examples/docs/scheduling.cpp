@@ -2,7 +2,10 @@
 
 #include <Korvo/Scheduler.h>
 
+#include <cstddef>
 #include <iostream>
+#include <memory>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -30,6 +33,22 @@ class Failing : public Korvo::Schedulable {
  public:
   using Schedulable::Schedulable;
   void run(bool) override { throw std::runtime_error("no connection"); }
+};
+
+// Urgent units go to the front.
+class Priorities : public Korvo::Scheduler {
+ public:
+  using Scheduler::Scheduler;
+
+  void runnableIs(Korvo::Schedulable* unit, bool runnable) override {
+    const std::size_t before = runQueue_.size();
+    Scheduler::runnableIs(unit, runnable);
+    if (runQueue_.size() == before || !urgent.contains(unit)) return;
+    runQueue_.push_front(runQueue_.back());
+    runQueue_.pop_back();
+  }
+
+  std::set<const Korvo::Schedulable*> urgent;
 };
 
 class Log : public Velto::DebugChannel {
@@ -67,6 +86,18 @@ void failures() {
   }
 }
 
+void priorities() {
+  const auto scheduler = std::make_shared<Priorities>("main");
+  Countdown a("a", scheduler, 1);
+  Countdown b("b", scheduler, 1);
+  scheduler->urgent.insert(&b);
+  for (Countdown* unit : {&a, &b}) {
+    unit->clientReadyIs(true);
+    unit->runnableIs(true);
+  }
+  scheduler->run(0, 0.0, true);
+}
+
 void traces() {
   Log log;
   log.levelMaskIs(1U << 9);  // queueing and loop exits
@@ -81,5 +112,6 @@ void traces() {
 int main() {
   takeTurns();
   failures();
+  priorities();
   traces();
 }

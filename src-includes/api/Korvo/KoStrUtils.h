@@ -16,7 +16,6 @@
 
 #include <Korvo/export.h>
 
-#include <cctype>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -69,7 +68,8 @@ class KORVO_API KoStrUtils {
   static std::string replaceCtrl(const std::string& text);
 
   /// Appends the pieces of the text, empty ones too, and returns `out`. A delimiter at the very end
-  /// makes no empty last piece, and an empty text no piece at all.
+  /// makes no empty last piece, and an empty text no piece at all. Takes memory for the pieces
+  /// only.
   static std::vector<std::string>& split(const std::string& text, char delim,
                                          std::vector<std::string>& out);
 
@@ -79,6 +79,9 @@ class KORVO_API KoStrUtils {
   static std::string baseName(std::string& path);
   /// Appends a '/' unless the path ends with one; an empty path becomes "/".
   static void addTrailingSlash(std::string& path);
+
+  // These two take time in proportion to the texts, whatever they are.
+
   /// What stands before the last occurrence of `tail`; the whole text if there is none.
   static std::string dropTail(const std::string& text, const std::string& tail);
   /// What follows the last occurrence of `tail`; the whole text if there is none.
@@ -113,6 +116,7 @@ KORVO_API std::string escapeString(const std::string& text);
 KORVO_API std::string deescapeString(const std::string& text);
 
 /// Appends the pieces of the text that are not empty and returns the size that `out` then has.
+/// Takes memory for these pieces only.
 KORVO_API int splitString(const std::string& text, char delim, std::vector<std::string>& out);
 
 /// Cuts the text of an array value at its commas. Double quotes are dropped wherever they stand and
@@ -130,11 +134,11 @@ KORVO_API int removeTree(std::string path);
 
 /// Copies a file's bytes; 0 on success, -1 on failure, with the destination left as far as it got:
 /// it is created or emptied even if the source cannot be opened. An empty source is a failure. So
-/// is copying a file onto itself, under any name, which leaves it whole. An error that shows only
-/// at closing is not reported.
+/// is copying a file onto itself, under any name, which leaves it whole. Every error of a read or a
+/// write is a failure; what the system tells only at closing is not looked at.
 KORVO_API int copyFile(const std::string& from, const std::string& to);
 
-// These two are here because a call costs as much as the work on a short text.
+// Here because a call costs as much as the work on a short text.
 
 inline std::uint64_t KoStrUtils::stoUint64_t(const std::string& text) {
   // A negative difference wraps round, and so do the sums.

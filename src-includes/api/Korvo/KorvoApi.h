@@ -51,7 +51,8 @@ KORVO_API bool requireSysnameChangeNotifications();
 /// Stops the process if there is no factory.
 KORVO_API RowOps_p_t getRowOps(const std::string& tableName, std::uint8_t selector);
 
-/// Replaces the factory of row operations; an empty function removes it.
+/// Replaces the factory of row operations; an empty function removes it. May be called by the
+/// factory itself, which is destroyed after it has returned.
 KORVO_API void rowOpsFactoryIs(
     std::function<KoPtr<RowOpsBase>(const std::string& tableName, unsigned char selector)> factory);
 

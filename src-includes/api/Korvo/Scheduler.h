@@ -23,15 +23,17 @@
 // scheduler. Nothing of what is destroyed is touched afterwards, and a loop whose scheduler is gone
 // returns.
 
-#include <Korvo/RecyclingAllocator.h>
-#include <Korvo/RunnableEntry.h>
 #include <Korvo/export.h>
 #include <Korvo/korvo_types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <deque>
+#include <memory>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 #pragma GCC visibility push(default)
 #include <Velto/DebugSupport.h>
@@ -43,9 +45,19 @@ namespace Korvo {
 static_assert(sizeof(std::time_t) == sizeof(long),
               "KorvoAPI is built with a time_t as wide as long: compile without _TIME_BITS=64");
 
+class Schedulable;
+class Scheduler;
+
 namespace detail {
 class DestructionWatch;
 }
+
+/// One place in a scheduler's run queue. Belongs to the scheduler, which makes it with new and
+/// deletes it when it leaves the queue.
+struct RunnableEntry {
+  bool valid = false;           ///< false once the unit withdrew
+  Schedulable* unit = nullptr;  ///< the queued unit; null once it withdrew
+};
 
 /// A unit of cooperative work. It is queued while it is runnable (it has work) and client-ready
 /// (whatever it serves is ready for it), and it is never invoked while it is disabled.
@@ -76,8 +88,8 @@ class KORVO_API Schedulable {
   virtual void clearScheduler();
 
   /// Sets whether the unit's client is ready. A unit that is not ready keeps its place in the queue
-  /// and is passed over when its turn comes. Throws std::bad_alloc, with the unit not ready, if
-  /// there is no memory for its place.
+  /// and is passed over when its turn comes. Throws std::bad_alloc, with the unit not ready again
+  /// and onClientReady() told of both changes, if there is no memory for its place.
   virtual void clientReadyIs(bool ready);
 
   /// Called on every change of clientReady(); does nothing by default.
@@ -160,19 +172,24 @@ class KORVO_API Schedulable {
  private:
   friend class Scheduler;
 
-  // Inline ones without a body here are used by the library's own source only.
-  inline void addPlace(RunnableEntry* entry) noexcept;
-  inline void removePlace(RunnableEntry* entry) noexcept;
-  void withdrawFrom(RunnableEntry* entry) noexcept;
+  void askForPlace(bool* changedFlag);
+  void takeBack(bool& changedFlag);
+  void mayLeavePlaceIn(Scheduler& scheduler);
 
-  /// Every live place of the unit in a queue. More than `entry_` knows: assignment and unschedule()
-  /// leave places behind that the unit has to be withdrawn from when it is destroyed.
-  RunnableEntry* places_ = nullptr;
+  /// The flag whose change asks the scheduler for a place, until that has seen the request.
+  bool* changedFlag_ = nullptr;
+  /// The schedulers whose queues may hold places of the unit that it knows nothing of: assignment
+  /// and unschedule() leave them behind. A scheduler that is gone has set the pointer to null.
+  std::vector<std::shared_ptr<Scheduler*>> leftBehindIn_;
   detail::DestructionWatch* watches_ = nullptr;
 };
 
 /// A first-in, first-out queue of units, and the loop that invokes them. Units share their
 /// scheduler; one that is destroyed while units are queued leaves them without a place.
+///
+/// A subclass may queue and run units by itself. Each entry in the queue is its unit's entry() and
+/// the value of the unit's key in the map, until it leaves the queue or is marked dead; a key alone
+/// makes a unit count as queued.
 class KORVO_API Scheduler {
  public:
   /// An active scheduler without a debug channel.
@@ -198,7 +215,8 @@ class KORVO_API Scheduler {
   /// as before.
   virtual void runnableIs(Schedulable* unit, bool runnable);
 
-  /// Forgets that the unit is queued; its place has been marked dead before, by its cleanup().
+  /// Forgets that the unit is queued; its place has been marked dead before, by its cleanup(). What
+  /// an override keeps in the map stays there: the unit cannot be queued until it is forgotten.
   virtual void unschedule(Schedulable* unit);
 
   /// Runs until the scheduler is deactivated.
@@ -238,37 +256,33 @@ class KORVO_API Scheduler {
   // NOLINTNEXTLINE(bugprone-reserved-identifier): the host's tools know it by this name
   class __veltoDebug : public Velto::DebugSupport {};
 
-  // Neither queue nor map allocates while as many units come as go.
-  using RunQueue = std::deque<RunnableEntry*, detail::RecyclingAllocator<RunnableEntry*>>;
-
   std::string name_;
-  RunQueue runQueue_;
-  detail::EntryMap entries_;
+  std::deque<RunnableEntry*> runQueue_;
+  std::unordered_map<Schedulable*, RunnableEntry*> entries_;
   bool active_ = true;
   bool triggerSuppressed_ = false;
   __veltoDebug debug_;
 
-  /// run(), with a call of `betweenUnits`, unless it is null, after each invocation: for a
-  /// scheduler that has more to look after than its units.
+  /// run(), with a call of `betweenUnits`, unless it is null, before the first and after each
+  /// invocation: for a scheduler that has more to look after than its units.
   void runLoop(int count, double timeLimit, bool exitOnQuiescence,
                void (*betweenUnits)(Scheduler& scheduler));
 
  private:
   friend class Schedulable;
 
-  // Inline ones without a body here are used by the library's own source only.
-  inline bool isQueued(const Schedulable* unit) const;
-  inline void enqueue(Schedulable* unit);
-  inline Schedulable* popUnit() noexcept;
-  inline void keepSpare(RunnableEntry* entry) noexcept;
-  inline RunnableEntry* takeSpare() noexcept;
+  bool enqueue(Schedulable* unit);
+  void withdraw(Schedulable* unit);
+  Schedulable* popUnit();
+  void giveBackMemory();
   void pauseOrExit(std::timespec& pause);
   static bool eligible(const Schedulable& unit);
   int eligibleUnits() const;
 
-  RunnableEntry* spareEntries_ = nullptr;
-  /// The place given up last: unschedule() need not look for it.
-  RunnableEntry* withdrawn_ = nullptr;
+  /// The longest that the queue was since memory was last given back.
+  std::size_t longestQueue_ = 0;
+  /// Points to this scheduler, for units that outlive it.
+  std::shared_ptr<Scheduler*> self_;
   detail::DestructionWatch* watches_ = nullptr;
 };
 
@@ -278,16 +292,17 @@ class KORVO_API Scheduler {
 inline void Schedulable::runnableIs(bool runnable) {
   if (runnable == runnable_) return;
   runnable_ = runnable;
-  try {
-    _considerRunnability();
-  } catch (detail::NotQueued& failure) {
-    failure.takeBack(this, runnable_);
-    throw;
-  }
+  askForPlace(&runnable_);
 }
 
 inline void Schedulable::_considerRunnability() {
-  if (runnable_ && clientReady_ && scheduler_ != nullptr) scheduler_->runnableIs(this, true);
+  askForPlace(nullptr);
+}
+
+inline void Schedulable::askForPlace(bool* changedFlag) {
+  if (!runnable_ || !clientReady_ || scheduler_ == nullptr) return;
+  changedFlag_ = changedFlag;
+  scheduler_->runnableIs(this, true);
 }
 
 }  // namespace Korvo

@@ -200,10 +200,16 @@ class KORVO_API Ip6Addr {
   }
   /// Numeric order of the addresses.
   friend std::strong_ordering operator<=>(const Ip6Addr& a, const Ip6Addr& b) {
-    return std::memcmp(a.bytes_, b.bytes_, sizeof a.bytes_) <=> 0;
+    const auto first = a.half(0) <=> b.half(0);
+    return std::is_neq(first) ? first : a.half(8) <=> b.half(8);
   }
 
  private:
+  /// Eight bytes as a number whose order is theirs.
+  std::uint64_t half(unsigned int at) const {
+    return __builtin_bswap64(loadField<std::uint64_t>(bytes_ + at));
+  }
+
   unsigned char bytes_[16] = {};
 };
 
@@ -296,6 +302,7 @@ class KORVO_API IpGenPrefix {
 /// Parses dotted IPv4 text (four decimal numbers, leading zeros allowed) into a word in network
 /// byte order and returns nonzero; on failure returns 0 and leaves `*out` as it was.
 KORVO_API int strToV4Addr(const std::string& text, unsigned int* out);
+/// Whether strToV4Addr takes the text.
 KORVO_API bool validV4Addr(const std::string& text);
 /// Writes out the "::" of an IPv6 text; throws KoInvalidArgument "Invalid Address - (text)" on a
 /// second "::".
@@ -343,51 +350,11 @@ inline IpGenAddr::IpGenAddr(AddressFamily af, const unsigned char* bytes) : af_(
 
 namespace detail {
 
-/// Eight bytes as a number whose order is that of the bytes.
-inline std::uint64_t bytesInOrder(const unsigned char* bytes) noexcept {
-  return __builtin_bswap64(loadField<std::uint64_t>(bytes));
-}
-
 /// The first `count` (1 to 64) bits of eight bytes, as loadField gives them. The byte in which they
-/// end is masked by the exported table.
+/// end is masked by the exported table, the ones before it are whole.
 inline std::uint64_t leadingBits(unsigned int count) noexcept {
   const unsigned int whole = (count - 1) & ~7U;
   return std::uint64_t{byteMaskTbl[count - whole]} << whole | ((std::uint64_t{1} << whole) - 1);
-}
-
-/// Whether nobody has changed the exported table. Asked before each comparison: the answer, which
-/// does not depend on what is compared, costs less than a mask out of the table.
-inline bool masksAreUnchanged() noexcept {
-  return loadField<std::uint64_t>(byteMaskTbl + 1) == 0xFFFEFCF8F0E0C080;
-}
-
-/// Whether the first `count` (0 to 32) bits of four bytes are the same.
-inline bool haveSameBits4(const unsigned char* a, const unsigned char* b,
-                          unsigned int count) noexcept {
-  const std::uint32_t differing = loadField<std::uint32_t>(a) ^ loadField<std::uint32_t>(b);
-  if (masksAreUnchanged()) [[likely]] {
-    return std::uint64_t{__builtin_bswap32(differing)} >> (32 - count) == 0;
-  }
-  return count == 0 || (differing & leadingBits(count)) == 0;
-}
-
-/// Whether the first `count` (1 to 64) bits of eight bytes are the same.
-inline bool haveSameBits8(const unsigned char* a, const unsigned char* b,
-                          unsigned int count) noexcept {
-  const std::uint64_t differing = loadField<std::uint64_t>(a) ^ loadField<std::uint64_t>(b);
-  if (masksAreUnchanged()) [[likely]] {
-    return __builtin_bswap64(differing) >> (64 - count) == 0;
-  }
-  return (differing & leadingBits(count)) == 0;
-}
-
-/// Where an IPv4 prefix of at most 32 bits stands among such prefixes, as long as the masks are
-/// unchanged: a prefix comes behind all that it contains, where its last address stands, and there
-/// behind the longer ones. Host bits do not count.
-inline std::uint64_t orderKey4(const unsigned char* address, unsigned int mask) noexcept {
-  const std::uint64_t last =
-      __builtin_bswap32(loadField<std::uint32_t>(address)) | std::uint64_t{0xFFFFFFFF} >> mask;
-  return last << 6 | (32 - mask);
 }
 
 [[noreturn]] KORVO_API void containsWithoutFamily();
@@ -411,30 +378,23 @@ inline std::uint64_t hashStorage(std::uint64_t seed, const unsigned char* bytes)
 inline bool IpGenPrefix::contains(const IpGenPrefix& other) const {
   const AddressFamily af = addr_.af();
   if (af != other.addr_.af()) return false;
-  const unsigned char* const a = addr_.bytes();
-  const unsigned char* const b = other.addr_.bytes();
-  if (af == ipv4_) return mask_ <= 32 && detail::haveSameBits4(a, b, mask_);
-  if (af != ipv6_) detail::containsWithoutFamily();
-  if (mask_ - 1 < 64) return detail::haveSameBits8(a, b, mask_);
-  if (mask_ - 65 < 64) {
-    return loadField<std::uint64_t>(a) == loadField<std::uint64_t>(b) &&
-           detail::haveSameBits8(a + 8, b + 8, mask_ - 64);
+  if (af != ipv4_ && af != ipv6_) detail::containsWithoutFamily();
+  if (mask_ > (af == ipv4_ ? 32U : 128U)) return false;
+  if (mask_ == 0) return true;
+  const unsigned char* a = addr_.bytes();
+  const unsigned char* b = other.addr_.bytes();
+  unsigned int bits = mask_;
+  for (; bits > 64; bits -= 64, a += 8, b += 8) {
+    if (loadField<std::uint64_t>(a) != loadField<std::uint64_t>(b)) return false;
   }
-  return mask_ == 0;
+  const std::uint64_t differing = loadField<std::uint64_t>(a) ^ loadField<std::uint64_t>(b);
+  return (differing & detail::leadingBits(bits)) == 0;
 }
 
 inline bool IpGenPrefix::operator<(const IpGenPrefix& other) const {
   if (addr_.af() != other.addr_.af()) return addr_.af() < other.addr_.af();
-  const unsigned char* const a = addr_.bytes();
-  const unsigned char* const b = other.addr_.bytes();
-  if (addr_.af() == ipv4_ && mask_ <= 32 && other.mask_ <= 32 && detail::masksAreUnchanged()) {
-    return detail::orderKey4(a, mask_) < detail::orderKey4(b, other.mask_);
-  }
-  if (mask_ < other.mask_ ? contains(other) : other.contains(*this)) return mask_ > other.mask_;
-  const std::uint64_t first = detail::bytesInOrder(a);
-  const std::uint64_t others = detail::bytesInOrder(b);
-  if (first != others) return first < others;
-  return detail::bytesInOrder(a + 8) < detail::bytesInOrder(b + 8);
+  const bool isNested = mask_ < other.mask_ ? contains(other) : other.contains(*this);
+  return isNested ? mask_ > other.mask_ : addr_ < other.addr_;
 }
 
 }  // namespace Korvo
