@@ -6,6 +6,10 @@ add_library(KorvoAPI
   src/addressText.cpp
   src/assertion.cpp
   src/jsonText.cpp
+  src/layoutText.cpp
+  src/jsonReader.cpp
+  src/AnyRow.cpp
+  src/RowConverter.cpp
   src/korvo_types.cpp
   src/baseRow.cpp
   src/TableRow.cpp

@@ -1,5 +1,3 @@
-#include "hexDigits.h"
-
 #include <Korvo/KoStrUtils.h>
 #include <Korvo/assertion.h>
 #include <Korvo/bytes.h>

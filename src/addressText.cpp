@@ -1,6 +1,6 @@
 #include "addressText.h"
 
-#include "hexDigits.h"
+#include <Korvo/bytes.h>
 
 #include <charconv>
 

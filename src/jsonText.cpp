@@ -1,7 +1,6 @@
 #include "jsonText.h"
 
 #include "addressText.h"
-#include "hexDigits.h"
 
 #include <Korvo/bytes.h>
 
@@ -10,29 +9,6 @@
 
 namespace Korvo::detail {
 namespace {
-
-/// Bytes of the UTF-8 sequence at the front of `text`, or 0 if there is none. Overlong forms,
-/// surrogates and values above U+10FFFF are none.
-std::size_t utf8SequenceLength(std::string_view text) {
-  const auto byte = [&](std::size_t i) -> unsigned int {
-    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
-  };
-  const auto continues = [&](std::size_t i) { return (byte(i) & 0xC0U) == 0x80U; };
-  const unsigned int lead = byte(0);
-  if (lead < 0x80) return 1;
-  if (lead >= 0xC2 && lead <= 0xDF) return continues(1) ? 2 : 0;
-  if (lead >= 0xE0 && lead <= 0xEF) {
-    const bool overlong = lead == 0xE0 && byte(1) < 0xA0;
-    const bool surrogate = lead == 0xED && byte(1) > 0x9F;
-    return continues(1) && continues(2) && !overlong && !surrogate ? 3 : 0;
-  }
-  if (lead >= 0xF0 && lead <= 0xF4) {
-    const bool overlong = lead == 0xF0 && byte(1) < 0x90;
-    const bool tooLarge = lead == 0xF4 && byte(1) > 0x8F;
-    return continues(1) && continues(2) && continues(3) && !overlong && !tooLarge ? 4 : 0;
-  }
-  return 0;
-}
 
 bool isPlain(char c) {
   return c >= 0x20 && c != '"' && c != '\\' && c < 0x7F;
@@ -58,6 +34,27 @@ std::size_t plainLength(std::string_view text) {
 }
 
 }  // namespace
+
+std::size_t utf8SequenceLength(std::string_view text) {
+  const auto byte = [&](std::size_t i) -> unsigned int {
+    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
+  };
+  const auto continues = [&](std::size_t i) { return (byte(i) & 0xC0U) == 0x80U; };
+  const unsigned int lead = byte(0);
+  if (lead < 0x80) return 1;
+  if (lead >= 0xC2 && lead <= 0xDF) return continues(1) ? 2 : 0;
+  if (lead >= 0xE0 && lead <= 0xEF) {
+    const bool overlong = lead == 0xE0 && byte(1) < 0xA0;
+    const bool surrogate = lead == 0xED && byte(1) > 0x9F;
+    return continues(1) && continues(2) && !overlong && !surrogate ? 3 : 0;
+  }
+  if (lead >= 0xF0 && lead <= 0xF4) {
+    const bool overlong = lead == 0xF0 && byte(1) < 0x90;
+    const bool tooLarge = lead == 0xF4 && byte(1) > 0x8F;
+    return continues(1) && continues(2) && continues(3) && !overlong && !tooLarge ? 4 : 0;
+  }
+  return 0;
+}
 
 void JsonText::putEscaped(char c) {
   switch (c) {

@@ -13,6 +13,10 @@
 
 namespace Korvo::detail {
 
+/// Bytes of the UTF-8 sequence at the front of `text`, or 0 if there is none. Overlong forms,
+/// surrogates and values above U+10FFFF are none.
+std::size_t utf8SequenceLength(std::string_view text);
+
 /// A text under construction. Room is made once for each piece, not for each character.
 class JsonText {
  public:

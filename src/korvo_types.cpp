@@ -1,8 +1,8 @@
 #include "addressText.h"
-#include "hexDigits.h"
 
 #include <Korvo/KoStrUtils.h>
 #include <Korvo/assertion.h>
+#include <Korvo/bytes.h>
 #include <Korvo/korvo_types.h>
 
 #include <algorithm>

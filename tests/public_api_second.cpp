@@ -7,12 +7,15 @@
 #include <Velto/Exception.h>
 #include <Velto/DebugSupport.h>
 #include <Korvo/rowCheck.h>
+#include <Korvo/layoutText.h>
 #include <Korvo/korvo_types.h>
 #include <Korvo/baseRow.h>
 #include <Korvo/assertion.h>
 #include <Korvo/Scheduler.h>
 #include <Korvo/KorvoApi.h>
 #include <Korvo/KoStrUtils.h>
+#include <Korvo/RowConverter.h>
+#include <Korvo/AnyRow.h>
 // clang-format on
 
 namespace secondSource {

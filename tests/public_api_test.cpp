@@ -5,13 +5,16 @@
 
 #include "public_api_second.h"
 
+#include <Korvo/AnyRow.h>
 #include <Korvo/KoStrUtils.h>
 #include <Korvo/KorvoApi.h>
+#include <Korvo/RowConverter.h>
 #include <Korvo/Scheduler.h>
 #include <Korvo/TableRow.h>
 #include <Korvo/assertion.h>
 #include <Korvo/baseRow.h>
 #include <Korvo/korvo_types.h>
+#include <Korvo/layoutText.h>
 #include <Korvo/rowCheck.h>
 #include <Velto/DebugSupport.h>
 #include <Velto/Exception.h>
@@ -385,6 +388,70 @@ TEST(PublicApiTest, TableRows) {
   EXPECT_TRUE(named<Text (RowFault::*)() const>(&RowFault::text));
   EXPECT_FALSE(checkRow(row.rowBuf(), row.rowLength(), Outer::info));
   EXPECT_FALSE(checkRow<Outer>(row.rowBuf(), row.rowLength()));
+}
+
+TEST(PublicApiTest, Layouts) {
+  static_assert(std::is_base_of_v<KoInvalidArgument, KoTextError>);
+  const KoTextError error("text", 2, 3);
+  EXPECT_STREQ(error.what(), "line 2, column 3: text");
+  EXPECT_EQ(error.line() + error.column(), 5U);
+  EXPECT_TRUE(named<Text (*)(const LayoutInfo&)>(&layoutText));
+  EXPECT_TRUE(named<Text (*)(const ColumnInfo&)>(&columnTypeText));
+  EXPECT_TRUE(named<LayoutFingerprint (*)(const LayoutInfo&)>(&fingerprint));
+  EXPECT_TRUE(named<LayoutFingerprint (*)()>(&fingerprint<Outer>));
+  EXPECT_TRUE(named<Text (LayoutFingerprint::*)() const>(&LayoutFingerprint::text));
+  EXPECT_TRUE(named<Text (LayoutFingerprint::*)() const>(&LayoutFingerprint::digest));
+  static_assert(fingerprint<Outer>() > LayoutFingerprint() && fingerprint<Outer>().leading() != 0);
+  const DynamicLayout layout(layoutText(Outer::info));
+  const DynamicLayout copy(Outer::info);
+  EXPECT_TRUE(named<const LayoutInfo& (DynamicLayout::*)() const noexcept>(&DynamicLayout::info));
+  EXPECT_TRUE(named<Text (DynamicLayout::*)() const>(&DynamicLayout::text));
+  EXPECT_TRUE(named<LayoutFingerprint (DynamicLayout::*)() const>(&DynamicLayout::fingerprint));
+  EXPECT_TRUE(named<BaseRow::vcdType& (DynamicLayout::*)() const noexcept>(&DynamicLayout::slots));
+  EXPECT_TRUE(named<const ColumnInfo* (DynamicLayout::*)(std::string_view) const noexcept>(
+      &DynamicLayout::find));
+  EXPECT_EQ(layout.fingerprint(), copy.fingerprint());
+}
+
+TEST(PublicApiTest, AnyRows) {
+  AnyRow row{DynamicLayout(Outer::info)};
+  EXPECT_TRUE(named<const DynamicLayout& (AnyRow::*)() const noexcept>(&AnyRow::layout));
+  EXPECT_TRUE(named<void (AnyRow::*)(oid_t)>(&AnyRow::create));
+  EXPECT_TRUE((named<void (AnyRow::*)(oid_t, std::size_t)>(&AnyRow::create)));
+  EXPECT_TRUE((named<void (AnyRow::*)(const void*, std::size_t)>(&AnyRow::adopt)));
+  EXPECT_TRUE(named<Text (AnyRow::*)(std::string_view) const>(&AnyRow::json));
+  EXPECT_TRUE(named<Text (AnyRow::*)(std::string_view) const>(&AnyRow::text));
+  EXPECT_TRUE((named<void (AnyRow::*)(std::string_view, std::string_view)>(&AnyRow::jsonIs)));
+  EXPECT_TRUE((named<void (AnyRow::*)(std::string_view, std::string_view)>(&AnyRow::textIs)));
+  EXPECT_TRUE(named<void (AnyRow::*)(std::string_view)>(&AnyRow::fromJson));
+  EXPECT_EQ(row.AnyRow::toJson(), "null");
+  EXPECT_EQ(row.AnyRow::vcd().size(), 3U);
+  EXPECT_EQ(row.AnyRow::columnOffset("number"), 8);
+  EXPECT_EQ(row.AnyRow::baseRowLength(), Outer::baseLength);
+  EXPECT_TRUE(row.AnyRow::isFullyDefined());
+}
+
+TEST(PublicApiTest, Conversion) {
+  EXPECT_TRUE(named<std::string_view (*)(ColumnChange)>(&columnChangeText));
+  const ConversionRules rules = {{{"text", "former"}}, {"number"}};
+  const LayoutComparison comparison(Outer::info, Outer::info, rules);
+  EXPECT_EQ(comparison.conversion(), Conversion::same);
+  EXPECT_EQ(comparison.columns().front().name(), "number");
+  EXPECT_TRUE(named<Text (LayoutComparison::*)() const>(&LayoutComparison::refusal));
+  EXPECT_TRUE(named<Text (LayoutComparison::*)() const>(&LayoutComparison::text));
+  EXPECT_EQ(comparison.sender().fingerprint(), comparison.ours().fingerprint());
+  EXPECT_TRUE((named<std::size_t (ConversionPlan::*)(const void*, std::size_t) const>(
+      &ConversionPlan::convertedLength)));
+  EXPECT_TRUE((named<void (ConversionPlan::*)(const void*, byte_t*) const noexcept>(
+      &ConversionPlan::write)));
+  using Row = TableRow<Outer>;
+  const RowConverter<Row> converter(Outer::info);
+  EXPECT_EQ(converter.comparison().refusal(), "");
+  EXPECT_TRUE((named<void (RowConverter<Row>::*)(const void*, std::size_t, Row&) const>(
+      &RowConverter<Row>::convert)));
+  const RowConverter<AnyRow> any(Outer::info, DynamicLayout(Outer::info));
+  EXPECT_TRUE((named<void (RowConverter<AnyRow>::*)(const void*, std::size_t, AnyRow&) const>(
+      &RowConverter<AnyRow>::convert)));
 }
 
 TEST(PublicApiTest, Registry) {

@@ -1,7 +1,8 @@
 #pragma once
 
-// The one pair of helpers that reads and writes raw fields of a row buffer. Fields stand at any
-// byte offset, so they are never accessed through a wider pointer.
+// The one pair of helpers that reads and writes raw fields of a row buffer, and the digits that
+// bytes are written with. Fields stand at any byte offset, so they are never accessed through a
+// wider pointer.
 
 #include <bit>
 #include <cstdint>
@@ -34,5 +35,19 @@ inline void storeField(void* to, T value) noexcept {
   static_assert(std::is_trivially_copyable_v<T>);
   std::memcpy(to, &value, sizeof value);
 }
+
+namespace detail {
+
+/// The library's one table of hexadecimal digits.
+inline constexpr char hexDigits[] = "0123456789abcdef";
+
+/// Writes the two digits of a byte to `to`, and returns the end of the text.
+constexpr char* writeHex(char* to, unsigned char byte) noexcept {
+  *to++ = hexDigits[byte >> 4];
+  *to++ = hexDigits[byte & 0xF];
+  return to;
+}
+
+}  // namespace detail
 
 }  // namespace Korvo
