@@ -54,11 +54,11 @@ std::uint64_t AnyTable::sequence() const {
 }
 
 TableState AnyTable::state() const {
-  return store_->state;
+  return store_->state();
 }
 
 const std::string& AnyTable::stateText() const {
-  return store_->stateText;
+  return store_->stateText();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -320,7 +320,7 @@ void AnyTableReader::run(bool) {
   const std::shared_ptr<detail::ChangeSource::Reading> kept = reading_;
   detail::ChangeSource::Reading& reading = *kept;
   if (reading.store() == nullptr) return;
-  if (reading.isBehind() && reading.store()->state != TableState::loading) {
+  if (reading.isBehind() && reading.store()->hasFirstRows) {
     reading.begin();
     reading.isFirst = reading.isWhole();
     detail::ChangeSource source(kept);
@@ -331,10 +331,10 @@ void AnyTableReader::run(bool) {
       return;
     }
   }
-  if (reading.stateTold && reading.state != reading.store()->state) {
-    reading.state = reading.store()->state;
+  if (reading.stateTold && reading.state != reading.store()->state()) {
+    reading.state = reading.store()->state();
     const StateCallback told = reading.stateTold;  // it may set another one
-    told(reading.store()->state, std::string(reading.store()->stateText));
+    told(reading.store()->state(), std::string(reading.store()->stateText()));
   }
 }
 

@@ -64,11 +64,62 @@ bool rowsEqual(const byte_t* a, const byte_t* b, const LayoutInfo& layout) {
   return true;
 }
 
+std::uint64_t rowHash(const byte_t* row) noexcept {
+  constexpr std::uint64_t multiplier = 0x9FB21C651E98DF25U;
+  const std::size_t length = loadField<len_t>(row + rowLengthOffset);
+  std::uint64_t hash = length * multiplier;
+  const auto take = [&hash](std::uint64_t word) {
+    hash = (hash ^ word) * multiplier;
+    hash ^= hash >> 32;
+  };
+  std::size_t at = 0;
+  for (; at + sizeof(std::uint64_t) <= length; at += sizeof(std::uint64_t)) {
+    take(loadField<std::uint64_t>(row + at));
+  }
+  std::uint64_t rest = 0;
+  std::memcpy(&rest, row + at, length - at);
+  take(rest);
+  hash *= multiplier;
+  return hash ^ hash >> 29;
+}
+
 TableStore::TableStore(std::string name, const LayoutInfo& layout)
     : name_(std::move(name)), layout_(layout) {}
 
 TableStore::~TableStore() {
   for (Cursor* cursor : cursors_) cursor->store_ = nullptr;
+  for (Cursor* cursor : cursors_) cursor->tableGoes();
+}
+
+void TableStore::sourceIs(std::shared_ptr<SequenceSource> source) noexcept {
+  source->last = std::max(source->last, source_->last);
+  source_ = std::move(source);
+}
+
+void TableStore::historyIs(std::uint64_t sequence) noexcept {
+  for (Slot slot = slotFrom(0); slot != noSlot; slot = slotFrom(slot + 1)) {
+    entries_[slot].sequence = sequence;
+    entries_[slot].added = sequence;
+  }
+  deletionsDropped_ = deletionsEnd();
+  deletions_.clear();
+  deletionsBegin_ = 0;
+  sequence_ = sequence;
+  floor_ = sequence;
+}
+
+void TableStore::keepDigest() noexcept {
+  if (keepsDigest_) return;
+  keepsDigest_ = true;
+  for (Slot slot = slotFrom(0); slot != noSlot; slot = slotFrom(slot + 1)) {
+    digest_ ^= rowHash(entries_[slot].buffer->buf_);
+  }
+}
+
+void TableStore::stateIs(TableState state, std::string text) {
+  for (std::size_t i = 0; i < cursors_.size(); ++i) cursors_[i]->changeComes();
+  state_ = state;
+  stateText_ = std::move(text);
 }
 
 void TableStore::checkThread() const {
@@ -221,6 +272,14 @@ TableStore::Cursor::~Cursor() {
   if (store_ != nullptr) std::erase(store_->cursors_, this);
 }
 
+bool TableStore::Cursor::resumeBehind(std::uint64_t sequence) {
+  if (store_ == nullptr || sequence < store_->floor_) return false;
+  seen_ = sequence;
+  seenBatches_ = store_->batches_;
+  isWhole_ = false;
+  return true;
+}
+
 bool TableStore::Cursor::isBehind() const {
   return store_ != nullptr && (isWhole_ || inRound_ || store_->sequence_ > seen_);
 }
@@ -236,6 +295,7 @@ void TableStore::Cursor::begin() {
   if (seen_ < store_->floor_) isWhole_ = true;
   merged_ = isWhole_ ? 0 : store_->batches_ - seenBatches_ - 1;
   if (isWhole_) {
+    ++wholes_;
     position_ = store_->oldest_;
     deletion_ = store_->deletionsEnd();
     told_ = 0;
@@ -320,7 +380,8 @@ TableStore::Commit::Commit(TableStore& store, std::vector<RowOperation>& operati
   store.checkThread();
   select(operations);
   if (changesNothing()) return;
-  checkUnique();
+  // A copy is as its owner has it.
+  if (!store.isSubscribed) checkUnique();
   reserve();
   // A reader that is told in vain finds that nothing changed.
   for (std::size_t i = 0; i < store_.cursors_.size(); ++i) store_.cursors_[i]->changeComes();
@@ -450,6 +511,10 @@ void TableStore::Commit::apply(std::uint64_t sequence) noexcept {
     } else {
       entry.sequence = sequence;
       store_.link(touch.slot);
+    }
+    if (store_.keepsDigest_) {
+      if (!isNew) store_.digest_ ^= rowHash(entry.buffer->buf_);
+      if (!touch.isRemoval) store_.digest_ ^= rowHash(touch.buffer->buf_);
     }
     entry.buffer.swap(touch.buffer);
   }

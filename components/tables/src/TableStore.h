@@ -45,6 +45,9 @@ class HeldRow final : public BaseRow {
 /// Whether two checked rows of a layout have the same type, oid and columns.
 bool rowsEqual(const byte_t* a, const byte_t* b, const LayoutInfo& layout);
 
+/// A number of a row's bytes, the same on every host. Copies of a table are compared by it.
+std::uint64_t rowHash(const byte_t* row) noexcept;
+
 /// One put or removal of a batch.
 struct RowOperation {
   oid_t oid;
@@ -72,6 +75,16 @@ class TableStore {
   /// Of the last batch that changed something here.
   std::uint64_t sequence() const { return sequence_; }
   const std::shared_ptr<SequenceSource>& source() const { return source_; }
+  /// From now on batches are numbered by `source`, behind all that were.
+  void sourceIs(std::shared_ptr<SequenceSource> source) noexcept;
+  /// All rows count as last changed at `sequence`, the last of their history, whose removals are not
+  /// known.
+  void historyIs(std::uint64_t sequence) noexcept;
+
+  /// The hashes of all rows, in one number that does not depend on their order. Kept from
+  /// keepDigest() on.
+  std::uint64_t digest() const { return digest_; }
+  void keepDigest() noexcept;
 
   Slot find(oid_t oid) const;
   const KoPtr<KoRowBuf>& buffer(Slot slot) const { return entries_[slot].buffer; }
@@ -86,8 +99,12 @@ class TableStore {
   std::shared_ptr<void>& handle(const TableIndex& index);
 
   AnyTable* table = nullptr;
-  TableState state = TableState::current;
-  std::string stateText;
+  TableState state() const { return state_; }
+  const std::string& stateText() const { return stateText_; }
+  /// Readers are told of it in their turns. Throws std::bad_alloc with the state as before.
+  void stateIs(TableState state, std::string text);
+  bool hasFirstRows = true;   ///< until then readers are told nothing
+  bool isPublished = false;
   bool isSubscribed = false;  ///< written by a subscription only
 
   /// Removed rows that are remembered at the most, if these are more than the rows.
@@ -156,6 +173,11 @@ class TableStore {
   std::uint64_t deletionsDropped_ = 0;  ///< before the first of the vector
   std::uint64_t floor_ = 0;
 
+  bool keepsDigest_ = false;
+  std::uint64_t digest_ = 0;
+  TableState state_ = TableState::current;
+  std::string stateText_;
+
   std::vector<KnownIndex> indexes_;
   std::vector<Cursor*> cursors_;
 };
@@ -179,7 +201,12 @@ class TableStore::Cursor {
 
   /// Called before a batch that changes something is applied. What it throws ends the commit.
   virtual void changeComes() = 0;
+  /// Called when the table is destroyed; store() is null already.
+  virtual void tableGoes() noexcept {}
 
+  /// What happened up to `sequence` counts as told, if that can be: false if removals behind it have
+  /// been forgotten. To be called before anything was told.
+  bool resumeBehind(std::uint64_t sequence);
   /// Null once the table is gone.
   TableStore* store() const { return store_; }
   /// Whether there is anything to tell.
@@ -191,6 +218,8 @@ class TableStore::Cursor {
   bool next(Told& told);
   /// Whether the table is told as a whole: what was told before counts no more.
   bool isWhole() const { return isWhole_; }
+  /// How often telling the table as a whole was begun.
+  std::uint64_t wholes() const { return wholes_; }
   /// The sequence up to which all was told.
   std::uint64_t seen() const { return seen_; }
   /// The batches that are told together with the last one.
@@ -207,6 +236,7 @@ class TableStore::Cursor {
   bool keepsBefore_;
   bool isWhole_ = true;
   bool inRound_ = false;
+  std::uint64_t wholes_ = 0;
   std::uint64_t seen_ = 0;
   std::uint64_t seenBatches_ = 0;
   std::uint64_t merged_ = 0;
