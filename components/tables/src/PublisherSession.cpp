@@ -312,8 +312,8 @@ void PublisherSession::timePasses(milliseconds time) {
   }
   if (frames_ != 0 || isBehind()) roundAge_ += time;
   if (silence_ >= heartbeatsOfSilence * heartbeat_) {
-    return end(ByeReason::silence, "nothing was received for " +
-                                       std::to_string(silence_.count() / 1000) + " seconds");
+    return end(ByeReason::silence,
+               "nothing was received for " + std::to_string(silence_.count() / 1000) + " seconds");
   }
   if (idle_ >= heartbeat_ && out_.empty()) {
     markIsDue_ = true;

@@ -112,14 +112,14 @@ class PublisherSession {
   std::string subscriber_;
   milliseconds heartbeat_;
   milliseconds age_{0};
-  milliseconds silence_{0};    ///< since something was received
-  milliseconds idle_{0};       ///< since something was sent
+  milliseconds silence_{0};  ///< since something was received
+  milliseconds idle_{0};     ///< since something was sent
   milliseconds roundAge_{0};
 
   bool markIsDue_ = false;
-  std::uint64_t frames_ = 0;  ///< of the round
-  std::uint64_t rows_ = 0;    ///< of the round
-  std::uint64_t batches_ = 0; ///< since the last mark
+  std::uint64_t frames_ = 0;   ///< of the round
+  std::uint64_t rows_ = 0;     ///< of the round
+  std::uint64_t batches_ = 0;  ///< since the last mark
   std::uint64_t lastBatch_ = 0;
   std::vector<Captured> captured_;
   std::size_t capturedSent_ = 0;

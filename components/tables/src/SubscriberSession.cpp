@@ -386,8 +386,8 @@ void SubscriberSession::weigh(Feed& feed) {
   const std::size_t memory = feed.round.memory();
   waiting_ += memory - std::exchange(feed.round.weight, memory);
   if (waiting_ <= subscription_.mostWaiting) return;
-  refuseTable(feed, "more than " + std::to_string(subscription_.mostWaiting) +
-                        " bytes wait for a mark");
+  refuseTable(feed,
+              "more than " + std::to_string(subscription_.mostWaiting) + " bytes wait for a mark");
 }
 
 void SubscriberSession::takeMark(const Mark& mark) {
@@ -472,8 +472,8 @@ void SubscriberSession::timePasses(milliseconds time) {
   silence_ += time;
   idle_ += time;
   if (silence_ >= heartbeatsOfSilence * heartbeat_) {
-    return end(ByeReason::silence, "nothing was received for " +
-                                       std::to_string(silence_.count() / 1000) + " seconds");
+    return end(ByeReason::silence,
+               "nothing was received for " + std::to_string(silence_.count() / 1000) + " seconds");
   }
   if (isWelcome_ && idle_ >= heartbeat_ && out_.empty()) {
     ackIsDue_ = true;

@@ -3,8 +3,8 @@
 // The subscriber's side of one connection: bytes in, bytes out, time given; and what it keeps over
 // connections. No socket, no clock.
 //
-// Between two marks, rows are only collected: those that differ from the table's wait, of the others
-// a hash is kept. At the mark all tables change in one batch, or none does.
+// Between two marks, rows are only collected: those that differ from the table's wait, of the
+// others a hash is kept. At the mark all tables change in one batch, or none does.
 
 #include <Korvo/RowConverter.h>
 
@@ -60,7 +60,7 @@ struct Subscription {
 
   std::uint64_t marks = 0;
   std::uint64_t merged = 0;
-  std::uint64_t refused = 0;        ///< rows
+  std::uint64_t refused = 0;  ///< rows
   std::uint64_t digestFaults = 0;
   std::optional<std::uint64_t> faultAt;  ///< the position at which the last bad frame came
   std::vector<Problem> problems;         ///< that wait for being told
@@ -132,9 +132,9 @@ class SubscriberSession {
   milliseconds silence_{0};
   milliseconds idle_{0};
 
-  std::uint64_t frames_ = 0;    ///< of the round
-  std::size_t waiting_ = 0;     ///< bytes that it takes
-  std::uint64_t marked_ = 0;    ///< the last mark's sequence
+  std::uint64_t frames_ = 0;  ///< of the round
+  std::size_t waiting_ = 0;   ///< bytes that it takes
+  std::uint64_t marked_ = 0;  ///< the last mark's sequence
   bool ackIsDue_ = false;
 };
 

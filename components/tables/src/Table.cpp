@@ -273,9 +273,9 @@ bool detail::ChangeSource::next(AnyChange& change, BaseRow& after, BaseRow& befo
   if (reading.reader == nullptr || !reading.next(told)) return false;
   const bool isGone = told.after == nullptr;
   change.oid = told.oid;
-  change.kind = isGone           ? ChangeKind::removed
+  change.kind = isGone          ? ChangeKind::removed
                 : told.wasKnown ? ChangeKind::changed
-                                 : ChangeKind::added;
+                                : ChangeKind::added;
   after.shareContents(HeldRow(std::move(told.after)));
   before.shareContents(HeldRow(std::move(told.before)));
   return true;
@@ -295,8 +295,8 @@ bool detail::ChangeSource::first() const {
 
 AnyTableReader::AnyTableReader(AnyTable& table, const KoPtr<Scheduler>& scheduler, Before before)
     : Schedulable(table.name(), scheduler),
-      reading_(std::make_shared<detail::ChangeSource::Reading>(
-          detail::TableAccess::store(table), before == Before::kept, *this)) {
+      reading_(std::make_shared<detail::ChangeSource::Reading>(detail::TableAccess::store(table),
+                                                               before == Before::kept, *this)) {
   clientReadyIs(true);
   runnableIs(true);
 }

@@ -123,7 +123,8 @@ struct AddressBits {
 
   static AddressBits of(AddressFamily af, const byte_t* bytes);
   unsigned int bit(unsigned int index) const {
-    return static_cast<unsigned int>((index < 64 ? high >> (63 - index) : low >> (127 - index)) & 1);
+    return static_cast<unsigned int>((index < 64 ? high >> (63 - index) : low >> (127 - index)) &
+                                     1);
   }
   AddressBits cutTo(unsigned int length) const;
   unsigned int commonBits(const AddressBits& other) const;

@@ -270,7 +270,8 @@ void TablePublisher::Impl::take(std::unique_ptr<ByteStream> stream) {
   const bool isFull = connections.size() >= options.mostSubscribers;
   connections.push_back(std::make_unique<Connection>(*this, std::move(stream)));
   PublisherSession& session = connections.back()->session;
-  if (user && *user != geteuid() && std::ranges::find(options.users, *user) == options.users.end()) {
+  if (user && *user != geteuid() &&
+      std::ranges::find(options.users, *user) == options.users.end()) {
     session.end(detail::ByeReason::notAllowed,
                 "user " + std::to_string(*user) + " may not subscribe");
   } else if (isFull) {

@@ -45,7 +45,8 @@ bool valuesEqual(std::string_view a, std::string_view b, const ColumnInfo& colum
 
 bool rowsEqual(const byte_t* a, const byte_t* b, const LayoutInfo& layout) {
   const len_t length = loadField<len_t>(a + rowLengthOffset);
-  if (length == loadField<len_t>(b + rowLengthOffset) && std::memcmp(a, b, length) == 0) return true;
+  if (length == loadField<len_t>(b + rowLengthOffset) && std::memcmp(a, b, length) == 0)
+    return true;
   // Gaps hold anything, and values may stand in any order.
   if (std::memcmp(a + rowTypeOffset, b + rowTypeOffset, rowHeaderLength - rowTypeOffset) != 0) {
     return false;
@@ -254,9 +255,9 @@ TableIndex& TableStore::index(IndexKind kind, std::span<const std::size_t> colum
 }
 
 std::shared_ptr<void>& TableStore::handle(const TableIndex& index) {
-  return std::ranges::find(indexes_, &index, [](const KnownIndex& known) {
-           return known.index.get();
-         })->handle;
+  return std::ranges::find(indexes_, &index,
+                           [](const KnownIndex& known) { return known.index.get(); })
+      ->handle;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -387,7 +388,6 @@ TableStore::Commit::Commit(TableStore& store, std::vector<RowOperation>& operati
   for (std::size_t i = 0; i < store_.cursors_.size(); ++i) store_.cursors_[i]->changeComes();
 }
 
-
 /// The last word on each oid counts, if it changes anything.
 void TableStore::Commit::select(std::vector<RowOperation>& operations) {
   std::unordered_map<oid_t, std::size_t> last;
@@ -450,9 +450,9 @@ void TableStore::Commit::reserve() {
     if (isNew) ++added;
     if (touch.isRemoval) ++removed;
     for (const KnownIndex& known : store_.indexes_) {
-      moves_.push_back(isNew || touch.isRemoval ||
-                       !known.index->sameKey(store_.row(touch.slot),
-                                             SubRowReference(touch.buffer->buf_)));
+      moves_.push_back(
+          isNew || touch.isRemoval ||
+          !known.index->sameKey(store_.row(touch.slot), SubRowReference(touch.buffer->buf_)));
     }
   }
   store_.reserveOids(added);

@@ -77,8 +77,8 @@ class TableStore {
   const std::shared_ptr<SequenceSource>& source() const { return source_; }
   /// From now on batches are numbered by `source`, behind all that were.
   void sourceIs(std::shared_ptr<SequenceSource> source) noexcept;
-  /// All rows count as last changed at `sequence`, the last of their history, whose removals are not
-  /// known.
+  /// All rows count as last changed at `sequence`, the last of their history, whose removals are
+  /// not known.
   void historyIs(std::uint64_t sequence) noexcept;
 
   /// The hashes of all rows, in one number that does not depend on their order. Kept from
@@ -103,7 +103,7 @@ class TableStore {
   const std::string& stateText() const { return stateText_; }
   /// Readers are told of it in their turns. Throws std::bad_alloc with the state as before.
   void stateIs(TableState state, std::string text);
-  bool hasFirstRows = true;   ///< until then readers are told nothing
+  bool hasFirstRows = true;  ///< until then readers are told nothing
   bool isPublished = false;
   bool isSubscribed = false;  ///< written by a subscription only
 
@@ -168,7 +168,7 @@ class TableStore {
   Slot oldest_ = noSlot;
   Slot latest_ = noSlot;
 
-  std::vector<Deletion> deletions_;    ///< those before `deletionsBegin_` are forgotten
+  std::vector<Deletion> deletions_;  ///< those before `deletionsBegin_` are forgotten
   std::size_t deletionsBegin_ = 0;
   std::uint64_t deletionsDropped_ = 0;  ///< before the first of the vector
   std::uint64_t floor_ = 0;
@@ -204,8 +204,8 @@ class TableStore::Cursor {
   /// Called when the table is destroyed; store() is null already.
   virtual void tableGoes() noexcept {}
 
-  /// What happened up to `sequence` counts as told, if that can be: false if removals behind it have
-  /// been forgotten. To be called before anything was told.
+  /// What happened up to `sequence` counts as told, if that can be: false if removals behind it
+  /// have been forgotten. To be called before anything was told.
   bool resumeBehind(std::uint64_t sequence);
   /// Null once the table is gone.
   TableStore* store() const { return store_; }
@@ -240,10 +240,10 @@ class TableStore::Cursor {
   std::uint64_t seen_ = 0;
   std::uint64_t seenBatches_ = 0;
   std::uint64_t merged_ = 0;
-  std::uint64_t roundHead_ = 0;  ///< the table's sequence when the round began
-  std::uint64_t told_ = 0;       ///< the sequence of the last row told
-  Slot position_ = noSlot;       ///< the next row to tell
-  std::uint64_t deletion_ = 0;   ///< the next deletion to tell, counted from the first ever
+  std::uint64_t roundHead_ = 0;         ///< the table's sequence when the round began
+  std::uint64_t told_ = 0;              ///< the sequence of the last row told
+  Slot position_ = noSlot;              ///< the next row to tell
+  std::uint64_t deletion_ = 0;          ///< the next deletion to tell, counted from the first ever
   std::unordered_set<oid_t> returned_;  ///< removed and put again since `seen_`
   std::unordered_map<oid_t, KoPtr<KoRowBuf>> before_;
 };

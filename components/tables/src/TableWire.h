@@ -92,7 +92,8 @@ struct Frame {
 class FrameReader {
  public:
   /// Calls `take`, which returns whether it wants more, for each frame that is complete. Throws
-  /// ProtocolError for a length out of range, before memory is taken for it, and what `take` throws.
+  /// ProtocolError for a length out of range, before memory is taken for it, and what `take`
+  /// throws.
   template <typename Take>
   void feed(std::span<const byte_t> bytes, const Take& take) {
     while (!bytes.empty()) {

@@ -26,8 +26,7 @@ class TestLoop::Clock::Timer final : public Velto::Platform::TimerControl {
   ~Timer() override { Timer::cancel(); }
 
   void timeoutIs(nanoseconds delay) override {
-    const auto place =
-        clock_->timers.emplace(clock_->now + std::max(delay, nanoseconds(0)), this);
+    const auto place = clock_->timers.emplace(clock_->now + std::max(delay, nanoseconds(0)), this);
     cancel();
     place_ = place;
   }

@@ -142,7 +142,7 @@ class SocketListener final : public ByteListener,
     if (!bindToPath() && !(errno == EADDRINUSE && removeAbandoned() && bindToPath())) {
       fail("bind " + path_);
     }
-    struct stat file{};
+    struct stat file {};
     if (lstat(path_.c_str(), &file) == 0) inode_ = file.st_ino;
     try {
       if (chmod(path_.c_str(), mode & 0777) != 0) fail("chmod " + path_);
@@ -167,12 +167,13 @@ class SocketListener final : public ByteListener,
  private:
   bool bindToPath() const {
     const sockaddr_un address = addressOf(path_);
-    return bind(descriptor_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    return bind(descriptor_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
+           0;
   }
 
   /// Whether the path held a socket that nobody listens to. Anything else stays.
   bool removeAbandoned() const {
-    struct stat file{};
+    struct stat file {};
     if (lstat(path_.c_str(), &file) != 0) return errno == ENOENT;
     if (S_ISSOCK(file.st_mode)) {
       const Descriptor probe = newSocket();
@@ -185,9 +186,9 @@ class SocketListener final : public ByteListener,
   }
 
   void removeOwnFile() const {
-    struct stat file{};
-    const bool isOurs = lstat(path_.c_str(), &file) == 0 && S_ISSOCK(file.st_mode) &&
-                        file.st_ino == inode_;
+    struct stat file {};
+    const bool isOurs =
+        lstat(path_.c_str(), &file) == 0 && S_ISSOCK(file.st_mode) && file.st_ino == inode_;
     if (isOurs) unlink(path_.c_str());
   }
 

@@ -36,8 +36,8 @@ class Subject {
       batch_.put(port(oid, "new" + std::to_string(oid), 20, "10.128.0.0/9", 1));
     }
     for (oid_t oid = 100; oid <= 140; ++oid) {
-      batch_.put(port(oid, "eth" + std::to_string(oid), -5,
-                      "10.0." + std::to_string(oid) + ".0/24", 2));
+      batch_.put(
+          port(oid, "eth" + std::to_string(oid), -5, "10.0." + std::to_string(oid) + ".0/24", 2));
     }
     batch_.put(links_, link(7, true));
   }

@@ -98,11 +98,13 @@ class LinkTest : public testing::Test {
   auto writeDown() {
     return [this](const Korvo::Changes<Port>& changes) {
       if (changes.first()) told_ << "first ";
+      std::map<Korvo::oid_t, Korvo::ChangeKind> all;
+      for (const Korvo::Change<Port>& change : changes) all[change.oid()] = change.kind();
       std::size_t count = 0;
-      for (const Korvo::Change<Port>& change : changes) {
-        if (++count <= 5) told_ << change.kind() << ' ' << change.oid() << ", ";
+      for (const auto& [oid, kind] : all) {
+        if (++count <= 5) told_ << kind << ' ' << oid << ", ";
       }
-      told_ << count << "; ";
+      told_ << all.size() << "; ";
     };
   }
 

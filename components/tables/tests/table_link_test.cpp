@@ -41,8 +41,8 @@ TEST_F(LinkTest, FirstRowsAreToldInOneCallThoughTheyChangeMeanwhile) {
   link.pieceIs(700);
   const TableReader<Port> reader(viewer->ports, loop, writeDown());
   connect();
-  for (oid_t i = 0; i < 50; ++i) {
-    loop->run(20, 0.0, true);
+  for (oid_t i = 0; i < 40; ++i) {
+    loop->run(6, 0.0, true);
     agent->put(port(5 * i + 1, "changed"));
     agent->remove(5 * i + 2);
     agent->put(port(5000 + i, "new"));
@@ -157,7 +157,7 @@ TEST_F(LinkTest, RestartedPublisherTellsOnlyTheDifferences) {
   agent->put(port(3, "other"), port(600, "new"));
   loop->advance(seconds(20));
   expectSame();
-  EXPECT_EQ(told(), "removed 499, changed 3, added 600, 3; ");
+  EXPECT_EQ(told(), "changed 3, removed 499, added 600, 3; ");
 }
 
 TEST_F(LinkTest, ResumesWithWhatChangedMeanwhile) {
@@ -195,7 +195,8 @@ TEST_F(LinkTest, ForgottenDeletionsMeanAllRowsAndNoEnd) {
   link.isDownIs(false);
   loop->advance(seconds(20));
   expectSame();
-  EXPECT_EQ(viewer->ports.size(), 2U + 1U - 1U) << viewer->ports.size();
+  EXPECT_EQ(viewer->ports.size(), 1U);
+  EXPECT_EQ(told(), "first added 69999, 1; ");  // too many removals for the copy to remember, too
 }
 
 TEST_F(LinkTest, SlowSubscriberOvertakenByDeletionsIsNotDisconnected) {
@@ -262,7 +263,7 @@ TEST_F(LinkTest, DivergedHistoryIsFoundByTheDigest) {
   agent.reset();
   agent.emplace(loop);
   agent->putMany(1, 5);
-  agent->publisher.historyIs(epoch, 9);  // which is not what it was
+  agent->publisher.historyIs(epoch, 1);  // which is not what it was
   agent->publisher.accept(link.publisherEnd());
   loop->advance(seconds(20));
   EXPECT_EQ(contents(viewer->ports), contents(agent->ports));
@@ -341,8 +342,8 @@ TEST_F(LinkTest, TableThatChangesFasterThanItIsSentComesToAMark) {
 }
 
 TEST_F(LinkTest, StaleRowsAreRemovedAtTheLimit) {
-  viewer.emplace(loop, Korvo::SubscriberOptions{.name = "viewer",
-                                                .staleLimit = milliseconds(30000)});
+  viewer.emplace(loop,
+                 Korvo::SubscriberOptions{.name = "viewer", .staleLimit = milliseconds(30000)});
   agent->putMany(1, 10);
   connect();
   loop->runUntilQuiet();
@@ -490,8 +491,7 @@ TEST_F(LinkTest, LayoutThatCannotBeTakenIsRefusedInWords) {
   connect();
   loop->runUntilQuiet();
   EXPECT_EQ(copy.state(), TableState::refused);
-  EXPECT_EQ(copy.stateText(),
-            "net/other: Layout refused - (column \"name\": bool, here string_t)");
+  EXPECT_EQ(copy.stateText(), "net/other: Layout refused - (column \"name\": bool, here string_t)");
   expectSame();
   agent->put(port(3, "later"));
   loop->runUntilQuiet();

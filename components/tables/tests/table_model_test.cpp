@@ -146,9 +146,9 @@ class Model {
         batch.remove(oid);
         after.erase(oid);
       } else {
-        const Port row = port(oid, "eth" + std::to_string(random_() % 40),
-                              static_cast<int>(random_() % 20) - 10, randomPrefix(random_),
-                              random_() % 3);
+        const Port row =
+            port(oid, "eth" + std::to_string(random_() % 40), static_cast<int>(random_() % 20) - 10,
+                 randomPrefix(random_), random_() % 3);
         batch.put(row);
         after[oid] = row;
       }

@@ -93,13 +93,13 @@ TEST_F(TableReaderTest, MergesWhatChangedTwice) {
   const TableReader<Port> reader(ports, loop, writeDown());
   run();
   put(port(1, "a"));
-  put(port(1, "b"));       // changed twice
+  put(port(1, "b"));  // changed twice
   put(port(4, "c"));
-  put(port(4, "d"));       // added, then changed
+  put(port(4, "d"));  // added, then changed
   remove(2);
-  put(port(2, "e"));       // removed and back
+  put(port(2, "e"));  // removed and back
   put(port(5, "f"));
-  remove(5);               // came and went
+  remove(5);  // came and went
   remove(3);
   EXPECT_EQ(run(), "8 merged removed 3, changed 1 b, added 4 d, changed 2 e, ; ");
 }

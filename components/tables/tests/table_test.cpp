@@ -355,9 +355,8 @@ TEST(TableIndexTest, RefusesColumnsThatItCannotIndex) {
   Korvo::AnyTable tags("tags", TagsLayout::info);
   auto& store = Korvo::detail::TableAccess::store(tags);
   const std::size_t column = 0;
-  for (const auto kind :
-       {Korvo::detail::IndexKind::equal, Korvo::detail::IndexKind::ordered,
-        Korvo::detail::IndexKind::longestPrefix}) {
+  for (const auto kind : {Korvo::detail::IndexKind::equal, Korvo::detail::IndexKind::ordered,
+                          Korvo::detail::IndexKind::longestPrefix}) {
     EXPECT_THROW(Korvo::detail::TableAccess::index(store, kind, {&column, 1}),
                  Korvo::KoInvalidArgument);
   }

@@ -15,11 +15,10 @@
 
 namespace tabletest {
 
-struct PortLayout : Korvo::RowLayout<7, Korvo::Column<"speed", std::int32_t>,
-                                     Korvo::Column<"vrf", std::uint16_t>,
-                                     Korvo::Column<"name", std::string>,
-                                     Korvo::Column<"net", Korvo::IpGenPrefix>,
-                                     Korvo::Column<"peer", Korvo::IpGenAddr>> {};
+struct PortLayout
+    : Korvo::RowLayout<7, Korvo::Column<"speed", std::int32_t>, Korvo::Column<"vrf", std::uint16_t>,
+                       Korvo::Column<"name", std::string>, Korvo::Column<"net", Korvo::IpGenPrefix>,
+                       Korvo::Column<"peer", Korvo::IpGenAddr>> {};
 using Port = Korvo::TableRow<PortLayout>;
 
 struct LinkLayout : Korvo::RowLayout<8, Korvo::Column<"up", bool>> {};

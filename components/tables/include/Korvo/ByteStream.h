@@ -1,6 +1,7 @@
 #pragma once
 
-// What tables travel on: streams of bytes in both directions. Sockets are one kind, TestLink another.
+// What tables travel on: streams of bytes in both directions. Sockets are one kind, TestLink
+// another.
 
 #include <Korvo/export.h>
 #include <sys/types.h>

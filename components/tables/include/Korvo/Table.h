@@ -10,12 +10,12 @@
 //   batch.commit();                                   // without it nothing changes
 //   std::cout << byNet.find(Korvo::IpGenAddr("10.1.0.9")) << '\n';
 //
-// A row that is put stays as it was: rows are values that share buffers, and whoever writes his copy
-// of it later writes a buffer of his own. Rows that a table gives out are such values too. Every row
-// of a table passed checkRow().
+// A row that is put stays as it was: rows are values that share buffers, and whoever writes his
+// copy of it later writes a buffer of his own. Rows that a table gives out are such values too.
+// Every row of a table passed checkRow().
 //
-// A table, its batches, indexes and readers are used from the thread that made the table; writing it
-// or adding to it from another one stops the process.
+// A table, its batches, indexes and readers are used from the thread that made the table; writing
+// it or adding to it from another one stops the process.
 
 #include <Korvo/TableIndex.h>
 #include <Korvo/TableRow.h>
@@ -32,8 +32,8 @@ namespace Korvo {
 enum class TableState : byte_t {
   loading,  ///< the first rows have not all come
   current,
-  stale,    ///< the rows are those of before the link was lost
-  refused   ///< the owner's rows cannot be taken
+  stale,   ///< the rows are those of before the link was lost
+  refused  ///< the owner's rows cannot be taken
 };
 
 /// A table of rows whose layout is known at run time.

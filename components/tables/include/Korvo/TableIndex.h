@@ -7,8 +7,8 @@
 //   auto& byNet = ports.longestPrefix<"net">();
 //   std::cout << byNet.find(Korvo::IpGenAddr("10.1.0.9")).view<"name">() << '\n';
 //
-// What they give are rows that share the table's buffers. Going through rows stays valid while other
-// rows are put and removed.
+// What they give are rows that share the table's buffers. Going through rows stays valid while
+// other rows are put and removed.
 
 #include <Korvo/TableKey.h>
 #include <Korvo/TableRow.h>
@@ -332,7 +332,8 @@ class PrefixIndex : public detail::IndexHandle<Row> {
         detail::TableAccess::exact(this->index_, wanted.af, wanted.bytes, wanted.length),
         detail::noSlot);
   }
-  /// The rows of all prefixes that contain the address or the whole of the prefix, the widest first.
+  /// The rows of all prefixes that contain the address or the whole of the prefix, the widest
+  /// first.
   std::vector<Row> covering(const IpGenAddr& addr) const { return covering(Wanted(addr)); }
   std::vector<Row> covering(const IpGenPrefix& prefix) const { return covering(Wanted(prefix)); }
   /// The rows of all prefixes that lie in this one, itself included.

@@ -72,9 +72,9 @@ class KORVO_API TablePublisher {
   /// Says goodbye to the subscribers, who keep their rows, stale.
   ~TablePublisher();
 
-  /// From here on the table's batches have numbers of all tables of this publisher. Subscribers that
-  /// are connected come back for it. Throws KoInvalidArgument if another table has its name, the
-  /// name has more than 255 bytes, or the table is published or subscribed already.
+  /// From here on the table's batches have numbers of all tables of this publisher. Subscribers
+  /// that are connected come back for it. Throws KoInvalidArgument if another table has its name,
+  /// the name has more than 255 bytes, or the table is published or subscribed already.
   void add(AnyTable& table);
 
   /// Listens on a Unix-domain socket: "unix:/run/korvo/portAgent". Only this process's user may
@@ -85,8 +85,8 @@ class KORVO_API TablePublisher {
   void accept(const std::shared_ptr<ByteListener>& listener);
 
   /// Whether the tables hold all that they should; they do at first. While they do not, subscribers
-  /// keep what they have: a publisher that was restarted says false until it has loaded its rows, and
-  /// nobody deletes anything meanwhile.
+  /// keep what they have: a publisher that was restarted says false until it has loaded its rows,
+  /// and nobody deletes anything meanwhile.
   void completeIs(bool isComplete);
   bool complete() const;
 
@@ -95,10 +95,10 @@ class KORVO_API TablePublisher {
   std::uint64_t epoch() const;
   /// The number of the last batch.
   std::uint64_t sequence() const;
-  /// For a publisher that has restored what it held before a restart: its tables are exactly as they
-  /// were after the last batch of that history. Subscribers then go on where they were. To be called
-  /// once all tables are added and filled, before anybody connects. Throws KoInvalidArgument for an
-  /// epoch of 0, a sequence below the present one, or when it is too late.
+  /// For a publisher that has restored what it held before a restart: its tables are exactly as
+  /// they were after the last batch of that history. Subscribers then go on where they were. To be
+  /// called once all tables are added and filled, before anybody connects. Throws KoInvalidArgument
+  /// for an epoch of 0, a sequence below the present one, or when it is too late.
   void historyIs(std::uint64_t epoch, std::uint64_t sequence);
 
   std::vector<Subscriber> subscribers() const;

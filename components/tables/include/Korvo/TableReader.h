@@ -7,8 +7,9 @@
 //   });
 //
 // A reader is a unit. It becomes runnable when the table is ahead of it, and in its turn gets what
-// changed since it looked last: a row that changed twice is told once, as it stands. So fast and slow
-// readers see the same, nothing is queued for them, and nothing of theirs runs inside a commit.
+// changed since it looked last: a row that changed twice is told once, as it stands. So fast and
+// slow readers see the same, nothing is queued for them, and nothing of theirs runs inside a
+// commit.
 //
 // The long form overrides changed() and may stop in the middle:
 //
@@ -190,7 +191,8 @@ class TableReader : public AnyTableReader {
     if (told_ == nullptr) return;
     const std::shared_ptr<const Callback> told = told_;  // it may destroy the reader
     (*told)(changes);
-    while (changes.next() != nullptr) {}
+    while (changes.next() != nullptr) {
+    }
   }
 
  private:

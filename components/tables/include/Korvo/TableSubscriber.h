@@ -57,10 +57,10 @@ class KORVO_API TableSubscriber {
 
   struct Status {
     bool isConnected = false;
-    std::string publisher;           ///< its name, once it was heard of
-    std::uint64_t connections = 0;   ///< that were made
-    std::uint64_t marks = 0;         ///< states of the publisher that were reached
-    std::uint64_t merged = 0;        ///< batches of it that came together with later ones
+    std::string publisher;          ///< its name, once it was heard of
+    std::uint64_t connections = 0;  ///< that were made
+    std::uint64_t marks = 0;        ///< states of the publisher that were reached
+    std::uint64_t merged = 0;       ///< batches of it that came together with later ones
     std::uint64_t refusedRows = 0;
     std::uint64_t digestFaults = 0;  ///< how often a copy was not as the publisher had it
     std::string lastReason;          ///< why the last connection ended or could not be made
