@@ -7,6 +7,7 @@
 #include <ostream>
 #include <utility>
 
+#include "BatchParts.h"
 #include "TableStore.h"
 
 namespace Korvo {
@@ -167,22 +168,6 @@ Slot TableAccess::nextSamePrefix(const void* source, Slot slot) {
 
 // ---------------------------------------------------------------------------------------------
 // Batches
-
-struct AnyBatch::Parts {
-  struct Part {
-    AnyTable* table;
-    std::vector<detail::RowOperation> operations;
-  };
-  std::vector<Part> parts;
-
-  std::vector<detail::RowOperation>& of(AnyTable& table) {
-    for (Part& part : parts) {
-      if (part.table == &table) return part.operations;
-    }
-    parts.push_back({&table, {}});
-    return parts.back().operations;
-  }
-};
 
 AnyBatch::AnyBatch() : parts_(std::make_unique<Parts>()) {}
 

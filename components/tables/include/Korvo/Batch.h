@@ -11,6 +11,9 @@
 
 namespace Korvo {
 
+struct BatchParts;
+class TableMailbox;
+
 /// A batch over tables whose layouts are known at run time; Batch knows them when it is compiled.
 class KORVO_API AnyBatch {
  public:
@@ -42,6 +45,7 @@ class KORVO_API AnyBatch {
   void putChecked(AnyTable& table, const BaseRow& row);
 
  private:
+  friend struct BatchParts;
   struct Parts;
   std::unique_ptr<Parts> parts_;
 };
@@ -86,6 +90,7 @@ class Batch : private AnyBatch {
   using AnyBatch::commit;
 
  private:
+  friend class TableMailbox;
   std::tuple<Tables&...> tables_;
 };
 
