@@ -2,105 +2,15 @@
 // The frames are written here by hand, from the description of the protocol.
 
 #include "table_link_support.h"
+#include "wire_frames.h"
 
 namespace {
 
 using namespace tabletest;
+using namespace wire;
 using Korvo::oid_t;
 using Korvo::Table;
 using Korvo::TableState;
-
-constexpr std::uint64_t epoch = 0x1122334455667788;
-
-/// The bytes of numbers and texts, as they stand in frames.
-class Bytes {
- public:
-  template <typename Number>
-  Bytes& number(Number value) {
-    char bytes[sizeof value];
-    Korvo::storeField(bytes, value);
-    text_.append(bytes, sizeof value);
-    return *this;
-  }
-  Bytes& u8(unsigned value) { return number(static_cast<std::uint8_t>(value)); }
-  Bytes& u16(unsigned value) { return number(static_cast<std::uint16_t>(value)); }
-  Bytes& u32(std::uint32_t value) { return number(value); }
-  Bytes& u64(std::uint64_t value) { return number(value); }
-  Bytes& raw(std::string_view bytes) {
-    text_ += bytes;
-    return *this;
-  }
-  Bytes& text(std::string_view text) { return u8(static_cast<unsigned>(text.size())).raw(text); }
-  const std::string& get() const { return text_; }
-
- private:
-  std::string text_;
-};
-
-std::string frame(unsigned type, unsigned table, const std::string& body) {
-  return Bytes()
-      .u32(static_cast<std::uint32_t>(4 + body.size()))
-      .u8(type)
-      .u8(0)
-      .u16(table)
-      .raw(body)
-      .get();
-}
-
-enum Type : unsigned { hello = 1, welcome, whole, row, del, mark, pulse, ack, note, refuse, bye };
-
-std::string bytesOf(const Korvo::LayoutFingerprint& print) {
-  return {reinterpret_cast<const char*>(print.bytes.data()), print.bytes.size()};
-}
-
-std::string helloFrame(unsigned from = 1, unsigned to = 1) {
-  return frame(hello, 0,
-               Bytes()
-                   .raw("KORVOTAB")
-                   .u16(from)
-                   .u16(to)
-                   .u32(0)
-                   .u32(5000)
-                   .text("raw")
-                   .u16(1)
-                   .u16(3)
-                   .text("net/port")
-                   .u16(7)
-                   .raw(bytesOf(Korvo::fingerprint<PortLayout>()))
-                   .u64(0)
-                   .u64(0)
-                   .get());
-}
-
-template <typename Layout>
-std::string welcomeFrame(std::string layout = Korvo::layoutText(Layout::info)) {
-  return frame(welcome, 0,
-               Bytes()
-                   .u16(1)
-                   .u32(0)
-                   .u32(5000)
-                   .text("fake")
-                   .u64(epoch)
-                   .u64(0)
-                   .u16(1)
-                   .u16(0)
-                   .u8(1)
-                   .text("")
-                   .raw(bytesOf(Korvo::fingerprint<Layout>()))
-                   .u32(static_cast<std::uint32_t>(layout.size()))
-                   .raw(layout)
-                   .get());
-}
-
-std::string markFrame(std::uint64_t sequence, std::uint64_t frames, std::uint64_t rows,
-                      std::uint64_t digest) {
-  return frame(mark, 0,
-               Bytes().u64(sequence).u64(frames).u64(0).u16(1).u16(0).u64(rows).u64(digest).get());
-}
-
-std::string rowFrame(const Korvo::BaseRow& sent) {
-  return frame(row, 0, std::string(reinterpret_cast<const char*>(sent.rowBuf()), sent.rowLength()));
-}
 
 /// An end of a link, driven by hand.
 class RawEnd {
@@ -164,7 +74,7 @@ class PublisherWireTest : public LinkTest {
 TEST_F(PublisherWireTest, TellsRowsAsTheyLieInMemory) {
   const Port sent = port(5, "eth5", 10);
   agent->put(sent);
-  EXPECT_EQ(answer(helloFrame()), "welcome whole row mark ");
+  EXPECT_EQ(answer(helloFrame<PortLayout>()), "welcome whole row mark ");
   agent->put(port(6, "eth6"));
   agent->remove(5);
   EXPECT_EQ(answer(""), "del row mark ");
@@ -175,12 +85,12 @@ TEST_F(PublisherWireTest, TellsRowsAsTheyLieInMemory) {
 }
 
 TEST_F(PublisherWireTest, SaysWhichProtocolsItKnows) {
-  EXPECT_EQ(answer(helloFrame(3, 3)), "bye protocol 1 here, 3 there ");
+  EXPECT_EQ(answer(helloFrame<PortLayout>(3, 3)), "bye protocol 1 here, 3 there ");
   EXPECT_FALSE(raw.isOpen);
 }
 
 TEST_F(PublisherWireTest, TakesTheHighestCommonProtocol) {
-  EXPECT_EQ(answer(helloFrame(0, 9)), "welcome whole mark ");
+  EXPECT_EQ(answer(helloFrame<PortLayout>(0, 9)), "welcome whole mark ");
 }
 
 TEST_F(PublisherWireTest, RefusesWhatIsNoHello) {
@@ -202,18 +112,18 @@ TEST_F(PublisherWireTest, LateHelloIsRefused) {
 }
 
 TEST_F(PublisherWireTest, SkipsUnknownFramesThatMayBeSkipped) {
-  answer(helloFrame());
+  answer(helloFrame<PortLayout>());
   EXPECT_EQ(answer(frame(0x85, 9, "whatever")), "");
   EXPECT_EQ(answer(frame(0x45, 9, "whatever")), "bye frame of type 69 ");
 }
 
 TEST_F(PublisherWireTest, RefusesAcksOfWhatWasNotSent) {
-  answer(helloFrame());
+  answer(helloFrame<PortLayout>());
   EXPECT_EQ(answer(frame(ack, 0, Bytes().u64(99).u64(0).get())), "bye ACK of what was not sent ");
 }
 
 TEST_F(PublisherWireTest, RefusedTableIsToldNoMore) {
-  answer(helloFrame());
+  answer(helloFrame<PortLayout>());
   agent->put(port(1, "a"));
   EXPECT_EQ(answer(frame(refuse, 3, Bytes().text("no").get())), "");
   agent->put(port(2, "a"));
@@ -227,7 +137,7 @@ TEST_F(PublisherWireTest, TellsOfRowsThatASubscriberRefused) {
            refused.reason;
     agent.reset();  // and may end the publisher
   });
-  answer(helloFrame());
+  answer(helloFrame<PortLayout>());
   answer(frame(note, 3, Bytes().u32(17).text("too long").get()));
   EXPECT_EQ(told, "raw net/port 17 too long");
   EXPECT_FALSE(agent.has_value());
@@ -236,7 +146,7 @@ TEST_F(PublisherWireTest, TellsOfRowsThatASubscriberRefused) {
 TEST_F(PublisherWireTest, SubscriberThatTakesNothingIsClosedAndTheOthersBytesAreBounded) {
   agent->putMany(1, 5000);
   link.roomIs(1000);
-  raw.send(helloFrame());
+  raw.send(helloFrame<PortLayout>());
   loop->runUntilQuiet();
   EXPECT_LE(agent->publisher.subscribers().at(0).unsent, 256U * 1024);
   loop->advance(seconds(20));
@@ -250,7 +160,7 @@ TEST_F(PublisherWireTest, MoreSubscribersThanAllowedAreToldSo) {
   raw.streamIs(link.subscriberEnd()->connect());
   RawEnd second;
   second.streamIs(link.subscriberEnd()->connect());
-  EXPECT_EQ(answer(helloFrame()), "welcome whole mark ");
+  EXPECT_EQ(answer(helloFrame<PortLayout>()), "welcome whole mark ");
   EXPECT_EQ(second.receive(), "bye too many subscribers ");
 }
 
@@ -280,20 +190,6 @@ class SubscriberWireTest : public testing::Test {
            markFrame(10, 2, 1, digestOf(first)));
     ASSERT_EQ(ports.state(), TableState::current) << subscriber.status().lastReason;
   }
-  /// The digest of a table with this row alone.
-  static std::uint64_t digestOf(const Port& sent) {
-    constexpr std::uint64_t multiplier = 0x9FB21C651E98DF25U;
-    std::string bytes(reinterpret_cast<const char*>(sent.rowBuf()), sent.rowLength());
-    std::uint64_t hash = bytes.size() * multiplier;
-    bytes.resize((bytes.size() / 8 + 1) * 8);
-    for (std::size_t at = 0; at < bytes.size(); at += 8) {
-      hash = (hash ^ Korvo::loadField<std::uint64_t>(bytes.data() + at)) * multiplier;
-      hash ^= hash >> 32;
-    }
-    hash *= multiplier;
-    return hash ^ hash >> 29;
-  }
-
   std::shared_ptr<Korvo::TestLoop> loop = std::make_shared<Korvo::TestLoop>();
   Korvo::TestLink link;
   RawEnd raw;

@@ -8,9 +8,9 @@
 //   batch.put(port);
 //   if (!mailbox.post(batch)) {}                        // full: the batch is as before
 //
-// What waits is kept by table and oid: of two rows of one oid the later one stays, so that a mailbox
-// never holds more than the tables have rows, nor more than its limit. What waits when the loop's turn
-// comes appears as one batch.
+// What waits is kept by table and oid: of two rows of one oid the later one stays, so that a
+// mailbox never holds more than the tables have rows, nor more than its limit. What waits when the
+// loop's turn comes appears as one batch.
 
 #include <Korvo/Batch.h>
 #include <Korvo/export.h>
@@ -29,8 +29,9 @@ class KORVO_API TableMailbox {
   using Post = std::function<void(std::function<void()> work)>;
   static constexpr std::size_t defaultLimit = 65536;
 
-  /// A mailbox for tables of the loop's thread, which all outlive it. `loop` has post(), as EventLoop
-  /// does. `limit` is how many oids wait at the most. Throws KoInvalidArgument for a limit of 0.
+  /// A mailbox for tables of the loop's thread, which all outlive it. `loop` has post(), as
+  /// EventLoop does. `limit` is how many oids wait at the most. Throws KoInvalidArgument for a
+  /// limit of 0.
   template <typename Loop>
   explicit TableMailbox(const std::shared_ptr<Loop>& loop, std::size_t limit = defaultLimit)
       : TableMailbox(Post([loop](std::function<void()> work) { loop->post(std::move(work)); }),
