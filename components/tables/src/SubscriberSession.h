@@ -96,8 +96,9 @@ class SubscriberSession {
   void end(ByeReason reason, const std::string& text);
   bool isOver() const { return isOver_; }
   const std::string& endText() const { return endText_; }
+  std::string takeEndText() { return std::exchange(endText_, {}); }
 
-  const std::string& publisher() const { return publisher_; }
+  std::string& publisher() { return publisher_; }
   /// Whether a mark came.
   bool hasMark() const { return hasMark_; }
 

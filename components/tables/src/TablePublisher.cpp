@@ -47,6 +47,8 @@ class TablePublisher::Impl final : public std::enable_shared_from_this<Impl>,
   void take(std::unique_ptr<ByteStream> stream);
   void drop(Connection& connection, const std::string& reason);
   void wakeAll();
+  /// Sets the timer, if it is not. Without memory that is tried again in the next turn of anybody.
+  void keepTime() noexcept;
   void onTimeout() override;
 
   const KoPtr<Scheduler> scheduler;
@@ -116,6 +118,7 @@ class TablePublisher::Impl::Connection final : public Schedulable,
 
   void run(bool) override {
     const std::shared_ptr<Impl> impl = impl_.shared_from_this();
+    impl->keepTime();
     guarded([&] {
       read();
       write();
@@ -288,8 +291,16 @@ void TablePublisher::Impl::wakeAll() {
   for (const auto& connection : connections) connection->runnableIs(true);
 }
 
+void TablePublisher::Impl::keepTime() noexcept {
+  try {
+    if (!timer->pending()) timer->timeoutIs(step);
+  } catch (const std::bad_alloc&) {
+    // Subscribers that are left without heartbeats come again.
+  }
+}
+
 void TablePublisher::Impl::onTimeout() {
-  timer->timeoutIs(step);
+  keepTime();
   for (const auto& connection : connections) connection->timePasses(step);
 }
 

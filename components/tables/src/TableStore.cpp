@@ -94,6 +94,9 @@ TableStore::~TableStore() {
 
 void TableStore::sourceIs(std::shared_ptr<SequenceSource> source) noexcept {
   source->last = std::max(source->last, source_->last);
+  // Positions up to here are those of another table that had the name.
+  if (source->last != 0) ++source->last;
+  joined_ = source->last;
   source_ = std::move(source);
 }
 
@@ -107,6 +110,7 @@ void TableStore::historyIs(std::uint64_t sequence) noexcept {
   deletionsBegin_ = 0;
   sequence_ = sequence;
   floor_ = sequence;
+  joined_ = sequence;
 }
 
 void TableStore::keepDigest() noexcept {
@@ -274,7 +278,7 @@ TableStore::Cursor::~Cursor() {
 }
 
 bool TableStore::Cursor::resumeBehind(std::uint64_t sequence) {
-  if (store_ == nullptr || sequence < store_->floor_) return false;
+  if (store_ == nullptr || sequence < std::max(store_->floor_, store_->joined_)) return false;
   seen_ = sequence;
   seenBatches_ = store_->batches_;
   isWhole_ = false;

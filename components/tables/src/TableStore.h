@@ -172,6 +172,7 @@ class TableStore {
   std::size_t deletionsBegin_ = 0;
   std::uint64_t deletionsDropped_ = 0;  ///< before the first of the vector
   std::uint64_t floor_ = 0;
+  std::uint64_t joined_ = 0;  ///< the source's number when it became this table's
 
   bool keepsDigest_ = false;
   std::uint64_t digest_ = 0;

@@ -65,7 +65,8 @@ class TableSubscriber::Impl final : public Schedulable,
   void tryToConnect();
   void read();
   void write();
-  void lose(const std::string& reason);
+  void lose(std::string reason) noexcept;
+  void settleLoss() noexcept;
   void retryLater();
   void heartbeat();
   void retry();
@@ -78,6 +79,7 @@ class TableSubscriber::Impl final : public Schedulable,
   std::unique_ptr<ByteStream> stream_;
   bool wantsConnection_ = false;
   bool wasOver_ = false;
+  bool isLossDue_ = false;  ///< the link was lost, and not all has been done about it
   bool isGone_ = false;
   Status status_;
   milliseconds step_;
@@ -120,13 +122,11 @@ void TableSubscriber::Impl::end() noexcept {
       session_->end(detail::ByeReason::closing, "the subscriber ended");
       write();
     }
-    lose("the subscription ended");
-  } catch (const std::exception&) {
-    // The end of the connection tells the publisher; the tables' texts are left as they are.
+  } catch (const std::bad_alloc&) {
+    // The end of the connection tells the publisher.
   }
-  if (stream_ != nullptr) stream_->userIs(nullptr);
-  session_.reset();
-  stream_.reset();
+  if (session_ != nullptr) session_->takeEndText();
+  lose("the subscription ended");
   for (const auto& copy : subscription_.copies) {
     if (copy->store() != nullptr) copy->store()->isSubscribed = false;
   }
@@ -185,7 +185,7 @@ TableSubscriber::Status TableSubscriber::Impl::status() const {
 void TableSubscriber::Impl::run(bool) {
   const std::shared_ptr<Impl> kept = shared_from_this();
   try {
-    if (session_ == nullptr && wantsConnection_) tryToConnect();
+    if (session_ == nullptr && wantsConnection_ && !isLossDue_) tryToConnect();
     if (session_ != nullptr) read();
     if (session_ != nullptr) write();
   } catch (const std::bad_alloc&) {
@@ -203,6 +203,7 @@ void TableSubscriber::Impl::run(bool) {
 
 void TableSubscriber::Impl::tryToConnect() {
   wantsConnection_ = false;
+  heartbeatTimer_.timeoutIs(step_);
   try {
     std::unique_ptr<ByteStream> stream = connector_->connect();
     session_ = std::make_unique<SubscriberSession>(subscription_);
@@ -214,7 +215,6 @@ void TableSubscriber::Impl::tryToConnect() {
   ++status_.connections;
   wasOver_ = false;
   stream_->userIs(this);
-  heartbeatTimer_.timeoutIs(step_);
 }
 
 void TableSubscriber::Impl::read() {
@@ -246,20 +246,34 @@ void TableSubscriber::Impl::write() {
   if (session_->isOver()) lose(session_->endText());
 }
 
-void TableSubscriber::Impl::lose(const std::string& reason) {
-  // What the other side said before it closed tells more.
-  const bool isTold = session_ != nullptr && !session_->endText().empty();
-  status_.lastReason = isTold ? session_->endText() : reason;
-  if (session_ != nullptr && !session_->publisher().empty()) {
-    status_.publisher = session_->publisher();
+/// What was under way is gone at once; what follows from that is made up for when memory is short.
+void TableSubscriber::Impl::lose(std::string reason) noexcept {
+  if (session_ != nullptr) {
+    // What the other side said before it closed tells more.
+    if (!session_->endText().empty()) reason = session_->takeEndText();
+    if (!session_->publisher().empty()) status_.publisher.swap(session_->publisher());
   }
+  status_.lastReason = std::move(reason);
   if (stream_ != nullptr) stream_->userIs(nullptr);
   session_.reset();
   stream_.reset();
-  heartbeatTimer_.cancel();
-  subscription_.linkIsLost(status_.lastReason);
-  if (options_.staleLimit && !staleTimer_.pending()) staleTimer_.timeoutIs(*options_.staleLimit);
-  if (!isGone_) retryLater();
+  isLossDue_ = true;
+  settleLoss();
+}
+
+void TableSubscriber::Impl::settleLoss() noexcept {
+  try {
+    subscription_.linkIsLost(status_.lastReason);
+    if (!isGone_) {
+      if (options_.staleLimit && !staleTimer_.pending())
+        staleTimer_.timeoutIs(*options_.staleLimit);
+      retryLater();
+    }
+    isLossDue_ = false;
+    heartbeatTimer_.cancel();
+  } catch (const std::bad_alloc&) {
+    // The next heartbeat tries again.
+  }
 }
 
 /// Full jitter: subscribers that lost one publisher do not come back together.
@@ -277,8 +291,9 @@ void TableSubscriber::Impl::retry() {
 
 void TableSubscriber::Impl::heartbeat() {
   const std::shared_ptr<Impl> kept = shared_from_this();
-  heartbeatTimer_.timeoutIs(step_);
   try {
+    heartbeatTimer_.timeoutIs(step_);
+    if (isLossDue_) return settleLoss();
     // What came while this process was held up tells that the publisher is there.
     read();
     if (session_ == nullptr) return;

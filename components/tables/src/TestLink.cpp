@@ -146,8 +146,8 @@ class TestLink::State::Stream final : public ByteStream {
 class TestLink::State::Listener final : public ByteListener {
  public:
   explicit Listener(std::weak_ptr<State> state) : state_(std::move(state)) {}
-  void takerIs(Taker taker) override {
-    if (const auto state = state_.lock()) state->taker = std::move(taker);
+  void takerIs(Taker given) override {
+    if (const auto state = state_.lock()) state->taker = std::move(given);
   }
 
  private:

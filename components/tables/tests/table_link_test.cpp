@@ -455,6 +455,26 @@ TEST_F(LinkTest, DestroyedTablesEndWhatHungOnThem) {
   expectSame();
 }
 
+TEST_F(LinkTest, TableThatTookAnothersPlaceIsToldAsAWhole) {
+  auto extra = std::make_unique<Table<Port>>("net/extra");
+  Table<Port> copy("net/extra");
+  agent->publisher.add(*extra);
+  viewer->subscriber.add(copy);
+  Batch batch(*extra);
+  batch.put(port(1, "old"));
+  batch.put(port(2, "old"));
+  batch.commit();
+  connect();
+  loop->runUntilQuiet();
+  EXPECT_EQ(copy.size(), 2U);
+  extra = std::make_unique<Table<Port>>("net/extra");
+  agent->publisher.add(*extra);
+  loop->advance(seconds(20));
+  EXPECT_EQ(copy.size(), 0U);
+  EXPECT_EQ(copy.state(), TableState::current);
+  expectSame();
+}
+
 // Lesson: a layout mismatch must not look like a connection.
 struct OldPortLayout
     : Korvo::RowLayout<7, Korvo::Column<"speed", std::int16_t>, Korvo::Column<"name", std::string>,
