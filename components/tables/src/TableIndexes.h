@@ -62,13 +62,13 @@ class EqualIndex final : public TableIndex {
   void erase(Slot slot) noexcept override;
 
   /// The first row of the key, and the next one of the same key; noSlot when there is none.
-  Slot find(std::span<const KeyPart> key) const;
+  Slot find(std::span<const KeyPart> wanted) const;
   Slot findNext(Slot slot) const;
   Slot find(const BaseRow& row) const;
   std::uint64_t hash(const BaseRow& row) const { return hashKey(Key(*this, row).parts()); }
 
  private:
-  Slot matchFrom(Slot slot, std::uint32_t hash, std::span<const KeyPart> key) const;
+  Slot matchFrom(Slot slot, std::uint32_t hash, std::span<const KeyPart> wanted) const;
   std::size_t bucketOf(std::uint32_t hash) const { return hash & (buckets_.size() - 1); }
 
   struct Link {
@@ -106,7 +106,7 @@ class OrderedIndex final : public TableIndex {
   };
   static std::uint64_t leadingBytesOf(const KeyPart& part);
   bool isBefore(Slot a, Slot b) const;
-  Slot bound(std::span<const KeyPart> key, bool behind) const;
+  Slot bound(std::span<const KeyPart> wanted, bool behind) const;
   Slot neighbour(Slot slot, int side) const;
   Slot outermost(Slot slot, int side) const;
   void rotateUp(Slot slot) noexcept;
