@@ -15,7 +15,7 @@ describe() {
   local architecture=$1 build=build/abi/$1
   shift
   cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKORVO_TESTS=OFF \
-    -DKORVO_EXAMPLES=OFF -DKORVO_EVENT_LOOP=ON "$@" >/dev/null
+    -DKORVO_EXAMPLES=OFF -DKORVO_TABLES=OFF -DKORVO_EVENT_LOOP=ON "$@" >/dev/null
   cmake --build "$build" --target "${libraries[@]}" >/dev/null
   local library
   for library in "${libraries[@]}"; do

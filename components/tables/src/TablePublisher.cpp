@@ -1,0 +1,378 @@
+#include <Korvo/TablePublisher.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <list>
+#include <random>
+#include <utility>
+
+#include "PublisherSession.h"
+#include "UnixSocket.h"
+
+namespace Korvo {
+
+using detail::milliseconds;
+using detail::PublisherSession;
+using detail::TableStore;
+
+namespace {
+
+/// What one connection may read and send in its turn.
+constexpr std::size_t turnBytes = 64 * 1024;
+constexpr std::size_t readBytes = 16 * 1024;
+constexpr milliseconds shortestHeartbeat{100};
+constexpr milliseconds longestStep{1000};
+
+std::uint64_t randomEpoch() {
+  std::random_device random;
+  std::uint64_t epoch = 0;
+  while (epoch == 0) epoch = std::uint64_t{random()} << 32 | random();
+  return epoch;
+}
+
+}  // namespace
+
+class TablePublisher::Impl final : public std::enable_shared_from_this<Impl>,
+                                   private Velto::Platform::TimeoutHandler {
+ public:
+  class Connection;
+  class Published;
+
+  Impl(const std::string& name, const KoPtr<Scheduler>& scheduler, const Options& options);
+
+  void start();
+  void end() noexcept;
+  void add(AnyTable& table);
+  void accept(const std::shared_ptr<ByteListener>& listener);
+  void take(std::unique_ptr<ByteStream> stream);
+  void drop(Connection& connection, const std::string& reason);
+  void wakeAll();
+  /// Sets the timer, if it is not. Without memory that is tried again in the next turn of anybody.
+  void keepTime() noexcept;
+  void onTimeout() override;
+
+  const KoPtr<Scheduler> scheduler;
+  const Options options;
+  detail::Publication publication;
+  std::list<std::unique_ptr<Connection>> connections;
+  std::vector<std::unique_ptr<Published>> published;
+  std::vector<std::shared_ptr<ByteListener>> listeners;
+  std::unique_ptr<Velto::Platform::TimerControl> timer;
+  milliseconds step;
+  std::string lastReason;
+  std::function<void(const RefusedRow&)> refusedRowTold;
+  bool isGone = false;
+};
+
+/// Knows when a published table is destroyed.
+class TablePublisher::Impl::Published final : public TableStore::Cursor {
+ public:
+  Published(Impl& impl, TableStore& table) : Cursor(table, false), impl_(impl), table_(&table) {}
+  void changeComes() override {}
+  void tableGoes() noexcept override { std::erase(impl_.publication.tables, table_); }
+
+ private:
+  Impl& impl_;
+  TableStore* table_;
+};
+
+/// A subscriber's connection, as a unit.
+class TablePublisher::Impl::Connection final : public Schedulable,
+                                               private ByteStream::User,
+                                               private PublisherSession::Owner {
+ public:
+  Connection(Impl& impl, std::unique_ptr<ByteStream> stream)
+      : Schedulable(impl.publication.name, impl.scheduler),
+        session(impl.publication, *this),
+        impl_(impl),
+        stream_(std::move(stream)) {
+    clientReadyIs(true);
+    stream_->userIs(this);
+    runnableIs(true);
+  }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+  ~Connection() override { stream_->userIs(nullptr); }
+
+  void timePasses(milliseconds time) {
+    // What came while this process was held up tells that the subscriber is there.
+    guarded([&] {
+      read();
+      session.timePasses(time);
+    });
+    if (session.isOver() && wasOver_) isLost_ = true;
+    wasOver_ = session.isOver();
+    runnableIs(true);
+  }
+
+  /// Writes what can be written at once.
+  void flush() noexcept {
+    guarded([&] { write(); });
+  }
+
+  PublisherSession session;
+
+ private:
+  void streamIsReady() override { runnableIs(true); }
+  void sessionHasNews() override { runnableIs(true); }
+
+  void run(bool) override {
+    const std::shared_ptr<Impl> impl = impl_.shared_from_this();
+    impl->keepTime();
+    guarded([&] {
+      read();
+      write();
+    });
+    const std::vector<PublisherSession::RowNote> notes = session.takeNotes();
+    const std::string subscriber = session.subscriber();
+    if (isLost_ || (session.isOver() && session.out().empty())) {
+      impl->drop(*this, reason_.empty() ? session.endText() : reason_);
+    }
+    // This may be gone from here on, and the publisher with each call.
+    for (const PublisherSession::RowNote& note : notes) {
+      if (impl->isGone || !impl->refusedRowTold) return;
+      const auto told = impl->refusedRowTold;
+      told({subscriber, note.table, note.oid, note.text});
+    }
+  }
+
+  /// A subscriber for which there is no memory is let go: it comes back, and has lost nothing.
+  template <typename Work>
+  void guarded(const Work& work) noexcept {
+    try {
+      work();
+    } catch (const std::bad_alloc&) {
+      isLost_ = true;
+    }
+  }
+
+  void lose(const std::string& reason) {
+    isLost_ = true;
+    reason_ = session.endText().empty() ? reason : session.endText();
+  }
+
+  void read() {
+    byte_t bytes[readBytes];
+    for (std::size_t count = 0; count < turnBytes && !isLost_;) {
+      const ByteStream::Result result = stream_->read(bytes, sizeof bytes);
+      session.receive({bytes, result.count});
+      if (!result.isOpen) lose(result.reason);
+      count += result.count;
+      if (result.count < sizeof bytes) return;
+    }
+  }
+
+  void write() {
+    std::array<iovec, detail::OutQueue::mostParts> parts;
+    std::size_t budget = turnBytes;
+    while (!isLost_ && budget != 0) {
+      if (session.out().size() < turnBytes) session.fill(turnBytes);
+      if (session.out().empty()) return;
+      const int count = session.out().next(parts, budget);
+      std::size_t wanted = 0;
+      for (int i = 0; i < count; ++i) wanted += parts[static_cast<std::size_t>(i)].iov_len;
+      const ByteStream::Result result = stream_->write(parts.data(), count);
+      session.sent(result.count);
+      budget -= result.count;
+      if (!result.isOpen) return lose(result.reason);
+      if (result.count < wanted) return;
+    }
+    if (!isLost_) runnableIs(true);
+  }
+
+  Impl& impl_;
+  std::unique_ptr<ByteStream> stream_;
+  bool isLost_ = false;
+  bool wasOver_ = false;
+  std::string reason_;
+};
+
+TablePublisher::Impl::Impl(const std::string& name, const KoPtr<Scheduler>& schedulerOfAll,
+                           const Options& optionsGiven)
+    : scheduler(schedulerOfAll),
+      options(optionsGiven),
+      step(std::min(longestStep, optionsGiven.heartbeat / 5)) {
+  if (name.size() > detail::maxText) {
+    throw KoInvalidArgument("Name exceeds 255 bytes - (" + name + ")");
+  }
+  if (options.heartbeat < shortestHeartbeat || options.heartbeat > std::chrono::minutes(1)) {
+    throw KoInvalidArgument("Heartbeat out of range - (" +
+                            std::to_string(options.heartbeat.count()) + ")");
+  }
+  publication.name = name;
+  publication.epoch = randomEpoch();
+  publication.heartbeat = options.heartbeat;
+}
+
+void TablePublisher::Impl::start() {
+  timer.reset(scheduler->getTimerControl(this));
+  timer->timeoutIs(step);
+}
+
+void TablePublisher::Impl::end() noexcept {
+  isGone = true;
+  timer.reset();
+  for (const auto& listener : listeners) {
+    try {
+      listener->takerIs(nullptr);
+    } catch (const std::exception&) {
+      // It finds nobody to take its connections.
+    }
+  }
+  listeners.clear();
+  for (const auto& connection : connections) {
+    try {
+      connection->session.end(detail::ByeReason::closing, "the publisher ended");
+    } catch (const std::bad_alloc&) {
+      // The end of the connection tells it, too.
+    }
+    connection->flush();
+  }
+  connections.clear();
+  for (TableStore* table : publication.tables) table->isPublished = false;
+  published.clear();
+}
+
+void TablePublisher::Impl::add(AnyTable& table) {
+  TableStore& store = detail::TableAccess::store(table);
+  store.checkThread();
+  if (store.name().size() > detail::maxText) {
+    throw KoInvalidArgument("Name exceeds 255 bytes - (" + store.name() + ")");
+  }
+  if (store.isPublished || store.isSubscribed) {
+    throw KoInvalidArgument("Published or subscribed already - (" + store.name() + ")");
+  }
+  for (const TableStore* other : publication.tables) {
+    if (other->name() == store.name()) {
+      throw KoInvalidArgument("Another table has the name - (" + store.name() + ")");
+    }
+  }
+  static_cast<void>(fingerprint(store.layout()));  // a layout that can be told
+  publication.tables.reserve(publication.tables.size() + 1);
+  published.push_back(std::make_unique<Published>(*this, store));
+  publication.tables.push_back(&store);
+  store.sourceIs(publication.source);
+  store.keepDigest();
+  store.isPublished = true;
+  for (const auto& connection : connections) {
+    connection->session.end(detail::ByeReason::changed, "there is another table");
+    connection->runnableIs(true);
+  }
+}
+
+void TablePublisher::Impl::accept(const std::shared_ptr<ByteListener>& listener) {
+  listeners.push_back(listener);
+  listener->takerIs([weak = weak_from_this()](std::unique_ptr<ByteStream> stream) {
+    const std::shared_ptr<Impl> impl = weak.lock();
+    if (impl != nullptr && !impl->isGone) impl->take(std::move(stream));
+  });
+}
+
+void TablePublisher::Impl::take(std::unique_ptr<ByteStream> stream) {
+  const std::optional<uid_t> user = stream->peerUser();
+  const bool isFull = connections.size() >= options.mostSubscribers;
+  connections.push_back(std::make_unique<Connection>(*this, std::move(stream)));
+  PublisherSession& session = connections.back()->session;
+  if (user && *user != geteuid() &&
+      std::ranges::find(options.users, *user) == options.users.end()) {
+    session.end(detail::ByeReason::notAllowed,
+                "user " + std::to_string(*user) + " may not subscribe");
+  } else if (isFull) {
+    session.end(detail::ByeReason::tooMany, "too many subscribers");
+  }
+}
+
+void TablePublisher::Impl::drop(Connection& connection, const std::string& reason) {
+  lastReason = reason;
+  std::erase_if(connections, [&](const auto& known) { return known.get() == &connection; });
+}
+
+void TablePublisher::Impl::wakeAll() {
+  for (const auto& connection : connections) connection->runnableIs(true);
+}
+
+void TablePublisher::Impl::keepTime() noexcept {
+  try {
+    if (!timer->pending()) timer->timeoutIs(step);
+  } catch (const std::bad_alloc&) {
+    // Subscribers that are left without heartbeats come again.
+  }
+}
+
+void TablePublisher::Impl::onTimeout() {
+  keepTime();
+  for (const auto& connection : connections) connection->timePasses(step);
+}
+
+// ---------------------------------------------------------------------------------------------
+
+TablePublisher::TablePublisher(const std::string& name, const KoPtr<Scheduler>& scheduler,
+                               const Options& options)
+    : impl_(std::make_shared<Impl>(name, scheduler, options)) {
+  impl_->start();
+}
+
+TablePublisher::~TablePublisher() {
+  impl_->end();
+}
+
+void TablePublisher::add(AnyTable& table) {
+  impl_->add(table);
+}
+
+void TablePublisher::listen(const std::string& address) {
+  impl_->accept(detail::listenTo(address, impl_->options.socketMode, impl_->scheduler));
+}
+
+void TablePublisher::accept(const std::shared_ptr<ByteListener>& listener) {
+  impl_->accept(listener);
+}
+
+void TablePublisher::completeIs(bool isComplete) {
+  impl_->publication.isComplete = isComplete;
+  impl_->wakeAll();
+}
+
+bool TablePublisher::complete() const {
+  return impl_->publication.isComplete;
+}
+
+std::uint64_t TablePublisher::epoch() const {
+  return impl_->publication.epoch;
+}
+
+std::uint64_t TablePublisher::sequence() const {
+  return impl_->publication.source->last;
+}
+
+void TablePublisher::historyIs(std::uint64_t epoch, std::uint64_t sequence) {
+  detail::Publication& publication = impl_->publication;
+  if (epoch == 0 || sequence < publication.source->last) {
+    throw KoInvalidArgument("Not a later position - (" + std::to_string(sequence) + ")");
+  }
+  if (!impl_->connections.empty()) throw KoInvalidArgument("Subscribers are connected");
+  publication.epoch = epoch;
+  publication.source->last = sequence;
+  for (TableStore* table : publication.tables) table->historyIs(sequence);
+}
+
+std::vector<TablePublisher::Subscriber> TablePublisher::subscribers() const {
+  std::vector<Subscriber> all;
+  for (const auto& connection : impl_->connections) {
+    PublisherSession& session = connection->session;
+    if (!session.isWelcome() || session.isOver()) continue;
+    all.push_back({session.subscriber(), session.tables(), sequence() - session.acked(),
+                   session.merged(), session.refused(), session.out().size()});
+  }
+  return all;
+}
+
+std::string TablePublisher::lastReason() const {
+  return impl_->lastReason;
+}
+
+void TablePublisher::onRefusedRow(std::function<void(const RefusedRow& row)> told) {
+  impl_->refusedRowTold = std::move(told);
+}
+
+}  // namespace Korvo

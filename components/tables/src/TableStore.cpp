@@ -1,0 +1,538 @@
+#include "TableStore.h"
+
+#include <Korvo/assertion.h>
+
+#include <algorithm>
+#include <bit>
+#include <utility>
+
+namespace Korvo::detail {
+
+namespace {
+
+constexpr const char* thisFile = "components/tables/src/TableStore.cpp";
+
+std::string_view valueAt(const byte_t* buf, const VColType& slot) {
+  return {reinterpret_cast<const char*>(buf) + slot.offset(), slot.length()};
+}
+
+bool valuesEqual(std::string_view a, std::string_view b, const ColumnInfo& column);
+
+bool arraysEqual(std::string_view a, std::string_view b, const ColumnInfo& column) {
+  if (a == b) return true;
+  const auto* left = reinterpret_cast<const byte_t*>(a.data());
+  const auto* right = reinterpret_cast<const byte_t*>(b.data());
+  if (a.empty() || b.empty() || column.type == boolType_) return false;
+  const unsigned int count = loadField<std::uint16_t>(left) & arrayCountMask;
+  if ((loadField<std::uint16_t>(right) & arrayCountMask) != count) return false;
+  for (unsigned int i = 0; i < count; ++i) {
+    const std::size_t slot = arrayHeaderLength + sizeof(VColType) * i;
+    if (!valuesEqual(valueAt(left, VColType::at(left, slot)),
+                     valueAt(right, VColType::at(right, slot)), column)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool valuesEqual(std::string_view a, std::string_view b, const ColumnInfo& column) {
+  if (column.type != structType_ || a.empty() || b.empty()) return a == b;
+  return rowsEqual(reinterpret_cast<const byte_t*>(a.data()),
+                   reinterpret_cast<const byte_t*>(b.data()), *column.nested);
+}
+
+}  // namespace
+
+bool rowsEqual(const byte_t* a, const byte_t* b, const LayoutInfo& layout) {
+  const len_t length = loadField<len_t>(a + rowLengthOffset);
+  if (length == loadField<len_t>(b + rowLengthOffset) && std::memcmp(a, b, length) == 0)
+    return true;
+  // Gaps hold anything, and values may stand in any order.
+  if (std::memcmp(a + rowTypeOffset, b + rowTypeOffset, rowHeaderLength - rowTypeOffset) != 0) {
+    return false;
+  }
+  for (const ColumnInfo& column : layout.columns) {
+    if (!column.hasSlot()) {
+      if (std::memcmp(a + column.offset, b + column.offset, column.width) != 0) return false;
+      continue;
+    }
+    const std::string_view left = valueAt(a, VColType::at(a, column.offset));
+    const std::string_view right = valueAt(b, VColType::at(b, column.offset));
+    if (!(column.isArray ? arraysEqual(left, right, column) : valuesEqual(left, right, column))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+std::uint64_t rowHash(const byte_t* row) noexcept {
+  constexpr std::uint64_t multiplier = 0x9FB21C651E98DF25U;
+  const std::size_t length = loadField<len_t>(row + rowLengthOffset);
+  std::uint64_t hash = length * multiplier;
+  const auto take = [&hash](std::uint64_t word) {
+    hash = (hash ^ word) * multiplier;
+    hash ^= hash >> 32;
+  };
+  std::size_t at = 0;
+  for (; at + sizeof(std::uint64_t) <= length; at += sizeof(std::uint64_t)) {
+    take(loadField<std::uint64_t>(row + at));
+  }
+  std::uint64_t rest = 0;
+  std::memcpy(&rest, row + at, length - at);
+  take(rest);
+  hash *= multiplier;
+  return hash ^ hash >> 29;
+}
+
+TableStore::TableStore(std::string name, const LayoutInfo& layout)
+    : name_(std::move(name)), layout_(layout) {}
+
+TableStore::~TableStore() {
+  for (Cursor* cursor : cursors_) cursor->store_ = nullptr;
+  for (Cursor* cursor : cursors_) cursor->tableGoes();
+}
+
+void TableStore::sourceIs(std::shared_ptr<SequenceSource> source) noexcept {
+  source->last = std::max(source->last, source_->last);
+  // Positions up to here are those of another table that had the name.
+  if (source->last != 0) ++source->last;
+  joined_ = source->last;
+  source_ = std::move(source);
+}
+
+void TableStore::historyIs(std::uint64_t sequence) noexcept {
+  for (Slot slot = slotFrom(0); slot != noSlot; slot = slotFrom(slot + 1)) {
+    entries_[slot].sequence = sequence;
+    entries_[slot].added = sequence;
+  }
+  deletionsDropped_ = deletionsEnd();
+  deletions_.clear();
+  deletionsBegin_ = 0;
+  sequence_ = sequence;
+  floor_ = sequence;
+  joined_ = sequence;
+}
+
+void TableStore::keepDigest() noexcept {
+  if (keepsDigest_) return;
+  keepsDigest_ = true;
+  for (Slot slot = slotFrom(0); slot != noSlot; slot = slotFrom(slot + 1)) {
+    digest_ ^= rowHash(entries_[slot].buffer->buf_);
+  }
+}
+
+void TableStore::stateIs(TableState state, std::string text) {
+  for (std::size_t i = 0; i < cursors_.size(); ++i) cursors_[i]->changeComes();
+  state_ = state;
+  stateText_ = std::move(text);
+}
+
+void TableStore::checkThread() const {
+  KORVO_ASSERT(std::this_thread::get_id() == thread_, "std::this_thread::get_id() == thread_",
+               thisFile, "void Korvo::detail::TableStore::checkThread() const");
+}
+
+// ---------------------------------------------------------------------------------------------
+// Slots by oid
+
+std::size_t TableStore::bucketOf(oid_t oid) const {
+  const std::uint64_t mixed = oid * 0x9E3779B97F4A7C15U;
+  return static_cast<std::size_t>(mixed >> 32) & (buckets_.size() - 1);
+}
+
+Slot TableStore::find(oid_t oid) const {
+  if (size_ == 0) return noSlot;
+  for (std::size_t at = bucketOf(oid);; at = (at + 1) & (buckets_.size() - 1)) {
+    const Slot slot = buckets_[at];
+    if (slot == noSlot || entries_[slot].oid == oid) return slot;
+  }
+}
+
+/// Makes room for `count` more oids, so that a quarter of the buckets stays free at the least.
+void TableStore::reserveOids(std::size_t count) {
+  const std::size_t wanted = std::bit_ceil(std::max<std::size_t>((size_ + count) * 4 / 3 + 1, 16));
+  if (wanted <= buckets_.size()) return;
+  std::vector<Slot> buckets(wanted, noSlot);
+  buckets_.swap(buckets);
+  for (const Slot slot : buckets) {
+    if (slot != noSlot) mapOid(slot);
+  }
+}
+
+void TableStore::mapOid(Slot slot) noexcept {
+  std::size_t at = bucketOf(entries_[slot].oid);
+  while (buckets_[at] != noSlot) at = (at + 1) & (buckets_.size() - 1);
+  buckets_[at] = slot;
+}
+
+/// Closes the gap, so that no mark of a former oid is needed.
+void TableStore::unmapOid(Slot slot) noexcept {
+  const std::size_t mask = buckets_.size() - 1;
+  std::size_t gap = bucketOf(entries_[slot].oid);
+  while (buckets_[gap] != slot) gap = (gap + 1) & mask;
+  for (std::size_t at = (gap + 1) & mask; buckets_[at] != noSlot; at = (at + 1) & mask) {
+    const std::size_t home = bucketOf(entries_[buckets_[at]].oid);
+    if (((at - home) & mask) >= ((at - gap) & mask)) {
+      buckets_[gap] = buckets_[at];
+      gap = at;
+    }
+  }
+  buckets_[gap] = noSlot;
+}
+
+Slot TableStore::slotFrom(Slot slot) const {
+  while (slot < entries_.size() && entries_[slot].buffer == nullptr) ++slot;
+  return slot < entries_.size() ? slot : noSlot;
+}
+
+Slot TableStore::takeSlot() noexcept {
+  const Slot slot = free_;
+  free_ = entries_[slot].next;
+  --freeCount_;
+  return slot;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The order of changes
+
+void TableStore::link(Slot slot) noexcept {
+  entries_[slot].previous = latest_;
+  entries_[slot].next = noSlot;
+  if (latest_ == noSlot) {
+    oldest_ = slot;
+  } else {
+    entries_[latest_].next = slot;
+  }
+  latest_ = slot;
+}
+
+void TableStore::unlink(Slot slot) noexcept {
+  Entry& entry = entries_[slot];
+  if (entry.isWatched) moveCursors(slot);
+  (entry.previous == noSlot ? oldest_ : entries_[entry.previous].next) = entry.next;
+  (entry.next == noSlot ? latest_ : entries_[entry.next].previous) = entry.previous;
+}
+
+/// Who stands here goes on to the next row.
+void TableStore::moveCursors(Slot slot) noexcept {
+  Entry& entry = entries_[slot];
+  entry.isWatched = false;
+  for (Cursor* cursor : cursors_) {
+    if (cursor->position_ != slot) continue;
+    cursor->position_ = entry.next;
+    if (entry.next != noSlot) entries_[entry.next].isWatched = true;
+  }
+}
+
+void TableStore::forgetDeletions() noexcept {
+  const std::size_t most = std::max(deletionLimit, size_);
+  while (deletions().size() > most) floor_ = deletions_[deletionsBegin_++].sequence;
+  if (deletionsBegin_ * 2 < deletions_.size()) return;
+  deletions_.erase(deletions_.begin(),
+                   deletions_.begin() + static_cast<std::ptrdiff_t>(deletionsBegin_));
+  deletionsDropped_ += std::exchange(deletionsBegin_, 0);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Indexes
+
+TableIndex& TableStore::index(IndexKind kind, std::span<const std::size_t> columns) {
+  checkThread();
+  for (const KnownIndex& known : indexes_) {
+    if (known.kind == kind && std::ranges::equal(known.columns, columns)) return *known.index;
+  }
+  KnownIndex added{
+      kind, {columns.begin(), columns.end()}, TableIndex::make(kind, *this, columns), nullptr};
+  added.index->reserve(entries_.size(), size_);
+  for (Slot slot = slotFrom(0); slot != noSlot; slot = slotFrom(slot + 1)) {
+    if (kind == IndexKind::unique) {
+      if (const Slot other = static_cast<EqualIndex&>(*added.index).find(row(slot));
+          other != noSlot) {
+        throw KoInvalidArgument("Not unique - (" + name_ + ": rows " + std::to_string(oid(other)) +
+                                " and " + std::to_string(oid(slot)) + ")");
+      }
+    }
+    added.index->insert(slot);
+  }
+  indexes_.push_back(std::move(added));
+  return *indexes_.back().index;
+}
+
+std::shared_ptr<void>& TableStore::handle(const TableIndex& index) {
+  return std::ranges::find(indexes_, &index,
+                           [](const KnownIndex& known) { return known.index.get(); })
+      ->handle;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Cursors
+
+TableStore::Cursor::Cursor(TableStore& store, bool keepsBefore)
+    : store_(&store), keepsBefore_(keepsBefore) {
+  store.checkThread();
+  store.cursors_.push_back(this);
+}
+
+TableStore::Cursor::~Cursor() {
+  if (store_ != nullptr) std::erase(store_->cursors_, this);
+}
+
+bool TableStore::Cursor::resumeBehind(std::uint64_t sequence) {
+  if (store_ == nullptr || sequence < std::max(store_->floor_, store_->joined_)) return false;
+  seen_ = sequence;
+  seenBatches_ = store_->batches_;
+  isWhole_ = false;
+  return true;
+}
+
+bool TableStore::Cursor::isBehind() const {
+  return store_ != nullptr && (isWhole_ || inRound_ || store_->sequence_ > seen_);
+}
+
+void TableStore::Cursor::begin() {
+  if (store_ == nullptr) return;
+  // Removals that were not told have been forgotten.
+  if (inRound_ && deletion_ < store_->firstDeletion()) {
+    isWhole_ = true;
+    inRound_ = false;
+  }
+  if (inRound_ || !isBehind()) return;
+  if (seen_ < store_->floor_) isWhole_ = true;
+  merged_ = isWhole_ ? 0 : store_->batches_ - seenBatches_ - 1;
+  if (isWhole_) {
+    ++wholes_;
+    position_ = store_->oldest_;
+    deletion_ = store_->deletionsEnd();
+    told_ = 0;
+    before_.clear();
+  } else {
+    position_ = noSlot;
+    told_ = seen_;
+    const std::span<const Deletion> deletions = store_->deletions();
+    const auto first = std::ranges::upper_bound(deletions, seen_, {}, &Deletion::sequence);
+    deletion_ = store_->firstDeletion() + static_cast<std::uint64_t>(first - deletions.begin());
+  }
+  returned_.clear();
+  roundHead_ = store_->sequence_;
+  inRound_ = true;
+}
+
+bool TableStore::Cursor::next(Told& told) {
+  begin();
+  if (store_ == nullptr || !inRound_) return false;
+  if (nextDeletion(told) || nextRow(told)) return true;
+  seen_ = store_->sequence_;
+  seenBatches_ = store_->batches_;
+  isWhole_ = false;
+  inRound_ = false;
+  returned_.clear();
+  return false;
+}
+
+bool TableStore::Cursor::nextDeletion(Told& told) {
+  while (deletion_ < store_->deletionsEnd()) {
+    const Deletion& deletion =
+        store_->deletions_[static_cast<std::size_t>(deletion_ - store_->deletionsDropped_)];
+    const bool wasKnown = !isWhole_ && deletion.added <= seen_;
+    if (store_->find(deletion.oid) != noSlot) {
+      if (wasKnown) returned_.insert(deletion.oid);
+      ++deletion_;
+      continue;
+    }
+    ++deletion_;
+    // A row that came during the round may have been told in it.
+    bool isNews = wasKnown || deletion.sequence > roundHead_;
+    told = {deletion.oid, nullptr, nullptr, wasKnown};
+    if (keepsBefore_ && !isWhole_) {
+      const auto before = before_.extract(deletion.oid);
+      isNews = !before.empty() && before.mapped() != nullptr;
+      if (isNews) told.before = before.mapped();
+    }
+    if (isNews) return true;
+  }
+  return false;
+}
+
+bool TableStore::Cursor::nextRow(Told& told) {
+  if (position_ == noSlot) {
+    // All was told up to here: what came since stands at the end.
+    for (Slot slot = store_->latest_; slot != noSlot; slot = store_->entries_[slot].previous) {
+      if (store_->entries_[slot].sequence <= told_) break;
+      position_ = slot;
+    }
+    if (position_ == noSlot) return false;
+  }
+  const Entry& entry = store_->entries_[position_];
+  const bool wasKnown = !isWhole_ && (entry.added <= seen_ || returned_.contains(entry.oid));
+  told = {entry.oid, entry.buffer, nullptr, wasKnown};
+  if (keepsBefore_) {
+    if (const auto before = before_.extract(entry.oid); !before.empty()) {
+      told.before = before.mapped();
+      told.wasKnown = told.before != nullptr;
+    }
+  }
+  told_ = entry.sequence;
+  position_ = entry.next;
+  if (position_ != noSlot) store_->entries_[position_].isWatched = true;
+  return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Commits
+
+TableStore::Commit::Commit(TableStore& store, std::vector<RowOperation>& operations)
+    : store_(store) {
+  store.checkThread();
+  select(operations);
+  if (changesNothing()) return;
+  // A copy is as its owner has it.
+  if (!store.isSubscribed) checkUnique();
+  reserve();
+  // A reader that is told in vain finds that nothing changed.
+  for (std::size_t i = 0; i < store_.cursors_.size(); ++i) store_.cursors_[i]->changeComes();
+}
+
+/// The last word on each oid counts, if it changes anything.
+void TableStore::Commit::select(std::vector<RowOperation>& operations) {
+  std::unordered_map<oid_t, std::size_t> last;
+  if (operations.size() > 1) {
+    last.reserve(operations.size());
+    for (std::size_t i = 0; i < operations.size(); ++i) last[operations[i].oid] = i;
+  }
+  for (std::size_t i = 0; i < operations.size(); ++i) {
+    const RowOperation& operation = operations[i];
+    if (operations.size() > 1 && last[operation.oid] != i) continue;
+    const Slot slot = store_.find(operation.oid);
+    const bool isRemoval = operation.buffer == nullptr;
+    if (isRemoval && slot == noSlot) continue;
+    if (!isRemoval && slot != noSlot) {
+      const KoPtr<KoRowBuf>& present = store_.buffer(slot);
+      if (rowsEqual(operation.buffer->buf_, present->buf_, store_.layout_)) continue;
+    }
+    touches_.push_back({operation.oid, slot, operation.buffer, isRemoval});
+  }
+}
+
+void TableStore::Commit::checkUnique() const {
+  std::unordered_map<Slot, const Touch*> touched;
+  for (const KnownIndex& known : store_.indexes_) {
+    if (known.kind != IndexKind::unique) continue;
+    const auto& index = static_cast<const EqualIndex&>(*known.index);
+    if (touched.empty()) {
+      for (const Touch& touch : touches_) {
+        if (touch.slot != noSlot) touched.emplace(touch.slot, &touch);
+      }
+    }
+    const auto refuse = [&](oid_t a, oid_t b) {
+      throw KoInvalidArgument("Not unique - (" + store_.name_ + ": rows " + std::to_string(a) +
+                              " and " + std::to_string(b) + ")");
+    };
+    std::unordered_multimap<std::uint64_t, const Touch*> fresh;
+    for (const Touch& touch : touches_) {
+      if (touch.isRemoval) continue;
+      const SubRowReference row(touch.buffer->buf_);
+      const Slot holder = index.find(row);
+      if (holder != noSlot && !touched.contains(holder)) refuse(store_.oid(holder), touch.oid);
+      const std::uint64_t hash = index.hash(row);
+      const auto [begin, end] = fresh.equal_range(hash);
+      for (auto at = begin; at != end; ++at) {
+        if (index.sameKey(SubRowReference(at->second->buffer->buf_), row)) {
+          refuse(at->second->oid, touch.oid);
+        }
+      }
+      fresh.emplace(hash, &touch);
+    }
+  }
+}
+
+void TableStore::Commit::reserve() {
+  std::size_t added = 0;
+  std::size_t removed = 0;
+  moves_.reserve(touches_.size() * store_.indexes_.size());
+  for (const Touch& touch : touches_) {
+    const bool isNew = touch.slot == noSlot;
+    if (isNew) ++added;
+    if (touch.isRemoval) ++removed;
+    for (const KnownIndex& known : store_.indexes_) {
+      moves_.push_back(
+          isNew || touch.isRemoval ||
+          !known.index->sameKey(store_.row(touch.slot), SubRowReference(touch.buffer->buf_)));
+    }
+  }
+  store_.reserveOids(added);
+  while (store_.freeCount_ < added) {
+    if (store_.entries_.size() >= noSlot) throw std::bad_alloc();
+    Entry& entry = store_.entries_.emplace_back();
+    entry.next = std::exchange(store_.free_, static_cast<Slot>(store_.entries_.size() - 1));
+    ++store_.freeCount_;
+  }
+  for (const KnownIndex& known : store_.indexes_) {
+    known.index->reserve(store_.entries_.size(), touches_.size());
+  }
+  const std::size_t deletions = store_.deletions_.size() + removed;
+  if (deletions > store_.deletions_.capacity()) {
+    store_.deletions_.reserve(std::max(deletions, store_.deletions_.size() * 2));
+  }
+  before_.resize(store_.cursors_.size());
+  for (std::size_t i = 0; i < before_.size(); ++i) {
+    Cursor& cursor = *store_.cursors_[i];
+    if (!cursor.keepsBefore_ || cursor.isWhole_) continue;
+    for (const Touch& touch : touches_) {
+      if (cursor.before_.contains(touch.oid)) continue;
+      before_[i].emplace(touch.oid, touch.slot == noSlot ? nullptr : store_.buffer(touch.slot));
+    }
+    cursor.before_.reserve(cursor.before_.size() + before_[i].size());
+  }
+}
+
+/// In two passes over the indexes, so that rows may swap their keys.
+void TableStore::Commit::apply(std::uint64_t sequence) noexcept {
+  if (changesNothing()) return;
+  std::size_t move = 0;
+  for (const Touch& touch : touches_) {
+    for (const KnownIndex& known : store_.indexes_) {
+      if (moves_[move++] && touch.slot != noSlot) known.index->erase(touch.slot);
+    }
+  }
+  for (Touch& touch : touches_) {
+    const bool isNew = touch.slot == noSlot;
+    if (isNew) {
+      touch.slot = store_.takeSlot();
+      store_.entries_[touch.slot].oid = touch.oid;
+      store_.entries_[touch.slot].added = sequence;
+      store_.mapOid(touch.slot);
+      ++store_.size_;
+    } else {
+      store_.unlink(touch.slot);
+    }
+    Entry& entry = store_.entries_[touch.slot];
+    if (touch.isRemoval) {
+      store_.deletions_.push_back({sequence, entry.added, touch.oid});
+      store_.unmapOid(touch.slot);
+      --store_.size_;
+      entry.next = std::exchange(store_.free_, touch.slot);
+      ++store_.freeCount_;
+    } else {
+      entry.sequence = sequence;
+      store_.link(touch.slot);
+    }
+    if (store_.keepsDigest_) {
+      if (!isNew) store_.digest_ ^= rowHash(entry.buffer->buf_);
+      if (!touch.isRemoval) store_.digest_ ^= rowHash(touch.buffer->buf_);
+    }
+    entry.buffer.swap(touch.buffer);
+  }
+  move = 0;
+  for (const Touch& touch : touches_) {
+    for (const KnownIndex& known : store_.indexes_) {
+      if (moves_[move++] && !touch.isRemoval) known.index->insert(touch.slot);
+    }
+  }
+  for (std::size_t i = 0; i < before_.size(); ++i) store_.cursors_[i]->before_.merge(before_[i]);
+  store_.sequence_ = sequence;
+  store_.source_->last = sequence;
+  ++store_.batches_;
+  store_.forgetDeletions();
+}
+
+}  // namespace Korvo::detail

@@ -1,0 +1,554 @@
+// Publishers and subscribers over a link: states, resuming, slow subscribers, refusals.
+
+#include "table_link_support.h"
+
+namespace {
+
+using namespace tabletest;
+using Korvo::Batch;
+using Korvo::oid_t;
+using Korvo::Table;
+using Korvo::TableReader;
+using Korvo::TableState;
+
+TEST_F(LinkTest, RowsComeAndChangesFollow) {
+  agent->put(port(1, "eth0", 10, "10.0.0.0/8"), port(2, "eth1"), tabletest::link(7, true));
+  connect();
+  EXPECT_EQ(viewer->ports.state(), TableState::loading);
+  loop->runUntilQuiet();
+  expectSame();
+  agent->put(port(1, "eth7"), port(3, "eth3"));
+  agent->remove(2);
+  loop->runUntilQuiet();
+  expectSame();
+  EXPECT_EQ(viewer->ports.size(), 2U);
+}
+
+// Lesson: the end of the first rows is a message, for an empty table too.
+TEST_F(LinkTest, EmptyTableBecomesCurrentAndIsToldOnce) {
+  const TableReader<Port> reader(viewer->ports, loop, writeDown());
+  loop->runUntilQuiet();
+  EXPECT_EQ(told(), "");  // the first rows have not come
+  connect();
+  loop->runUntilQuiet();
+  EXPECT_EQ(told(), "first 0; ");
+  expectSame();
+}
+
+TEST_F(LinkTest, FirstRowsAreToldInOneCallThoughTheyChangeMeanwhile) {
+  agent->putMany(1, 2000);
+  link.roomIs(1000);
+  link.pieceIs(700);
+  const TableReader<Port> reader(viewer->ports, loop, writeDown());
+  connect();
+  for (oid_t i = 0; i < 40; ++i) {
+    loop->run(6, 0.0, true);
+    agent->put(port(5 * i + 1, "changed"));
+    agent->remove(5 * i + 2);
+    agent->put(port(5000 + i, "new"));
+    EXPECT_EQ(told(), "");
+  }
+  loop->runUntilQuiet();
+  EXPECT_EQ(told().substr(0, 6), "first ");
+  expectSame();
+}
+
+// Lesson: rows and changes go through one ordered pipe; a batch over two tables appears whole.
+TEST_F(LinkTest, BatchOverTwoTablesAppearsAtOnce) {
+  connect();
+  loop->runUntilQuiet();
+  bool isWhole = true;
+  const TableReader<Port> ports(viewer->ports, loop, [&](const Korvo::Changes<Port>&) {
+    isWhole = isWhole && viewer->ports.size() == viewer->links.size();
+  });
+  const TableReader<Link> links(viewer->links, loop, [&](const Korvo::Changes<Link>&) {
+    isWhole = isWhole && viewer->ports.size() == viewer->links.size();
+  });
+  link.roomIs(30);
+  link.pieceIs(7);
+  for (oid_t oid = 1; oid < 40; ++oid) {
+    agent->put(port(oid, "eth"), tabletest::link(oid, true));
+    loop->run(3, 0.0, true);
+  }
+  loop->runUntilQuiet();
+  EXPECT_TRUE(isWhole);
+  expectSame();
+  EXPECT_EQ(viewer->links.size(), 39U);
+}
+
+// Lesson: silence is not peace.
+TEST_F(LinkTest, LostLinkMakesTheCopyStaleAndKeepsItsRows) {
+  agent->putMany(1, 10);
+  connect();
+  loop->runUntilQuiet();
+  link.isDownIs(true);
+  link.cut();
+  std::string states;
+  TableReader<Port> reader(viewer->ports, loop, writeDown());
+  reader.onState([&](TableState state, const std::string& text) {
+    states += std::to_string(static_cast<int>(state)) + " " + text + "; ";
+  });
+  loop->advance(seconds(20));
+  EXPECT_EQ(viewer->ports.state(), TableState::stale);
+  EXPECT_EQ(viewer->ports.size(), 9U);
+  EXPECT_NE(viewer->ports.stateText(), "");
+  link.isDownIs(false);
+  loop->advance(seconds(20));
+  expectSame();
+  EXPECT_EQ(states.substr(0, 1), "2");
+  EXPECT_EQ(states.substr(states.size() - 4), "1 ; ") << states;
+}
+
+TEST_F(LinkTest, SilentPublisherIsLeft) {
+  connect();
+  loop->runUntilQuiet();
+  link.roomIs(0);  // its bytes do not come any more
+  loop->advance(seconds(10));
+  EXPECT_EQ(viewer->ports.state(), TableState::current);
+  loop->advance(seconds(10));
+  EXPECT_NE(viewer->ports.state(), TableState::current);
+  EXPECT_EQ(viewer->subscriber.status().lastReason, "nothing was received for 15 seconds");
+  link.roomIs(65536);
+  loop->advance(seconds(20));
+  expectSame();
+}
+
+TEST_F(LinkTest, HeartbeatsKeepAnIdleConnection) {
+  connect();
+  loop->advance(std::chrono::hours(1));
+  EXPECT_EQ(link.connections(), 1U);
+  EXPECT_GE(viewer->subscriber.status().marks, 3600U / 6);
+  EXPECT_LE(viewer->subscriber.status().marks, 3600U / 4);
+  expectSame();
+}
+
+TEST_F(LinkTest, SubscriberThatGoesSilentIsClosedByThePublisher) {
+  agent->publisher.accept(link.publisherEnd());
+  const std::unique_ptr<Korvo::ByteStream> mute = link.subscriberEnd()->connect();
+  loop->advance(seconds(7));
+  EXPECT_EQ(agent->publisher.lastReason(), "no HELLO");
+}
+
+// Lesson: a position means nothing without the name of its history.
+TEST_F(LinkTest, RestartedPublisherWithEqualRowsTellsNothing) {
+  agent->putMany(1, 500);
+  connect();
+  loop->runUntilQuiet();
+  const TableReader<Port> reader(viewer->ports, loop, writeDown());
+  loop->runUntilQuiet();
+  told();
+  restart();
+  agent->putMany(1, 500);
+  loop->advance(seconds(20));
+  expectSame();
+  EXPECT_EQ(told(), "");
+}
+
+// Lesson: deletions are what gets lost.
+TEST_F(LinkTest, RestartedPublisherTellsOnlyTheDifferences) {
+  agent->putMany(1, 500);
+  connect();
+  loop->runUntilQuiet();
+  const TableReader<Port> reader(viewer->ports, loop, writeDown());
+  loop->runUntilQuiet();
+  told();
+  restart();
+  agent->putMany(1, 499);
+  agent->put(port(3, "other"), port(600, "new"));
+  loop->advance(seconds(20));
+  expectSame();
+  EXPECT_EQ(told(), "changed 3, removed 499, added 600, 3; ");
+}
+
+TEST_F(LinkTest, ResumesWithWhatChangedMeanwhile) {
+  agent->putMany(1, 5000);
+  connect();
+  loop->runUntilQuiet();
+  const std::uint64_t before = link.bytesToSubscriber();
+  link.isDownIs(true);
+  link.cut();
+  loop->runUntilQuiet();
+  agent->put(port(7, "x"), port(9000, "y"));
+  agent->remove(8);
+  link.isDownIs(false);
+  loop->advance(seconds(20));
+  expectSame();
+  EXPECT_LT(link.bytesToSubscriber() - before, 1500U);
+}
+
+// Lesson: "I cannot continue from there" is a normal answer.
+TEST_F(LinkTest, ForgottenDeletionsMeanAllRowsAndNoEnd) {
+  agent->putMany(1, 70000, "");
+  connect();
+  loop->runUntilQuiet();
+  const TableReader<Port> reader(viewer->ports, loop, writeDown());
+  loop->runUntilQuiet();
+  told();
+  link.isDownIs(true);
+  link.cut();
+  loop->runUntilQuiet();
+  for (const oid_t end : {35000U, 69999U}) {
+    Batch batch(agent->ports);
+    for (oid_t oid = end - 34999; oid < end; ++oid) batch.remove(oid);
+    batch.commit();
+  }
+  link.isDownIs(false);
+  loop->advance(seconds(20));
+  expectSame();
+  EXPECT_EQ(viewer->ports.size(), 1U);
+  EXPECT_EQ(told(), "first added 69999, 1; ");  // too many removals for the copy to remember, too
+}
+
+TEST_F(LinkTest, SlowSubscriberOvertakenByDeletionsIsNotDisconnected) {
+  agent->putMany(1, 3);
+  connect();
+  loop->runUntilQuiet();
+  link.roomIs(0);
+  for (int round = 0; round < 3; ++round) {
+    agent->putMany(10, 30000, "");
+    loop->runUntilQuiet();
+    Batch batch(agent->ports);
+    for (oid_t oid = 10; oid < 30000; ++oid) batch.remove(oid);
+    batch.commit();
+    loop->runUntilQuiet();
+  }
+  agent->put(port(1, "last"));
+  link.roomIs(65536);
+  loop->runUntilQuiet();
+  expectSame();
+  EXPECT_EQ(link.connections(), 1U);
+}
+
+TEST_F(LinkTest, KeptHistoryGoesOnAfterARestart) {
+  agent->putMany(1, 1000);
+  connect();
+  loop->runUntilQuiet();
+  const std::uint64_t epoch = agent->publisher.epoch();
+  const std::uint64_t sequence = agent->publisher.sequence();
+  agent.reset();
+  loop->runUntilQuiet();
+  const std::uint64_t before = link.bytesToSubscriber();
+  agent.emplace(loop);
+  agent->putMany(1, 1000);
+  agent->publisher.historyIs(epoch, sequence);
+  agent->put(port(5, "later"));
+  agent->publisher.accept(link.publisherEnd());
+  loop->advance(seconds(20));
+  expectSame();
+  EXPECT_LT(link.bytesToSubscriber() - before, 1500U);
+}
+
+TEST_F(LinkTest, PositionAboveTheHeadOfTheHistoryGetsAllRows) {
+  agent->putMany(1, 10);
+  for (oid_t i = 0; i < 10; ++i) agent->put(port(1, "v" + std::to_string(i)));
+  connect();
+  loop->runUntilQuiet();
+  const std::uint64_t epoch = agent->publisher.epoch();
+  restart();
+  agent->putMany(1, 5);
+  agent.reset();
+  agent.emplace(loop);
+  agent->putMany(1, 5);
+  agent->publisher.historyIs(epoch, 3);  // of a backup
+  agent->publisher.accept(link.publisherEnd());
+  loop->advance(seconds(20));
+  expectSame();
+}
+
+TEST_F(LinkTest, DivergedHistoryIsFoundByTheDigest) {
+  agent->putMany(1, 10);
+  connect();
+  loop->runUntilQuiet();
+  const std::uint64_t epoch = agent->publisher.epoch();
+  agent.reset();
+  agent.emplace(loop);
+  agent->putMany(1, 5);
+  agent->publisher.historyIs(epoch, 1);  // which is not what it was
+  agent->publisher.accept(link.publisherEnd());
+  loop->advance(seconds(20));
+  EXPECT_EQ(contents(viewer->ports), contents(agent->ports));
+  EXPECT_EQ(viewer->ports.state(), TableState::current);
+  EXPECT_EQ(viewer->subscriber.status().digestFaults, 1U);
+  ASSERT_EQ(viewer->problems.size(), 1U);
+  EXPECT_EQ(viewer->problems[0], "net/port: the rows of net/port are not the publisher's");
+}
+
+TEST_F(LinkTest, IncompletePublisherDeletesNothing) {
+  agent->putMany(1, 100);
+  connect();
+  loop->runUntilQuiet();
+  agent.reset();
+  agent.emplace(loop);
+  agent->publisher.completeIs(false);
+  agent->publisher.accept(link.publisherEnd());
+  agent->putMany(1, 50);
+  loop->advance(seconds(60));
+  EXPECT_EQ(viewer->ports.size(), 99U);
+  EXPECT_EQ(viewer->ports.state(), TableState::stale);
+  EXPECT_EQ(link.connections(), 2U);  // it says that it is there
+  agent->putMany(50, 90);
+  agent->publisher.completeIs(true);
+  loop->advance(seconds(1));
+  expectSame();
+  EXPECT_EQ(viewer->ports.size(), 89U);
+}
+
+// Lesson: no queue for a subscriber, so that none grows and none is cut off for being slow.
+TEST_F(LinkTest, SlowSubscriberIsToldTheLastValuesAndHowManyWereMerged) {
+  connect();
+  loop->runUntilQuiet();
+  link.roomIs(0);
+  for (oid_t i = 1; i <= 5000; ++i) {
+    agent->put(port(i % 10 + 1, "value" + std::to_string(i)));
+    loop->runUntilQuiet();
+    ASSERT_LE(agent->publisher.subscribers().at(0).unsent, 256U * 1024);
+  }
+  const std::uint64_t before = link.bytesToSubscriber();
+  link.roomIs(65536);
+  loop->runUntilQuiet();
+  expectSame();
+  EXPECT_LT(link.bytesToSubscriber() - before, 200000U);
+  EXPECT_GT(viewer->subscriber.status().merged, 0U);
+  EXPECT_EQ(link.connections(), 1U);
+}
+
+TEST_F(LinkTest, SlowSubscriberHoldsUpNobody) {
+  Korvo::TestLink other;
+  Viewer fast(loop);
+  agent->publisher.accept(other.publisherEnd());
+  fast.subscriber.connect(other.subscriberEnd());
+  connect();
+  link.roomIs(0);
+  agent->putMany(1, 3000);
+  loop->runUntilQuiet();
+  EXPECT_EQ(contents(fast.ports), contents(agent->ports));
+  EXPECT_EQ(fast.ports.state(), TableState::current);
+}
+
+TEST_F(LinkTest, TableThatChangesFasterThanItIsSentComesToAMark) {
+  agent->putMany(1, 200);
+  link.roomIs(300);
+  connect();
+  std::uint64_t marks = 0;
+  for (int i = 0; i < 20000 && marks < 3; ++i) {
+    agent->put(port(static_cast<oid_t>(i) % 199 + 1, "v" + std::to_string(i)));
+    loop->run(3, 0.0, true);
+    marks = viewer->subscriber.status().marks;
+  }
+  EXPECT_GE(marks, 3U);
+  EXPECT_EQ(link.connections(), 1U);
+  loop->runUntilQuiet();
+  expectSame();
+}
+
+TEST_F(LinkTest, StaleRowsAreRemovedAtTheLimit) {
+  viewer.emplace(loop,
+                 Korvo::SubscriberOptions{.name = "viewer", .staleLimit = milliseconds(30000)});
+  agent->putMany(1, 10);
+  connect();
+  loop->runUntilQuiet();
+  const TableReader<Port> reader(viewer->ports, loop, writeDown());
+  loop->runUntilQuiet();
+  told();
+  link.isDownIs(true);
+  link.cut();
+  loop->advance(seconds(29));
+  EXPECT_EQ(viewer->ports.size(), 9U);
+  loop->advance(seconds(2));
+  EXPECT_EQ(viewer->ports.size(), 0U);
+  EXPECT_EQ(told(), "removed 1, removed 2, removed 3, removed 4, removed 5, 9; ");
+  EXPECT_EQ(viewer->ports.state(), TableState::stale);
+  link.isDownIs(false);
+  loop->advance(seconds(20));
+  expectSame();
+}
+
+// Lesson: no reconnect storms.
+TEST_F(LinkTest, AttemptsToConnectBecomeRare) {
+  link.isDownIs(true);
+  connect();
+  struct Counter final : Korvo::ByteConnector {
+    std::unique_ptr<Korvo::ByteStream> connect() override {
+      ++attempts;
+      throw std::system_error(ECONNREFUSED, std::generic_category(), "nobody");
+    }
+    int attempts = 0;
+  };
+  const auto counter = std::make_shared<Counter>();
+  viewer->subscriber.connect(counter);
+  loop->advance(std::chrono::minutes(10));
+  EXPECT_GT(counter->attempts, 100);  // 2.5 seconds apart on the average
+  EXPECT_LT(counter->attempts, 500);
+}
+
+TEST_F(LinkTest, UnknownTableIsRefusedInWordsAndOthersAreNot) {
+  Table<Port> others("net/other");
+  viewer->subscriber.add(others);
+  agent->putMany(1, 10);
+  connect();
+  loop->runUntilQuiet();
+  expectSame();
+  EXPECT_EQ(others.state(), TableState::refused);
+  EXPECT_EQ(others.stateText(), "portAgent has no table net/other");
+  Table<Port> published("net/other");
+  agent->publisher.add(published);
+  loop->advance(seconds(20));
+  EXPECT_EQ(others.state(), TableState::current);
+  expectSame();
+}
+
+TEST_F(LinkTest, PublisherThatGoesIsToldInWords) {
+  connect();
+  loop->runUntilQuiet();
+  agent.reset();
+  loop->runUntilQuiet();
+  EXPECT_EQ(viewer->ports.state(), TableState::stale);
+  EXPECT_EQ(viewer->ports.stateText().find("the publisher ended"), 0U);
+}
+
+TEST_F(LinkTest, SubscribedTableIsWrittenByTheSubscriptionOnly) {
+  Batch batch(viewer->ports);
+  batch.put(port(1, "mine"));
+  EXPECT_THROW(batch.commit(), Korvo::KoInvalidArgument);
+  EXPECT_THROW(agent->publisher.add(viewer->ports), Korvo::KoInvalidArgument);
+  EXPECT_THROW(viewer->subscriber.add(agent->ports), Korvo::KoInvalidArgument);
+  EXPECT_THROW(agent->publisher.add(agent->ports), Korvo::KoInvalidArgument);
+}
+
+TEST_F(LinkTest, RowsMaySwapUniqueNamesInACopy) {
+  viewer->ports.unique<"name">();
+  agent->put(port(1, "a"), port(2, "b"));
+  connect();
+  loop->runUntilQuiet();
+  agent->put(port(1, "b"), port(2, "a"));
+  loop->runUntilQuiet();
+  expectSame();
+  EXPECT_EQ(viewer->ports.unique<"name">().find("a").rowOid(), 2U);
+}
+
+// Lesson: what is called may free its caller.
+TEST_F(LinkTest, AnythingMayGoInACallback) {
+  agent->putMany(1, 100);
+  connect();
+  const TableReader<Port> reader(viewer->ports, loop, [&](const Korvo::Changes<Port>&) {
+    agent.reset();
+    viewer.reset();
+  });
+  loop->advance(seconds(20));
+  EXPECT_FALSE(agent.has_value());
+}
+
+TEST_F(LinkTest, DestroyedTablesEndWhatHungOnThem) {
+  auto extra = std::make_unique<Table<Port>>("net/extra");
+  auto copy = std::make_unique<Table<Port>>("net/extra");
+  agent->publisher.add(*extra);
+  viewer->subscriber.add(*copy);
+  connect();
+  loop->runUntilQuiet();
+  EXPECT_EQ(copy->state(), TableState::current);
+  extra.reset();
+  loop->advance(seconds(20));
+  EXPECT_EQ(copy->state(), TableState::refused);
+  copy.reset();
+  agent->putMany(1, 10);
+  loop->advance(seconds(20));
+  expectSame();
+}
+
+TEST_F(LinkTest, TableThatTookAnothersPlaceIsToldAsAWhole) {
+  auto extra = std::make_unique<Table<Port>>("net/extra");
+  Table<Port> copy("net/extra");
+  agent->publisher.add(*extra);
+  viewer->subscriber.add(copy);
+  Batch batch(*extra);
+  batch.put(port(1, "old"));
+  batch.put(port(2, "old"));
+  batch.commit();
+  connect();
+  loop->runUntilQuiet();
+  EXPECT_EQ(copy.size(), 2U);
+  extra = std::make_unique<Table<Port>>("net/extra");
+  agent->publisher.add(*extra);
+  loop->advance(seconds(20));
+  EXPECT_EQ(copy.size(), 0U);
+  EXPECT_EQ(copy.state(), TableState::current);
+  expectSame();
+}
+
+// Lesson: a layout mismatch must not look like a connection.
+struct OldPortLayout
+    : Korvo::RowLayout<7, Korvo::Column<"speed", std::int16_t>, Korvo::Column<"name", std::string>,
+                       Korvo::Column<"gone", std::uint32_t>> {};
+using OldPort = Korvo::TableRow<OldPortLayout>;
+struct OtherLayout : Korvo::RowLayout<7, Korvo::Column<"name", bool>> {};
+
+TEST_F(LinkTest, AnotherLayoutIsConvertedByName) {
+  Table<OldPort> old("net/old");
+  Table<Port> copy("net/old");
+  OldPort row;
+  row.create(5);
+  row.set<"name">("eth5");
+  row.set<"speed">(-100);
+  Batch batch(old);
+  batch.put(row);
+  batch.commit();
+  agent->publisher.add(old);
+  viewer->subscriber.add(copy);
+  connect();
+  loop->runUntilQuiet();
+  EXPECT_EQ(copy.state(), TableState::current) << copy.stateText();
+  EXPECT_EQ(copy.find(5).get<"name">(), "eth5");
+  EXPECT_EQ(copy.find(5).get<"speed">(), -100);
+  expectSame();
+}
+
+TEST_F(LinkTest, LayoutThatCannotBeTakenIsRefusedInWords) {
+  Table<Korvo::TableRow<OtherLayout>> other("net/other");
+  Table<Port> copy("net/other");
+  agent->publisher.add(other);
+  viewer->subscriber.add(copy);
+  agent->putMany(1, 10);
+  connect();
+  loop->runUntilQuiet();
+  EXPECT_EQ(copy.state(), TableState::refused);
+  EXPECT_EQ(copy.stateText(), "net/other: Layout refused - (column \"name\": bool, here string_t)");
+  expectSame();
+  agent->put(port(3, "later"));
+  loop->runUntilQuiet();
+  expectSame();
+}
+
+TEST_F(LinkTest, TooManyWaitingBytesRefuseTheTableAlone) {
+  viewer.emplace(loop, Korvo::SubscriberOptions{.name = "viewer", .mostWaitingBytes = 20000});
+  agent->putMany(1, 1000);
+  agent->put(tabletest::link(1, true));
+  connect();
+  loop->runUntilQuiet();
+  EXPECT_EQ(viewer->ports.state(), TableState::refused);
+  EXPECT_EQ(viewer->ports.stateText(), "more than 20000 bytes wait for a mark");
+  EXPECT_EQ(viewer->links.state(), TableState::current);
+  EXPECT_EQ(viewer->links.size(), 1U);
+}
+
+TEST_F(LinkTest, RowOfFullSizeGoesThrough) {
+  std::string name(32767, 'x');
+  agent->put(port(1, name), port(2, "b"));
+  connect();
+  loop->runUntilQuiet();
+  expectSame();
+}
+
+TEST_F(LinkTest, PeopleAreToldOfSubscribers) {
+  viewer.emplace(loop, Korvo::SubscriberOptions{.name = "viewer"});
+  agent->putMany(1, 10);
+  connect();
+  loop->runUntilQuiet();
+  const auto subscribers = agent->publisher.subscribers();
+  ASSERT_EQ(subscribers.size(), 1U);
+  EXPECT_EQ(subscribers[0].name, "viewer");
+  EXPECT_EQ(subscribers[0].tables, (std::vector<std::string>{"net/port", "net/link"}));
+  EXPECT_EQ(subscribers[0].lag, 0U);
+  EXPECT_EQ(viewer->subscriber.status().publisher, "portAgent");
+}
+
+}  // namespace

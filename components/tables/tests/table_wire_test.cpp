@@ -1,0 +1,324 @@
+// What goes over a link, byte for byte, and what each side does with bytes that it must not get.
+// The frames are written here by hand, from the description of the protocol.
+
+#include "table_link_support.h"
+#include "wire_frames.h"
+
+namespace {
+
+using namespace tabletest;
+using namespace wire;
+using Korvo::oid_t;
+using Korvo::Table;
+using Korvo::TableState;
+
+/// An end of a link, driven by hand.
+class RawEnd {
+ public:
+  void streamIs(std::unique_ptr<Korvo::ByteStream> stream) { stream_ = std::move(stream); }
+  bool hasStream() const { return stream_ != nullptr; }
+  void send(const std::string& bytes) {
+    const iovec part{const_cast<char*>(bytes.data()), bytes.size()};
+    stream_->write(&part, 1);
+  }
+  /// What came since the last call; frames by their types: "welcome whole row mark ".
+  std::string receive() {
+    static const char* const names[] = {"?",    "hello", "welcome", "whole", "row",    "del",
+                                        "mark", "pulse", "ack",     "note",  "refuse", "bye"};
+    char buffer[4096];
+    for (;;) {
+      const auto result = stream_->read(buffer, sizeof buffer);
+      bytes_.append(buffer, result.count);
+      isOpen = result.isOpen;
+      if (result.count == 0) break;
+    }
+    std::string types;
+    while (bytes_.size() >= 8) {
+      const auto length = Korvo::loadField<std::uint32_t>(bytes_.data()) + 4;
+      if (bytes_.size() < length) break;
+      const auto type = static_cast<unsigned char>(bytes_[4]);
+      types += std::string(names[type]) + ' ';
+      last = bytes_.substr(8, length - 8);
+      if (type == refuse) types += last.substr(1) + ' ';
+      if (type == note) types += last.substr(5) + ' ';
+      if (type == bye) types += last.substr(2) + ' ';
+      bytes_.erase(0, length);
+    }
+    return types;
+  }
+
+  bool isOpen = true;
+  std::string last;  ///< the body of the last frame
+
+ private:
+  std::unique_ptr<Korvo::ByteStream> stream_;
+  std::string bytes_;
+};
+
+// ---------------------------------------------------------------------------------------------
+
+class PublisherWireTest : public LinkTest {
+ protected:
+  PublisherWireTest() {
+    agent->publisher.accept(link.publisherEnd());
+    raw.streamIs(link.subscriberEnd()->connect());
+  }
+  std::string answer(const std::string& bytes) {
+    raw.send(bytes);
+    loop->runUntilQuiet();
+    return raw.receive();
+  }
+  RawEnd raw;
+};
+
+TEST_F(PublisherWireTest, TellsRowsAsTheyLieInMemory) {
+  const Port sent = port(5, "eth5", 10);
+  agent->put(sent);
+  EXPECT_EQ(answer(helloFrame<PortLayout>()), "welcome whole row mark ");
+  agent->put(port(6, "eth6"));
+  agent->remove(5);
+  EXPECT_EQ(answer(""), "del row mark ");
+  EXPECT_EQ(raw.last.substr(0, 24), Bytes().u64(3).u64(2).u64(1).get());  // one batch was merged
+  agent->remove(6);
+  EXPECT_EQ(answer(""), "del mark ");
+  EXPECT_EQ(raw.last, Bytes().u64(4).u64(1).u64(0).u16(1).u16(3).u64(0).u64(0).get());
+}
+
+TEST_F(PublisherWireTest, SaysWhichProtocolsItKnows) {
+  EXPECT_EQ(answer(helloFrame<PortLayout>(3, 3)), "bye protocol 1 here, 3 there ");
+  EXPECT_FALSE(raw.isOpen);
+}
+
+TEST_F(PublisherWireTest, TakesTheHighestCommonProtocol) {
+  EXPECT_EQ(answer(helloFrame<PortLayout>(0, 9)), "welcome whole mark ");
+}
+
+TEST_F(PublisherWireTest, RefusesWhatIsNoHello) {
+  EXPECT_EQ(answer(frame(ack, 0, std::string(16, '\0'))), "bye no HELLO ");
+}
+
+TEST_F(PublisherWireTest, RefusesOthersMagic) {
+  EXPECT_EQ(answer(frame(hello, 0, "GET / HTTP/1.1 and so on")), "bye not a subscriber ");
+}
+
+TEST_F(PublisherWireTest, RefusesLengthsBeforeTheBytesHaveCome) {
+  EXPECT_EQ(answer(Bytes().u32(0x7FFFFFFF).u8(hello).u8(0).u16(0).get()),
+            "bye frame of 2147483647 bytes ");
+}
+
+TEST_F(PublisherWireTest, LateHelloIsRefused) {
+  loop->advance(seconds(6));
+  EXPECT_EQ(raw.receive(), "bye no HELLO ");
+}
+
+TEST_F(PublisherWireTest, SkipsUnknownFramesThatMayBeSkipped) {
+  answer(helloFrame<PortLayout>());
+  EXPECT_EQ(answer(frame(0x85, 9, "whatever")), "");
+  EXPECT_EQ(answer(frame(0x45, 9, "whatever")), "bye frame of type 69 ");
+}
+
+TEST_F(PublisherWireTest, RefusesAcksOfWhatWasNotSent) {
+  answer(helloFrame<PortLayout>());
+  EXPECT_EQ(answer(frame(ack, 0, Bytes().u64(99).u64(0).get())), "bye ACK of what was not sent ");
+}
+
+TEST_F(PublisherWireTest, RefusedTableIsToldNoMore) {
+  answer(helloFrame<PortLayout>());
+  agent->put(port(1, "a"));
+  EXPECT_EQ(answer(frame(refuse, 3, Bytes().text("no").get())), "");
+  agent->put(port(2, "a"));
+  EXPECT_EQ(answer(""), "");
+}
+
+TEST_F(PublisherWireTest, TellsOfRowsThatASubscriberRefused) {
+  std::string told;
+  agent->publisher.onRefusedRow([&](const Korvo::TablePublisher::RefusedRow& refused) {
+    told = refused.subscriber + ' ' + refused.table + ' ' + std::to_string(refused.oid) + ' ' +
+           refused.reason;
+    agent.reset();  // and may end the publisher
+  });
+  answer(helloFrame<PortLayout>());
+  answer(frame(note, 3, Bytes().u32(17).text("too long").get()));
+  EXPECT_EQ(told, "raw net/port 17 too long");
+  EXPECT_FALSE(agent.has_value());
+}
+
+TEST_F(PublisherWireTest, SubscriberThatTakesNothingIsClosedAndTheOthersBytesAreBounded) {
+  agent->putMany(1, 5000);
+  link.roomIs(1000);
+  raw.send(helloFrame<PortLayout>());
+  loop->runUntilQuiet();
+  EXPECT_LE(agent->publisher.subscribers().at(0).unsent, 256U * 1024);
+  loop->advance(seconds(20));
+  EXPECT_EQ(agent->publisher.subscribers().size(), 0U);
+  EXPECT_EQ(agent->publisher.lastReason(), "nothing was received for 15 seconds");
+}
+
+TEST_F(PublisherWireTest, MoreSubscribersThanAllowedAreToldSo) {
+  agent.emplace(loop, Korvo::PublisherOptions{.mostSubscribers = 1});
+  agent->publisher.accept(link.publisherEnd());
+  raw.streamIs(link.subscriberEnd()->connect());
+  RawEnd second;
+  second.streamIs(link.subscriberEnd()->connect());
+  EXPECT_EQ(answer(helloFrame<PortLayout>()), "welcome whole mark ");
+  EXPECT_EQ(second.receive(), "bye too many subscribers ");
+}
+
+// ---------------------------------------------------------------------------------------------
+
+class SubscriberWireTest : public testing::Test {
+ protected:
+  SubscriberWireTest() {
+    link.publisherEnd()->takerIs(
+        [this](std::unique_ptr<Korvo::ByteStream> stream) { raw.streamIs(std::move(stream)); });
+    subscriber.onProblem([this](const Korvo::TableSubscriber::Problem& problem) {
+      problems += problem.text + "; ";
+    });
+    subscriber.add(ports);
+    subscriber.connect(link.subscriberEnd());
+    loop->runUntilQuiet();
+    EXPECT_EQ(raw.receive(), "hello ");
+  }
+  std::string answer(const std::string& bytes) {
+    raw.send(bytes);
+    loop->runUntilQuiet();
+    return raw.receive();
+  }
+  /// Comes to a mark with one row.
+  void begin(const Port& first) {
+    answer(welcomeFrame<PortLayout>() + frame(whole, 0, "") + rowFrame(first) +
+           markFrame(10, 2, 1, digestOf(first)));
+    ASSERT_EQ(ports.state(), TableState::current) << subscriber.status().lastReason;
+  }
+  std::shared_ptr<Korvo::TestLoop> loop = std::make_shared<Korvo::TestLoop>();
+  Korvo::TestLink link;
+  RawEnd raw;
+  std::string problems;
+  Table<Port> ports{"net/port"};
+  Korvo::TableSubscriber subscriber{loop, {.name = "viewer"}};
+};
+
+TEST_F(SubscriberWireTest, AcknowledgesMarks) {
+  begin(port(1, "a"));
+  EXPECT_EQ(raw.last, Bytes().u64(10).u64(0).get());
+}
+
+TEST_F(SubscriberWireTest, RowsAppearAtTheMarkOnly) {
+  begin(port(1, "a"));
+  EXPECT_EQ(answer(rowFrame(port(2, "b")) + frame(del, 0, Bytes().u32(1).get())), "");
+  EXPECT_EQ(ports.size(), 1U);
+  EXPECT_TRUE(ports.contains(1));
+  EXPECT_EQ(answer(markFrame(11, 2, 1, digestOf(port(2, "b")))), "ack ");
+  EXPECT_FALSE(ports.contains(1));
+  EXPECT_TRUE(ports.contains(2));
+}
+
+TEST_F(SubscriberWireTest, UnmarkedRoundIsDroppedWithTheLink) {
+  begin(port(1, "a"));
+  answer(rowFrame(port(2, "b")));
+  link.cut();
+  loop->advance(seconds(20));
+  EXPECT_EQ(raw.receive(), "hello ");
+  // It asks from the last mark on.
+  EXPECT_EQ(raw.last.substr(raw.last.size() - 16), Bytes().u64(epoch).u64(10).get());
+  EXPECT_EQ(answer(welcomeFrame<PortLayout>() + markFrame(10, 0, 1, digestOf(port(1, "a")))),
+            "ack ");
+  EXPECT_EQ(ports.size(), 1U);
+}
+
+TEST_F(SubscriberWireTest, WrongCountEndsTheConnection) {
+  begin(port(1, "a"));
+  EXPECT_EQ(answer(rowFrame(port(2, "b")) + markFrame(11, 2, 2, 0)),
+            "bye a mark of 2 frames behind 1 ");
+  EXPECT_EQ(ports.size(), 1U);
+  EXPECT_EQ(ports.state(), TableState::stale);
+}
+
+TEST_F(SubscriberWireTest, SecondBadFrameAtAPositionAsksForAllRows) {
+  begin(port(1, "a"));
+  answer(frame(row, 0, "short"));
+  loop->advance(seconds(6));
+  EXPECT_EQ(raw.receive(), "hello ");
+  EXPECT_EQ(raw.last.substr(raw.last.size() - 16), Bytes().u64(epoch).u64(10).get());
+  EXPECT_EQ(answer(welcomeFrame<PortLayout>() + frame(row, 0, "short")),
+            "bye a row of another length than its frame ");
+  loop->advance(seconds(6));
+  EXPECT_EQ(raw.receive(), "hello ");
+  EXPECT_EQ(raw.last.substr(raw.last.size() - 16, 8), Bytes().u64(0).get());
+  EXPECT_EQ(problems, "all rows are asked for: a row of another length than its frame; ");
+}
+
+TEST_F(SubscriberWireTest, SequenceThatGoesBackEndsTheConnection) {
+  begin(port(1, "a"));
+  EXPECT_EQ(answer(markFrame(9, 0, 1, digestOf(port(1, "a")))), "bye the sequence went back ");
+}
+
+// Lesson: a position in another history is not gone on from.
+TEST_F(SubscriberWireTest, OtherHistoryHasToTellAllRows) {
+  begin(port(1, "a"));
+  link.cut();
+  loop->advance(seconds(6));
+  raw.receive();
+  std::string other = welcomeFrame<PortLayout>();
+  other[8 + 2 + 4 + 4 + 5] = 0x55;  // the epoch's first byte
+  EXPECT_EQ(answer(other + markFrame(12, 0, 1, digestOf(port(1, "a")))),
+            "bye a table was not told as a whole ");
+}
+
+TEST_F(SubscriberWireTest, OtherDigestAsksForAllRows) {
+  begin(port(1, "a"));
+  EXPECT_EQ(answer(rowFrame(port(2, "b")) + markFrame(11, 1, 2, 1)),
+            "bye the rows of net/port are not the publisher's ");
+  EXPECT_EQ(ports.size(), 1U);
+  EXPECT_EQ(subscriber.status().digestFaults, 1U);
+  loop->advance(seconds(6));
+  EXPECT_EQ(raw.receive(), "hello ");
+  EXPECT_EQ(raw.last.substr(raw.last.size() - 16, 8), Bytes().u64(0).get());
+}
+
+// A bad row is refused alone: its old value stays, and both sides are told.
+TEST_F(SubscriberWireTest, BadRowIsReportedAndTheOthersGoOn) {
+  begin(port(1, "a"));
+  Port bad = port(1, "longer");
+  bad.rwRowBuf()[8 + 4 + 2] = 0xFF;  // where the name stands
+  bad.rwRowBuf()[8 + 4 + 2 + 1] = 0xFF;
+  const std::string notes = answer(rowFrame(bad) + rowFrame(port(2, "b")));
+  EXPECT_EQ(notes.substr(0, 5), "note ") << notes;
+  answer(markFrame(11, 2, 2, digestOf(bad) ^ digestOf(port(2, "b"))));
+  EXPECT_EQ(ports.find(1).get<"name">(), "a");
+  EXPECT_EQ(ports.find(2).get<"name">(), "b");
+  EXPECT_EQ(subscriber.status().refusedRows, 1U);
+  EXPECT_NE(problems, "");
+  EXPECT_EQ(ports.state(), TableState::current);
+}
+
+TEST_F(SubscriberWireTest, LayoutThatIsNotItsFingerprintsIsRefused) {
+  EXPECT_EQ(answer(welcomeFrame<PortLayout>(Korvo::layoutText(LinkLayout::info))),
+            "refuse the layout is not that of its fingerprint ");
+  EXPECT_EQ(ports.state(), TableState::refused);
+}
+
+TEST_F(SubscriberWireTest, WholeForgetsWhatTheRoundTold) {
+  begin(port(1, "a"));
+  EXPECT_EQ(answer(rowFrame(port(3, "c")) + frame(whole, 0, "") + rowFrame(port(2, "b")) +
+                   markFrame(11, 3, 1, digestOf(port(2, "b")))),
+            "ack ");
+  EXPECT_EQ(oids(ports), std::vector<oid_t>{2});
+}
+
+TEST_F(SubscriberWireTest, PublisherThatIsNoneIsLeft) {
+  EXPECT_EQ(answer("HTTP/1.1 400 Bad Request\r\n\r\n"), "bye frame of 1347703880 bytes ");
+  EXPECT_EQ(ports.state(), TableState::loading);
+}
+
+TEST_F(SubscriberWireTest, PulsesKeepTheConnectionAndTheStateIsLoading) {
+  answer(welcomeFrame<PortLayout>());
+  for (int i = 0; i < 20; ++i) {
+    loop->advance(seconds(5));
+    answer(frame(pulse, 0, ""));
+  }
+  EXPECT_EQ(link.connections(), 1U);
+  EXPECT_EQ(ports.state(), TableState::loading);
+}
+
+}  // namespace
