@@ -89,7 +89,7 @@ struct EncodedValue {
   /// The bytes that have to stay as they are until the value is stored.
   std::span<const byte_t> source() const { return {bytes, byteCount}; }
   /// The value may refer to bytes that it is written over.
-  void store(byte_t* to) const {
+  [[gnu::always_inline]] void store(byte_t* to) const {
     moveBytes(hasPrefixLength ? to + 1 : to, bytes, byteCount);
     if (hasPrefixLength) *to = prefixLength;
   }
