@@ -543,6 +543,11 @@ class Machine {
   bool byWriter(const TwoRows& row) const { return &row == written_; }
   void endWriter() {
     writer_.reset();
+    // A row that is shared and has a larger block has got one of its own, as by a write.
+    if (written_ != nullptr && written_->real.useCount() != written_->model.use_count()) {
+      FUZZ_REQUIRE(written_->real.useCount() == 1);
+      written_->model = std::make_shared<Bytes>(*written_->model);
+    }
     written_ = nullptr;
   }
 
@@ -644,7 +649,7 @@ class Machine {
   const bool longValues_;
   TwoRows rows_[4] = {TwoRows(true), TwoRows(true), TwoRows(false), TwoRows(false)};
   std::optional<RowWriter> writer_;
-  const TwoRows* written_ = nullptr;  ///< the row of `writer_`
+  TwoRows* written_ = nullptr;  ///< the row of `writer_`
 };
 
 }  // namespace

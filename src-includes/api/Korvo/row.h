@@ -563,14 +563,7 @@ void BaseRow::setColumn(len_t slotOffset, const T& value, len_t fdLen) {
                 "setColumn<T>: T is std::string, IpGenAddr, IpGenPrefix, one of their references, "
                 "SubRowReference, or a vector of the first three");
   if (fdLen == 0) [[unlikely]] {
-    failSetColumn(detail::isOneOf<T, std::string>            ? "std::basic_string<char>"
-                  : detail::isOneOf<T, IpGenAddr>            ? "Korvo::IpGenAddr"
-                  : detail::isOneOf<T, IpGenPrefix>          ? "Korvo::IpGenPrefix"
-                  : detail::isOneOf<T, StringValueReference> ? "Korvo::StringValueReference"
-                  : detail::isOneOf<T, IpGenAddrReference>   ? "Korvo::IpGenAddrReference"
-                  : detail::isOneOf<T, IpGenPrefixReference> ? "Korvo::IpGenPrefixReference"
-                                                             : "Korvo::SubRowReference",
-                  false);
+    failSetColumn(detail::nameInSignatures<T>, false);
   }
   updateVarElement(slotOffset, fdLen, value);
 }
@@ -581,10 +574,7 @@ void BaseRow::setColumn(len_t slotOffset, const std::vector<T>& values, len_t fd
                 "setColumn of an array: the elements are std::string, IpGenAddr or IpGenPrefix; "
                 "updateFixElemArray<bool> writes an array of bool");
   if (fdLen == 0) [[unlikely]] {
-    failSetColumn(detail::isOneOf<T, std::string> ? "std::basic_string<char>"
-                  : detail::isOneOf<T, IpGenAddr> ? "Korvo::IpGenAddr"
-                                                  : "Korvo::IpGenPrefix",
-                  true);
+    failSetColumn(detail::nameInSignatures<T>, true);
   }
   updateVarElemArray(slotOffset, fdLen, values);
 }

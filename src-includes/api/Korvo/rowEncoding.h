@@ -34,6 +34,16 @@ template <typename T>
 inline constexpr bool isFixed =
     isOneOf<T, std::uint8_t, std::uint16_t, std::uint32_t, std::uint64_t, std::int8_t, std::int16_t,
             std::int32_t, std::int64_t, float, double, bool, IpAddr, Ip6Addr>;
+/// A variable-length type in the texts of assertions.
+template <typename T>
+inline constexpr const char* nameInSignatures =
+    isOneOf<T, std::string>            ? "std::basic_string<char>"
+    : isOneOf<T, IpGenAddr>            ? "Korvo::IpGenAddr"
+    : isOneOf<T, IpGenPrefix>          ? "Korvo::IpGenPrefix"
+    : isOneOf<T, StringValueReference> ? "Korvo::StringValueReference"
+    : isOneOf<T, IpGenAddrReference>   ? "Korvo::IpGenAddrReference"
+    : isOneOf<T, IpGenPrefixReference> ? "Korvo::IpGenPrefixReference"
+                                       : "Korvo::SubRowReference";
 template <typename T>
 inline constexpr bool isVector = false;
 template <typename T>
@@ -88,7 +98,7 @@ struct EncodedValue {
   /// The bytes that have to stay as they are until the value is stored.
   std::span<const byte_t> source() const { return {bytes, byteCount}; }
   /// The value may refer to bytes that it is written over.
-  void store(byte_t* to) const {
+  [[gnu::always_inline]] void store(byte_t* to) const {
     moveBytes(hasPrefixLength ? to + 1 : to, bytes, byteCount);
     if (hasPrefixLength) *to = prefixLength;
   }
