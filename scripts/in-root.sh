@@ -1,6 +1,6 @@
 #!/bin/bash
 # Unpacks an archive of scripts/bare-root.sh into memory and runs a command there, with FOLDER as
-# /work. Root folder, processes and mounts end with it. Needs root rights.
+# /mnt. Root folder, processes and mounts end with it. Needs root rights.
 #
 #   scripts/in-root.sh ARCHIVE FOLDER COMMAND...
 set -euo pipefail
@@ -16,8 +16,8 @@ exec unshare --mount --pid --fork --kill-child sh -ec '
   shift 3
   mount -t tmpfs -o mode=755 tmpfs "$root"
   tar -C "$root" -xf "$archive"
-  mkdir "$root/work"
-  mount --bind "$folder" "$root/work"
+  mkdir -p "$root/mnt"
+  mount --bind "$folder" "$root/mnt"
   mount -t proc proc "$root/proc"
   cp /etc/resolv.conf "$root/etc/resolv.conf"
   exec env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 HOME=/root TERM=dumb \

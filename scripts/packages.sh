@@ -14,12 +14,12 @@ build_dependencies=(build-essential cmake debhelper libssl-dev libuv1-dev pkgcon
 copy_sources() {
   rm -rf "$(dirname "$1")"
   mkdir -p "$1"
-  git ls-files -co --exclude-standard -z CMakeLists.txt README.md cmake debian docs src src-includes |
+  git ls-files -co --exclude-standard -z '*.md' CMakeLists.txt cmake debian docs gdb scripts src src-includes |
     xargs -0 cp --parents -t "$1"
 }
 
 if [ -z "$architecture" ]; then
-  scripts/install-deps.sh "${build_dependencies[@]}" doxygen
+  scripts/install-deps.sh "${build_dependencies[@]}" doxygen doxygen-awesome-css python3
   copy_sources "$out/own/source"
   (cd "$out/own/source" && dpkg-buildpackage -b -us -uc -j"$(nproc)")
   cp "$out"/own/*.* "$out"
@@ -28,6 +28,6 @@ else
   scripts/bare-root.sh "$root" "$architecture" "${build_dependencies[@]}"
   copy_sources "$out/$architecture/source"
   scripts/in-root.sh "$root" "$out/$architecture" \
-    sh -ec "cd /work/source && dpkg-buildpackage -B -us -uc -j$(nproc)"
+    sh -ec "cd /mnt/source && dpkg-buildpackage -B -us -uc -j$(nproc)"
   cp "$out/$architecture"/*.* "$out"
 fi

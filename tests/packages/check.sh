@@ -35,4 +35,4 @@ if [ "${KORVO_SPOIL:-}" = header ]; then
   dpkg-deb -b "$work/spoilt" "$spoilt"
 fi
 
-"$source_dir/scripts/in-root.sh" "$packages/bare.tar" "$work" bash /work/inside.sh "${architectures[@]}"
+"$source_dir/scripts/in-root.sh" "$packages/bare.tar" "$work" bash /mnt/inside.sh "${architectures[@]}"
