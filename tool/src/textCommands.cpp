@@ -3,7 +3,6 @@
 #include "commands.h"
 #include "failure.h"
 #include "layouts.h"
-#include "shortAddress.h"
 
 #include <Korvo/KoStrUtils.h>
 #include <Korvo/korvo_types.h>
@@ -52,7 +51,7 @@ std::string bytesText(const IpGenAddr& addr) {
 }
 
 std::string shortPrefixText(const IpGenPrefix& prefix) {
-  return shortText(prefix.addr()) + '/' + std::to_string(prefix.mask());
+  return prefix.toShortString();
 }
 
 /// The last address of the prefix.
@@ -106,7 +105,7 @@ int parseAddresses(const TextOptions& options) {
   for (const std::string& text : options.texts) {
     const auto addr = parsed<IpGenAddr>(text);
     Answer answer;
-    answer.add("address", inserted(addr)).add("short", shortText(addr));
+    answer.add("address", inserted(addr)).add("short", addr.toShortString());
     answer.add("family", familyText(addr.af())).add("bytes", bytesText(addr));
     answer.print(out, options.json, isFirst);
     isFirst = false;

@@ -83,14 +83,14 @@ TEST_F(Tool, ChecksFaultyRows) {
   expectAll(
       "check -l port.korvo faulty.rows", 1,
       "faulty.rows: byte 0: row of 80 bytes, type 7, oid 1: a value lies in the header or the "
-      "fixed area (at byte 12)\n"
+      "fixed area (name, at byte 12)\n"
       "faulty.rows: 2 good rows, 1 faulty row\n",
       "");
   expectAll("check -l port.korvo -q faulty.rows", 1, "", "");
   expectAll(
       "check -l port.korvo --json faulty.rows", 1,
       R"({"file":"faulty.rows","kind":"faulty","offset":0,"length":80,"type":7,"oid":1,"at":12,)"
-      R"x("reason":"a value lies in the header or the fixed area (at byte 12)"})x"
+      R"x("reason":"a value lies in the header or the fixed area (name, at byte 12)"})x"
       "\n"
       R"({"file":"faulty.rows","kind":"summary","good":2,"faulty":1,"skipped":0})"
       "\n",
@@ -141,7 +141,7 @@ TEST_F(Tool, FindsRowsBehindDamage) {
   write("both.rows", both);
   expectAll("check -l port.korvo both.rows", 1,
             "both.rows: byte 0: row of 80 bytes, type 7, oid 1: a value lies in the header or the "
-            "fixed area (at byte 12)\n"
+            "fixed area (name, at byte 12)\n"
             "both.rows: byte 80: a row of 3 bytes has no room for its header; 17 bytes skipped, "
             "rows go on at byte 97\n"
             "both.rows: 1 good row, 1 faulty row, 17 bytes skipped\n",
@@ -249,7 +249,7 @@ TEST_F(Tool, AnnotatesGapsAndOverlaps) {
   damage("overlap.rows", 14, 8);
   const Outcome overlap = korvo("annotate -l port.korvo --oid 1 overlap.rows");
   EXPECT_EQ(overlap.status, 1);
-  EXPECT_NE(overlap.out.find("\n  fault: two values share a byte (at byte 16)\n"),
+  EXPECT_NE(overlap.out.find("\n  fault: two values share a byte (tags, at byte 16)\n"),
             std::string::npos)
       << overlap.out;
   EXPECT_NE(overlap.out.find("\n     36  02 10                    overlap of name and tags\n"),
