@@ -50,10 +50,6 @@ std::string bytesText(const IpGenAddr& addr) {
   return text;
 }
 
-std::string shortPrefixText(const IpGenPrefix& prefix) {
-  return prefix.toShortString();
-}
-
 /// The last address of the prefix.
 IpGenAddr lastOf(const IpGenPrefix& prefix) {
   unsigned char bytes[16];
@@ -120,7 +116,7 @@ int parsePrefixes(const TextOptions& options) {
   for (const std::string& text : options.texts) {
     const auto prefix = parsed<IpGenPrefix>(text);
     Answer answer;
-    answer.add("prefix", inserted(prefix)).add("short", shortPrefixText(prefix));
+    answer.add("prefix", inserted(prefix)).add("short", prefix.toShortString());
     answer.add("family", familyText(prefix.addr().af()));
     answer.add("first", inserted(prefix.addr())).add("last", inserted(lastOf(prefix)));
     answer.add("bytes", bytesText(prefix.addr()));
