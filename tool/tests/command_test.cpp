@@ -98,10 +98,11 @@ TEST_F(Tool, ChecksFaultyRows) {
   write("hostbits.json", R"({"type":7,"row":{"net":"10.0.0.1/8"}})");
   ASSERT_EQ(korvo("convert -l port.korvo --from json hostbits.json -o hostbits.rows").status, 0);
   EXPECT_EQ(korvo("check -l port.korvo hostbits.rows").status, 0);
-  expectAll("check -l port.korvo --no-host-bits hostbits.rows", 1,
-            "hostbits.rows: byte 0: row of 37 bytes, type 7, oid 0: a prefix has host bits set (at "
-            "byte 32)\nhostbits.rows: 0 good rows, 1 faulty row\n",
-            "");
+  expectAll(
+      "check -l port.korvo --no-host-bits hostbits.rows", 1,
+      "hostbits.rows: byte 0: row of 37 bytes, type 7, oid 0: a prefix has host bits set (net, at "
+      "byte 32)\nhostbits.rows: 0 good rows, 1 faulty row\n",
+      "");
 }
 
 TEST_F(Tool, TellsRowsOfTypesThatItDoesNotKnow) {

@@ -143,9 +143,11 @@ TEST_F(Stream, TakesAtMostTwiceACopyWithACheck) {
   double ours = 1e9;
   double copy = 1e9;
   for (int i = 0; i < tries; ++i) {
+    // What rows cost: loading the program and its libraries takes as long for any file.
+    const Usage start = usageOf({"check", "-l", "rows.layout", "few.rows"});
     const Usage usage = usageOf({"check", "-l", "rows.layout", "many.rows"});
     ASSERT_EQ(usage.status, 0);
-    ours = std::min(ours, usage.seconds);
+    ours = std::min(ours, usage.seconds - start.seconds);
     const double begin = secondsNow();
     std::size_t good = 0;
     for (std::size_t at = 0; at < all.size();) {
