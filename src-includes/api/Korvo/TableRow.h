@@ -253,6 +253,7 @@ class RowLayout {
     static_assert(has<Name>, "the layout has no column of this name");
     return indexOf<Name>();
   }();
+  /// The type of the named column, as declared.
   template <ColumnName Name>
   requires(has<Name>) using Type = std::tuple_element_t<indexOf<Name>(), ColumnTypes>;
   template <ColumnName Name>
@@ -454,7 +455,7 @@ KORVO_API len_t offsetOf(const LayoutInfo& layout, std::string_view name);
 template <typename Row, typename Layout>
 class ColumnReaders {
  public:
-  using RowsLayout = Layout;
+  using RowsLayout = Layout;  ///< of the rows
 
   /// The column's value: numbers, addresses and prefixes as they are, text as std::string, arrays
   /// as vectors, nested rows as SubRow (which stays a view). The null value for a null row. Throws
@@ -490,6 +491,7 @@ class ColumnReaders {
   // itself). Two prefixes without a family are equal, and come before all others. These throw
   // KoNullRow for a null row.
 
+  /// Whether the named columns have equal values.
   template <ColumnName... Names>
   requires(sizeof...(Names) > 0) bool equal(const BaseRow& other) const {
     requireOrder<Layout, Names...>();
@@ -540,6 +542,7 @@ class ColumnReaders {
   std::uint64_t columnSortKey(unsigned int level) const {
     return sortKey(comparedView<Name>(row()), level);
   }
+  /// Whether `key`, the one of this level, says all of the value's order.
   template <ColumnName Name>
   static bool isLastSortKey(std::uint64_t key, unsigned int level) {
     return isLastKey(std::type_identity<View<Name>>(), key, level);
@@ -636,8 +639,8 @@ class TableRow : public BaseRow,
  public:
   using Layout = RowLayoutType;  ///< the columns
   template <ColumnName Name>
-  using ColumnType = typename Layout::template Type<Name>;  ///< of the named column
-  using Readers = detail::ColumnReaders<TableRow, RowLayoutType>;
+  using ColumnType = typename Layout::template Type<Name>;         ///< of the named column
+  using Readers = detail::ColumnReaders<TableRow, RowLayoutType>;  ///< for rows and nested rows
 
   /// Makes this a new row, all columns zero or null. On a throw the row is as before.
   void create(oid_t oid = 0) { installNew(Layout::baseLength, Layout::rowType, oid); }
@@ -661,6 +664,7 @@ class TableRow : public BaseRow,
   // The readers once more, for clang to warn where a view is taken of a row that is a temporary.
   // Nested rows do without: their views refer to the outermost row.
 
+  /// The column's value, a copy: see Readers::get().
   template <ColumnName Name>
   auto get() const {
     return Readers::template get<Name>();
@@ -669,6 +673,7 @@ class TableRow : public BaseRow,
   requires(detail::NamedColumn<Layout, Name>::isNested) auto get() const KORVO_LIFETIMEBOUND {
     return Readers::template get<Name>();
   }
+  /// The column in place: see Readers::view().
   template <ColumnName Name>
   auto view() const KORVO_LIFETIMEBOUND {
     return Readers::template view<Name>();

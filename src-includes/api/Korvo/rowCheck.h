@@ -77,6 +77,7 @@ enum class RowRule : byte_t {
   /// What an index wants: keys that are ordered, found again, and read as values.
   forIndex = noHostBits | withFamily | wholeArrays
 };
+/// Both rules.
 constexpr RowRule operator|(RowRule a, RowRule b) {
   return static_cast<RowRule>(static_cast<byte_t>(a) | static_cast<byte_t>(b));
 }
@@ -95,7 +96,7 @@ struct RowFault {
   // The columns that lead to it, by their places in their layouts; outermost first.
   const LayoutInfo* layout = nullptr;  ///< of the outermost row; has to outlive the fault
   std::uint16_t columnCount = 0;       ///< 0 where the row as a whole is at fault
-  std::array<std::uint16_t, maxRowNesting + 1> columns = {};
+  std::array<std::uint16_t, maxRowNesting + 1> columns = {};  ///< the first columnCount count
 
   /// Whether there is a fault.
   explicit operator bool() const { return kind != RowFaultKind::none; }

@@ -97,6 +97,7 @@ class IpGenAddrReference {
 
   /// What the value would give; "<null>" without a family.
   std::string toString() const;
+  /// The same with IPv6 in its short form (RFC 5952).
   std::string toShortString() const;
 
   /// By family first, then by address; all references of family unknown_ are equal, and no byte of
@@ -152,6 +153,7 @@ class IpGenPrefixReference {
   IpGenPrefix network() const { return IpGenPrefix(*this).network(); }
   /// What the value would give; "<null>" without a family.
   std::string toString() const;
+  /// The same with IPv6 in its short form (RFC 5952).
   std::string toShortString() const;
 
   /// Whether the other's address lies in this prefix; the other's length is not looked at, on
