@@ -346,12 +346,13 @@ Schedulable* Scheduler::popUnit() {
 /// Makes the containers as small as what they hold, after they held much more.
 void Scheduler::giveBackMemory() {
   const std::size_t longest = std::exchange(longestQueue_, runQueue_.size());
-  runQueue_.shrink_to_fit();
-  if (entries_.bucket_count() > 8 * longest) return;  // more than it grew to: reserved
   try {
-    entries_.rehash(0);
+    // As shrink_to_fit() does it, which g++ 12 does not compile with _GLIBCXX_DEBUG.
+    std::deque<RunnableEntry*>(runQueue_.begin(), runQueue_.end()).swap(runQueue_);
+    // Buckets beyond what the map grew to were reserved.
+    if (entries_.bucket_count() <= 8 * longest) entries_.rehash(0);
   } catch (const std::bad_alloc&) {
-    return;  // stays as it is
+    return;  // the rest stays as it is
   }
 }
 
