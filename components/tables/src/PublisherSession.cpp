@@ -79,6 +79,9 @@ bool PublisherSession::take(const Frame& frame) {
     case FrameType::refuse:
       std::erase_if(feeds_, [&](const auto& feed) { return feed->number == frame.table; });
       return true;
+    case FrameType::ask:
+      if (mayAsk_) answer_.ask();
+      return true;
     case FrameType::bye: {
       const Bye bye = Bye::decode(frame.body);
       isOver_ = true;
@@ -105,6 +108,9 @@ void PublisherSession::takeHello(const Hello& hello) {
 
   Welcome welcome;
   welcome.protocol = std::min(protocolMax, hello.protocolMax);
+  welcome.features = hello.features & featureAsk;
+  mayAsk_ = welcome.features != 0;
+  wantsTables_ = !hello.tables.empty();
   welcome.heartbeat = static_cast<std::uint32_t>(heartbeat_.count());
   welcome.name = publication_.name;
   welcome.epoch = publication_.epoch;
@@ -174,7 +180,9 @@ void PublisherSession::fill(std::size_t most) {
     if (std::ranges::any_of(feeds_, [](const auto& feed) { return feed->store() == nullptr; })) {
       return end(ByeReason::changed, "a table is gone");
     }
-    if (capturedMark_) {
+    if (answer_.isDue()) {
+      out_.push(answer_.next());
+    } else if (capturedMark_) {
       sendCaptured();
     } else if (isBehind()) {
       if (isStarved()) {

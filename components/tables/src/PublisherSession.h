@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "PublisherAnswer.h"
 #include "TableStore.h"
 #include "TableWire.h"
 
@@ -27,6 +28,7 @@ struct Publication {
   bool isComplete = true;
   milliseconds heartbeat{5000};
   std::vector<TableStore*> tables;
+  const SubscriberList* subscribers = nullptr;
 };
 
 class PublisherSession {
@@ -59,6 +61,7 @@ class PublisherSession {
   /// Puts what there is to tell into out(), until that holds `most` bytes or more.
   void fill(std::size_t most);
   OutQueue& out() { return out_; }
+  const OutQueue& out() const { return out_; }
   void sent(std::size_t count);
   /// Says goodbye; nothing else is sent after it.
   void end(ByeReason reason, const std::string& text);
@@ -73,6 +76,8 @@ class PublisherSession {
   std::uint64_t merged() const { return merged_; }
   std::uint64_t refused() const { return refused_; }
   bool isWelcome() const { return isWelcome_; }
+  /// Whether it came for rows, and not to ask alone.
+  bool wantsTables() const { return wantsTables_; }
   /// What the subscriber refused since the last call.
   std::vector<RowNote> takeNotes() { return std::exchange(notes_, {}); }
 
@@ -105,6 +110,9 @@ class PublisherSession {
   OutQueue out_;
   std::vector<std::unique_ptr<Feed>> feeds_;
   std::size_t turn_ = 0;  ///< the feed that is being told
+  PublisherAnswer answer_{publication_};
+  bool mayAsk_ = false;
+  bool wantsTables_ = false;
 
   bool isWelcome_ = false;
   bool isOver_ = false;

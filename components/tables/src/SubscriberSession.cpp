@@ -316,6 +316,9 @@ void SubscriberSession::accept(Feed& feed, const Welcome::Table& table) {
     return refuseTable(feed, store.name() + ": " + error.what());
   }
   feed.isSame = feed.plan->comparison().conversion() == Conversion::same;
+  if (!feed.isSame && !subscription_.takesOtherLayouts) {
+    return refuseTable(feed, store.name() + " has another layout at " + publisher_);
+  }
   const std::string text = "rows come from " + publisher_;
   store.stateIs(store.hasFirstRows ? TableState::stale : TableState::loading, text);
 }

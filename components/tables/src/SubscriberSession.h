@@ -55,6 +55,7 @@ struct Subscription {
   std::string name;
   milliseconds heartbeat{5000};
   std::size_t mostWaiting = std::size_t{1} << 30;  ///< bytes that wait for a mark
+  bool takesOtherLayouts = true;
   std::shared_ptr<SequenceSource> source = std::make_shared<SequenceSource>();
   std::vector<std::unique_ptr<TableCopy>> copies;  ///< by their numbers
 

@@ -33,7 +33,8 @@ std::uint64_t randomEpoch() {
 }  // namespace
 
 class TablePublisher::Impl final : public std::enable_shared_from_this<Impl>,
-                                   private Velto::Platform::TimeoutHandler {
+                                   private Velto::Platform::TimeoutHandler,
+                                   private detail::SubscriberList {
  public:
   class Connection;
   class Published;
@@ -50,6 +51,10 @@ class TablePublisher::Impl final : public std::enable_shared_from_this<Impl>,
   /// Sets the timer, if it is not. Without memory that is tried again in the next turn of anybody.
   void keepTime() noexcept;
   void onTimeout() override;
+  /// Nothing: it is about to end, or has not begun.
+  std::optional<Subscriber> statusOf(const PublisherSession& session) const;
+  std::optional<Subscriber> subscriberBehind(std::uint64_t& number) const override;
+  std::string lastReasonOfAll() const override { return lastReason; }
 
   const KoPtr<Scheduler> scheduler;
   const Options options;
@@ -61,6 +66,7 @@ class TablePublisher::Impl final : public std::enable_shared_from_this<Impl>,
   milliseconds step;
   std::string lastReason;
   std::function<void(const RefusedRow&)> refusedRowTold;
+  std::uint64_t lastNumber = 0;  ///< of a connection
   bool isGone = false;
 };
 
@@ -83,6 +89,7 @@ class TablePublisher::Impl::Connection final : public Schedulable,
  public:
   Connection(Impl& impl, std::unique_ptr<ByteStream> stream)
       : Schedulable(impl.publication.name, impl.scheduler),
+        number(++impl.lastNumber),
         session(impl.publication, *this),
         impl_(impl),
         stream_(std::move(stream)) {
@@ -110,6 +117,7 @@ class TablePublisher::Impl::Connection final : public Schedulable,
     guarded([&] { write(); });
   }
 
+  const std::uint64_t number;
   PublisherSession session;
 
  private:
@@ -202,6 +210,7 @@ TablePublisher::Impl::Impl(const std::string& name, const KoPtr<Scheduler>& sche
   publication.name = name;
   publication.epoch = randomEpoch();
   publication.heartbeat = options.heartbeat;
+  publication.subscribers = this;
 }
 
 void TablePublisher::Impl::start() {
@@ -304,6 +313,27 @@ void TablePublisher::Impl::onTimeout() {
   for (const auto& connection : connections) connection->timePasses(step);
 }
 
+std::optional<TablePublisher::Subscriber> TablePublisher::Impl::statusOf(
+    const PublisherSession& session) const {
+  if (!session.isWelcome() || session.isOver() || !session.wantsTables()) return std::nullopt;
+  return Subscriber{session.subscriber(),
+                    session.tables(),
+                    publication.source->last - session.acked(),
+                    session.merged(),
+                    session.refused(),
+                    session.out().size()};
+}
+
+std::optional<TablePublisher::Subscriber> TablePublisher::Impl::subscriberBehind(
+    std::uint64_t& number) const {
+  for (const auto& connection : connections) {
+    if (connection->number <= number) continue;
+    number = connection->number;
+    if (auto status = statusOf(connection->session)) return status;
+  }
+  return std::nullopt;
+}
+
 // ---------------------------------------------------------------------------------------------
 
 TablePublisher::TablePublisher(const std::string& name, const KoPtr<Scheduler>& scheduler,
@@ -359,10 +389,7 @@ void TablePublisher::historyIs(std::uint64_t epoch, std::uint64_t sequence) {
 std::vector<TablePublisher::Subscriber> TablePublisher::subscribers() const {
   std::vector<Subscriber> all;
   for (const auto& connection : impl_->connections) {
-    PublisherSession& session = connection->session;
-    if (!session.isWelcome() || session.isOver()) continue;
-    all.push_back({session.subscriber(), session.tables(), sequence() - session.acked(),
-                   session.merged(), session.refused(), session.out().size()});
+    if (auto status = impl_->statusOf(connection->session)) all.push_back(std::move(*status));
   }
   return all;
 }

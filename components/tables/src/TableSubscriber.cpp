@@ -105,6 +105,7 @@ TableSubscriber::Impl::Impl(const KoPtr<Scheduler>& loop, const Options& options
   subscription_.name = name();
   subscription_.heartbeat = options.heartbeat;
   subscription_.mostWaiting = options.mostWaitingBytes;
+  subscription_.takesOtherLayouts = options.takesOtherLayouts;
   clientReadyIs(true);
 }
 
