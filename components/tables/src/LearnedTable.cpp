@@ -7,7 +7,7 @@
 
 namespace Korvo {
 
-std::vector<oid_t> LearnedTable::oids() const {
+std::vector<oid_t> LearnedTable::oids(std::size_t most) const {
   const detail::TableStore& store = detail::TableAccess::store(*this);
   std::vector<oid_t> oids;
   oids.reserve(store.size());
@@ -15,7 +15,9 @@ std::vector<oid_t> LearnedTable::oids() const {
        slot = store.slotFrom(slot + 1)) {
     oids.push_back(store.oid(slot));
   }
-  std::sort(oids.begin(), oids.end());
+  most = std::min(most, oids.size());
+  std::partial_sort(oids.begin(), oids.begin() + static_cast<std::ptrdiff_t>(most), oids.end());
+  oids.resize(most);
   return oids;
 }
 

@@ -17,9 +17,13 @@
 #include <Korvo/TableReader.h>
 #include <Korvo/export.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <limits>
+#include <memory>
 #include <string>
+#include <vector>
 
 namespace Korvo {
 
@@ -49,8 +53,8 @@ class KORVO_API LearnedTable : private detail::LearnedLayout, public AnyTable {
     get(oid, row);
     return row;
   }
-  /// The oids of all rows, in order.
-  std::vector<oid_t> oids() const;
+  /// The oids of all rows, in order; of `most` of them at the most, the first ones.
+  std::vector<oid_t> oids(std::size_t most = std::numeric_limits<std::size_t>::max()) const;
 };
 
 /// What changed in a table since its reader looked last; see Changes.
