@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "PublisherSession.h"
+#include "TableWalk.h"
 
 namespace Korvo::detail {
 

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "PublisherAnswer.h"
+#include "TableEngines.h"
 #include "UnixSocket.h"
 
 namespace Korvo {
@@ -25,6 +26,7 @@ constexpr std::uint32_t heartbeat = 60000;
 class TableBrowser::Impl final : public Schedulable,
                                  public std::enable_shared_from_this<Impl>,
                                  private ByteStream::User,
+                                 private TableQuestion::User,
                                  private Velto::Platform::TimeoutHandler {
  public:
   Impl(const KoPtr<Scheduler>& scheduler, const Options& options);
@@ -35,13 +37,24 @@ class TableBrowser::Impl final : public Schedulable,
   void end() noexcept;
 
   std::shared_ptr<ByteConnector> connector;
+  std::string engineAddress;  ///< if it is not a connector's
   std::function<void(const PublisherInfo&)> answerTold;
   std::function<void(const std::string&)> failureTold;
 
  private:
   void streamIsReady() override { runnableIs(true); }
+  void answerComes(const PublisherInfo& info) override {
+    answer_.info = info;
+    isComplete_ = true;
+    runnableIs(true);
+  }
+  void questionFails(const std::string& reason) override {
+    failIs(reason);
+    runnableIs(true);
+  }
   void onTimeout() override;
   void run(bool arg) override;
+  void begin();
   void read();
   void write();
   bool take(const Frame& frame);
@@ -51,6 +64,7 @@ class TableBrowser::Impl final : public Schedulable,
   const Options options_;
   std::unique_ptr<Velto::Platform::TimerControl> timer_;
   bool isAsked_ = false;
+  std::unique_ptr<TableQuestion> question_;
   std::unique_ptr<ByteStream> stream_;
   std::unique_ptr<detail::FrameReader> reader_;
   detail::OutQueue out_;
@@ -87,6 +101,7 @@ void TableBrowser::Impl::end() noexcept {
 
 void TableBrowser::Impl::hangUp() noexcept {
   if (stream_ != nullptr) stream_->userIs(nullptr);
+  question_.reset();
   stream_.reset();
   reader_.reset();
   out_ = {};
@@ -107,31 +122,41 @@ void TableBrowser::Impl::onTimeout() {
   runnableIs(true);
 }
 
+void TableBrowser::Impl::begin() {
+  if (connector == nullptr) {
+    question_ = detail::engineFor(engineAddress)->ask(engineAddress, scheduler(), *this);
+    return;
+  }
+  stream_ = connector->connect();
+  reader_ = std::make_unique<detail::FrameReader>();
+  stream_->userIs(this);
+  detail::Hello hello;
+  hello.features = detail::featureAsk;
+  hello.heartbeat = heartbeat;
+  hello.name = name();
+  out_.push(hello.encode());
+}
+
 void TableBrowser::Impl::run(bool) {
   const std::shared_ptr<Impl> kept = shared_from_this();
   try {
-    if (std::exchange(isAsked_, false)) {
-      stream_ = connector->connect();
-      reader_ = std::make_unique<detail::FrameReader>();
-      stream_->userIs(this);
-      detail::Hello hello;
-      hello.features = detail::featureAsk;
-      hello.heartbeat = heartbeat;
-      hello.name = name();
-      out_.push(hello.encode());
-    }
+    if (std::exchange(isAsked_, false)) begin();
     if (stream_ != nullptr) read();
     if (stream_ != nullptr) write();
   } catch (const std::system_error& error) {
     failIs(error.what());
   } catch (const detail::ProtocolError& error) {
     failIs(std::string("not understood: ") + error.what());
+  } catch (const KoBaseException& error) {
+    failIs(error.what());
   } catch (const std::bad_alloc&) {
     failIs("no memory");
   }
   if (isComplete_) {
-    out_.push(detail::Bye{detail::ByeReason::closing, "all was told"}.encode());
-    write();
+    if (stream_ != nullptr) {
+      out_.push(detail::Bye{detail::ByeReason::closing, "all was told"}.encode());
+      write();
+    }
     const PublisherInfo info = std::move(answer_.info);
     const auto told = answerTold;
     hangUp();
@@ -195,7 +220,12 @@ bool TableBrowser::Impl::take(const Frame& frame) {
 TableBrowser::TableBrowser(const std::string& address, const KoPtr<Scheduler>& scheduler,
                            const Options& options)
     : TableBrowser(scheduler, options) {
-  connect(detail::connectorTo(address, scheduler));
+  if (detail::isSocketAddress(address)) {
+    connect(detail::connectorTo(address, scheduler));
+  } else {
+    static_cast<void>(detail::engineFor(address));
+    impl_->engineAddress = address;
+  }
 }
 
 TableBrowser::TableBrowser(const KoPtr<Scheduler>& scheduler, const Options& options)
@@ -210,7 +240,7 @@ void TableBrowser::connect(std::shared_ptr<ByteConnector> connector) {
 }
 
 void TableBrowser::ask() {
-  if (impl_->connector == nullptr) throw KoInvalidArgument("Nowhere to ask");
+  if (impl_->connector == nullptr && impl_->engineAddress.empty()) throw KoInvalidArgument("Nowhere to ask");
   impl_->ask();
 }
 

@@ -18,7 +18,7 @@ Work::Work() : loop_(std::make_shared<Korvo::EventLoop>("korvo")) {
 }
 
 bool Work::run() {
-  isDone_ = false;
+  if (std::exchange(isDone_, false)) loop_->activeIs(true);  // done() has stopped it
   loop_->run();
   if (failure_ != nullptr) std::rethrow_exception(std::exchange(failure_, nullptr));
   return isDone_;
