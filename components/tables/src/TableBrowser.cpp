@@ -118,7 +118,8 @@ void TableBrowser::Impl::failIs(const std::string& text) {
 }
 
 void TableBrowser::Impl::onTimeout() {
-  failIs("no answer for " + std::to_string(options_.patience.count() / 1000) + " seconds");
+  const auto seconds = options_.patience.count() / 1000;
+  failIs("no answer for " + std::to_string(seconds) + (seconds == 1 ? " second" : " seconds"));
   runnableIs(true);
 }
 

@@ -21,7 +21,10 @@ class FirstRows final : public Follower::User {
   FirstRows(Work& work, std::string table) : work_(work), table_(std::move(table)) {}
 
   void begins() override {}
-  void changes(std::size_t, Korvo::LearnedChanges&) override {}
+  void changes(std::size_t, Korvo::LearnedChanges& changes) override {
+    while (changes.next()) {  // the state is told behind the rows
+    }
+  }
   void state(std::size_t, TableState state, const std::string& text) override {
     text_ = text;
     if (state == TableState::current) work_.done();
