@@ -7,7 +7,8 @@
 #include <Korvo/AnyRow.h>
 
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -107,11 +108,13 @@ class Background {
   explicit Background(const std::vector<std::string>& arguments, const std::string& name = "bg")
       : out_(name + ".out"), err_(name + ".err") {
     const std::string program = variable("KORVO");
+    write(out_, "");
+    write(err_, "");
     child_ = fork();
     if (child_ != 0) return;
-    const int flags = O_WRONLY | O_CREAT | O_TRUNC;
-    dup2(open(out_.c_str(), flags, 0666), STDOUT_FILENO);
-    dup2(open(err_.c_str(), flags, 0666), STDERR_FILENO);
+    const int flags = O_WRONLY | O_APPEND;
+    dup2(open(out_.c_str(), flags), STDOUT_FILENO);
+    dup2(open(err_.c_str(), flags), STDERR_FILENO);
     std::vector<std::string> words = {program};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
@@ -156,9 +159,16 @@ class Agent {
     process = std::make_unique<Background>(options, "agent");
     EXPECT_TRUE(waitFor([] { return isThere(); })) << process->err();
   }
+  /// Whether somebody listens.
   static bool isThere() {
-    struct stat file {};
-    return stat("agent.sock", &file) == 0;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, "agent.sock");
+    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const bool isOpen =
+        connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    close(probe);
+    return isOpen;
   }
   /// Until all was replayed.
   void waitForEnd() const {
