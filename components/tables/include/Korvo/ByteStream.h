@@ -28,6 +28,7 @@ class KORVO_API ByteStream {
     ~User() = default;
   };
 
+  /// What came of a read or a write.
   struct Result {
     std::size_t count = 0;  ///< bytes read or written
     bool isOpen = true;     ///< false: nothing will come or go any more
@@ -54,6 +55,7 @@ class KORVO_API ByteStream {
 /// Where connections come in.
 class KORVO_API ByteListener {
  public:
+  /// Gets a connection, for good.
   using Taker = std::function<void(std::unique_ptr<ByteStream> stream)>;
 
   ByteListener() = default;

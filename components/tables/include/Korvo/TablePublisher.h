@@ -30,6 +30,7 @@
 
 namespace Korvo {
 
+/// How a publisher treats its subscribers.
 struct PublisherOptions {
   /// How often a subscriber hears something, at the least; at least 100 milliseconds. A connection
   /// on which nothing comes for three of it is closed.
@@ -38,29 +39,32 @@ struct PublisherOptions {
   mode_t socketMode = 0600;
   /// Users that may subscribe, beside the process's own.
   std::vector<uid_t> users = {};
+  /// Connections beyond these are refused.
   std::size_t mostSubscribers = 1024;
 };
 
+/// Tells the tables that are added to it to subscribers.
 class KORVO_API TablePublisher {
  public:
+  /// For short.
   using Options = PublisherOptions;
 
   /// A subscriber that is connected.
   struct Subscriber {
-    std::string name;
-    std::vector<std::string> tables;
-    std::uint64_t lag = 0;      ///< batches that it has not acknowledged
-    std::uint64_t merged = 0;   ///< batches that it got together with later ones
-    std::uint64_t refused = 0;  ///< rows that it could not take, since it began
-    std::size_t unsent = 0;     ///< bytes
+    std::string name;                 ///< as it calls itself
+    std::vector<std::string> tables;  ///< the names of those that it gets
+    std::uint64_t lag = 0;            ///< batches that it has not acknowledged
+    std::uint64_t merged = 0;         ///< batches that it got together with later ones
+    std::uint64_t refused = 0;        ///< rows that it could not take, since it began
+    std::size_t unsent = 0;           ///< bytes
   };
 
   /// A row that a subscriber could not take.
   struct RefusedRow {
-    std::string subscriber;
-    std::string table;
-    oid_t oid = 0;
-    std::string reason;
+    std::string subscriber;  ///< its name
+    std::string table;       ///< its name
+    oid_t oid = 0;           ///< of the row
+    std::string reason;      ///< for people
   };
 
   /// `name` is told to subscribers. The scheduler has timers, and descriptors for listen(). Throws
@@ -89,6 +93,7 @@ class KORVO_API TablePublisher {
   /// keep what they have: a publisher that was restarted says false until it has loaded its rows,
   /// and nobody deletes anything meanwhile.
   void completeIs(bool isComplete);
+  /// What completeIs() was told last.
   bool complete() const;
 
   /// The name of this history. Chosen by chance at the start, so that nobody mistakes a position in
@@ -102,6 +107,7 @@ class KORVO_API TablePublisher {
   /// for an epoch of 0, a sequence below the present one, or when it is too late.
   void historyIs(std::uint64_t epoch, std::uint64_t sequence);
 
+  /// Those that are connected, in no order.
   std::vector<Subscriber> subscribers() const;
   /// Why the last connection that ended did so; empty before.
   std::string lastReason() const;
