@@ -127,6 +127,17 @@ void TableStore::stateIs(TableState state, std::string text) {
   stateText_ = std::move(text);
 }
 
+std::uint64_t TableStore::changesBehind(std::uint64_t sequence) const {
+  std::uint64_t count = 0;
+  for (Slot slot = latest_; slot != noSlot && entries_[slot].sequence > sequence;
+       slot = entries_[slot].previous) {
+    ++count;
+  }
+  const std::span<const Deletion> all = deletions();
+  const auto first = std::ranges::upper_bound(all, sequence, {}, &Deletion::sequence);
+  return count + static_cast<std::uint64_t>(all.end() - first);
+}
+
 void TableStore::checkThread() const {
   KORVO_ASSERT(std::this_thread::get_id() == thread_, "std::this_thread::get_id() == thread_",
                thisFile, "void Korvo::detail::TableStore::checkThread() const");
