@@ -226,7 +226,7 @@ std::vector<oid_t> oidsAt(const TableStore& store, const std::vector<detail::Slo
 
 }  // namespace
 
-AnyEqualIndex AnyTable::equal(std::span<const std::string> columns) {
+AnyEqualIndex AnyTable::equal(const std::vector<std::string>& columns) {
   std::vector<std::size_t> numbers;
   for (const std::string& name : columns) numbers.push_back(columnOf(layout(), name));
   return {*store_, store_->index(detail::IndexKind::equal, numbers)};

@@ -100,9 +100,10 @@ std::unique_ptr<TableIndex> TableIndex::make(IndexKind kind, const TableStore& s
   }
   for (const std::size_t column : key.columns) {
     const ColumnInfo& info = store.layout().columns[column];
-    const bool fits = kind == IndexKind::longestPrefix
-                          ? info.type == ipGenPrefixType_ && !info.isArray && key.columns.size() == 1
-                          : KeyPart::canIndex(info);
+    const bool fits =
+        kind == IndexKind::longestPrefix
+            ? info.type == ipGenPrefixType_ && !info.isArray && key.columns.size() == 1
+            : KeyPart::canIndex(info);
     if (!fits) throw KoInvalidArgument("Cannot index - (" + std::string(info.name) + ")");
   }
   switch (kind) {

@@ -452,12 +452,12 @@ void TableStore::Commit::prepareIndexes() {
 /// Gives back the places that were made for the rows, or that the former ones have left.
 void TableStore::Commit::releaseIndexes() noexcept {
   if (moves_.empty()) return;
-  forEachKey([](const Touch& touch, const KnownIndex& known, const std::string& computed,
-                bool moves) {
-    if (!moves || touch.buffer == nullptr || known.kind != IndexKind::longestPrefix) return;
-    const SubRowReference row(touch.buffer->buf_);
-    known.index->release(known.index->key(row, computed).parts());
-  });
+  forEachKey(
+      [](const Touch& touch, const KnownIndex& known, const std::string& computed, bool moves) {
+        if (!moves || touch.buffer == nullptr || known.kind != IndexKind::longestPrefix) return;
+        const SubRowReference row(touch.buffer->buf_);
+        known.index->release(known.index->key(row, computed).parts());
+      });
 }
 
 /// The last word on each oid counts, if it changes anything.
@@ -529,10 +529,10 @@ void TableStore::Commit::reserve() {
     for (const KnownIndex& known : store_.indexes_) {
       const TableIndex& index = *known.index;
       const std::string_view key = index.computes() ? *computed++ : std::string_view();
-      moves_.push_back(
-          isNew || touch.isRemoval ||
-          compareKeys(index.key(touch.slot).parts(),
-                      index.key(SubRowReference(touch.buffer->buf_), key).parts()) != 0);
+      moves_.push_back(isNew || touch.isRemoval ||
+                       compareKeys(index.key(touch.slot).parts(),
+                                   index.key(SubRowReference(touch.buffer->buf_), key).parts()) !=
+                           0);
     }
   }
   store_.reserveOids(added);

@@ -293,8 +293,8 @@ class TableStore::Commit {
 
   TableStore& store_;
   std::vector<Touch> touches_;
-  std::vector<bool> moves_;             ///< for each touch and index: whether the row's key changes
-  std::vector<std::string> computed_;   ///< for each touch and index that computes its keys
+  std::vector<bool> moves_;            ///< for each touch and index: whether the row's key changes
+  std::vector<std::string> computed_;  ///< for each touch and index that computes its keys
   std::vector<std::unordered_map<oid_t, KoPtr<KoRowBuf>>> before_;  ///< for each cursor
 };
 

@@ -93,8 +93,8 @@ class Model {
     for (int i = 0; i < 30; ++i) {
       Plain wanted = randomPrefix();
       if (i % 3 == 0 && !rows_.empty()) {
-        wanted = std::next(rows_.begin(), static_cast<std::ptrdiff_t>(random_() % rows_.size()))
-                     ->second;
+        wanted =
+            std::next(rows_.begin(), static_cast<std::ptrdiff_t>(random_() % rows_.size()))->second;
         if (wanted.af != Korvo::unknown_ && random_() % 2 == 0) {
           wanted.length = random_() % (wanted.mostBits() + 1);
         }

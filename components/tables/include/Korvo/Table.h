@@ -24,9 +24,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <span>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace Korvo {
 
@@ -61,7 +61,7 @@ class KORVO_API AnyTable {
   // there is not, or that cannot be indexed so, and std::bad_alloc, with the table as before.
 
   /// Rows by the values of one column or several.
-  AnyEqualIndex equal(std::span<const std::string> columns);
+  AnyEqualIndex equal(const std::vector<std::string>& columns);
   /// Rows by a column of prefixes.
   AnyPrefixIndex longestPrefix(const std::string& column);
 
@@ -130,11 +130,12 @@ class Table : public AnyTable {
   }
 
   // Indexes of keys that are computed: `function` makes a number, a text, an address or a prefix of
-  // a row, always the same of equal rows. It is called once for each row that is put; what it throws
-  // ends the commit, with everything as before. Each call makes another index, so keep the
+  // a row, always the same of equal rows. It is called once for each row that is put; what it
+  // throws ends the commit, with everything as before. Each call makes another index, so keep the
   // reference.
   //
-  //   auto& byBegin = ports.equalBy([](const Port& port) { return port.get<"name">().substr(0, 3); });
+  //   auto& byBegin = ports.equalBy([](const Port& port) { return port.get<"name">().substr(0, 3);
+  //   });
 
   template <typename Function>
   auto& equalBy(Function function) {

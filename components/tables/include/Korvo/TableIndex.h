@@ -429,12 +429,12 @@ class PrefixIndex : public detail::IndexHandle<Row> {
   }
 };
 
-/// An index of columns that are named at run time. It lives as long as its table; copies are the same
-/// index.
+/// An index of columns that are named at run time. It lives as long as its table; copies are the
+/// same index.
 class KORVO_API AnyEqualIndex {
  public:
-  /// The oids of the rows that have the values of `like` in the index's columns, in no order. `like`
-  /// is a row of the table's layout. Throws KoNullRow for a null row.
+  /// The oids of the rows that have the values of `like` in the index's columns, in no order.
+  /// `like` is a row of the table's layout. Throws KoNullRow for a null row.
   std::vector<oid_t> find(const BaseRow& like) const;
 
  private:
