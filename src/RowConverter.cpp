@@ -8,6 +8,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <set>
 #include <utility>
 
 namespace Korvo {
@@ -278,7 +279,7 @@ struct ConversionSteps {
                   const std::vector<ColumnComparison>& columns);
 
   /// By how much a converted row may be longer than the sender's.
-  std::size_t growth() const;
+  std::size_t growth(const std::vector<ColumnComparison>& columns) const;
   std::size_t lengthOf(const byte_t* row) const;
   std::size_t lengthOfRows(const byte_t* value, bool isArray) const;
   std::size_t write(const byte_t* row, byte_t* to) const noexcept;
@@ -325,14 +326,19 @@ ConversionSteps::ConversionSteps(const LayoutInfo& sender, const LayoutInfo& our
   // by side are copied in one go.
   std::sort(slots.begin(), slots.end(),
             [](const Slot& a, const Slot& b) { return a.from < b.from; });
-  mostGrowth = growth();
+  mostGrowth = growth(columns);
 }
 
-std::size_t ConversionSteps::growth() const {
+std::size_t ConversionSteps::growth(const std::vector<ColumnComparison>& columns) const {
+  constexpr std::size_t unknown = maxRowLength;
   std::size_t all = base > senderBase ? base - senderBase : 0;
   for (const NestedSlot& slot : nestedSlots) {
-    // Of the number of an array's rows nothing is known.
-    all += slot.isArray ? maxRowLength : slot.steps->mostGrowth;
+    all += slot.isArray ? unknown : slot.steps->mostGrowth;  // an array may have many rows
+  }
+  std::set<const ColumnInfo*> taken;
+  for (const ColumnComparison& column : columns) {
+    // Two columns of ours may have the same former name.
+    if (column.sender != nullptr && !taken.insert(column.sender).second) all += unknown;
   }
   return all;
 }

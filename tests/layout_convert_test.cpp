@@ -399,6 +399,18 @@ TEST(RowConverterTest, LongRowsAndRowsThatBecomeMuchShorter) {
   }
 }
 
+TEST(RowConverterTest, TwoColumnsWithOneFormerName) {
+  const AnyRow sent = anyRow("row 1 base 12 { x string_t @8 }",
+                             R"({"x":"a text that is much longer than all that is fixed"})");
+  const DynamicLayout ours("row 1 base 16 { a string_t @8 b string_t @12 }");
+  AnyRow row(ours);
+  RowConverter<AnyRow>(sent.layout().info(), ours, {{{"a", "x"}, {"b", "x"}}, {}})
+      .convert(sent.rowBuf(), sent.rowLength(), row);
+  EXPECT_EQ(row.text("a"), sent.text("x"));
+  EXPECT_EQ(row.text("b"), sent.text("x"));
+  EXPECT_FALSE(checkRow(row.rowBuf(), row.rowLength(), ours.info()));
+}
+
 TEST(RowConverterTest, OldAndNewProcessesReadEachOther) {
   using Old = RowLayout<3, Column<"name", std::string>>;
   using New = RowLayout<3, Column<"name", std::string>, Column<"mtu", std::uint32_t>>;
