@@ -43,7 +43,8 @@ std::string fuzzedFrame(fuzz::Input& input, std::uint64_t& tables, std::uint64_t
     case 1: {
       wire::Bytes body;
       body.text(input.text(input.below(8)));
-      for (int i = 0; i < 4; ++i) body.u64(input.word());
+      for (int i = 0; i < 6; ++i) body.u64(input.word());
+      body.text(input.text(input.below(8)));
       const std::size_t count = input.below(4);
       body.u16(static_cast<unsigned>(count + input.below(2)));
       for (std::size_t i = 0; i < count; ++i) body.text(input.text(input.below(8)));

@@ -32,6 +32,9 @@ std::vector<byte_t> subscriberFrame(const TablePublisher::Subscriber& subscriber
   frame.number(subscriber.merged);
   frame.number(subscriber.refused);
   frame.number(std::uint64_t{subscriber.unsent});
+  frame.number(subscriber.lagRows);
+  frame.number(subscriber.reconnects);
+  frame.text(subscriber.lastReason);
   std::size_t bytes = subscriberReserve;
   std::uint16_t count = 0;
   for (const std::string& table : subscriber.tables) {
@@ -49,14 +52,22 @@ void PublisherAnswer::ask() {
   (isAsked_ ? isAskedAgain_ : isAsked_) = true;
 }
 
+bool PublisherAnswer::mayTell(const std::string& table) const {
+  return !publication_.mayHave || publication_.mayHave(table, user_);
+}
+
 std::vector<byte_t> PublisherAnswer::next() {
-  if (tables_ < publication_.tables.size()) {
-    std::vector<byte_t> frame = tableFrame(*publication_.tables[tables_]);
+  for (; table_ < publication_.tables.size(); ++table_) {
+    const TableStore& table = *publication_.tables[table_];
+    if (!mayTell(table.name())) continue;
+    std::vector<byte_t> frame = tableFrame(table);
+    ++table_;
     ++tables_;
     return frame;
   }
   const SubscriberList* const list = publication_.subscribers;
-  if (const auto subscriber = list->subscriberBehind(subscriber_)) {
+  if (auto subscriber = list->subscriberBehind(subscriber_)) {
+    std::erase_if(subscriber->tables, [this](const std::string& name) { return !mayTell(name); });
     ++subscribers_;
     return subscriberFrame(*subscriber);
   }
@@ -64,11 +75,12 @@ std::vector<byte_t> PublisherAnswer::next() {
   frame.number(publication_.epoch);
   frame.number(publication_.source->last);
   frame.number(static_cast<byte_t>(publication_.isComplete));
-  frame.number(std::uint64_t{tables_});
+  frame.number(tables_);
   frame.number(subscribers_);
   frame.text(list->lastReasonOfAll());
   std::vector<byte_t> bytes = frame.take();
   isAsked_ = std::exchange(isAskedAgain_, false);
+  table_ = 0;
   tables_ = 0;
   subscriber_ = 0;
   subscribers_ = 0;
@@ -103,6 +115,9 @@ bool AnswerReader::take(const Frame& frame) {
       subscriber.merged = body.number<std::uint64_t>();
       subscriber.refused = body.number<std::uint64_t>();
       subscriber.unsent = static_cast<std::size_t>(body.number<std::uint64_t>());
+      subscriber.lagRows = body.number<std::uint64_t>();
+      subscriber.reconnects = body.number<std::uint64_t>();
+      subscriber.lastReason = body.text();
       const auto count = body.number<std::uint16_t>();
       if (count > maxTables) throw ProtocolError(std::to_string(count) + " tables");
       for (std::uint16_t i = 0; i < count; ++i) {

@@ -32,7 +32,9 @@ class SubscriberList {
 
 class PublisherAnswer {
  public:
-  explicit PublisherAnswer(const Publication& publication) : publication_(publication) {}
+  /// What the user may not have is left out.
+  PublisherAnswer(const Publication& publication, std::optional<uid_t> user)
+      : publication_(publication), user_(user) {}
 
   /// Questions that come while one is being answered are answered together, behind it.
   void ask();
@@ -41,10 +43,14 @@ class PublisherAnswer {
   std::vector<byte_t> next();
 
  private:
+  bool mayTell(const std::string& table) const;
+
   const Publication& publication_;
+  const std::optional<uid_t> user_;
   bool isAsked_ = false;
   bool isAskedAgain_ = false;
-  std::size_t tables_ = 0;         ///< that were told
+  std::size_t table_ = 0;          ///< the next one
+  std::uint64_t tables_ = 0;       ///< that were told
   std::uint64_t subscriber_ = 0;   ///< the number of the last one that was told
   std::uint64_t subscribers_ = 0;  ///< that were told
 };

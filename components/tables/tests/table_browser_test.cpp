@@ -2,6 +2,7 @@
 
 #include <Korvo/LearnedTable.h>
 #include <Korvo/TableBrowser.h>
+#include <Korvo/TableEngine.h>
 
 #include "table_link_support.h"
 #include "wire_frames.h"
@@ -78,7 +79,76 @@ TEST_F(TableBrowserTest, MayAskAgain) {
   EXPECT_EQ(asker.answers, 2);
   EXPECT_EQ(asker.told.tables.at(0).rows, 1U);
   EXPECT_FALSE(asker.told.isComplete);
-  EXPECT_EQ(asker.told.lastReason, "the subscriber ended: all was told");
+  EXPECT_EQ(asker.told.lastReason, "");  // nobody is lost by the end of a question
+}
+
+TEST_F(TableBrowserTest, WhatAUserMayNotHaveIsNotTold) {
+  agent.emplace(loop, Korvo::PublisherOptions{.mayHave = [](const std::string& table,
+                                                            std::optional<uid_t>) {
+                  return table != "net/port";
+                }});
+  agent->publisher.accept(asking.publisherEnd());
+  connect();
+  loop->runUntilQuiet();
+  ask();
+  ASSERT_EQ(asker.answers, 1);
+  ASSERT_EQ(asker.told.tables.size(), 1U);
+  EXPECT_EQ(asker.told.tables[0].name, "net/link");
+  ASSERT_EQ(asker.told.subscribers.size(), 1U);
+  EXPECT_EQ(asker.told.subscribers[0].tables, std::vector<std::string>{"net/link"});
+}
+
+/// An engine that knows an answer, or none.
+struct KnowingEngine : Korvo::TableEngine {
+  struct Question : Korvo::TableQuestion {};
+  std::shared_ptr<Korvo::TableSource> source(const std::string&,
+                                             const Korvo::KoPtr<Korvo::Scheduler>&,
+                                             const Korvo::SubscriberOptions&) override {
+    return nullptr;
+  }
+  std::unique_ptr<Korvo::TableOutlet> outlet(const std::string&,
+                                             const Korvo::KoPtr<Korvo::Scheduler>&,
+                                             const Korvo::PublisherOptions&, Korvo::TableSender&,
+                                             Korvo::TableOutlet::User&) override {
+    return nullptr;
+  }
+  std::unique_ptr<Korvo::TableQuestion> ask(const std::string& address,
+                                            const Korvo::KoPtr<Korvo::Scheduler>& scheduler,
+                                            Korvo::TableQuestion::User& asking) override {
+    if (address == "knowing:nobody") return TableEngine::ask(address, scheduler, asking);
+    user = &asking;
+    return std::make_unique<Question>();
+  }
+  Korvo::TableQuestion::User* user = nullptr;
+};
+
+TEST_F(TableBrowserTest, EnginesAreAskedToo) {
+  const auto engine = std::make_shared<KnowingEngine>();
+  Korvo::TableEngine::add("knowing", engine);
+  Korvo::TableBrowser browser("knowing:all", loop);
+  std::string told;
+  browser.onAnswer([&](const PublisherInfo& info) { told += info.name + ";"; });
+  browser.onFailure([&](const std::string& text) { told += text + ";"; });
+  browser.ask();
+  loop->runUntilQuiet();
+  ASSERT_NE(engine->user, nullptr);
+  PublisherInfo info;
+  info.name = "far";
+  engine->user->answerComes(info);
+  loop->runUntilQuiet();
+  browser.ask();
+  loop->runUntilQuiet();
+  engine->user->questionFails("gone");
+  loop->runUntilQuiet();
+  browser.ask();
+  loop->advance(seconds(10));
+  EXPECT_EQ(told, "far;gone;no answer for 10 seconds;");
+  Korvo::TableBrowser cannot("knowing:nobody", loop);
+  cannot.onFailure([&](const std::string& text) { told = text; });
+  cannot.ask();
+  loop->runUntilQuiet();
+  EXPECT_EQ(told, "Not told what is published there - (knowing:nobody)");
+  EXPECT_THROW(Korvo::TableBrowser("unknown:there", loop), Korvo::KoInvalidArgument);
 }
 
 TEST_F(TableBrowserTest, AnswersTakeTheirTurnsOverNarrowLinks) {
@@ -252,7 +322,7 @@ TEST_F(FakePublisherTest, AsksBehindItsHello) {
                  .get()) +
        frame(wire::mark, 0, "whatever") + frame(0x99, 0, "unknown") +
        frame(subscriberInfo, 0,
-             Bytes().text("viewer").u64(1).u64(2).u64(3).u64(4).u16(1).text("net/port").get()) +
+             Bytes().text("viewer").u64(1).u64(2).u64(3).u64(4).u64(5).u64(6).text("old").u16(1).text("net/port").get()) +
        end(1, 1));
   ASSERT_EQ(asker.answers, 1);
   EXPECT_EQ(asker.told.name, "fake");
@@ -267,6 +337,9 @@ TEST_F(FakePublisherTest, AsksBehindItsHello) {
   EXPECT_EQ(viewer.merged, 2U);
   EXPECT_EQ(viewer.refused, 3U);
   EXPECT_EQ(viewer.unsent, 4U);
+  EXPECT_EQ(viewer.lagRows, 5U);
+  EXPECT_EQ(viewer.reconnects, 6U);
+  EXPECT_EQ(viewer.lastReason, "old");
   EXPECT_EQ(viewer.tables, std::vector<std::string>{"net/port"});
   EXPECT_THROW(LearnedTable{asker.told.tables.at(0)}, Korvo::KoTextError);
 }
@@ -299,7 +372,7 @@ TEST_F(FakePublisherTest, TakesNoTruncatedFrame) {
 TEST_F(FakePublisherTest, TakesNoEndlessAnswer) {
   send(welcome(1));
   const std::string subscriber =
-      frame(subscriberInfo, 0, Bytes().text("").u64(0).u64(0).u64(0).u64(0).u16(0).get());
+      frame(subscriberInfo, 0, Bytes().text("").u64(0).u64(0).u64(0).u64(0).u64(0).u64(0).text("").u16(0).get());
   std::string many;
   while (many.size() < 60000) many += subscriber;
   for (int i = 0; i < 5000 && asker.failures.empty(); ++i) send(many);

@@ -35,8 +35,9 @@ std::string jsonOf(const Korvo::PublisherInfo& info) {
     Json names = Json::array();
     for (const std::string& name : subscriber.tables) names.append(name);
     json.add("name", subscriber.name).add("tables", names).add("lag", subscriber.lag);
-    json.add("merged", subscriber.merged).add("refused", subscriber.refused);
-    json.add("unsent", subscriber.unsent);
+    json.add("lagRows", subscriber.lagRows).add("merged", subscriber.merged);
+    json.add("refused", subscriber.refused).add("unsent", subscriber.unsent);
+    json.add("reconnects", subscriber.reconnects).add("lastReason", subscriber.lastReason);
     subscribers.append(json);
   }
   Json json = Json::object();
@@ -97,12 +98,18 @@ int listTables(const TablesOptions& options) {
   if (!info.subscribers.empty()) {
     Grid grid;
     grid.column("subscriber");
-    for (const char* const title : {"lag", "merged", "refused", "unsent"}) grid.column(title, true);
+    for (const char* const title :
+         {"lag", "lag rows", "merged", "refused", "unsent", "reconnects"}) {
+      grid.column(title, true);
+    }
     grid.column("tables");
+    grid.column("last reason");
     for (const auto& subscriber : info.subscribers) {
       grid.line({printable(subscriber.name), std::to_string(subscriber.lag),
-                 std::to_string(subscriber.merged), std::to_string(subscriber.refused),
-                 std::to_string(subscriber.unsent), listed(subscriber.tables)});
+                 std::to_string(subscriber.lagRows), std::to_string(subscriber.merged),
+                 std::to_string(subscriber.refused), std::to_string(subscriber.unsent),
+                 std::to_string(subscriber.reconnects), listed(subscriber.tables),
+                 printable(subscriber.lastReason)});
     }
     out << "\n";
     print(out, style, grid);
