@@ -27,7 +27,8 @@ void send(Korvo::ByteStream& stream, const std::string& bytes) {
 std::string fuzzedFrame(fuzz::Input& input, std::uint64_t& tables, std::uint64_t& subscribers) {
   switch (input.below(6)) {
     case 0: {
-      static const char* const layouts[] = {"row 7 base 12 { speed uint32_t @8 }", "row 7", "", "}"};
+      static const char* const layouts[] = {"row 7 base 12 { speed uint32_t @8 }", "row 7", "",
+                                            "}"};
       const std::string layout = layouts[input.below(4)] + input.text(input.below(8));
       ++tables;
       return wire::frame(tableInfo, 0,

@@ -73,8 +73,10 @@ CLI::Option* addFiles(CLI::App& command, RowOptions& options) {
 class CommandLine {
  public:
   CommandLine()
-      : app_("Shows, checks, compares and converts rows, generates row classes, and looks into "
-             "tables of other processes.", "korvo") {
+      : app_(
+            "Shows, checks, compares and converts rows, generates row classes, and looks into "
+            "tables of other processes.",
+            "korvo") {
     app_.require_subcommand(0, 1);
     app_.get_formatter()->column_width(30);
     app_.set_version_flag("--version", "korvo " KORVO_TOOL_VERSION);
@@ -276,7 +278,8 @@ class CommandLine {
     command.add_option("ADDRESS", options.address, "Where the publisher is: unix:/run/korvo/agent")
         ->required()
         ->type_name("");
-    command.add_option("--timeout", options.patience, "How long an answer may take; 10 if not said")
+    command
+        .add_option("--timeout", options.patience, "How long an answer may take; 10 if not said")
         ->check(CLI::Range(1U, 86400U))
         ->type_name("SECONDS");
   }

@@ -23,8 +23,7 @@ namespace korvotest {
 inline constexpr const char* portLayout =
     "row 7 base 28 {\n  speed uint64_t @8\n  name string_t @16\n  tags string_t[] @20\n"
     "  net IpGenPrefix @24\n}\n";
-inline constexpr const char* linkLayout =
-    "row 2 base 13 {\n  up bool @8\n  peer IpGenAddr @9\n}\n";
+inline constexpr const char* linkLayout = "row 2 base 13 {\n  up bool @8\n  peer IpGenAddr @9\n}\n";
 
 class Recording {
  public:

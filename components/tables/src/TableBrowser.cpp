@@ -241,7 +241,8 @@ void TableBrowser::connect(std::shared_ptr<ByteConnector> connector) {
 }
 
 void TableBrowser::ask() {
-  if (impl_->connector == nullptr && impl_->engineAddress.empty()) throw KoInvalidArgument("Nowhere to ask");
+  if (impl_->connector == nullptr && impl_->engineAddress.empty())
+    throw KoInvalidArgument("Nowhere to ask");
   impl_->ask();
 }
 

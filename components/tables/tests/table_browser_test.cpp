@@ -83,10 +83,10 @@ TEST_F(TableBrowserTest, MayAskAgain) {
 }
 
 TEST_F(TableBrowserTest, WhatAUserMayNotHaveIsNotTold) {
-  agent.emplace(loop, Korvo::PublisherOptions{.mayHave = [](const std::string& table,
-                                                            std::optional<uid_t>) {
-                  return table != "net/port";
-                }});
+  agent.emplace(
+      loop, Korvo::PublisherOptions{.mayHave = [](const std::string& table, std::optional<uid_t>) {
+        return table != "net/port";
+      }});
   agent->publisher.accept(asking.publisherEnd());
   connect();
   loop->runUntilQuiet();
@@ -271,16 +271,9 @@ class FakePublisherTest : public testing::Test {
     loop->runUntilQuiet();
   }
   static std::string welcome(unsigned features) {
-    return frame(wire::welcome, 0,
-                 Bytes()
-                     .u16(1)
-                     .u32(features)
-                     .u32(5000)
-                     .text("fake")
-                     .u64(wire::epoch)
-                     .u64(0)
-                     .u16(0)
-                     .get());
+    return frame(
+        wire::welcome, 0,
+        Bytes().u16(1).u32(features).u32(5000).text("fake").u64(wire::epoch).u64(0).u16(0).get());
   }
   static std::string end(std::uint64_t tables, std::uint64_t subscribers) {
     return frame(publisherInfo, 0,
@@ -298,16 +291,10 @@ class FakePublisherTest : public testing::Test {
 };
 
 TEST_F(FakePublisherTest, AsksBehindItsHello) {
-  EXPECT_EQ(receive(), frame(wire::hello, 0,
-                             Bytes()
-                                 .raw("KORVOTAB")
-                                 .u16(1)
-                                 .u16(1)
-                                 .u32(1)
-                                 .u32(60000)
-                                 .text("asker")
-                                 .u16(0)
-                                 .get()));
+  EXPECT_EQ(
+      receive(),
+      frame(wire::hello, 0,
+            Bytes().raw("KORVOTAB").u16(1).u16(1).u32(1).u32(60000).text("asker").u16(0).get()));
   send(welcome(1));
   EXPECT_EQ(receive(), frame(askType, 0, ""));
   send(frame(tableInfo, 0,
@@ -322,7 +309,18 @@ TEST_F(FakePublisherTest, AsksBehindItsHello) {
                  .get()) +
        frame(wire::mark, 0, "whatever") + frame(0x99, 0, "unknown") +
        frame(subscriberInfo, 0,
-             Bytes().text("viewer").u64(1).u64(2).u64(3).u64(4).u64(5).u64(6).text("old").u16(1).text("net/port").get()) +
+             Bytes()
+                 .text("viewer")
+                 .u64(1)
+                 .u64(2)
+                 .u64(3)
+                 .u64(4)
+                 .u64(5)
+                 .u64(6)
+                 .text("old")
+                 .u16(1)
+                 .text("net/port")
+                 .get()) +
        end(1, 1));
   ASSERT_EQ(asker.answers, 1);
   EXPECT_EQ(asker.told.name, "fake");
@@ -372,7 +370,8 @@ TEST_F(FakePublisherTest, TakesNoTruncatedFrame) {
 TEST_F(FakePublisherTest, TakesNoEndlessAnswer) {
   send(welcome(1));
   const std::string subscriber =
-      frame(subscriberInfo, 0, Bytes().text("").u64(0).u64(0).u64(0).u64(0).u64(0).u64(0).text("").u16(0).get());
+      frame(subscriberInfo, 0,
+            Bytes().text("").u64(0).u64(0).u64(0).u64(0).u64(0).u64(0).text("").u16(0).get());
   std::string many;
   while (many.size() < 60000) many += subscriber;
   for (int i = 0; i < 5000 && asker.failures.empty(); ++i) send(many);

@@ -40,8 +40,9 @@ std::string cellText(const AnyRow& row, std::string_view column) {
 }
 
 std::size_t shownWidth(std::string_view text) {
-  return static_cast<std::size_t>(std::count_if(
-      text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+    return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+  }));
 }
 
 std::string changeLine(const Korvo::LearnedChanges& change) {
@@ -79,8 +80,8 @@ void addChange(Json& json, const Korvo::LearnedChanges& change) {
 }
 
 std::string rowLine(const AnyRow& row) {
-  return "{\"type\":" + std::to_string(row.rowType()) +
-         ",\"oid\":" + std::to_string(row.rowOid()) + ",\"row\":" + row.toJson() + '}';
+  return "{\"type\":" + std::to_string(row.rowType()) + ",\"oid\":" + std::to_string(row.rowOid()) +
+         ",\"row\":" + row.toJson() + '}';
 }
 
 void Grid::column(const std::string& title, bool isNumber) {

@@ -71,7 +71,8 @@ PublisherInfo askPublisher(Work& work, const PublisherOptions& options) {
   } catch (const Korvo::KoInvalidArgument& e) {
     throw Failure(statusUsage, e.what());
   }
-  if (!failure.empty()) throw Failure(statusUnavailable, options.address + ": " + printable(failure));
+  if (!failure.empty())
+    throw Failure(statusUnavailable, options.address + ": " + printable(failure));
   return answer;
 }
 

@@ -141,9 +141,8 @@ int getRows(const GetOptions& options) {
     if (!row.isNull() && condition.holds(row)) rows.push_back(std::move(row));
   }
   if (condition.isCovering()) {  // the widest first
-    std::ranges::stable_sort(rows, {}, [&](const AnyRow& row) {
-      return condition.prefixThatCovers(row).value_or(0);
-    });
+    std::ranges::stable_sort(
+        rows, {}, [&](const AnyRow& row) { return condition.prefixThatCovers(row).value_or(0); });
   }
   Output out;
   if (options.json) {

@@ -62,8 +62,7 @@ class Recorder final : public Follower::User {
     }
     using std::chrono::microseconds;
     const auto now = std::chrono::system_clock::now().time_since_epoch();
-    writer_.mark(static_cast<std::uint64_t>(
-        std::chrono::duration_cast<microseconds>(now).count()));
+    writer_.mark(static_cast<std::uint64_t>(std::chrono::duration_cast<microseconds>(now).count()));
     if (++batches_ == options_.limit) work_.done();
   }
 

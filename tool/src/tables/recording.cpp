@@ -143,8 +143,7 @@ void RecordingWriter::mark(std::uint64_t time) {
 // ---------------------------------------------------------------------------------------------
 
 RecordingReader::RecordingReader(const std::string& path)
-    : path_(path == "-" ? "standard input" : path),
-      source_(openBytes(path, Compression::detect)) {
+    : path_(path == "-" ? "standard input" : path), source_(openBytes(path, Compression::detect)) {
   char head[headLength] = {};
   const bool isWhole = read(head, sizeof head) == sizeof head;
   if (!isWhole || std::string_view(head, magic.size()) != magic) {
@@ -212,7 +211,8 @@ bool RecordingReader::next(RecordedBatch& batch) {
       case RecordType::removed:
         if (bytes.size() % sizeof(oid_t) != 0) fail("half an oid");
         for (std::size_t at = 0; at < bytes.size(); at += sizeof(oid_t)) {
-          batch.parts.push_back({RecordedBatch::Kind::removed, number, body.number<oid_t>(), record_});
+          batch.parts.push_back(
+              {RecordedBatch::Kind::removed, number, body.number<oid_t>(), record_});
         }
         continue;
       case RecordType::mark: {

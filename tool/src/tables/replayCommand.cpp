@@ -69,7 +69,8 @@ class Player {
 
   LearnedTable& tableOf(const RecordedBatch::Part& part) {
     const auto found = tables_.find(part.number);
-    if (found == tables_.end()) fail(part, "no table has the number " + std::to_string(part.number));
+    if (found == tables_.end())
+      fail(part, "no table has the number " + std::to_string(part.number));
     return *found->second;
   }
 
@@ -241,8 +242,8 @@ class Replay final : private Player::User {
     if (!isToldEnd_) {
       isToldEnd_ = true;
       if (!options_.ends) {
-        complain("replayed " + std::to_string(batches_) +
-                 (batches_ == 1 ? " batch" : " batches") + "; the tables stay until a signal comes");
+        complain("replayed " + std::to_string(batches_) + (batches_ == 1 ? " batch" : " batches") +
+                 "; the tables stay until a signal comes");
       }
     }
     if (!options_.ends) return;

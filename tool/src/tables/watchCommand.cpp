@@ -122,8 +122,8 @@ class LiveTable final : public Follower::User {
   void tick() {
     ticks_.after(drawPause);
     const Clock::time_point now = Clock::now();
-    const auto faded = std::erase_if(
-        changed_, [&](const auto& entry) { return now - entry.second > markTime; });
+    const auto faded =
+        std::erase_if(changed_, [&](const auto& entry) { return now - entry.second > markTime; });
     const Screen::Size size = Screen::size();
     if (!isDirty_ && faded == 0 && size == size_) return;
     isDirty_ = false;
@@ -140,7 +140,8 @@ class LiveTable final : public Follower::User {
     const std::string title = printable(table.name()) + " of " + printable(publisher_) + ": " +
                               counted(table.size(), "row") + ", " + counted(count_, "change") +
                               ", ";
-    const std::string state = fitting(title + state_).substr(std::min(title.size(), fitting(title).size()));
+    const std::string state =
+        fitting(title + state_).substr(std::min(title.size(), fitting(title).size()));
     lines.push_back(style_.bold(fitting(title)) +
                     (isCurrent_ ? style_.green(state) : style_.red(state)));
     lines.emplace_back();

@@ -9,8 +9,8 @@
 //     while (changes.next()) std::cout << changes.oid() << ' ' << changes.after().toJson() << '\n';
 //   });
 //
-// Without `takesOtherLayouts` rows are the publisher's own bytes, and can be passed on as such: once
-// its layout is another one, the table is refused, and is to be learned anew.
+// Without `takesOtherLayouts` rows are the publisher's own bytes, and can be passed on as such:
+// once its layout is another one, the table is refused, and is to be learned anew.
 
 #include <Korvo/AnyRow.h>
 #include <Korvo/TableBrowser.h>
