@@ -435,7 +435,7 @@ TEST_F(Tables, DamagedRecordingsAreTold) {
 
 TEST_F(Tables, NoByteOfARecordingIsBelieved) {
   const std::string whole = portRecording().bytes;
-  for (std::size_t at = 16; at < whole.size(); at += 5) {
+  for (std::size_t at = 16; at < whole.size(); at += 11) {
     std::string bytes = whole;
     bytes[at] = static_cast<char>(bytes[at] ^ (at % 2 == 0 ? 0x80 : 0x01));
     write("bad.rec", bytes);
