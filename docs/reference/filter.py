@@ -15,7 +15,7 @@ import re
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-PAGES = ("*.md", "docs/*.md", "examples/netdb/README.md")  # as the Doxyfile's INPUT has them
+PAGES = ("*.md", "docs/*.md", "examples/*/README.md")  # as the Doxyfile's INPUT has them
 
 
 def page_name(path):
