@@ -48,7 +48,8 @@ class KORVO_API ByteStream {
   virtual Result read(void* to, std::size_t most) = 0;
   /// Writes as much as there is room for.
   virtual Result write(const iovec* parts, int count) = 0;
-  /// The user whose process is at the other end, if that is known.
+  /// The user whose process is at the other end; none where there are no users. Throws
+  /// std::system_error if it cannot be found out.
   virtual std::optional<uid_t> peerUser() const { return std::nullopt; }
 };
 

@@ -20,11 +20,13 @@
 #include <Korvo/Scheduler.h>
 #include <Korvo/Table.h>
 #include <Korvo/export.h>
+#include <Velto/DebugSupport.h>
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -41,6 +43,9 @@ struct PublisherOptions {
   std::vector<uid_t> users = {};
   /// Connections beyond these are refused.
   std::size_t mostSubscribers = 1024;
+  /// Whether a user, if it is known which, may have a table; without it all that may subscribe may.
+  /// A table is refused in words, and the others are not. Must not throw.
+  std::function<bool(const std::string& table, std::optional<uid_t> user)> mayHave = nullptr;
 };
 
 /// Tells the tables that are added to it to subscribers.
@@ -57,6 +62,9 @@ class KORVO_API TablePublisher {
     std::uint64_t merged = 0;         ///< batches that it got together with later ones
     std::uint64_t refused = 0;        ///< rows that it could not take, since it began
     std::size_t unsent = 0;           ///< bytes
+    std::uint64_t lagRows = 0;        ///< rows that changed since what it has acknowledged
+    std::uint64_t reconnects = 0;     ///< connections that one of its name had before
+    std::string lastReason;           ///< why the last one of these ended
   };
 
   /// A row that a subscriber could not take.
@@ -82,8 +90,9 @@ class KORVO_API TablePublisher {
   void add(AnyTable& table);
 
   /// Listens on a Unix-domain socket: "unix:/run/korvo/portAgent". Only this process's user may
-  /// connect, unless told otherwise. Throws KoInvalidArgument for another address, and
-  /// std::system_error if somebody listens there or the path cannot be used.
+  /// connect, unless told otherwise. An address of an engine (see TableEngine.h) passes the tables
+  /// on there. Throws KoInvalidArgument for another address or one whose engine the program has not
+  /// registered, and std::system_error if somebody listens there or the path cannot be used.
   void listen(const std::string& address);
   /// Takes what connects there.
   void accept(const std::shared_ptr<ByteListener>& listener);
@@ -112,6 +121,10 @@ class KORVO_API TablePublisher {
   std::string lastReason() const;
   /// Is told of rows that subscribers could not take.
   void onRefusedRow(std::function<void(const RefusedRow& row)> told);
+
+  /// Sends traces to `channel`, which may be null; it is deleted with the publisher if `owned`. On
+  /// level 4 subscribers that come and go, and why; on level 5 rows that they could not take.
+  void debugChannelIs(Velto::DebugChannel* channel, bool owned);
 
  private:
   class Impl;

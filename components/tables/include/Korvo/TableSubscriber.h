@@ -22,6 +22,7 @@
 #include <Korvo/Scheduler.h>
 #include <Korvo/Table.h>
 #include <Korvo/export.h>
+#include <Velto/DebugSupport.h>
 
 #include <chrono>
 #include <cstdint>
@@ -70,8 +71,10 @@ class KORVO_API TableSubscriber {
     std::string lastReason;          ///< why the last connection ended or could not be made
   };
 
-  /// Connects in its first turn; what fails is a state with a text. Throws KoInvalidArgument for an
-  /// address that is none, a name of more than 255 bytes or a heartbeat below 100 milliseconds.
+  /// Connects in its first turn, to a socket ("unix:/run/korvo/portAgent") or through an engine
+  /// (see TableEngine.h); what fails is a state with a text. Throws KoInvalidArgument for an
+  /// address that is none or whose engine the program has not registered, a name of more than 255
+  /// bytes or a heartbeat below 100 milliseconds.
   TableSubscriber(const std::string& address, const KoPtr<Scheduler>& scheduler,
                   const Options& options = {});
   /// Connects when told with connect().
@@ -94,6 +97,11 @@ class KORVO_API TableSubscriber {
   Status status() const;
   /// `told` is called for each problem as it comes up, and may do everything.
   void onProblem(std::function<void(const Problem& problem)> told);
+
+  /// Sends traces to `channel`, which may be null; it is deleted with the subscription if `owned`.
+  /// On level 4 links that are made and lost, and why, and how the publisher's layouts compare with
+  /// those here; on level 5 problems.
+  void debugChannelIs(Velto::DebugChannel* channel, bool owned);
 
  private:
   class Impl;

@@ -18,6 +18,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 namespace Korvo {
 
@@ -47,6 +48,8 @@ class KORVO_API TestLink {
   void cutAfterToPublisher(std::uint64_t bytes);
   /// Breaks the connection; bytes under way are lost.
   void cut();
+  /// Whose process connects, as the publisher sees it; not known at first.
+  void peerUserIs(std::optional<uid_t> user);
   /// Whether attempts to connect fail.
   void isDownIs(bool isDown);
 

@@ -313,6 +313,7 @@ class Driver {
   }
 
   void run(std::chrono::seconds time) {
+    std::signal(SIGUSR1, SIG_IGN);  // inherited: it may reach a publisher that is not listening yet
     startPublisher();
     for (std::size_t i = 1; i <= subscribers; ++i) startSubscriber(i);
     const auto end = steady_clock::now() + time;
@@ -412,7 +413,7 @@ class Driver {
     const auto limit = steady_clock::now() + std::chrono::seconds(60);
     std::size_t left = subscribers;
     while (left > 0) {
-      kill(processes_[0], SIGUSR1);  // again: it may not have begun to listen to it
+      kill(processes_[0], SIGUSR1);  // until one is listened to
       int status = 0;
       const pid_t pid = waitpid(-1, &status, WNOHANG);
       if (pid > 0) {
