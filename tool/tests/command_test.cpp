@@ -208,6 +208,35 @@ TEST_F(Tool, PaintsOnATerminalOnly) {
       "Port oid 0, type 7, 42 bytes at byte 0\n  name  string_t  \"\\u001b[31m\\u009b31m\"\n");
 }
 
+TEST_F(Tool, NothingThatIsNamedIsACommandToTheTerminal) {
+  // In names of columns, of files, in texts, on either stream.
+  write("escape.layout", "row 7 base 12 { \"a\\x1b[31m\\x0a\" string_t @8 }");
+  write("twice.layout", "row 7 base 16 { \"\x7f\" bool @8 \"\x7f\" bool @9 }");
+  write("bytes.layout", "row 7 base 16 { \"\xC2\x9B\" bool @8 \"\xC2\x9B\" bool @9 }");
+  write("name\x1b[31m\xff\n.rows", std::string("\x0d\0\x07\0\x01\0\0\0\x0c\0\x09\0\0", 13));
+  write("escape.json", R"({"row":{"a\u001b[31m\n":"x","b":1}})");
+  for (const char* const arguments :
+       {"check -l escape.layout name*", "show -l escape.layout name*",
+        "annotate -l escape.layout name*", "stat -l escape.layout name*",
+        "diff -l escape.layout name* name*", "check -l twice.layout name*",
+        "check -l bytes.layout name*", "check -l name* name*", "layout print twice.layout",
+        "layout diff escape.layout port.korvo --row Port",
+        "convert -l escape.layout --from json escape.json", "show -l $'\\e[31m\\x9b' name*",
+        "check -l port.korvo --row $'\\e[31m\\n' good.rows",
+        "show -l port.korvo --columns $'\\e' good.rows", "query $'\\e[31m\\x9b into \\e'",
+        "address $'\\e[31m'", "prefix parse $'\\e/8'", "$'\\e'"}) {
+    const Outcome result = korvo(arguments);
+    for (const std::string& text : {result.out, result.err}) {
+      EXPECT_EQ(text.find_first_of("\x1b\x7f\xff\r"), std::string::npos) << arguments << text;
+      EXPECT_EQ(text.find("\x9b"), std::string::npos) << arguments << text;
+    }
+    // Each line is one that the program began.
+    for (std::size_t at = 0; at < result.err.size(); at = result.err.find('\n', at) + 1) {
+      EXPECT_EQ(result.err.substr(at, 7), "korvo: ") << arguments << result.err;
+    }
+  }
+}
+
 TEST_F(Tool, AnnotatesRows) {
   expectOut("annotate -l port.korvo --first 1 good.rows",
             "Port at byte 0, 80 bytes\n"
