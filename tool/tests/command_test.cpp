@@ -434,6 +434,39 @@ TEST_F(Tool, ComparesInOrderAndAcrossLayouts) {
             "");
 }
 
+TEST_F(Tool, ComparesInOrderWhatIsOfUnequalLength) {
+  write("long.json",
+        "{\"oid\":9,\"row\":{\"up\":true}}\n{\"oid\":5,\"row\":{\"up\":true}}\n"
+        "{\"oid\":7,\"row\":{}}\n{\"oid\":5,\"row\":{}}\n");
+  write("short.json", "{\"oid\":9,\"row\":{}}\n");
+  for (const std::string name : {"long", "short"}) {
+    ASSERT_EQ(
+        korvo("convert -l link.korvo --from json " + name + ".json -o " + name + ".rows").status,
+        0);
+  }
+  expectAll("diff -l link.korvo --in-order long.rows short.rows", 1,
+            "~ Link oid 9\n    up: true -> false\n- Link oid 5\n- Link oid 7\n- Link oid 5\n"
+            "0 same, 1 changed, 3 removed, 0 added\n",
+            "");
+  expectAll(
+      "diff -l link.korvo --in-order --json short.rows long.rows", 1,
+      R"({"change":"changed","type":2,"oid":9,"columns":[{"name":"up","old":false,"new":true}]})"
+      "\n"
+      R"({"change":"added","type":2,"oid":5})"
+      "\n"
+      R"({"change":"added","type":2,"oid":7})"
+      "\n"
+      R"({"change":"added","type":2,"oid":5})"
+      "\n"
+      R"({"same":0,"changed":1,"removed":0,"added":3})"
+      "\n",
+      "");
+  expectAll("diff -l link.korvo --in-order /dev/null short.rows", 1,
+            "+ Link oid 9\n0 same, 0 changed, 0 removed, 1 added\n", "");
+  expectAll("diff -l link.korvo - - <long.rows", 64, "",
+            "korvo: standard input can be one of the files only (see korvo diff --help)\n");
+}
+
 TEST_F(Tool, ConvertsToTextAndBack) {
   const std::string csv =
       "oid,speed,name,tags,flags,links,net\n"
