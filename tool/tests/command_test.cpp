@@ -4,6 +4,7 @@
 
 #include <Korvo/layoutText.h>
 
+#include <utility>
 #include <vector>
 
 namespace {
@@ -866,6 +867,129 @@ TEST_F(Tool, TellsMissingFiles) {
   }
   expectAll("check -l port.korvo .", 66, "", "korvo: .: is a directory\n");
   expectAll("check -l port.korvo good.rows /nowhere", 66, "good.rows: 3 good rows\n", missing);
+}
+
+/// Every command that reads rows or what becomes rows; {L} is the layout's file, {F} the input.
+struct Reading {
+  const char* arguments;
+  const char* form;  ///< of the input
+};
+constexpr Reading readings[] = {
+    {"check -l {L} {F}", "rows"},
+    {"check -l {L} --json {F}", "rows"},
+    {"show -l {L} {F}", "rows"},
+    {"show -l {L} --json {F}", "rows"},
+    {"annotate -l {L} {F}", "rows"},
+    {"annotate -l {L} --json {F}", "rows"},
+    {"diff -l {L} {F} good.rows", "rows"},
+    {"diff -l {L} good.rows {F}", "rows"},
+    {"diff -l {L} --in-order {F} good.rows", "rows"},
+    {"stat -l {L} {F}", "rows"},
+    {"stat -l {L} --json {F}", "rows"},
+    {"convert -l {L} {F}", "rows"},
+    {"convert -l {L} --as json {F}", "rows"},
+    {"convert -l {L} --as csv --row Port {F}", "rows"},
+    {"convert -l {L} --to {L} {F}", "rows"},
+    {"convert -l {L} --from json {F}", "json"},
+    {"convert -l {L} --from json --as json {F}", "json"},
+    {"convert -l {L} --from csv --row Port {F}", "csv"},
+};
+
+std::string with(std::string arguments, const std::string& layout, const std::string& file) {
+  for (const auto& [mark, name] : {std::pair("{L}", layout), std::pair("{F}", file)}) {
+    for (std::size_t at = arguments.find(mark); at != arguments.npos; at = arguments.find(mark)) {
+      arguments.replace(at, 3, name);
+    }
+  }
+  return arguments;
+}
+
+TEST_F(Tool, EveryReaderTellsBadInput) {
+  write("bad.korvo", "row Port 7 {\n  speed uint33_t\n}\n");
+  write("stranger.korvo", "row Port 8 {\n  up bool\n}\n");
+  write("later.korvo", "row Port 7 {\n  name string_t\n  more uint64_t @40\n}\nrow Link 2 {}\n");
+  write("torn.rows", contentOf("good.rows").substr(0, firstLength + secondLength + 10));
+  write("torn.json", std::string(rows).substr(0, std::string(rows).size() - 10));
+  write("good.csv", "oid,speed\n1,2\n");
+  write("torn.csv", "oid,name\n1,\"eth");
+  for (const Reading& reading : readings) {
+    const std::string form = reading.form;
+    const std::string good = form == "json" ? "rows.json" : "good." + form;
+    const auto run = [&](const char* layout, const std::string& file) {
+      const Outcome result = korvo(with(reading.arguments, layout, file));
+      EXPECT_NE(result.status, 0) << reading.arguments << ' ' << file;
+      return result;
+    };
+    const auto says = [&](const Outcome& result, int status, const std::string& text) {
+      EXPECT_EQ(result.status, status) << reading.arguments << result.err;
+      EXPECT_NE((result.out + result.err).find(text), std::string::npos)
+          << reading.arguments << result.out << result.err;
+    };
+    says(run("port.korvo", "/nowhere"), 66, "korvo: /nowhere: No such file or directory\n");
+    says(run("port.korvo", "."), 66, "korvo: .: is a directory\n");
+    says(run("/nowhere", good), 66, "korvo: /nowhere: No such file or directory\n");
+    says(run("bad.korvo", good), 65,
+         "korvo: bad.korvo: line 2, column 9: unknown type - (uint33_t)\n");
+    says(run("port.korvo", "- <&-"), 66, "korvo: standard input: Bad file descriptor\n");
+    const Outcome torn = run("port.korvo", "torn." + form);
+    const Outcome stranger = run("stranger.korvo", good);
+    const Outcome later = run("later.korvo", good);
+    if (form == "rows") {
+      says(torn, 1, "a row of 32 bytes begins, of which 10 are there");
+      says(stranger, 1, "no layout is known for this row type");
+      EXPECT_EQ(later.status, 1) << reading.arguments;
+    } else if (form == "json") {
+      says(torn, 65, "torn.json: line 3: no object of JSON");
+      says(stranger, 65, "rows.json: line 1: no layout is known for row type 7");
+      says(later, 65, "rows.json: line 1: column 26: unknown column - (speed)");
+    } else {
+      says(torn, 65, "torn.csv: line 2: a quote does not end");
+      says(stranger, 65, "good.csv: line 1: no column has the name speed");
+      says(later, 65, "good.csv: line 1: no column has the name speed");
+    }
+  }
+  for (const char* const arguments : {"layout print ", "layout diff port.korvo ", "generate "}) {
+    expectAll(std::string(arguments) + "bad.korvo", 65, "",
+              "korvo: bad.korvo: line 2, column 9: unknown type - (uint33_t)\n");
+    expectAll(std::string(arguments) + "good.rows", 65, "",
+              "korvo: good.rows: line 1, column 1: expected \"row\"\n");
+    expectAll(std::string(arguments) + ".", 66, "", "korvo: .: is a directory\n");
+    expectAll(std::string(arguments) + "- <&-", 66, "",
+              "korvo: standard input: Bad file descriptor\n");
+  }
+  expectAll("query - <&-", 66, "", "korvo: standard input: Bad file descriptor\n");
+}
+
+TEST_F(Tool, EndsWithItsReader) {
+  write("wide.layout", "row 7 base 16 { speed uint64_t @8 }");
+  for (const char* const arguments : {"check -l port.korvo good.rows",
+                                      "show -l port.korvo good.rows",
+                                      "annotate -l port.korvo good.rows",
+                                      "diff -l port.korvo good.rows good.rows",
+                                      "convert -l port.korvo good.rows",
+                                      "convert -l port.korvo --as json good.rows",
+                                      "convert -l port.korvo --row Port --as csv good.rows",
+                                      "convert -l port.korvo --row Port --to wide.layout good.rows",
+                                      "convert -l port.korvo --from json rows.json",
+                                      "stat -l port.korvo good.rows",
+                                      "layout print port.korvo",
+                                      "layout diff port.korvo port.korvo",
+                                      "generate link.korvo",
+                                      "address ::1",
+                                      "prefix parse ::/0",
+                                      "prefix contains ::/0 ::",
+                                      "prefix order ::/0",
+                                      "query x",
+                                      "--help",
+                                      "check --help"}) {
+    // A pipe that nobody reads any more: the signal ends it as it ends others; where it is ignored,
+    // it says so.
+    const std::string line = " exec 3> >(exec 3>&-); wait $!; korvo " + std::string(arguments);
+    EXPECT_EQ(shell(line + " >&3").status, 128 + 13) << arguments;
+    const Outcome ignored = shell("trap '' PIPE;" + line + " >&3");
+    EXPECT_EQ(ignored.status, 74) << arguments;
+    EXPECT_EQ(ignored.err.substr(0, 7), "korvo: ") << arguments << ignored.err;
+  }
 }
 
 TEST_F(Tool, TellsWhenItsOutputIsLost) {
