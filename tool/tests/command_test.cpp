@@ -4,6 +4,7 @@
 
 #include <Korvo/layoutText.h>
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -688,6 +689,18 @@ TEST_F(Tool, TellsBadDefinitions) {
     return text;
   }());
   EXPECT_EQ(korvo("layout print wide.korvo").status, 65);
+  // Few words for more rows than anybody has time to look at.
+  write("many.korvo", [] {
+    std::string text = "row A0 0 { a bool }\n";
+    for (int i = 1; i < 4000; ++i) {
+      const std::string last = "A" + std::to_string(std::min(i - 1, 10));
+      text.append("row A").append(std::to_string(i)).append(" ").append(std::to_string(i));
+      text.append(" { a ").append(last).append(i < 11 ? " b " + last : "").append(" }\n");
+    }
+    return text;
+  }());
+  expectAll("layout print many.korvo", 65, "",
+            "korvo: many.korvo: line 137, column 20: too many columns in all rows\n");
 }
 
 TEST_F(Tool, PrintsLayouts) {
