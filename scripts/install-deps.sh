@@ -9,7 +9,8 @@
 set -euo pipefail
 
 build_packages=(g++ cmake ninja-build libssl-dev libuv1-dev pkgconf)
-test_packages=("${build_packages[@]}" googletest librapidcheck-dev libcli11-dev libarchive-dev zstd locales
+test_packages=("${build_packages[@]}" googletest librapidcheck-dev libcli11-dev libarchive-dev libmnl-dev
+  iproute2 zstd locales
   gdb)
 demo_packages=("${build_packages[@]}" libcli11-dev)
 bench_packages=("${demo_packages[@]}" libbenchmark-dev libflatbuffers-dev flatbuffers-compiler
