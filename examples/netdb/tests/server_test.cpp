@@ -117,7 +117,7 @@ struct ServerTest : testing::Test {
     ASSERT_EQ(rename(folder.file("new").c_str(), input().c_str()), 0);
   }
   /// Runs a command to its end.
-  std::string outOf(std::vector<std::string> arguments, int status = 0) {
+  std::string outOf(const std::vector<std::string>& arguments, int status = 0) {
     Folder own;
     Process process(own, arguments);
     EXPECT_EQ(process.end(), status) << process.out();
