@@ -15,7 +15,7 @@ import re
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-PAGES = ("*.md", "docs/*.md", "examples/netdb/README.md")  # as the Doxyfile's INPUT has them
+PAGES = ("*.md", "docs/*.md", "examples/*/README.md")  # as the Doxyfile's INPUT has them
 
 
 def page_name(path):
@@ -125,9 +125,9 @@ def header(text):
         text = text.replace(head.group(), "\n".join(lines) + "\n")
         text = text.replace("#pragma once\n\n", "#pragma once\n", 1)  # one line was added
 
-    readers = r"(?<=\n)(///[^\n]*\n)(template <[^\n]*\n)(class ColumnReaders \{.*?\n\};)"
-    text = re.sub(readers, r"} \1\2\3 namespace detail {", text, flags=re.DOTALL)
-    return with_texts_of_names(text.replace("detail::ColumnReaders", "ColumnReaders"))
+    columns = r"(?<=\n)((?:///[^\n]*\n)+template <[^\n]*\nclass Column(?:Readers|Writers) \{.*?\n\};)"
+    text = re.sub(columns, r"} \1 namespace detail {", text, flags=re.DOTALL)
+    return with_texts_of_names(re.sub(r"detail::(Column(?:Readers|Writers))", r"\1", text))
 
 
 def main():

@@ -3,10 +3,15 @@
 
 #include <algorithm>
 #include <list>
+#include <map>
 #include <random>
+#include <system_error>
 #include <utility>
 
 #include "PublisherSession.h"
+#include "TableEngines.h"
+#include "TableTrace.h"
+#include "TableWalk.h"
 #include "UnixSocket.h"
 
 namespace Korvo {
@@ -14,6 +19,7 @@ namespace Korvo {
 using detail::milliseconds;
 using detail::PublisherSession;
 using detail::TableStore;
+using detail::TableWalk;
 
 namespace {
 
@@ -22,6 +28,9 @@ constexpr std::size_t turnBytes = 64 * 1024;
 constexpr std::size_t readBytes = 16 * 1024;
 constexpr milliseconds shortestHeartbeat{100};
 constexpr milliseconds longestStep{1000};
+/// Names of former subscribers that are remembered.
+constexpr std::size_t mostNames = 4096;
+constexpr const char* thisFile = "components/tables/src/TablePublisher.cpp";
 
 std::uint64_t randomEpoch() {
   std::random_device random;
@@ -36,6 +45,7 @@ class TablePublisher::Impl final : public std::enable_shared_from_this<Impl>,
                                    private Velto::Platform::TimeoutHandler {
  public:
   class Connection;
+  class Outlet;
   class Published;
 
   Impl(const std::string& name, const KoPtr<Scheduler>& scheduler, const Options& options);
@@ -43,9 +53,11 @@ class TablePublisher::Impl final : public std::enable_shared_from_this<Impl>,
   void start();
   void end() noexcept;
   void add(AnyTable& table);
+  void listen(const std::string& address);
   void accept(const std::shared_ptr<ByteListener>& listener);
   void take(std::unique_ptr<ByteStream> stream);
   void drop(Connection& connection, const std::string& reason);
+  void subscriberComes(PublisherSession& session);
   void wakeAll();
   /// Sets the timer, if it is not. Without memory that is tried again in the next turn of anybody.
   void keepTime() noexcept;
@@ -55,12 +67,22 @@ class TablePublisher::Impl final : public std::enable_shared_from_this<Impl>,
   const Options options;
   detail::Publication publication;
   std::list<std::unique_ptr<Connection>> connections;
+  std::vector<std::unique_ptr<Outlet>> outlets;
   std::vector<std::unique_ptr<Published>> published;
   std::vector<std::shared_ptr<ByteListener>> listeners;
   std::unique_ptr<Velto::Platform::TimerControl> timer;
   milliseconds step;
+  /// What is known of a subscriber's name.
+  struct Former {
+    std::uint64_t connections = 0;
+    std::uint64_t last = 0;  ///< the number of the latest of them
+    std::string reason;      ///< why the latest that ended did
+  };
+  std::map<std::string, Former> formers;
+  std::uint64_t welcomes = 0;
   std::string lastReason;
   std::function<void(const RefusedRow&)> refusedRowTold;
+  Velto::DebugSupport debug;
   bool isGone = false;
 };
 
@@ -81,9 +103,9 @@ class TablePublisher::Impl::Connection final : public Schedulable,
                                                private ByteStream::User,
                                                private PublisherSession::Owner {
  public:
-  Connection(Impl& impl, std::unique_ptr<ByteStream> stream)
+  Connection(Impl& impl, std::unique_ptr<ByteStream> stream, std::optional<uid_t> user)
       : Schedulable(impl.publication.name, impl.scheduler),
-        session(impl.publication, *this),
+        session(impl.publication, *this, user),
         impl_(impl),
         stream_(std::move(stream)) {
     clientReadyIs(true);
@@ -121,6 +143,7 @@ class TablePublisher::Impl::Connection final : public Schedulable,
     impl->keepTime();
     guarded([&] {
       read();
+      if (session.isWelcome() && !std::exchange(isKnown_, true)) impl->subscriberComes(session);
       write();
     });
     const std::vector<PublisherSession::RowNote> notes = session.takeNotes();
@@ -129,6 +152,12 @@ class TablePublisher::Impl::Connection final : public Schedulable,
       impl->drop(*this, reason_.empty() ? session.endText() : reason_);
     }
     // This may be gone from here on, and the publisher with each call.
+    for (const PublisherSession::RowNote& note : notes) {
+      detail::trace(impl->debug, detail::refusalLevel, thisFile, "run", [&](std::ostream& out) {
+        out << ": " << subscriber << " cannot take row " << note.oid << " of " << note.table << ": "
+            << note.text;
+      });
+    }
     for (const PublisherSession::RowNote& note : notes) {
       if (impl->isGone || !impl->refusedRowTold) return;
       const auto told = impl->refusedRowTold;
@@ -184,7 +213,75 @@ class TablePublisher::Impl::Connection final : public Schedulable,
   std::unique_ptr<ByteStream> stream_;
   bool isLost_ = false;
   bool wasOver_ = false;
+  bool isKnown_ = false;
   std::string reason_;
+};
+
+/// What passes changes on through an engine, as a unit.
+class TablePublisher::Impl::Outlet final : public Schedulable,
+                                           private TableWalk::User,
+                                           private TableOutlet::User {
+ public:
+  Outlet(Impl& impl, const std::string& address)
+      : Schedulable(impl.publication.name, impl.scheduler),
+        impl_(impl),
+        walk_(impl.publication, *this) {
+    for (TableStore* table : impl.publication.tables) add(*table);
+    outlet_ =
+        detail::engineFor(address)->outlet(address, impl.scheduler, impl.options, walk_, *this);
+    clientReadyIs(true);
+    runnableIs(true);
+  }
+
+  void add(TableStore& table) { walk_.add(table, tables_++); }
+  bool isFull() const { return tables_ == detail::maxTables; }
+
+  void timePasses(milliseconds time) {
+    guarded([&] { outlet_->timePasses(time); });
+    runnableIs(true);
+  }
+
+  Subscriber status() const {
+    const TableOutlet::Status status = outlet_->status();
+    return {status.name,
+            walk_.names(),
+            walk_.head() - status.acked,
+            status.merged,
+            0,
+            status.unsent,
+            walk_.changesBehind(status.acked),
+            0,
+            status.problem};
+  }
+
+ private:
+  void changesCome() override { runnableIs(true); }
+  void tableIsGone() noexcept override {
+    guarded([&] { runnableIs(true); });
+  }
+  void outletHasWork() override { runnableIs(true); }
+  bool outletShouldYield() override { return shouldYield(); }
+
+  void run(bool) override {
+    const std::shared_ptr<Impl> impl = impl_.shared_from_this();
+    impl->keepTime();
+    guarded([&] { outlet_->work(); });
+  }
+
+  /// Without memory it is tried again at the next heartbeat.
+  template <typename Work>
+  void guarded(const Work& work) noexcept {
+    try {
+      work();
+    } catch (const std::bad_alloc&) {
+      // See above.
+    }
+  }
+
+  Impl& impl_;
+  TableWalk walk_;
+  std::uint16_t tables_ = 0;
+  std::unique_ptr<TableOutlet> outlet_;
 };
 
 TablePublisher::Impl::Impl(const std::string& name, const KoPtr<Scheduler>& schedulerOfAll,
@@ -202,6 +299,7 @@ TablePublisher::Impl::Impl(const std::string& name, const KoPtr<Scheduler>& sche
   publication.name = name;
   publication.epoch = randomEpoch();
   publication.heartbeat = options.heartbeat;
+  publication.mayHave = options.mayHave;
 }
 
 void TablePublisher::Impl::start() {
@@ -229,6 +327,7 @@ void TablePublisher::Impl::end() noexcept {
     connection->flush();
   }
   connections.clear();
+  outlets.clear();
   for (TableStore* table : publication.tables) table->isPublished = false;
   published.clear();
 }
@@ -248,6 +347,9 @@ void TablePublisher::Impl::add(AnyTable& table) {
     }
   }
   static_cast<void>(fingerprint(store.layout()));  // a layout that can be told
+  for (const auto& outlet : outlets) {
+    if (outlet->isFull()) throw KoInvalidArgument("More than 256 tables - (" + store.name() + ")");
+  }
   publication.tables.reserve(publication.tables.size() + 1);
   published.push_back(std::make_unique<Published>(*this, store));
   publication.tables.push_back(&store);
@@ -257,6 +359,18 @@ void TablePublisher::Impl::add(AnyTable& table) {
   for (const auto& connection : connections) {
     connection->session.end(detail::ByeReason::changed, "there is another table");
     connection->runnableIs(true);
+  }
+  for (const auto& outlet : outlets) {
+    outlet->add(store);
+    outlet->runnableIs(true);
+  }
+}
+
+void TablePublisher::Impl::listen(const std::string& address) {
+  if (detail::isSocketAddress(address)) {
+    accept(detail::listenTo(address, options.socketMode, scheduler));
+  } else {
+    outlets.push_back(std::make_unique<Outlet>(*this, address));
   }
 }
 
@@ -269,12 +383,20 @@ void TablePublisher::Impl::accept(const std::shared_ptr<ByteListener>& listener)
 }
 
 void TablePublisher::Impl::take(std::unique_ptr<ByteStream> stream) {
-  const std::optional<uid_t> user = stream->peerUser();
+  std::optional<uid_t> user;
+  bool isAsked = true;
+  try {
+    user = stream->peerUser();
+  } catch (const std::system_error&) {
+    isAsked = false;
+  }
   const bool isFull = connections.size() >= options.mostSubscribers;
-  connections.push_back(std::make_unique<Connection>(*this, std::move(stream)));
+  connections.push_back(std::make_unique<Connection>(*this, std::move(stream), user));
   PublisherSession& session = connections.back()->session;
-  if (user && *user != geteuid() &&
-      std::ranges::find(options.users, *user) == options.users.end()) {
+  if (!isAsked) {
+    session.end(detail::ByeReason::notAllowed, "the user is not known");
+  } else if (user && *user != geteuid() &&
+             std::ranges::find(options.users, *user) == options.users.end()) {
     session.end(detail::ByeReason::notAllowed,
                 "user " + std::to_string(*user) + " may not subscribe");
   } else if (isFull) {
@@ -282,13 +404,38 @@ void TablePublisher::Impl::take(std::unique_ptr<ByteStream> stream) {
   }
 }
 
+/// Names are the subscribers' own choice: of too many, the ones seen longest ago are forgotten.
+void TablePublisher::Impl::subscriberComes(PublisherSession& session) {
+  Former& former = formers[session.subscriber()];
+  ++former.connections;
+  former.last = ++welcomes;
+  if (formers.size() > mostNames) {
+    formers.erase(
+        std::ranges::min_element(formers, {}, [](const auto& known) { return known.second.last; }));
+  }
+  const std::string warning = session.takeWarning();
+  detail::trace(debug, detail::linkLevel, thisFile, "subscriberComes", [&](std::ostream& out) {
+    out << ": " << session.subscriber() << " subscribes";
+    for (const std::string& table : session.tables()) out << ' ' << table;
+    if (!warning.empty()) out << "; " << warning << ": all rows are told";
+  });
+}
+
 void TablePublisher::Impl::drop(Connection& connection, const std::string& reason) {
   lastReason = reason;
+  const std::string& name = connection.session.subscriber();
+  if (const auto former = formers.find(name); former != formers.end()) {
+    former->second.reason = reason;
+  }
+  detail::trace(debug, detail::linkLevel, thisFile, "drop", [&](std::ostream& out) {
+    out << ": " << (name.empty() ? "a connection" : name) << " is gone: " << reason;
+  });
   std::erase_if(connections, [&](const auto& known) { return known.get() == &connection; });
 }
 
 void TablePublisher::Impl::wakeAll() {
   for (const auto& connection : connections) connection->runnableIs(true);
+  for (const auto& outlet : outlets) outlet->runnableIs(true);
 }
 
 void TablePublisher::Impl::keepTime() noexcept {
@@ -302,6 +449,7 @@ void TablePublisher::Impl::keepTime() noexcept {
 void TablePublisher::Impl::onTimeout() {
   keepTime();
   for (const auto& connection : connections) connection->timePasses(step);
+  for (const auto& outlet : outlets) outlet->timePasses(step);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -321,7 +469,7 @@ void TablePublisher::add(AnyTable& table) {
 }
 
 void TablePublisher::listen(const std::string& address) {
-  impl_->accept(detail::listenTo(address, impl_->options.socketMode, impl_->scheduler));
+  impl_->listen(address);
 }
 
 void TablePublisher::accept(const std::shared_ptr<ByteListener>& listener) {
@@ -350,7 +498,9 @@ void TablePublisher::historyIs(std::uint64_t epoch, std::uint64_t sequence) {
   if (epoch == 0 || sequence < publication.source->last) {
     throw KoInvalidArgument("Not a later position - (" + std::to_string(sequence) + ")");
   }
-  if (!impl_->connections.empty()) throw KoInvalidArgument("Subscribers are connected");
+  if (!impl_->connections.empty() || !impl_->outlets.empty()) {
+    throw KoInvalidArgument("Subscribers are connected");
+  }
   publication.epoch = epoch;
   publication.source->last = sequence;
   for (TableStore* table : publication.tables) table->historyIs(sequence);
@@ -362,8 +512,14 @@ std::vector<TablePublisher::Subscriber> TablePublisher::subscribers() const {
     PublisherSession& session = connection->session;
     if (!session.isWelcome() || session.isOver()) continue;
     all.push_back({session.subscriber(), session.tables(), sequence() - session.acked(),
-                   session.merged(), session.refused(), session.out().size()});
+                   session.merged(), session.refused(), session.out().size(), session.unackedRows(),
+                   0, ""});
+    const auto former = impl_->formers.find(session.subscriber());
+    if (former == impl_->formers.end()) continue;
+    all.back().reconnects = former->second.connections - 1;
+    all.back().lastReason = former->second.reason;
   }
+  for (const auto& outlet : impl_->outlets) all.push_back(outlet->status());
   return all;
 }
 
@@ -373,6 +529,10 @@ std::string TablePublisher::lastReason() const {
 
 void TablePublisher::onRefusedRow(std::function<void(const RefusedRow& row)> told) {
   impl_->refusedRowTold = std::move(told);
+}
+
+void TablePublisher::debugChannelIs(Velto::DebugChannel* channel, bool owned) {
+  impl_->debug.channelIs(channel, owned);
 }
 
 }  // namespace Korvo

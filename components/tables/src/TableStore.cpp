@@ -102,9 +102,10 @@ void TableStore::sourceIs(std::shared_ptr<SequenceSource> source) noexcept {
 
 void TableStore::historyIs(std::uint64_t sequence) noexcept {
   for (Slot slot = slotFrom(0); slot != noSlot; slot = slotFrom(slot + 1)) {
-    entries_[slot].sequence = sequence;
-    entries_[slot].added = sequence;
+    entries_[slot].sequence = 0;
+    entries_[slot].added = 0;
   }
+  base_ = sequence;
   deletionsDropped_ = deletionsEnd();
   deletions_.clear();
   deletionsBegin_ = 0;
@@ -117,7 +118,7 @@ void TableStore::keepDigest() noexcept {
   if (keepsDigest_) return;
   keepsDigest_ = true;
   for (Slot slot = slotFrom(0); slot != noSlot; slot = slotFrom(slot + 1)) {
-    digest_ ^= rowHash(entries_[slot].buffer->buf_);
+    digest_ ^= rowHash(buffers_[slot]->buf_);
   }
 }
 
@@ -125,6 +126,17 @@ void TableStore::stateIs(TableState state, std::string text) {
   for (std::size_t i = 0; i < cursors_.size(); ++i) cursors_[i]->changeComes();
   state_ = state;
   stateText_ = std::move(text);
+}
+
+std::uint64_t TableStore::changesBehind(std::uint64_t sequence) const {
+  std::uint64_t count = 0;
+  for (Slot slot = latest_; slot != noSlot && entries_[slot].sequence > sequence;
+       slot = entries_[slot].previous) {
+    ++count;
+  }
+  const std::span<const Deletion> all = deletions();
+  const auto first = std::ranges::upper_bound(all, sequence, {}, &Deletion::sequence);
+  return count + static_cast<std::uint64_t>(all.end() - first);
 }
 
 void TableStore::checkThread() const {
@@ -181,8 +193,23 @@ void TableStore::unmapOid(Slot slot) noexcept {
 }
 
 Slot TableStore::slotFrom(Slot slot) const {
-  while (slot < entries_.size() && entries_[slot].buffer == nullptr) ++slot;
-  return slot < entries_.size() ? slot : noSlot;
+  const std::size_t end = buffers_.size();
+  while (slot < end && buffers_[slot] == nullptr) ++slot;
+  return slot < end ? slot : noSlot;
+}
+
+void TableStore::addSlot() {
+  const std::size_t slot = entries_.size();
+  if (slot >= noSlot) throw std::bad_alloc();
+  entries_.grow();
+  try {
+    buffers_.grow();
+  } catch (...) {
+    entries_.shrink();
+    throw;
+  }
+  entries_[slot].next = std::exchange(free_, static_cast<Slot>(slot));
+  ++freeCount_;
 }
 
 Slot TableStore::takeSlot() noexcept {
@@ -224,9 +251,28 @@ void TableStore::moveCursors(Slot slot) noexcept {
   }
 }
 
+/// What happened up to `base` counts as having happened then: who stood before it is told all anew.
+void TableStore::countFrom(std::uint64_t base) noexcept {
+  const auto moved = [&](std::uint64_t relativeToFormer) {
+    const std::uint64_t sequence = base_ + relativeToFormer;
+    return static_cast<std::uint32_t>(sequence <= base ? 0 : sequence - base);
+  };
+  while (!deletions().empty() && base_ + deletions().front().sequence <= base) ++deletionsBegin_;
+  for (std::size_t i = deletionsBegin_; i < deletions_.size(); ++i) {
+    deletions_[i] = {moved(deletions_[i].sequence), moved(deletions_[i].added), deletions_[i].oid};
+  }
+  for (Slot slot = slotFrom(0); slot != noSlot; slot = slotFrom(slot + 1)) {
+    Entry& entry = entries_[slot];
+    entry.sequence = moved(entry.sequence);
+    entry.added = moved(entry.added) & mostRelative;
+  }
+  base_ = base;
+  floor_ = std::max(floor_, base);
+}
+
 void TableStore::forgetDeletions() noexcept {
   const std::size_t most = std::max(deletionLimit, size_);
-  while (deletions().size() > most) floor_ = deletions_[deletionsBegin_++].sequence;
+  while (deletions().size() > most) floor_ = base_ + deletions_[deletionsBegin_++].sequence;
   if (deletionsBegin_ * 2 < deletions_.size()) return;
   deletions_.erase(deletions_.begin(),
                    deletions_.begin() + static_cast<std::ptrdiff_t>(deletionsBegin_));
@@ -241,21 +287,36 @@ TableIndex& TableStore::index(IndexKind kind, std::span<const std::size_t> colum
   for (const KnownIndex& known : indexes_) {
     if (known.kind == kind && std::ranges::equal(known.columns, columns)) return *known.index;
   }
-  KnownIndex added{
-      kind, {columns.begin(), columns.end()}, TableIndex::make(kind, *this, columns), nullptr};
-  added.index->reserve(entries_.size(), size_);
+  return addIndex(kind, {{columns.begin(), columns.end()}, nullptr});
+}
+
+TableIndex& TableStore::index(IndexKind kind, KeyFunction function) {
+  checkThread();
+  return addIndex(kind, {{}, std::move(function)});
+}
+
+TableIndex& TableStore::addIndex(IndexKind kind, IndexKey key) {
+  KnownIndex added{kind, key.columns, TableIndex::make(kind, *this, std::move(key)), nullptr};
+  TableIndex& index = *added.index;
+  index.reserve(entries_.size(), size_);
   for (Slot slot = slotFrom(0); slot != noSlot; slot = slotFrom(slot + 1)) {
-    if (kind == IndexKind::unique) {
-      if (const Slot other = static_cast<EqualIndex&>(*added.index).find(row(slot));
-          other != noSlot) {
-        throw KoInvalidArgument("Not unique - (" + name_ + ": rows " + std::to_string(oid(other)) +
-                                " and " + std::to_string(oid(slot)) + ")");
-      }
+    const HeldRow held(buffer(slot));
+    std::string computed = index.compute(held);
+    const TableIndex::Key of = index.key(held, computed);
+    if (kind == IndexKind::unique && !isSubscribed) {
+      const Slot other = static_cast<EqualIndex&>(index).find(of.parts());
+      if (other != noSlot) refuse(oid(other), oid(slot));
     }
-    added.index->insert(slot);
+    index.prepare(of.parts());
+    index.put(slot, computed);
   }
   indexes_.push_back(std::move(added));
-  return *indexes_.back().index;
+  return index;
+}
+
+void TableStore::refuse(oid_t a, oid_t b) const {
+  throw KoInvalidArgument("Not unique - (" + name_ + ": rows " + std::to_string(a) + " and " +
+                          std::to_string(b) + ")");
 }
 
 std::shared_ptr<void>& TableStore::handle(const TableIndex& index) {
@@ -275,6 +336,11 @@ TableStore::Cursor::Cursor(TableStore& store, bool keepsBefore)
 
 TableStore::Cursor::~Cursor() {
   if (store_ != nullptr) std::erase(store_->cursors_, this);
+}
+
+void TableStore::Cursor::restart() {
+  isWhole_ = true;
+  inRound_ = false;
 }
 
 bool TableStore::Cursor::resumeBehind(std::uint64_t sequence) {
@@ -309,7 +375,8 @@ void TableStore::Cursor::begin() {
     position_ = noSlot;
     told_ = seen_;
     const std::span<const Deletion> deletions = store_->deletions();
-    const auto first = std::ranges::upper_bound(deletions, seen_, {}, &Deletion::sequence);
+    const auto first =
+        std::ranges::upper_bound(deletions, store_->relative(seen_), {}, &Deletion::sequence);
     deletion_ = store_->firstDeletion() + static_cast<std::uint64_t>(first - deletions.begin());
   }
   returned_.clear();
@@ -333,7 +400,7 @@ bool TableStore::Cursor::nextDeletion(Told& told) {
   while (deletion_ < store_->deletionsEnd()) {
     const Deletion& deletion =
         store_->deletions_[static_cast<std::size_t>(deletion_ - store_->deletionsDropped_)];
-    const bool wasKnown = !isWhole_ && deletion.added <= seen_;
+    const bool wasKnown = !isWhole_ && store_->base_ + deletion.added <= seen_;
     if (store_->find(deletion.oid) != noSlot) {
       if (wasKnown) returned_.insert(deletion.oid);
       ++deletion_;
@@ -341,7 +408,7 @@ bool TableStore::Cursor::nextDeletion(Told& told) {
     }
     ++deletion_;
     // A row that came during the round may have been told in it.
-    bool isNews = wasKnown || deletion.sequence > roundHead_;
+    bool isNews = wasKnown || store_->base_ + deletion.sequence > roundHead_;
     told = {deletion.oid, nullptr, nullptr, wasKnown};
     if (keepsBefore_ && !isWhole_) {
       const auto before = before_.extract(deletion.oid);
@@ -357,21 +424,22 @@ bool TableStore::Cursor::nextRow(Told& told) {
   if (position_ == noSlot) {
     // All was told up to here: what came since stands at the end.
     for (Slot slot = store_->latest_; slot != noSlot; slot = store_->entries_[slot].previous) {
-      if (store_->entries_[slot].sequence <= told_) break;
+      if (store_->base_ + store_->entries_[slot].sequence <= told_) break;
       position_ = slot;
     }
     if (position_ == noSlot) return false;
   }
   const Entry& entry = store_->entries_[position_];
-  const bool wasKnown = !isWhole_ && (entry.added <= seen_ || returned_.contains(entry.oid));
-  told = {entry.oid, entry.buffer, nullptr, wasKnown};
+  const bool wasKnown =
+      !isWhole_ && (store_->base_ + entry.added <= seen_ || returned_.contains(entry.oid));
+  told = {entry.oid, store_->buffers_[position_], nullptr, wasKnown};
   if (keepsBefore_) {
     if (const auto before = before_.extract(entry.oid); !before.empty()) {
       told.before = before.mapped();
       told.wasKnown = told.before != nullptr;
     }
   }
-  told_ = entry.sequence;
+  told_ = store_->base_ + entry.sequence;
   position_ = entry.next;
   if (position_ != noSlot) store_->entries_[position_].isWatched = true;
   return true;
@@ -385,11 +453,59 @@ TableStore::Commit::Commit(TableStore& store, std::vector<RowOperation>& operati
   store.checkThread();
   select(operations);
   if (changesNothing()) return;
+  for (const Touch& touch : touches_) {
+    for (const KnownIndex& known : store_.indexes_) {
+      if (!known.index->computes()) continue;
+      computed_.push_back(touch.isRemoval ? std::string()
+                                          : known.index->compute(HeldRow(touch.buffer)));
+    }
+  }
   // A copy is as its owner has it.
   if (!store.isSubscribed) checkUnique();
   reserve();
   // A reader that is told in vain finds that nothing changed.
   for (std::size_t i = 0; i < store_.cursors_.size(); ++i) store_.cursors_[i]->changeComes();
+  prepareIndexes();
+}
+
+TableStore::Commit::~Commit() {
+  releaseIndexes();
+}
+
+template <typename Use>
+void TableStore::Commit::forEachKey(const Use& use) {
+  std::string none;
+  std::string* computed = computed_.data();
+  std::size_t move = 0;
+  for (Touch& touch : touches_) {
+    for (const KnownIndex& known : store_.indexes_) {
+      use(touch, known, known.index->computes() ? *computed++ : none, moves_[move++]);
+    }
+  }
+}
+
+void TableStore::Commit::prepareIndexes() {
+  try {
+    forEachKey([](const Touch& touch, const KnownIndex& known, std::string& computed, bool moves) {
+      if (!moves || touch.isRemoval) return;
+      const SubRowReference row(touch.buffer->buf_);
+      known.index->prepare(known.index->key(row, computed).parts());
+    });
+  } catch (...) {
+    releaseIndexes();
+    throw;
+  }
+}
+
+/// Gives back the places that were made for the rows, or that the former ones have left.
+void TableStore::Commit::releaseIndexes() noexcept {
+  if (moves_.empty()) return;
+  forEachKey(
+      [](const Touch& touch, const KnownIndex& known, const std::string& computed, bool moves) {
+        if (!moves || touch.buffer == nullptr || known.kind != IndexKind::longestPrefix) return;
+        const SubRowReference row(touch.buffer->buf_);
+        known.index->release(known.index->key(row, computed).parts());
+      });
 }
 
 /// The last word on each oid counts, if it changes anything.
@@ -414,33 +530,37 @@ void TableStore::Commit::select(std::vector<RowOperation>& operations) {
 }
 
 void TableStore::Commit::checkUnique() const {
-  std::unordered_map<Slot, const Touch*> touched;
+  std::unordered_set<Slot> touched;
+  const std::size_t computing = computed_.size() / touches_.size();
+  std::size_t computingBefore = 0;
   for (const KnownIndex& known : store_.indexes_) {
+    const std::size_t ordinal = computingBefore;
+    if (known.index->computes()) ++computingBefore;
     if (known.kind != IndexKind::unique) continue;
     const auto& index = static_cast<const EqualIndex&>(*known.index);
     if (touched.empty()) {
       for (const Touch& touch : touches_) {
-        if (touch.slot != noSlot) touched.emplace(touch.slot, &touch);
+        if (touch.slot != noSlot) touched.insert(touch.slot);
       }
     }
-    const auto refuse = [&](oid_t a, oid_t b) {
-      throw KoInvalidArgument("Not unique - (" + store_.name_ + ": rows " + std::to_string(a) +
-                              " and " + std::to_string(b) + ")");
-    };
-    std::unordered_multimap<std::uint64_t, const Touch*> fresh;
-    for (const Touch& touch : touches_) {
+    std::unordered_multimap<std::uint64_t, std::pair<oid_t, TableIndex::Key>> fresh;
+    for (std::size_t i = 0; i < touches_.size(); ++i) {
+      const Touch& touch = touches_[i];
       if (touch.isRemoval) continue;
-      const SubRowReference row(touch.buffer->buf_);
-      const Slot holder = index.find(row);
-      if (holder != noSlot && !touched.contains(holder)) refuse(store_.oid(holder), touch.oid);
-      const std::uint64_t hash = index.hash(row);
+      const TableIndex::Key key =
+          index.key(SubRowReference(touch.buffer->buf_),
+                    index.computes() ? computed_[i * computing + ordinal] : std::string_view());
+      for (Slot holder = index.find(key.parts()); holder != noSlot;
+           holder = index.findNext(holder)) {
+        if (!touched.contains(holder)) store_.refuse(store_.oid(holder), touch.oid);
+      }
+      const std::uint64_t hash = hashKey(key.parts());
       const auto [begin, end] = fresh.equal_range(hash);
       for (auto at = begin; at != end; ++at) {
-        if (index.sameKey(SubRowReference(at->second->buffer->buf_), row)) {
-          refuse(at->second->oid, touch.oid);
-        }
+        const auto& [oid, other] = at->second;
+        if (compareKeys(other.parts(), key.parts()) == 0) store_.refuse(oid, touch.oid);
       }
-      fresh.emplace(hash, &touch);
+      fresh.emplace(hash, std::pair(touch.oid, key));
     }
   }
 }
@@ -448,24 +568,23 @@ void TableStore::Commit::checkUnique() const {
 void TableStore::Commit::reserve() {
   std::size_t added = 0;
   std::size_t removed = 0;
+  const std::string* computed = computed_.data();
   moves_.reserve(touches_.size() * store_.indexes_.size());
   for (const Touch& touch : touches_) {
     const bool isNew = touch.slot == noSlot;
     if (isNew) ++added;
     if (touch.isRemoval) ++removed;
     for (const KnownIndex& known : store_.indexes_) {
-      moves_.push_back(
-          isNew || touch.isRemoval ||
-          !known.index->sameKey(store_.row(touch.slot), SubRowReference(touch.buffer->buf_)));
+      const TableIndex& index = *known.index;
+      const std::string_view key = index.computes() ? *computed++ : std::string_view();
+      moves_.push_back(isNew || touch.isRemoval ||
+                       compareKeys(index.key(touch.slot).parts(),
+                                   index.key(SubRowReference(touch.buffer->buf_), key).parts()) !=
+                           0);
     }
   }
   store_.reserveOids(added);
-  while (store_.freeCount_ < added) {
-    if (store_.entries_.size() >= noSlot) throw std::bad_alloc();
-    Entry& entry = store_.entries_.emplace_back();
-    entry.next = std::exchange(store_.free_, static_cast<Slot>(store_.entries_.size() - 1));
-    ++store_.freeCount_;
-  }
+  while (store_.freeCount_ < added) store_.addSlot();
   for (const KnownIndex& known : store_.indexes_) {
     known.index->reserve(store_.entries_.size(), touches_.size());
   }
@@ -488,18 +607,17 @@ void TableStore::Commit::reserve() {
 /// In two passes over the indexes, so that rows may swap their keys.
 void TableStore::Commit::apply(std::uint64_t sequence) noexcept {
   if (changesNothing()) return;
-  std::size_t move = 0;
-  for (const Touch& touch : touches_) {
-    for (const KnownIndex& known : store_.indexes_) {
-      if (moves_[move++] && touch.slot != noSlot) known.index->erase(touch.slot);
-    }
-  }
+  if (sequence - store_.base_ > mostRelative) store_.countFrom(sequence - mostRelative / 2);
+  const std::uint32_t now = store_.relative(sequence);
+  forEachKey([](const Touch& touch, const KnownIndex& known, std::string&, bool moves) {
+    if (moves && touch.slot != noSlot) known.index->takeOut(touch.slot);
+  });
   for (Touch& touch : touches_) {
     const bool isNew = touch.slot == noSlot;
     if (isNew) {
       touch.slot = store_.takeSlot();
       store_.entries_[touch.slot].oid = touch.oid;
-      store_.entries_[touch.slot].added = sequence;
+      store_.entries_[touch.slot].added = now & mostRelative;
       store_.mapOid(touch.slot);
       ++store_.size_;
     } else {
@@ -507,27 +625,25 @@ void TableStore::Commit::apply(std::uint64_t sequence) noexcept {
     }
     Entry& entry = store_.entries_[touch.slot];
     if (touch.isRemoval) {
-      store_.deletions_.push_back({sequence, entry.added, touch.oid});
+      store_.deletions_.push_back({now, entry.added, touch.oid});
       store_.unmapOid(touch.slot);
       --store_.size_;
       entry.next = std::exchange(store_.free_, touch.slot);
       ++store_.freeCount_;
     } else {
-      entry.sequence = sequence;
+      entry.sequence = now;
       store_.link(touch.slot);
     }
+    KoPtr<KoRowBuf>& buffer = store_.buffers_[touch.slot];
     if (store_.keepsDigest_) {
-      if (!isNew) store_.digest_ ^= rowHash(entry.buffer->buf_);
+      if (!isNew) store_.digest_ ^= rowHash(buffer->buf_);
       if (!touch.isRemoval) store_.digest_ ^= rowHash(touch.buffer->buf_);
     }
-    entry.buffer.swap(touch.buffer);
+    buffer.swap(touch.buffer);
   }
-  move = 0;
-  for (const Touch& touch : touches_) {
-    for (const KnownIndex& known : store_.indexes_) {
-      if (moves_[move++] && !touch.isRemoval) known.index->insert(touch.slot);
-    }
-  }
+  forEachKey([](const Touch& touch, const KnownIndex& known, std::string& computed, bool moves) {
+    if (moves && !touch.isRemoval) known.index->put(touch.slot, computed);
+  });
   for (std::size_t i = 0; i < before_.size(); ++i) store_.cursors_[i]->before_.merge(before_[i]);
   store_.sequence_ = sequence;
   store_.source_->last = sequence;

@@ -16,7 +16,6 @@
 #include <Korvo/Table.h>
 
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <span>
 #include <string>
@@ -25,6 +24,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "Chunked.h"
 #include "TableIndexes.h"
 
 namespace Korvo::detail {
@@ -35,6 +35,8 @@ class HeldRow final : public BaseRow {
   HeldRow() = default;
   explicit HeldRow(KoPtr<KoRowBuf> buffer) { rowBuf_ = std::move(buffer); }
   const KoPtr<KoRowBuf>& buffer() const { return rowBuf_; }
+  /// Where any row has its buffer.
+  static KoPtr<KoRowBuf>& bufferOf(BaseRow& row) { return row.*(&HeldRow::rowBuf_); }
   /// Gets a buffer of its own with the row's bytes.
   void copyOf(const BaseRow& row) {
     const len_t length = row.rowLength();
@@ -87,14 +89,16 @@ class TableStore {
   void keepDigest() noexcept;
 
   Slot find(oid_t oid) const;
-  const KoPtr<KoRowBuf>& buffer(Slot slot) const { return entries_[slot].buffer; }
-  SubRowReference row(Slot slot) const { return SubRowReference(entries_[slot].buffer->buf_); }
+  const KoPtr<KoRowBuf>& buffer(Slot slot) const { return buffers_[slot]; }
+  SubRowReference row(Slot slot) const { return SubRowReference(buffers_[slot]->buf_); }
   oid_t oid(Slot slot) const { return entries_[slot].oid; }
   /// The rows, in no order: the first slot in use at or behind `slot`, or noSlot.
   Slot slotFrom(Slot slot) const;
 
   /// An index of these columns; the same one when asked for again. Throws with the table as before.
   TableIndex& index(IndexKind kind, std::span<const std::size_t> columns);
+  /// A new index of what `function` makes of the rows. Throws with the table as before.
+  TableIndex& index(IndexKind kind, KeyFunction function);
   /// What the index's user keeps with it.
   std::shared_ptr<void>& handle(const TableIndex& index);
 
@@ -112,31 +116,36 @@ class TableStore {
   /// The sequence of the latest removal that was forgotten.
   std::uint64_t floor() const { return floor_; }
 
+  /// Rows that were put or removed last behind `sequence`. Takes as long as there are such rows.
+  std::uint64_t changesBehind(std::uint64_t sequence) const;
+
   /// Stops the process when a thread other than the table's calls.
   void checkThread() const;
 
  private:
+  // A million rows stand in a table: each byte of these counts. Sequences are counted from `base_`.
   struct Entry {
-    KoPtr<KoRowBuf> buffer;  ///< null: the slot is free
-    std::uint64_t sequence = 0;
-    std::uint64_t added = 0;  ///< the sequence at which the oid came
     oid_t oid = 0;
     Slot previous = noSlot;
     Slot next = noSlot;
-    bool isWatched = false;  ///< a cursor may stand here
+    std::uint32_t sequence = 0;
+    std::uint32_t added : 31 = 0;     ///< when the oid came
+    std::uint32_t isWatched : 1 = 0;  ///< a cursor may stand here
   };
   struct Deletion {
-    std::uint64_t sequence;
-    std::uint64_t added;
+    std::uint32_t sequence;
+    std::uint32_t added;
     oid_t oid;
   };
   struct KnownIndex {
     IndexKind kind;
-    std::vector<std::size_t> columns;
+    std::vector<std::size_t> columns;  ///< empty: keys are computed
     std::unique_ptr<TableIndex> index;
     std::shared_ptr<void> handle;
   };
 
+  TableIndex& addIndex(IndexKind kind, IndexKey key);
+  [[noreturn]] void refuse(oid_t a, oid_t b) const;
   std::size_t bucketOf(oid_t oid) const;
   void link(Slot slot) noexcept;
   void unlink(Slot slot) noexcept;
@@ -144,7 +153,12 @@ class TableStore {
   void mapOid(Slot slot) noexcept;
   void unmapOid(Slot slot) noexcept;
   void reserveOids(std::size_t count);
+  void addSlot();
   Slot takeSlot() noexcept;
+  std::uint32_t relative(std::uint64_t sequence) const {
+    return sequence <= base_ ? 0 : static_cast<std::uint32_t>(sequence - base_);
+  }
+  void countFrom(std::uint64_t base) noexcept;
   void forgetDeletions() noexcept;
   std::span<const Deletion> deletions() const {
     return std::span(deletions_).subspan(deletionsBegin_);
@@ -161,7 +175,10 @@ class TableStore {
   std::uint64_t batches_ = 0;  ///< that changed something here
   std::size_t size_ = 0;
 
-  std::deque<Entry> entries_;
+  static constexpr std::uint64_t mostRelative = (std::uint64_t{1} << 31) - 1;
+  std::uint64_t base_ = 0;
+  Chunked<KoPtr<KoRowBuf>> buffers_;  ///< null: the slot is free
+  Chunked<Entry> entries_;
   std::vector<Slot> buckets_;  ///< by oid, linear probing; a power of two
   Slot free_ = noSlot;
   std::size_t freeCount_ = 0;
@@ -199,6 +216,9 @@ class TableStore::Cursor {
   Cursor(const Cursor&) = delete;
   Cursor& operator=(const Cursor&) = delete;
   virtual ~Cursor();
+
+  /// Stands before everything again.
+  void restart();
 
   /// Called before a batch that changes something is applied. What it throws ends the commit.
   virtual void changeComes() = 0;
@@ -262,6 +282,8 @@ class TableStore::Commit {
   bool changesNothing() const { return touches_.empty(); }
   std::size_t size() const { return touches_.size(); }
   void apply(std::uint64_t sequence) noexcept;
+  /// One that was not applied leaves the table as it was.
+  ~Commit();
 
  private:
   struct Touch {
@@ -274,10 +296,16 @@ class TableStore::Commit {
   void select(std::vector<RowOperation>& operations);
   void checkUnique() const;
   void reserve();
+  void prepareIndexes();
+  void releaseIndexes() noexcept;
+  /// Calls use(touch, index, the touch's computed key in it, whether its key changes).
+  template <typename Use>
+  void forEachKey(const Use& use);
 
   TableStore& store_;
   std::vector<Touch> touches_;
-  std::vector<bool> moves_;  ///< for each touch and index: whether the row's key changes
+  std::vector<bool> moves_;            ///< for each touch and index: whether the row's key changes
+  std::vector<std::string> computed_;  ///< for each touch and index that computes its keys
   std::vector<std::unordered_map<oid_t, KoPtr<KoRowBuf>>> before_;  ///< for each cursor
 };
 

@@ -31,9 +31,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <iosfwd>
 #include <iterator>
 #include <memory>
+#include <span>
 #include <string>
 
 namespace Korvo {
@@ -89,6 +91,17 @@ class KORVO_API AnyTableReader : public Schedulable {
   /// the next turn, what it is now.
   void onState(StateCallback told);
 
+  // From now on only these rows are told, as if there were no others in the table: a row that
+  // begins to match is told as added, one that ceases to as removed. Told anew, as first rows. They
+  // throw std::bad_alloc.
+
+  /// The rows of these oids.
+  void only(std::span<const oid_t> oids);
+  void only(std::initializer_list<oid_t> oids) { only(std::span(oids.begin(), oids.size())); }
+  /// The rows that an index of this table found worth watching:
+  /// `reader.only(byName.watch("eth0"))`. Throws KoInvalidArgument for an index of another table.
+  void only(RowFilter filter);
+
  protected:
   AnyTableReader(AnyTable& table, const KoPtr<Scheduler>& scheduler, Before before);
 
@@ -132,8 +145,9 @@ class Changes {
     return source_->next(change_.change_, change_.after_, change_.before_) ? &change_ : nullptr;
   }
 
-  /// Whether the table is told as a whole: its first rows, of which there may be none, or all of
-  /// them anew. What was told before counts no more.
+  /// Whether the table is told as a whole from here on: its first rows, of which there may be none,
+  /// or all of them anew. What was told before counts no more. True in the turn in which that
+  /// begins; the turns that go on with it are not.
   bool first() const { return source_->first(); }
   /// The table's sequence.
   std::uint64_t sequence() const { return source_->sequence(); }
