@@ -15,7 +15,7 @@ test_packages=("${build_packages[@]}" googletest librapidcheck-dev libcli11-dev 
 demo_packages=("${build_packages[@]}" libcli11-dev)
 bench_packages=("${demo_packages[@]}" libbenchmark-dev libflatbuffers-dev flatbuffers-compiler
   libcapnp-dev capnproto libprotobuf-dev protobuf-compiler libevent-dev libboost-dev libabsl-dev
-  libre2-dev rapidjson-dev libsqlite3-dev libndpi-dev python3)
+  libre2-dev rapidjson-dev libsqlite3-dev libndpi-dev libhiredis-dev redis-server python3)
 docs_packages=(doxygen doxygen-awesome-css python3)
 ci_packages=("${test_packages[@]}" "${demo_packages[@]}" "${docs_packages[@]}" clang-14 libclang-rt-14-dev g++-multilib
   clang-format-14 clang-tidy-14 shellcheck gcovr python3-clang-14 valgrind abigail-tools ccache git

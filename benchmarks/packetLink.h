@@ -1,16 +1,19 @@
 #pragma once
 
-// Rows over a Unix-domain socket, byte for byte: each packet is one row as it stands in its buffer.
-// Packets keep the rows apart, so a bad row costs nothing but itself.
+// The least that rows can be sent with: a Unix-domain socket on which each packet is one row as it
+// stands in its buffer, until the socket is closed. What tables are measured beside.
 
 #include <sys/socket.h>
 
 #include <cstddef>
+#include <utility>
 #include <vector>
 
 #include "prefixRow.h"
 
-namespace netdb {
+namespace bench {
+
+using netdb::PrefixRow;
 
 /// Owner of a file descriptor.
 class Descriptor {
@@ -41,34 +44,24 @@ struct RowSockets {
 class RowSender {
  public:
   explicit RowSender(int socket) : socket_(socket) {}
-
-  /// Whether a batch is complete and should be sent before more rows are added.
-  bool full() const { return rows_.size() >= batch; }
-  void add(const PrefixRow& row) { rows_.push_back(row); }
-  /// Sends what has been added. Without `wait` it may send only a part; true when nothing is left.
-  /// Throws std::system_error when the subscriber is gone.
-  bool send(bool wait);
-  /// Tells the subscriber that all rows have been sent; true unless that would block without
-  /// `wait`.
-  bool sendEnd(bool wait);
+  void add(const PrefixRow& row);
+  /// Sends what has been added. Throws std::system_error when the receiver is gone.
+  void send();
 
  private:
   static constexpr std::size_t batch = 128;
 
   int socket_;
   std::vector<PrefixRow> rows_;
-  std::size_t sent_ = 0;
 };
 
 /// Receives rows in batches.
 class RowReceiver {
  public:
-  enum class Result { received, wouldBlock, closed };
-
   explicit RowReceiver(int socket);
 
-  /// Receives some packets; throws std::system_error.
-  Result receive(bool wait);
+  /// Waits for some packets; false at the end of them. Throws std::system_error.
+  bool receive();
 
   /// The packets that the last call received; valid until the next call. A packet longer than any
   /// row is cut to maxRowLength + 1 bytes.
@@ -77,8 +70,6 @@ class RowReceiver {
     std::size_t length;
   };
   const std::vector<Packet>& packets() const { return packets_; }
-  /// Whether the last call received as much as it can: there may be more at once.
-  bool full() const { return packets_.size() == batch; }
 
  private:
   static constexpr std::size_t batch = 64;
@@ -91,4 +82,4 @@ class RowReceiver {
   std::vector<Packet> packets_;
 };
 
-}  // namespace netdb
+}  // namespace bench
