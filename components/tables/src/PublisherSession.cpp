@@ -17,29 +17,19 @@ constexpr std::size_t welcomeReserve = 1024 + maxTables * (2 * maxText + 64);
 
 }  // namespace
 
-/// A subscribed table.
-struct PublisherSession::Feed final : TableStore::Cursor {
-  Feed(PublisherSession& ofSession, TableStore& table, std::uint16_t ofNumber)
-      : Cursor(table, false), session(ofSession), number(ofNumber) {}
+PublisherSession::PublisherSession(const Publication& publication, Owner& owner)
+    : publication_(publication),
+      owner_(owner),
+      walk_(publication, *this),
+      heartbeat_(publication.heartbeat) {}
 
-  void changeComes() override { session.batchComes(); }
-  void tableGoes() noexcept override {
-    try {
-      session.owner_.sessionHasNews();
-    } catch (const std::bad_alloc&) {
-      // Found at the next heartbeat.
-    }
+void PublisherSession::tableIsGone() noexcept {
+  try {
+    owner_.sessionHasNews();
+  } catch (const std::bad_alloc&) {
+    // Found at the next heartbeat.
   }
-
-  PublisherSession& session;
-  std::uint16_t number;
-  std::uint64_t wholesTold = 0;
-};
-
-PublisherSession::PublisherSession(Publication& publication, Owner& owner)
-    : publication_(publication), owner_(owner), heartbeat_(publication.heartbeat) {}
-
-PublisherSession::~PublisherSession() = default;
+}
 
 // ---------------------------------------------------------------------------------------------
 // What comes
@@ -70,14 +60,14 @@ bool PublisherSession::take(const Frame& frame) {
     }
     case FrameType::note: {
       Note note = Note::decode(frame);
-      const Feed* const feed = feedOf(note.table);
-      if (feed != nullptr && feed->store() != nullptr && notes_.size() < mostNotes) {
-        notes_.push_back({feed->store()->name(), note.oid, std::move(note.text)});
+      const TableStore* const table = walk_.table(note.table);
+      if (table != nullptr && notes_.size() < mostNotes) {
+        notes_.push_back({table->name(), note.oid, std::move(note.text)});
       }
       return true;
     }
     case FrameType::refuse:
-      std::erase_if(feeds_, [&](const auto& feed) { return feed->number == frame.table; });
+      walk_.drop(frame.table);
       return true;
     case FrameType::bye: {
       const Bye bye = Bye::decode(frame.body);
@@ -139,94 +129,64 @@ Welcome::Table PublisherSession::admit(const Hello::Table& wanted, std::size_t& 
   answer.layout = fingerprint(table.layout());
   answer.isAccepted = true;
 
-  auto feed = std::make_unique<Feed>(*this, table, wanted.number);
-  const bool isOurs = wanted.epoch == publication_.epoch && wanted.epoch != 0;
-  if (isOurs && wanted.sequence <= publication_.source->last) feed->resumeBehind(wanted.sequence);
-  feeds_.push_back(std::move(feed));
+  walk_.add(table, wanted.number);
+  walk_.resume(wanted.number, {wanted.epoch, wanted.sequence});
   return answer;
 }
 
 // ---------------------------------------------------------------------------------------------
 // What goes
 
-void PublisherSession::batchComes() {
-  // Told once for each table of a batch, and of batches that are not made in the end.
-  const std::uint64_t batch = publication_.source->last + 1;
-  if (batch != lastBatch_) ++batches_;
-  lastBatch_ = batch;
-  owner_.sessionHasNews();
-}
-
-PublisherSession::Feed* PublisherSession::feedOf(std::uint16_t number) {
-  for (const auto& feed : feeds_) {
-    if (feed->number == number) return feed.get();
-  }
-  return nullptr;
-}
-
-bool PublisherSession::isBehind() const {
-  return std::ranges::any_of(feeds_, [](const auto& feed) { return feed->isBehind(); });
-}
-
 void PublisherSession::fill(std::size_t most) {
   if (!isWelcome_) return;
   while (!isOver_ && out_.size() < most) {
-    if (std::ranges::any_of(feeds_, [](const auto& feed) { return feed->store() == nullptr; })) {
-      return end(ByeReason::changed, "a table is gone");
-    }
+    if (walk_.hasLostATable()) return end(ByeReason::changed, "a table is gone");
     if (capturedMark_) {
       sendCaptured();
-    } else if (isBehind()) {
-      if (isStarved()) {
+    } else if (walk_.isBehind() || !gone_.empty()) {
+      if (isStarved())
         capture();
-      } else {
+      else
         sendNext();
-      }
     } else if ((markIsDue_ || frames_ != 0) && publication_.isComplete) {
-      sendMark(makeMark());
+      sendMark(walk_.mark());
     } else {
       return;
     }
   }
 }
 
-/// Tells of one table after the other, until none has anything new.
-bool PublisherSession::sendNext() {
-  for (std::size_t i = 0; i < feeds_.size(); ++i) {
-    turn_ %= feeds_.size();
-    Feed& feed = *feeds_[turn_];
-    if (feed.isBehind() && sendChange(feed)) return true;
-    ++turn_;
+void PublisherSession::sendNext() {
+  TableSender::Change change;
+  if (walk_.next(change)) {
+    send(std::move(change));
+  } else {
+    sendGone();
   }
-  return false;
 }
 
-bool PublisherSession::sendChange(Feed& feed) {
-  feed.begin();
-  if (feed.wholes() != feed.wholesTold) {
-    feed.wholesTold = feed.wholes();
-    out_.push(FrameWriter(FrameType::whole, feed.number).take());
-    ++frames_;
-    return true;
+void PublisherSession::send(TableSender::Change change) {
+  const bool isRemoval = change.kind == TableSender::Kind::removed;
+  if (!isRemoval || change.table != goneOf_ || gone_.size() >= maxOidsOfDel) sendGone();
+  if (isRemoval) {
+    goneOf_ = change.table;
+    gone_.push_back(change.oid);
+    return;
   }
-  std::vector<oid_t> gone;
-  TableStore::Cursor::Told told;
-  bool isTold = false;
-  while (gone.size() < maxOidsOfDel && (isTold = feed.next(told)) && told.after == nullptr) {
-    gone.push_back(told.oid);
-  }
-  if (!gone.empty()) pushOids(feed.number, gone);
-  if (isTold && told.after != nullptr) {
-    out_.pushRow(feed.number, std::move(told.after));
-    ++frames_;
+  if (change.kind == TableSender::Kind::row) {
+    out_.pushRow(change.table, std::move(change.row));
     ++rows_;
+  } else {
+    out_.push(FrameWriter(FrameType::whole, change.table).take());
   }
-  return isTold || !gone.empty();
+  ++frames_;
 }
 
-void PublisherSession::pushOids(std::uint16_t table, std::span<const oid_t> oids) {
-  FrameWriter frame(FrameType::del, table);
-  for (const oid_t oid : oids) frame.number(oid);
+void PublisherSession::sendGone() {
+  if (gone_.empty()) return;
+  FrameWriter frame(FrameType::del, goneOf_);
+  for (const oid_t oid : gone_) frame.number(oid);
+  gone_.clear();
   out_.push(frame.take());
   ++frames_;
 }
@@ -234,38 +194,20 @@ void PublisherSession::pushOids(std::uint16_t table, std::span<const oid_t> oids
 /// A table that changes faster than it is sent would never come to a mark.
 bool PublisherSession::isStarved() const {
   if (!publication_.isComplete) return false;
-  std::uint64_t rows = 0;
-  for (const auto& feed : feeds_) rows += feed->store()->size();
-  return rows_ > 2 * rows || (roundAge_ >= roundLimit && frames_ != 0);
+  return rows_ > 2 * walk_.rows() || (roundAge_ >= roundLimit && frames_ != 0);
 }
 
 /// Keeps what is left to tell as it stands now: no more than all rows, and their bytes are shared.
 void PublisherSession::capture() {
-  TableStore::Cursor::Told told;
-  for (const auto& feed : feeds_) {
-    feed->begin();
-    if (feed->wholes() != feed->wholesTold) {
-      feed->wholesTold = feed->wholes();
-      out_.push(FrameWriter(FrameType::whole, feed->number).take());
-      ++frames_;
-    }
-    while (feed->next(told)) {
-      captured_.push_back({feed->number, told.oid, std::move(told.after)});
-    }
-  }
-  capturedMark_ = makeMark();
+  TableSender::Change change;
+  while (walk_.next(change)) captured_.push_back(std::move(change));
+  capturedMark_ = walk_.mark();
 }
 
 void PublisherSession::sendCaptured() {
   if (capturedSent_ < captured_.size()) {
-    Captured& row = captured_[capturedSent_++];
-    if (feedOf(row.table) == nullptr) return;  // refused meanwhile
-    if (row.row == nullptr) {
-      pushOids(row.table, {&row.oid, 1});
-    } else {
-      out_.pushRow(row.table, std::move(row.row));
-      ++frames_;
-    }
+    TableSender::Change& change = captured_[capturedSent_++];
+    if (walk_.table(change.table) != nullptr) send(std::move(change));  // not refused meanwhile
     return;
   }
   captured_ = {};
@@ -273,20 +215,13 @@ void PublisherSession::sendCaptured() {
   sendMark(*std::exchange(capturedMark_, std::nullopt));
 }
 
-Mark PublisherSession::makeMark() {
+void PublisherSession::sendMark(const TableMark& counted) {
+  sendGone();
   Mark mark;
-  mark.sequence = publication_.source->last;
-  mark.merged = batches_ > 1 ? batches_ - 1 : 0;
-  batches_ = 0;
-  for (const auto& feed : feeds_) {
-    mark.tables.push_back({feed->number, feed->store()->size(), feed->store()->digest()});
-  }
-  return mark;
-}
-
-void PublisherSession::sendMark(Mark mark) {
-  std::erase_if(mark.tables,
-                [this](const Mark::Table& table) { return feedOf(table.number) == nullptr; });
+  static_cast<TableMark&>(mark) = counted;
+  std::erase_if(mark.tables, [this](const TableMark::Table& table) {
+    return walk_.table(table.number) == nullptr;
+  });
   mark.frames = frames_;
   out_.push(mark.encode());
   merged_ += mark.merged;
@@ -310,7 +245,7 @@ void PublisherSession::timePasses(milliseconds time) {
     if (age_ >= helloLimit) end(ByeReason::protocol, "no HELLO");
     return;
   }
-  if (frames_ != 0 || isBehind()) roundAge_ += time;
+  if (frames_ != 0 || walk_.isBehind()) roundAge_ += time;
   if (silence_ >= heartbeatsOfSilence * heartbeat_) {
     return end(ByeReason::silence,
                "nothing was received for " + std::to_string(silence_.count() / 1000) + " seconds");
@@ -325,19 +260,12 @@ void PublisherSession::end(ByeReason reason, const std::string& text) {
   if (isOver_) return;
   isOver_ = true;
   endText_ = text;
-  feeds_.clear();
+  walk_.clear();
+  gone_.clear();
   captured_.clear();
   capturedMark_.reset();
   out_.dropUnbegun();
   out_.push(Bye{reason, text}.encode());
-}
-
-std::vector<std::string> PublisherSession::tables() const {
-  std::vector<std::string> names;
-  for (const auto& feed : feeds_) {
-    if (feed->store() != nullptr) names.push_back(feed->store()->name());
-  }
-  return names;
 }
 
 }  // namespace Korvo::detail

@@ -12,24 +12,12 @@
 #include <string>
 #include <vector>
 
-#include "TableStore.h"
+#include "TableWalk.h"
 #include "TableWire.h"
 
 namespace Korvo::detail {
 
-using std::chrono::milliseconds;
-
-/// What the sessions of a publisher have in common.
-struct Publication {
-  std::string name;
-  std::uint64_t epoch = 0;
-  std::shared_ptr<SequenceSource> source = std::make_shared<SequenceSource>();
-  bool isComplete = true;
-  milliseconds heartbeat{5000};
-  std::vector<TableStore*> tables;
-};
-
-class PublisherSession {
+class PublisherSession final : private TableWalk::User {
  public:
   /// Told when there may be something to send.
   class Owner {
@@ -47,10 +35,10 @@ class PublisherSession {
   };
 
   /// Both outlive the session.
-  PublisherSession(Publication& publication, Owner& owner);
+  PublisherSession(const Publication& publication, Owner& owner);
   PublisherSession(const PublisherSession&) = delete;
   PublisherSession& operator=(const PublisherSession&) = delete;
-  ~PublisherSession();
+  ~PublisherSession() = default;
 
   /// Takes what the subscriber sent. Throws std::bad_alloc.
   void receive(std::span<const byte_t> bytes);
@@ -68,7 +56,7 @@ class PublisherSession {
 
   // For people.
   const std::string& subscriber() const { return subscriber_; }
-  std::vector<std::string> tables() const;
+  std::vector<std::string> tables() const { return walk_.names(); }
   std::uint64_t acked() const { return acked_; }
   std::uint64_t merged() const { return merged_; }
   std::uint64_t refused() const { return refused_; }
@@ -77,34 +65,25 @@ class PublisherSession {
   std::vector<RowNote> takeNotes() { return std::exchange(notes_, {}); }
 
  private:
-  struct Feed;
-  struct Captured {
-    std::uint16_t table;
-    oid_t oid;
-    KoPtr<KoRowBuf> row;  ///< null: it is gone
-  };
+  void changesCome() override { owner_.sessionHasNews(); }
+  void tableIsGone() noexcept override;
 
   bool take(const Frame& frame);
   void takeHello(const Hello& hello);
   Welcome::Table admit(const Hello::Table& wanted, std::size_t& layoutBytes);
-  Feed* feedOf(std::uint16_t number);
-  bool isBehind() const;
-  bool sendNext();
-  bool sendChange(Feed& feed);
+  void sendNext();
   void sendCaptured();
-  void pushOids(std::uint16_t table, std::span<const oid_t> oids);
+  void send(TableSender::Change change);
+  void sendGone();
   bool isStarved() const;
   void capture();
-  Mark makeMark();
-  void sendMark(Mark mark);
-  void batchComes();
+  void sendMark(const TableMark& mark);
 
-  Publication& publication_;
+  const Publication& publication_;
   Owner& owner_;
   FrameReader reader_;
   OutQueue out_;
-  std::vector<std::unique_ptr<Feed>> feeds_;
-  std::size_t turn_ = 0;  ///< the feed that is being told
+  TableWalk walk_;
 
   bool isWelcome_ = false;
   bool isOver_ = false;
@@ -117,13 +96,13 @@ class PublisherSession {
   milliseconds roundAge_{0};
 
   bool markIsDue_ = false;
-  std::uint64_t frames_ = 0;   ///< of the round
-  std::uint64_t rows_ = 0;     ///< of the round
-  std::uint64_t batches_ = 0;  ///< since the last mark
-  std::uint64_t lastBatch_ = 0;
-  std::vector<Captured> captured_;
+  std::uint64_t frames_ = 0;  ///< of the round
+  std::uint64_t rows_ = 0;    ///< of the round
+  std::uint16_t goneOf_ = 0;  ///< the table of `gone_`
+  std::vector<oid_t> gone_;   ///< removals that go in one frame
+  std::vector<TableSender::Change> captured_;
   std::size_t capturedSent_ = 0;
-  std::optional<Mark> capturedMark_;
+  std::optional<TableMark> capturedMark_;
 
   std::uint64_t acked_ = 0;
   std::uint64_t merged_ = 0;

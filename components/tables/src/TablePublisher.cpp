@@ -7,6 +7,8 @@
 #include <utility>
 
 #include "PublisherSession.h"
+#include "TableEngines.h"
+#include "TableWalk.h"
 #include "UnixSocket.h"
 
 namespace Korvo {
@@ -14,6 +16,7 @@ namespace Korvo {
 using detail::milliseconds;
 using detail::PublisherSession;
 using detail::TableStore;
+using detail::TableWalk;
 
 namespace {
 
@@ -36,6 +39,7 @@ class TablePublisher::Impl final : public std::enable_shared_from_this<Impl>,
                                    private Velto::Platform::TimeoutHandler {
  public:
   class Connection;
+  class Outlet;
   class Published;
 
   Impl(const std::string& name, const KoPtr<Scheduler>& scheduler, const Options& options);
@@ -43,6 +47,7 @@ class TablePublisher::Impl final : public std::enable_shared_from_this<Impl>,
   void start();
   void end() noexcept;
   void add(AnyTable& table);
+  void listen(const std::string& address);
   void accept(const std::shared_ptr<ByteListener>& listener);
   void take(std::unique_ptr<ByteStream> stream);
   void drop(Connection& connection, const std::string& reason);
@@ -55,6 +60,7 @@ class TablePublisher::Impl final : public std::enable_shared_from_this<Impl>,
   const Options options;
   detail::Publication publication;
   std::list<std::unique_ptr<Connection>> connections;
+  std::vector<std::unique_ptr<Outlet>> outlets;
   std::vector<std::unique_ptr<Published>> published;
   std::vector<std::shared_ptr<ByteListener>> listeners;
   std::unique_ptr<Velto::Platform::TimerControl> timer;
@@ -187,6 +193,66 @@ class TablePublisher::Impl::Connection final : public Schedulable,
   std::string reason_;
 };
 
+/// What passes changes on through an engine, as a unit.
+class TablePublisher::Impl::Outlet final : public Schedulable,
+                                           private TableWalk::User,
+                                           private TableOutlet::User {
+ public:
+  Outlet(Impl& impl, const std::string& address)
+      : Schedulable(impl.publication.name, impl.scheduler),
+        impl_(impl),
+        walk_(impl.publication, *this) {
+    for (TableStore* table : impl.publication.tables) add(*table);
+    outlet_ =
+        detail::engineFor(address)->outlet(address, impl.scheduler, impl.options, walk_, *this);
+    clientReadyIs(true);
+    runnableIs(true);
+  }
+
+  void add(TableStore& table) { walk_.add(table, tables_++); }
+  bool isFull() const { return tables_ == detail::maxTables; }
+
+  void timePasses(milliseconds time) {
+    guarded([&] { outlet_->timePasses(time); });
+    runnableIs(true);
+  }
+
+  Subscriber status() const {
+    const TableOutlet::Status status = outlet_->status();
+    return {status.name, walk_.names(), walk_.head() - status.acked, status.merged,
+            0,           status.unsent};
+  }
+
+ private:
+  void changesCome() override { runnableIs(true); }
+  void tableIsGone() noexcept override {
+    guarded([&] { runnableIs(true); });
+  }
+  void outletHasWork() override { runnableIs(true); }
+  bool outletShouldYield() override { return shouldYield(); }
+
+  void run(bool) override {
+    const std::shared_ptr<Impl> impl = impl_.shared_from_this();
+    impl->keepTime();
+    guarded([&] { outlet_->work(); });
+  }
+
+  /// Without memory it is tried again at the next heartbeat.
+  template <typename Work>
+  void guarded(const Work& work) noexcept {
+    try {
+      work();
+    } catch (const std::bad_alloc&) {
+      // See above.
+    }
+  }
+
+  Impl& impl_;
+  TableWalk walk_;
+  std::uint16_t tables_ = 0;
+  std::unique_ptr<TableOutlet> outlet_;
+};
+
 TablePublisher::Impl::Impl(const std::string& name, const KoPtr<Scheduler>& schedulerOfAll,
                            const Options& optionsGiven)
     : scheduler(schedulerOfAll),
@@ -229,6 +295,7 @@ void TablePublisher::Impl::end() noexcept {
     connection->flush();
   }
   connections.clear();
+  outlets.clear();
   for (TableStore* table : publication.tables) table->isPublished = false;
   published.clear();
 }
@@ -248,6 +315,9 @@ void TablePublisher::Impl::add(AnyTable& table) {
     }
   }
   static_cast<void>(fingerprint(store.layout()));  // a layout that can be told
+  for (const auto& outlet : outlets) {
+    if (outlet->isFull()) throw KoInvalidArgument("More than 256 tables - (" + store.name() + ")");
+  }
   publication.tables.reserve(publication.tables.size() + 1);
   published.push_back(std::make_unique<Published>(*this, store));
   publication.tables.push_back(&store);
@@ -257,6 +327,18 @@ void TablePublisher::Impl::add(AnyTable& table) {
   for (const auto& connection : connections) {
     connection->session.end(detail::ByeReason::changed, "there is another table");
     connection->runnableIs(true);
+  }
+  for (const auto& outlet : outlets) {
+    outlet->add(store);
+    outlet->runnableIs(true);
+  }
+}
+
+void TablePublisher::Impl::listen(const std::string& address) {
+  if (detail::isSocketAddress(address)) {
+    accept(detail::listenTo(address, options.socketMode, scheduler));
+  } else {
+    outlets.push_back(std::make_unique<Outlet>(*this, address));
   }
 }
 
@@ -289,6 +371,7 @@ void TablePublisher::Impl::drop(Connection& connection, const std::string& reaso
 
 void TablePublisher::Impl::wakeAll() {
   for (const auto& connection : connections) connection->runnableIs(true);
+  for (const auto& outlet : outlets) outlet->runnableIs(true);
 }
 
 void TablePublisher::Impl::keepTime() noexcept {
@@ -302,6 +385,7 @@ void TablePublisher::Impl::keepTime() noexcept {
 void TablePublisher::Impl::onTimeout() {
   keepTime();
   for (const auto& connection : connections) connection->timePasses(step);
+  for (const auto& outlet : outlets) outlet->timePasses(step);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -321,7 +405,7 @@ void TablePublisher::add(AnyTable& table) {
 }
 
 void TablePublisher::listen(const std::string& address) {
-  impl_->accept(detail::listenTo(address, impl_->options.socketMode, impl_->scheduler));
+  impl_->listen(address);
 }
 
 void TablePublisher::accept(const std::shared_ptr<ByteListener>& listener) {
@@ -350,7 +434,9 @@ void TablePublisher::historyIs(std::uint64_t epoch, std::uint64_t sequence) {
   if (epoch == 0 || sequence < publication.source->last) {
     throw KoInvalidArgument("Not a later position - (" + std::to_string(sequence) + ")");
   }
-  if (!impl_->connections.empty()) throw KoInvalidArgument("Subscribers are connected");
+  if (!impl_->connections.empty() || !impl_->outlets.empty()) {
+    throw KoInvalidArgument("Subscribers are connected");
+  }
   publication.epoch = epoch;
   publication.source->last = sequence;
   for (TableStore* table : publication.tables) table->historyIs(sequence);
@@ -364,6 +450,7 @@ std::vector<TablePublisher::Subscriber> TablePublisher::subscribers() const {
     all.push_back({session.subscriber(), session.tables(), sequence() - session.acked(),
                    session.merged(), session.refused(), session.out().size()});
   }
+  for (const auto& outlet : impl_->outlets) all.push_back(outlet->status());
   return all;
 }
 

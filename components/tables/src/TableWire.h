@@ -20,6 +20,7 @@
 //
 // Numbers are little-endian, texts a length and their bytes.
 
+#include <Korvo/TableEngine.h>
 #include <Korvo/baseRow.h>
 #include <Korvo/layoutText.h>
 #include <sys/uio.h>
@@ -64,9 +65,9 @@ inline constexpr std::size_t maxTables = 256;  ///< of a connection
 inline constexpr std::size_t maxOidsOfDel = 4096;
 
 /// What the other side sent is not what it may send; the text tells what.
-class ProtocolError : public KoInvalidArgument {
+class ProtocolError : public TableFault {
  public:
-  using KoInvalidArgument::KoInvalidArgument;
+  using TableFault::TableFault;
 };
 
 enum class ByeReason : byte_t {
@@ -212,16 +213,8 @@ struct Welcome {
   static Welcome decode(std::span<const byte_t> body);
 };
 
-struct Mark {
-  struct Table {
-    std::uint16_t number = 0;
-    std::uint64_t rows = 0;
-    std::uint64_t digest = 0;
-  };
-  std::uint64_t sequence = 0;
+struct Mark : TableMark {
   std::uint64_t frames = 0;  ///< WHOLE, ROW and DEL since the last mark
-  std::uint64_t merged = 0;  ///< batches told together with the last one
-  std::vector<Table> tables;
 
   std::vector<byte_t> encode() const;
   static Mark decode(std::span<const byte_t> body);

@@ -1,6 +1,7 @@
 // Batches from other threads.
 
 #include <Korvo/EventLoop.h>
+#include <Korvo/TableEngine.h>
 #include <Korvo/TableMailbox.h>
 
 #include <atomic>
@@ -138,6 +139,40 @@ TEST_F(TableMailboxTest, ManyThreadsPost) {
   EXPECT_TRUE(isWhole);
   ASSERT_EQ(ports.size(), 10U * threads);
   for (const Port& row : ports) EXPECT_EQ(row.get<"speed">(), batches);
+}
+
+TEST_F(TableMailboxTest, SignalsOfThreadsAreToldOnTheLoopsThread) {
+  std::atomic<int> given = 0;
+  int told = 0;
+  const auto owner = std::this_thread::get_id();
+  Korvo::ThreadSignal signal(loop, [&] {
+    EXPECT_EQ(std::this_thread::get_id(), owner);
+    told = given;
+  });
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      for (int k = 0; k < 1000; ++k) {
+        ++given;
+        signal.give();
+      }
+    });
+  }
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (told != 4000 && std::chrono::steady_clock::now() < end) loop->run(0, 0.001, false);
+  EXPECT_EQ(told, 4000);
+}
+
+TEST_F(TableMailboxTest, SignalMayEndInWhatItTells) {
+  int told = 0;
+  std::unique_ptr<Korvo::ThreadSignal> signal;
+  signal = std::make_unique<Korvo::ThreadSignal>(loop, [&] {
+    ++told;
+    signal.reset();
+  });
+  signal->give();
+  loop->run(0, 0.01, false);
+  EXPECT_EQ(told, 1);
 }
 
 }  // namespace

@@ -78,8 +78,9 @@ class KORVO_API TablePublisher {
   void add(AnyTable& table);
 
   /// Listens on a Unix-domain socket: "unix:/run/korvo/portAgent". Only this process's user may
-  /// connect, unless told otherwise. Throws KoInvalidArgument for another address, and
-  /// std::system_error if somebody listens there or the path cannot be used.
+  /// connect, unless told otherwise. An address of an engine (see TableEngine.h) passes the tables
+  /// on there. Throws KoInvalidArgument for another address or one whose engine the program has not
+  /// registered, and std::system_error if somebody listens there or the path cannot be used.
   void listen(const std::string& address);
   /// Takes what connects there.
   void accept(const std::shared_ptr<ByteListener>& listener);

@@ -1,0 +1,395 @@
+#include "TableCopies.h"
+
+#include <Korvo/rowCheck.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <utility>
+
+#include "TableWire.h"
+
+namespace Korvo::detail {
+
+namespace {
+
+/// About what is kept of a row that was told, beside its bytes.
+constexpr std::size_t keptOfRow = 64;
+constexpr std::size_t mostProblems = 1000;  ///< that wait for being told
+
+KoPtr<KoRowBuf> newBuffer(std::size_t length) {
+  auto buffer = std::make_shared<KoRowBuf>();
+  buffer->buf_ = static_cast<byte_t*>(std::malloc(length));
+  if (buffer->buf_ == nullptr) throw std::bad_alloc();
+  return buffer;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// A table
+
+TableCopy::TableCopy(TableStore& table, ConversionRules rules)
+    : Cursor(table, false), rules_(std::move(rules)) {}
+
+void TableCopy::Round::dropChanged(oid_t oid) {
+  if (const auto former = changed.extract(oid)) {
+    changedBytes -= loadField<len_t>(former.mapped()->buf_);
+  }
+}
+
+std::size_t TableCopy::Round::memory() const {
+  return changedBytes + keptOfRow * (rows.size() + gone.size() + changed.size());
+}
+
+TableCopy::Outcome TableCopy::outcome() const {
+  Outcome result{sent_.size(), digest_, {}};
+  const TableStore& table = *store();
+  const auto remove = [&](oid_t oid) {
+    if (table.find(oid) != noSlot) result.operations.push_back({oid, nullptr});
+  };
+  if (round_.isWhole) {
+    result.rows = round_.rows.size();
+    result.digest = 0;
+    for (const auto& [oid, hash] : round_.rows) result.digest ^= hash;
+    for (Slot slot = table.slotFrom(0); slot != noSlot; slot = table.slotFrom(slot + 1)) {
+      if (!round_.rows.contains(table.oid(slot))) remove(table.oid(slot));
+    }
+  } else {
+    for (const auto& [oid, hash] : round_.rows) {
+      const auto known = sent_.find(oid);
+      if (known == sent_.end()) {
+        ++result.rows;
+      } else {
+        result.digest ^= known->second;
+      }
+      result.digest ^= hash;
+    }
+    for (const oid_t oid : round_.gone) {
+      const auto known = sent_.find(oid);
+      if (known == sent_.end()) continue;
+      result.digest ^= known->second;
+      --result.rows;
+      remove(oid);
+    }
+  }
+  for (const auto& [oid, buffer] : round_.changed) result.operations.push_back({oid, buffer});
+  return result;
+}
+
+void TableCopy::prepare() {
+  if (!round_.isWhole) sent_.reserve(sent_.size() + round_.rows.size());
+}
+
+void TableCopy::adopt(const Outcome& result, const TablePosition& position) noexcept {
+  if (round_.isWhole) {
+    sent_ = std::move(round_.rows);
+  } else {
+    for (const oid_t oid : round_.gone) sent_.erase(oid);
+    for (const auto& [oid, hash] : round_.rows) sent_.erase(oid);
+    sent_.merge(round_.rows);
+  }
+  digest_ = result.digest;
+  position_ = position;
+  round_ = {};
+}
+
+// ---------------------------------------------------------------------------------------------
+// What is kept over links
+
+void TableCopies::add(TableStore& store, const ConversionRules& rules) {
+  store.checkThread();
+  if (store.name().size() > maxText) {
+    throw KoInvalidArgument("Name exceeds 255 bytes - (" + store.name() + ")");
+  }
+  if (store.isPublished || store.isSubscribed) {
+    throw KoInvalidArgument("Published or subscribed already - (" + store.name() + ")");
+  }
+  std::size_t count = 0;
+  for (const auto& copy : copies_) {
+    if (copy->store() == nullptr) continue;
+    ++count;
+    if (copy->store()->name() == store.name()) {
+      throw KoInvalidArgument("Another table has the name - (" + store.name() + ")");
+    }
+  }
+  if (count >= maxTables) throw KoInvalidArgument("More than 256 tables - (" + store.name() + ")");
+  static_cast<void>(LayoutComparison(store.layout(), store.layout(), rules));
+  auto copy = std::make_unique<TableCopy>(store, rules);
+  copies_.reserve(copies_.size() + 1);
+  const bool hasRows = store.size() != 0;
+  store.stateIs(hasRows ? TableState::stale : TableState::loading, "not connected");
+  store.hasFirstRows = hasRows;
+  store.sourceIs(source_);
+  store.isSubscribed = true;
+  copies_.push_back(std::move(copy));
+}
+
+void TableCopies::release() noexcept {
+  for (const auto& copy : copies_) {
+    if (copy->store() != nullptr) copy->store()->isSubscribed = false;
+  }
+}
+
+void TableCopies::removeStaleRows() {
+  std::vector<std::unique_ptr<TableStore::Commit>> commits;
+  for (const auto& copy : copies_) {
+    TableStore* const table = copy->store();
+    if (table == nullptr || table->state() == TableState::current) continue;
+    std::vector<RowOperation> removals;
+    for (Slot slot = table->slotFrom(0); slot != noSlot; slot = table->slotFrom(slot + 1)) {
+      removals.push_back({table->oid(slot), nullptr});
+    }
+    auto commit = std::make_unique<TableStore::Commit>(*table, removals);
+    if (!commit->changesNothing()) commits.push_back(std::move(commit));
+  }
+  const std::uint64_t sequence = source_->last + 1;
+  for (const auto& commit : commits) commit->apply(sequence);
+  for (const auto& copy : copies_) {
+    if (copy->store() != nullptr && copy->store()->state() != TableState::current) {
+      copy->forgetPosition();
+    }
+  }
+}
+
+void TableCopies::tell(Problem problem) {
+  if (problems_.size() < mostProblems) problems_.push_back(std::move(problem));
+}
+
+const AnyTable* TableCopies::table(std::size_t number) const {
+  const TableStore* const known = store(number);
+  return known == nullptr ? nullptr : known->table;
+}
+
+// ---------------------------------------------------------------------------------------------
+// A link
+
+void TableCopies::begin(User& user) {
+  std::erase_if(copies_, [](const auto& copy) { return copy->store() == nullptr; });
+  for (const auto& copy : copies_) {
+    copy->plan_.reset();
+    copy->wasWhole_ = false;
+    copy->round_ = {};
+  }
+  user_ = &user;
+  history_ = 0;
+  waiting_ = 0;
+  marked_ = 0;
+  hasMark_ = false;
+}
+
+void TableCopies::end(const std::string& reason) {
+  user_ = nullptr;
+  waiting_ = 0;
+  for (const auto& copy : copies_) {
+    copy->plan_.reset();
+    copy->round_ = {};
+    TableStore* const table = copy->store();
+    if (table == nullptr || table->state() == TableState::refused) continue;
+    const bool isLoading = table->state() == TableState::loading;
+    table->stateIs(isLoading ? TableState::loading : TableState::stale, reason);
+  }
+}
+
+void TableCopies::publisherIs(const std::string& name, std::uint64_t history) {
+  publisher_ = name;
+  history_ = history;
+}
+
+bool TableCopies::accept(std::size_t number, const LayoutFingerprint& layout,
+                         const std::string& layoutText) {
+  TableCopy& copy = *copies_[number];
+  TableStore* const table = copy.store();
+  if (table == nullptr) return false;
+  try {
+    const DynamicLayout theirs(layoutText);
+    if (theirs.fingerprint() != layout) {
+      refuseTable(number, "the layout is not that of its fingerprint");
+      return false;
+    }
+    copy.plan_.emplace(theirs.info(), table->layout(), copy.rules_);
+  } catch (const KoBaseException& error) {
+    refuseTable(number, table->name() + ": " + error.what());
+    return false;
+  }
+  copy.isSame_ = copy.plan_->comparison().conversion() == Conversion::same;
+  table->stateIs(table->hasFirstRows ? TableState::stale : TableState::loading,
+                 "rows come from " + publisher_);
+  return true;
+}
+
+void TableCopies::refuse(std::size_t number, const std::string& reason) {
+  TableCopy& copy = *copies_[number];
+  copy.plan_.reset();
+  forgetRound(copy);
+  if (copy.store() != nullptr) copy.store()->stateIs(TableState::refused, reason);
+}
+
+void TableCopies::refuseTable(std::size_t number, const std::string& text) {
+  TableCopy& copy = *copies_[number];
+  copy.forgetPosition();
+  refuse(number, text);
+  if (user_ != nullptr) user_->tableIsRefused(static_cast<std::uint16_t>(number), text);
+  tell({copy.store()->name(), std::nullopt, text});
+}
+
+void TableCopies::refuseRow(std::size_t number, oid_t oid, const std::string& text) {
+  ++counts_.refusedRows;
+  if (user_ != nullptr) user_->rowIsRefused(static_cast<std::uint16_t>(number), oid, text);
+  tell({copies_[number]->store()->name(), oid, text});
+}
+
+void TableCopies::forgetRound(TableCopy& copy) {
+  waiting_ -= copy.round_.weight;
+  copy.round_ = {};
+}
+
+void TableCopies::weigh(std::size_t number) {
+  TableCopy::Round& round = copies_[number]->round_;
+  const std::size_t memory = round.memory();
+  waiting_ += memory - std::exchange(round.weight, memory);
+  if (waiting_ <= mostWaiting_) return;
+  refuseTable(number, "more than " + std::to_string(mostWaiting_) + " bytes wait for a mark");
+}
+
+// ---------------------------------------------------------------------------------------------
+// A round
+
+void TableCopies::whole(std::size_t number) {
+  TableCopy& copy = *copies_[number];
+  forgetRound(copy);
+  copy.round_.isWhole = true;
+  copy.wasWhole_ = true;
+}
+
+void TableCopies::row(std::size_t number, std::span<const byte_t> bytes) {
+  if (!copies_[number]->isTaken()) return;
+  if (bytes.size() < rowHeaderLength ||
+      loadField<len_t>(bytes.data() + rowLengthOffset) != bytes.size()) {
+    throw TableFault("a row of another length than its frame");
+  }
+  takeRow(number, bytes);
+  weigh(number);
+}
+
+void TableCopies::takeRow(std::size_t number, std::span<const byte_t> row) {
+  TableCopy& copy = *copies_[number];
+  TableCopy::Round& round = copy.round_;
+  const TableStore& table = *copy.store();
+  const byte_t* const bytes = row.data();
+  const auto oid = loadField<oid_t>(bytes + rowOidOffset);
+  round.rows[oid] = rowHash(bytes);
+  round.gone.erase(oid);
+  round.dropChanged(oid);
+
+  const LayoutInfo& theirs = copy.plan_->comparison().sender().info();
+  if (const RowFault bad = checkRow(bytes, row.size(), theirs)) {
+    return refuseRow(number, oid, bad.text());
+  }
+  if (loadField<std::uint16_t>(bytes + rowTypeOffset) != theirs.rowType) {
+    return refuseRow(number, oid, "another row type");
+  }
+  std::size_t length = row.size();
+  if (!copy.isSame_) {
+    try {
+      length = copy.plan_->convertedLength(bytes, row.size());
+    } catch (const KoBaseException& error) {
+      return refuseRow(number, oid, error.what());
+    }
+  }
+  const Slot present = table.find(oid);
+  const auto equalsPresent = [&](const byte_t* other) {
+    return present != noSlot && rowsEqual(other, table.buffer(present)->buf_, table.layout());
+  };
+  if (copy.isSame_ && equalsPresent(bytes)) return;
+  KoPtr<KoRowBuf> buffer = newBuffer(length);
+  if (copy.isSame_) {
+    std::memcpy(buffer->buf_, bytes, length);
+  } else {
+    copy.plan_->write(bytes, buffer->buf_);
+    if (equalsPresent(buffer->buf_)) return;
+  }
+  round.changed.emplace(oid, std::move(buffer));
+  round.changedBytes += length;
+}
+
+void TableCopies::remove(std::size_t number, oid_t oid) {
+  TableCopy& copy = *copies_[number];
+  if (!copy.isTaken()) return;
+  copy.round_.gone.insert(oid);
+  copy.round_.rows.erase(oid);
+  copy.round_.dropChanged(oid);
+  weigh(number);
+}
+
+std::string TableCopies::mark(const TableMark& mark) {
+  if (hasMark_ && mark.sequence < marked_) throw TableFault("the sequence went back");
+  struct Part {
+    TableCopy* copy;
+    TableCopy::Outcome outcome;
+  };
+  std::vector<Part> parts;
+  std::vector<bool> isMarked(copies_.size());
+  for (const TableMark::Table& told : mark.tables) {
+    if (told.number >= copies_.size() || isMarked[told.number]) {
+      throw TableFault("table number " + std::to_string(told.number));
+    }
+    isMarked[told.number] = true;
+    TableCopy& copy = *copies_[told.number];
+    if (!copy.isTaken()) continue;
+    // A position of another history means nothing in this one.
+    const TablePosition& from = copy.position();
+    if (!copy.wasWhole_ && (from.history != history_ || mark.sequence < from.sequence)) {
+      throw TableFault("a table was not told as a whole");
+    }
+    parts.push_back({&copy, copy.outcome()});
+    if (parts.back().outcome.rows == told.rows && parts.back().outcome.digest == told.digest) {
+      continue;
+    }
+    ++counts_.digestFaults;
+    copy.forgetPosition();
+    const std::string text = "the rows of " + copy.store()->name() + " are not the publisher's";
+    tell({copy.store()->name(), std::nullopt, text});
+    return text;
+  }
+  for (std::size_t i = 0; i < copies_.size(); ++i) {
+    if (copies_[i]->isTaken() && !isMarked[i]) throw TableFault("a mark without a table");
+  }
+
+  // From here on nothing may be half done: all that can fail comes first.
+  std::vector<std::unique_ptr<TableStore::Commit>> commits;
+  for (Part& part : parts) {
+    part.copy->prepare();
+    commits.push_back(
+        std::make_unique<TableStore::Commit>(*part.copy->store(), part.outcome.operations));
+  }
+  const std::uint64_t sequence = source_->last + 1;
+  for (const auto& commit : commits) commit->apply(sequence);
+  for (const Part& part : parts) part.copy->adopt(part.outcome, {history_, mark.sequence});
+
+  waiting_ = 0;
+  marked_ = mark.sequence;
+  hasMark_ = true;
+  ++counts_.marks;
+  counts_.merged += mark.merged;
+  faultAt_.reset();
+  for (const Part& part : parts) {
+    TableStore& table = *part.copy->store();
+    table.hasFirstRows = true;
+    if (table.state() != TableState::current) table.stateIs(TableState::current, "");
+  }
+  return "";
+}
+
+void TableCopies::fault(const std::string& text) {
+  std::uint64_t position = 0;
+  for (const auto& copy : copies_) {
+    if (copy->position().history != 0) position = std::max(position, copy->position().sequence);
+  }
+  const bool isSecond = faultAt_ == position;
+  faultAt_ = position;
+  if (!isSecond) return;
+  for (const auto& copy : copies_) copy->forgetPosition();
+  tell({"", std::nullopt, "all rows are asked for: " + text});
+}
+
+}  // namespace Korvo::detail
