@@ -5,11 +5,14 @@
 #     SOURCES src/EventLoop.cpp
 #     HEADERS src-includes/api/Korvo/EventLoop.h
 #     MODULES libuv            # what it links, as pkg-config calls it
+#     COMPONENTS Other         # further components that it is built on
 #     INCLUDE_DIR include)     # unless the headers stand in src-includes/api
 #
 # makes Korvo::EventLoop: a library libKorvoEventLoop on top of KorvoAPI that find_package(KorvoAPI
 # COMPONENTS EventLoop), pkg-config KorvoEventLoop and add_subdirectory give. What the sources need
-# beyond that is added to the target KorvoEventLoop. Its Debian package: debian/README.source.
+# beyond that is added to the target KorvoEventLoop. A component with a folder of its own is made by
+# components/FOLDER/CMakeLists.txt, and its tests by components/FOLDER/tests/CMakeLists.txt. Its
+# Debian package and what else names the components: debian/README.source.
 
 # korvo_add_library(TARGET EXPORT_NAME SOURCES... HEADERS... [INCLUDE_DIR...]): a library and its
 # alias.
@@ -25,6 +28,9 @@ function(korvo_add_library target export_name)
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR}
     POSITION_INDEPENDENT_CODE ON
+    # All libraries beside each other, wherever their sources are.
+    LIBRARY_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}"
+    ARCHIVE_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}"
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON
     # Installed libraries find each other beside themselves, wherever the folder is.
@@ -39,25 +45,40 @@ function(korvo_add_library target export_name)
 endfunction()
 
 function(korvo_add_component name)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "DESCRIPTION;INCLUDE_DIR" "SOURCES;HEADERS;MODULES")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "DESCRIPTION;INCLUDE_DIR"
+                        "SOURCES;HEADERS;MODULES;COMPONENTS")
   set(target Korvo${name})
   korvo_add_library(${target} ${name} SOURCES ${arg_SOURCES} HEADERS ${arg_HEADERS}
                     INCLUDE_DIR ${arg_INCLUDE_DIR})
   target_link_libraries(${target} PUBLIC Korvo::KorvoAPI)
+  # All that it is built on, those first that others are built on.
+  set(components)
+  foreach(component IN LISTS arg_COMPONENTS)
+    target_link_libraries(${target} PUBLIC Korvo::${component})
+    get_target_property(below Korvo${component} KORVO_COMPONENTS)
+    list(APPEND components ${below} ${component})
+  endforeach()
+  list(REMOVE_DUPLICATES components)
+  set_target_properties(${target} PROPERTIES KORVO_COMPONENTS "${components}")
   if(arg_MODULES)
     find_package(PkgConfig REQUIRED)
   endif()
   foreach(module IN LISTS arg_MODULES)
-    pkg_check_modules(${module} REQUIRED IMPORTED_TARGET ${module})
+    pkg_check_modules(${module} REQUIRED IMPORTED_TARGET GLOBAL ${module})
     target_link_libraries(${target} PRIVATE PkgConfig::${module})
   endforeach()
   if(KORVO_INSTALL)
     list(JOIN arg_MODULES ", " modules)
-    korvo_install(${target} "${PROJECT_DESCRIPTION}: ${arg_DESCRIPTION}"
-                  "KorvoAPI = ${PROJECT_VERSION}" "${modules}")
+    set(requires "KorvoAPI = ${PROJECT_VERSION}")
+    foreach(component IN LISTS arg_COMPONENTS)
+      list(APPEND requires "Korvo${component} = ${PROJECT_VERSION}")
+    endforeach()
+    korvo_install(${target} "${PROJECT_DESCRIPTION}: ${arg_DESCRIPTION}" "${requires}" "${modules}")
     # For the CMake package.
-    set_property(GLOBAL APPEND_STRING PROPERTY KORVO_COMPONENT_MODULES
-                 "set(_korvo_${name}_modules ${arg_MODULES})\n")
+    set_property(GLOBAL APPEND_STRING PROPERTY KORVO_COMPONENT_NEEDS
+"set(_korvo_${name}_components ${components})
+set(_korvo_${name}_modules ${arg_MODULES})
+")
   endif()
 endfunction()
 

@@ -1,7 +1,7 @@
 # The CMake package and what is installed once. It finds everything relative to where it stands, so
 # that an installed tree can be moved; so do the pkg-config files.
 
-get_property(KORVO_COMPONENT_MODULES GLOBAL PROPERTY KORVO_COMPONENT_MODULES)
+get_property(KORVO_COMPONENT_NEEDS GLOBAL PROPERTY KORVO_COMPONENT_NEEDS)
 if(TARGET korvo)
   install(TARGETS korvo EXPORT KorvoToolTargets RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   install(EXPORT KorvoToolTargets NAMESPACE Korvo:: DESTINATION ${KORVO_CMAKE_DIR})

@@ -1,5 +1,5 @@
 #!/bin/bash
-# The libraries' binary interfaces, as abi/{KorvoAPI,KorvoEventLoop}.{x86_64,i386}.abi describe them.
+# The libraries' binary interfaces, as abi/LIBRARY.{x86_64,i386}.abi describe them.
 #
 #   scripts/abi.sh --check            reports how the sources' interface differs from them
 #   scripts/abi.sh --update           writes them anew: an intended change becomes a visible edit
@@ -7,7 +7,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-libraries=(KorvoAPI KorvoEventLoop)
+libraries=(KorvoAPI KorvoEventLoop KorvoTables)
 
 # describe ARCHITECTURE OPTION...: builds the libraries and writes what abidw says of each to
 # build/abi/LIBRARY.ARCHITECTURE.abi.
@@ -15,7 +15,7 @@ describe() {
   local architecture=$1 build=build/abi/$1
   shift
   cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKORVO_TESTS=OFF \
-    -DKORVO_EXAMPLES=OFF -DKORVO_TABLES=OFF -DKORVO_EVENT_LOOP=ON "$@" >/dev/null
+    -DKORVO_EXAMPLES=OFF -DKORVO_EVENT_LOOP=ON -DKORVO_TABLES=ON "$@" >/dev/null
   cmake --build "$build" --target "${libraries[@]}" >/dev/null
   local library
   for library in "${libraries[@]}"; do

@@ -14,7 +14,7 @@ build_dependencies=(build-essential cmake debhelper libssl-dev libuv1-dev pkgcon
 copy_sources() {
   rm -rf "$(dirname "$1")"
   mkdir -p "$1"
-  git ls-files -co --exclude-standard -z '*.md' CMakeLists.txt cmake debian docs gdb scripts src src-includes |
+  git ls-files -co --exclude-standard -z '*.md' CMakeLists.txt cmake components debian docs gdb scripts src src-includes |
     xargs -0 cp --parents -t "$1"
 }
 

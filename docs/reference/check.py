@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Tells the public names that have no page or no text in the reference; fails if there are any.
 
-    check.py DOCS_DIR INCLUDE_DIR HEADER...
+    check.py DOCS_DIR INCLUDE_DIR...
 
-The names are the compiler's: everything that the headers declare in their namespaces, without
+The names are the compiler's: everything that the headers in the INCLUDE_DIRs declare in their namespaces, without
 private members and namespace detail, but for the classes there that public ones derive from. Pages
 and texts are Doxygen's, in DOCS_DIR/html and DOCS_DIR/xml. Overloads share a name and may share a
 text.
@@ -36,11 +36,12 @@ MEMBERS = {
 OWN_MACROS = {"KORVO_SETTINGS_TAG", "KORVO_THREAD_SANITIZER"}
 
 
-def parse(include_dir, headers):
+def parse(include_dirs, headers):
     resource_dir = subprocess.run(
         ["clang++-14", "-print-resource-dir"], check=True, capture_output=True, text=True
     ).stdout.strip()
-    arguments = ["-x", "c++", "-std=c++20", f"-I{include_dir}", "-resource-dir", resource_dir]
+    arguments = ["-x", "c++", "-std=c++20", "-resource-dir", resource_dir]
+    arguments += [f"-I{include_dir}" for include_dir in include_dirs]
     source = "".join(f'#include "{header}"\n' for header in headers)
     unit = cindex.Index.create().parse("all.cpp", arguments, unsaved_files=[("all.cpp", source)])
     errors = [str(each) for each in unit.diagnostics if each.severity >= cindex.Diagnostic.Error]
@@ -174,12 +175,12 @@ def described_names(docs_dir):
 
 
 def main():
-    docs_dir, include_dir = (pathlib.Path(each) for each in sys.argv[1:3])
-    headers = sys.argv[3:]
-    files = {str((include_dir / header).resolve()) for header in headers}
+    docs_dir, *include_dirs = (pathlib.Path(each) for each in sys.argv[1:])
+    headers = sorted(path for each in include_dirs for path in each.resolve().rglob("*.h"))
+    files = {str(path) for path in headers}
     names = {
         name: f"{cursor.location.file.name}:{cursor.location.line}"
-        for name, cursor in public_names(parse(include_dir, headers), files).items()
+        for name, cursor in public_names(parse(include_dirs, headers), files).items()
     }
     names |= macros(files)
     if not names:

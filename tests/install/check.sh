@@ -6,8 +6,8 @@
 #
 # The installed tree is left in WORK_DIR/moved.
 #
-# KORVO_SPOIL=header, library, eventLoop or path damages the installed tree first, to show that the check
-# would see it.
+# KORVO_SPOIL=header, library, path or the name of a component damages the installed tree first, to
+# show that the check would see it.
 set -euo pipefail
 unset LD_LIBRARY_PATH
 here=$(cd "$(dirname "$0")" && pwd)
@@ -29,8 +29,8 @@ libdir=$(dirname "$(find "$prefix" -name pkgconfig -type d)")
 case ${KORVO_SPOIL:-} in
   header) echo 'Canary' >>"$prefix/include/Korvo/korvo_types.h" ;;
   library) rm "$libdir"/libKorvoAPI.* ;;
-  eventLoop) rm "$libdir"/libKorvoEventLoop.* ;;
   path) sed -i 's/ -Wl,-rpath,.*//' "$libdir"/pkgconfig/*.pc ;;
+  ?*) rm "$libdir/libKorvo$KORVO_SPOIL".* ;;
 esac
 
 # run_consumer PROGRAM: it prints what it should, and uses the kind of library it was linked with.
@@ -47,13 +47,17 @@ run_event_loop() {
   [ "$("$1")" = 'the timer ran out' ]
 }
 
-# The library itself comes without the event loop.
+run_tables() {
+  [ "$("$1")" = 'added eth0' ]
+}
+
+# The library itself comes without its components.
 cmake -G Ninja -S "$here/find_package" -B "$work/find_package" -DCMAKE_PREFIX_PATH="$prefix"
 cmake --build "$work/find_package"
 run_consumer "$work/find_package/consumer"
 if readelf -d "$work/find_package/consumer" "$libdir"/libKorvoAPI.so* 2>/dev/null |
-  grep -E 'NEEDED.*(libuv|EventLoop)'; then
-  echo "the library needs the event loop" >&2
+  grep -E 'NEEDED.*(libuv|libKorvo(EventLoop|Tables))'; then
+  echo "the library needs a component" >&2
   exit 1
 fi
 cmake -G Ninja -S "$here/find_package" -B "$work/event_loop" -DCMAKE_PREFIX_PATH="$prefix" \
@@ -61,6 +65,11 @@ cmake -G Ninja -S "$here/find_package" -B "$work/event_loop" -DCMAKE_PREFIX_PATH
 cmake --build "$work/event_loop"
 run_consumer "$work/event_loop/consumer"
 run_event_loop "$work/event_loop/event_loop"
+# A component brings those that it is built on.
+cmake -G Ninja -S "$here/find_package" -B "$work/tables" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCOMPONENTS=Tables
+cmake --build "$work/tables"
+run_tables "$work/tables/tables"
 echo "find_package: good"
 
 # The tool finds the library beside it, and makes row classes for those who use the package.
@@ -89,7 +98,9 @@ cmake_version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.
 [ "$header_version" = "$cmake_version" ]
 
 export PKG_CONFIG_PATH=$libdir/pkgconfig
-[ "$(pkg-config --modversion KorvoAPI)" = "$header_version" ]
+for module in KorvoAPI KorvoEventLoop KorvoTables; do
+  [ "$(pkg-config --modversion $module)" = "$header_version" ]
+done
 static=()
 [ "$shared" = ON ] || static=(--static)
 read -ra flags <<<"$(pkg-config --cflags --libs "${static[@]}" KorvoAPI)"
@@ -98,6 +109,9 @@ run_consumer "$work/pkg_config"
 read -ra flags <<<"$(pkg-config --cflags --libs "${static[@]}" KorvoEventLoop)"
 "${CXX:-c++}" -std=c++20 "$here/event_loop.cpp" -o "$work/pkg_config_event_loop" "${flags[@]}"
 run_event_loop "$work/pkg_config_event_loop"
+read -ra flags <<<"$(pkg-config --cflags --libs "${static[@]}" KorvoTables)"
+"${CXX:-c++}" -std=c++20 "$here/tables.cpp" -o "$work/pkg_config_tables" "${flags[@]}"
+run_tables "$work/pkg_config_tables"
 echo "pkg-config: good"
 
 cmake -G Ninja -S "$here/subdirectory" -B "$work/subdirectory" -DBUILD_SHARED_LIBS="$shared" \

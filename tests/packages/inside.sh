@@ -13,7 +13,8 @@ fail() {
 runs_as_expected() {
   "$1/readme" | diff expected.txt -
   [ "$("$1/event_loop")" = 'the timer ran out' ]
-  for program in "$1/readme" "$1/event_loop"; do
+  [ "$("$1/tables")" = 'added eth0' ]
+  for program in "$1/readme" "$1/event_loop" "$1/tables"; do
     if readelf -d "$program" | grep -E 'RPATH|RUNPATH'; then fail "$program has a path"; fi
     readelf -d "$program" | grep -q 'NEEDED.*libKorvo' || fail "$program has no library of ours"
   done
@@ -42,6 +43,8 @@ for architecture in "$@"; do
       -o "pkg-config-$architecture/readme"
     c++ -std=c++20 "$flags" event_loop.cpp $(pkg-config --cflags --libs KorvoEventLoop) \
       -o "pkg-config-$architecture/event_loop"
+    c++ -std=c++20 "$flags" tables.cpp $(pkg-config --cflags --libs KorvoTables) \
+      -o "pkg-config-$architecture/tables"
   }
   runs_as_expected "pkg-config-$architecture"
 
