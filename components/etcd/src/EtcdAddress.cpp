@@ -27,9 +27,8 @@ std::vector<std::string> parts(const std::string& text, char separator) {
 
 /// Names are parts of keys, which are read by people.
 bool isName(const std::string& text) {
-  return !text.empty() && text.size() <= longestName && std::ranges::all_of(text, [](char c) {
-    return c > ' ' && c != 0x7F && c != '/';
-  });
+  return !text.empty() && text.size() <= longestName &&
+         std::ranges::all_of(text, [](char c) { return c > ' ' && c != 0x7F && c != '/'; });
 }
 
 bool isMember(const std::string& text) {

@@ -3,6 +3,7 @@
 #include <Korvo/TableEngine.h>
 #include <grpcpp/generic/generic_stub.h>
 #include <grpcpp/grpcpp.h>
+#include <grpcpp/impl/codegen/proto_utils.h>  // messages are sent as they are
 
 #include <algorithm>
 #include <condition_variable>
@@ -52,8 +53,11 @@ EtcdFault faultOf(const grpc::Status& status) {
         return {Kind::denied, text};
       }
       return {Kind::other, text};
-    case grpc::StatusCode::PERMISSION_DENIED:
     case grpc::StatusCode::UNAUTHENTICATED:
+      // A token ends after some time; the next conversation has another one.
+      if (says("invalid auth token")) return {Kind::unavailable, text};
+      return {Kind::denied, text};
+    case grpc::StatusCode::PERMISSION_DENIED:
       return {Kind::denied, text};
     case grpc::StatusCode::OUT_OF_RANGE:
       if (says("compacted")) return {Kind::compacted, text};
@@ -172,8 +176,7 @@ std::chrono::nanoseconds EtcdBackoff::next() {
   return nanoseconds(std::uniform_int_distribution<nanoseconds::rep>(0, most.count())(random_));
 }
 
-class EtcdClient::Impl final : public Schedulable,
-                               public std::enable_shared_from_this<Impl> {
+class EtcdClient::Impl final : public Schedulable, public std::enable_shared_from_this<Impl> {
  public:
   /// A conversation's call or stream. It lives until all that it began has ended.
   class Conversation {
@@ -438,8 +441,8 @@ class EtcdClient::Impl final : public Schedulable,
   void finish(milliseconds most) {
     const auto end = std::chrono::steady_clock::now() + most;
     while (!conversations_.empty()) {
-      const auto left = std::chrono::duration_cast<milliseconds>(
-          end - std::chrono::steady_clock::now());
+      const auto left =
+          std::chrono::duration_cast<milliseconds>(end - std::chrono::steady_clock::now());
       if (left.count() <= 0) return;
       pump_.wait(left);
       takeEnded();

@@ -99,7 +99,8 @@ class EtcdClient {
   void revoke(const etcd::LeaseRevokeRequest& request, Done<etcd::LeaseRevokeResponse> done);
   void status(Done<etcd::StatusResponse> done);
 
-  /// `told` gets the first message, the others as they are asked for, and a fault as the last thing.
+  /// `told` gets the first message, the others as they are asked for, and a fault as the last
+  /// thing.
   std::unique_ptr<WatchStream> watch(Done<etcd::WatchResponse> told);
   std::unique_ptr<KeepAliveStream> keepAlive(Done<etcd::LeaseKeepAliveResponse> told);
 

@@ -547,8 +547,8 @@ void EtcdOutlet::written(const Fault& fault, const etcd::TxnResponse& response) 
       if (isBytes) {
         mostBytes_ /= 2;
       } else {
-        mostOperations_ = mostOperations_ > operationsOfServers ? operationsOfServers
-                                                                : mostOperations_ / 2;
+        mostOperations_ =
+            mostOperations_ > operationsOfServers ? operationsOfServers : mostOperations_ / 2;
       }
       takeBack();
       return user_.outletHasWork();
@@ -575,10 +575,10 @@ void EtcdOutlet::refused(const etcd::TxnResponse& response) {
   if (owners.empty() || owners[0].create_revision() != owner_) {
     lease_ = 0;
     owner_ = 0;
-    return lose({Fault::Kind::other,
-                 owners.empty() ? "the lease of the name ended"
-                                : "another publisher took the name " + address_.publisher + ": " +
-                                      owners[0].value()});
+    return lose({Fault::Kind::other, owners.empty()
+                                         ? "the lease of the name ended"
+                                         : "another publisher took the name " + address_.publisher +
+                                               ": " + owners[0].value()});
   }
   if (!marks.empty() && marks[0].value() == sentText_) {
     ++counters_->recognised;

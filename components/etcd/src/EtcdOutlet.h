@@ -45,9 +45,9 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   using Fault = EtcdFault;
 
   enum class Stage {
-    paused,    ///< until the timer tells
-    asking,    ///< for the name
-    ready,     ///< to read what is there, when the tables are complete
+    paused,  ///< until the timer tells
+    asking,  ///< for the name
+    ready,   ///< to read what is there, when the tables are complete
     reading,
     writing
   };
@@ -56,7 +56,7 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   struct Change {
     std::uint16_t table = 0;
     oid_t oid = 0;
-    KoPtr<KoRowBuf> row;                    ///< null: it is removed
+    KoPtr<KoRowBuf> row;                     ///< null: it is removed
     std::optional<etcd::RequestOp> request;  ///< if it is no row's
   };
 
@@ -110,10 +110,10 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   milliseconds leaseSilence_{0};
   milliseconds leaseIdle_{0};
 
-  bool isKnown_ = false;    ///< what is in the cluster is what was written from here
-  EtcdMark mark_;           ///< in the cluster
-  std::string markText_;    ///< empty: there is none
-  std::int64_t cut_ = 0;    ///< the revision of the last state
+  bool isKnown_ = false;  ///< what is in the cluster is what was written from here
+  EtcdMark mark_;         ///< in the cluster
+  std::string markText_;  ///< empty: there is none
+  std::int64_t cut_ = 0;  ///< the revision of the last state
   std::vector<TableSender::Table> tables_;
   std::vector<There> there_;
   std::size_t paged_ = 0;
@@ -128,8 +128,8 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   std::size_t bytes_ = 0;
   std::uint64_t rowsSent_ = 0;
   milliseconds roundAge_{0};
-  bool isCompared_ = true;         ///< there_ is empty
-  bool isMarkDue_ = false;         ///< even if nothing changed
+  bool isCompared_ = true;          ///< there_ is empty
+  bool isMarkDue_ = false;          ///< even if nothing changed
   std::optional<TableMark> state_;  ///< what the changes lead to, once all are there
 
   // The transaction under way.

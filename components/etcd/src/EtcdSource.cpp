@@ -25,6 +25,14 @@ constexpr std::size_t wantedBytesOfPage = std::size_t{1} << 20;
 
 /// One connection.
 class EtcdLink final : public TableLink, private TableReceiver::User {
+  /// What the client tells may come when the link is gone.
+  template <typename Work>
+  auto ifAlive(Work work) {
+    return [alive = std::weak_ptr<EtcdLink*>(self_), work = std::move(work)](auto&&... arguments) {
+      if (!alive.expired()) work(arguments...);
+    };
+  }
+
  public:
   EtcdLink(std::shared_ptr<EtcdSource> source, TableReceiver& receiver, TableLink::User& user)
       : source_(std::move(source)), receiver_(receiver), user_(user) {
@@ -79,13 +87,6 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
   void rowIsRefused(std::uint16_t, oid_t, const std::string&) override {}
   void tableIsRefused(std::uint16_t, const std::string&) override {}
 
-  /// What the client tells may come when the link is gone.
-  template <typename Work>
-  auto ifAlive(Work work) {
-    return [alive = std::weak_ptr<EtcdLink*>(self_), work = std::move(work)](auto&&... arguments) {
-      if (!alive.expired()) work(arguments...);
-    };
-  }
   /// Work for the subscriber's turn.
   void later(std::function<void()> work) {
     silence_ = milliseconds(0);
@@ -193,8 +194,7 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
     request.set_key(source_->keys_.mark());
     request.set_revision(mark.cut);
     source_->client_.range(
-        request,
-        ifAlive([this, cut = mark.cut](const Fault& fault, etcd::RangeResponse& response) {
+        request, ifAlive([this, cut = mark.cut](const Fault& fault, etcd::RangeResponse& response) {
           if (fault && fault.kind != Fault::Kind::compacted) return lose(fault);
           later([this, cut, isThere = !fault,
                  answer = std::make_shared<etcd::RangeResponse>(std::move(response))] {
@@ -340,7 +340,8 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
       const auto last = source_->keys_.rowOf(page.kvs(page.kvs_size() - 1).key());
       if (last) nextOid_ = std::uint64_t{last->oid} + 1;
     }
-    if (page.more() || bytes > 2 * wantedBytesOfPage) span_ = std::max<std::uint64_t>(span_ / 4, 16);
+    if (page.more() || bytes > 2 * wantedBytesOfPage)
+      span_ = std::max<std::uint64_t>(span_ / 4, 16);
     if (bytes < wantedBytesOfPage / 2) span_ = std::min(2 * span_, endOfOids);
   }
 
@@ -408,8 +409,8 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
 
   void startWatch(const std::string& key, const std::string& end, std::int64_t revision,
                   std::function<void(const etcd::WatchResponse&)> told) {
-    watch_ = source_->client_.watch(ifAlive(
-        [this, told = std::move(told)](const Fault& fault, etcd::WatchResponse& response) {
+    watch_ = source_->client_.watch(
+        ifAlive([this, told = std::move(told)](const Fault& fault, etcd::WatchResponse& response) {
           if (fault) return lose(fault);
           later([this, told, answer = std::make_shared<etcd::WatchResponse>(std::move(response))] {
             if (answer->canceled()) return canceled(*answer);

@@ -219,8 +219,8 @@ class TablePublisher::Impl::Outlet final : public Schedulable,
 
   Subscriber status() const {
     const TableOutlet::Status status = outlet_->status();
-    return {status.name, walk_.names(), walk_.head() - status.acked, status.merged,
-            0,           status.unsent};
+    return {status.name,   walk_.names(), walk_.head() - status.acked, status.merged, 0,
+            status.unsent, status.problem};
   }
 
  private:

@@ -7,13 +7,13 @@
 //   Korvo::TableSubscriber agent("etcd://a:2379,b:2379,c:2379/net/portAgent", loop);
 //
 // The rows stand in the cluster, each under its oid, and stay there when the publisher ends. One
-// publisher at a time writes under a name: it holds a lease, and another one waits, with a text that
-// tells who holds it, until that has ended. Subscribers see states of the publisher only, as they do
-// on sockets; while no publisher holds the name their tables are stale.
+// publisher at a time writes under a name: it holds a lease, and another one waits, with a text
+// that tells who holds it, until that has ended. Subscribers see states of the publisher only, as
+// they do on sockets; while no publisher holds the name their tables are stale.
 //
 // User, password and files for TLS are read when an address is used: from the file that
-// KORVO_ETCD_SETTINGS names, with lines `user =`, `password =`, `ca =`, `certificate =` and `key =`,
-// and from the variables KORVO_ETCD_USER, KORVO_ETCD_PASSWORD, KORVO_ETCD_CA,
+// KORVO_ETCD_SETTINGS names, with lines `user =`, `password =`, `ca =`, `certificate =` and `key
+// =`, and from the variables KORVO_ETCD_USER, KORVO_ETCD_PASSWORD, KORVO_ETCD_CA,
 // KORVO_ETCD_CERTIFICATE and KORVO_ETCD_KEY, which come first. With `ca` or `certificate` members
 // are spoken to by TLS.
 
@@ -55,11 +55,9 @@ class KORVO_API EtcdEngine final : public TableEngine {
   explicit EtcdEngine(const Options& options = {});
   ~EtcdEngine() override;
 
-  std::shared_ptr<TableSource> source(const std::string& address,
-                                      const KoPtr<Scheduler>& scheduler,
+  std::shared_ptr<TableSource> source(const std::string& address, const KoPtr<Scheduler>& scheduler,
                                       const SubscriberOptions& options) override;
-  std::unique_ptr<TableOutlet> outlet(const std::string& address,
-                                      const KoPtr<Scheduler>& scheduler,
+  std::unique_ptr<TableOutlet> outlet(const std::string& address, const KoPtr<Scheduler>& scheduler,
                                       const PublisherOptions& options, TableSender& sender,
                                       TableOutlet::User& user) override;
   Counters counters() const;

@@ -53,6 +53,7 @@ class KORVO_API TablePublisher {
     std::uint64_t merged = 0;   ///< batches that it got together with later ones
     std::uint64_t refused = 0;  ///< rows that it could not take, since it began
     std::size_t unsent = 0;     ///< bytes
+    std::string problem = {};   ///< why an engine passes nothing on; empty: it does
   };
 
   /// A row that a subscriber could not take.

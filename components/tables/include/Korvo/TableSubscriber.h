@@ -66,10 +66,10 @@ class KORVO_API TableSubscriber {
     std::string lastReason;          ///< why the last connection ended or could not be made
   };
 
-  /// Connects in its first turn, to a socket ("unix:/run/korvo/portAgent") or through an engine (see
-  /// TableEngine.h); what fails is a state with a text. Throws KoInvalidArgument for an address that
-  /// is none or whose engine the program has not registered, a name of more than 255 bytes or a
-  /// heartbeat below 100 milliseconds.
+  /// Connects in its first turn, to a socket ("unix:/run/korvo/portAgent") or through an engine
+  /// (see TableEngine.h); what fails is a state with a text. Throws KoInvalidArgument for an
+  /// address that is none or whose engine the program has not registered, a name of more than 255
+  /// bytes or a heartbeat below 100 milliseconds.
   TableSubscriber(const std::string& address, const KoPtr<Scheduler>& scheduler,
                   const Options& options = {});
   /// Connects when told with connect().
