@@ -326,7 +326,7 @@ class EtcdClient::Impl final : public Schedulable, public std::enable_shared_fro
     };
 
     void started(bool ok) {
-      if (!ok) return finish();
+      if (!ok || !told_) return finish();
       isOpen_ = true;
       readNext();
       sendNext();

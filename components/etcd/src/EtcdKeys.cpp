@@ -25,6 +25,14 @@ std::string oidDigits(oid_t oid) {
   return hex(oid, digitsOfOid);
 }
 
+std::optional<oid_t> oidOf(std::string_view digits) {
+  oid_t oid = 0;
+  const char* const end = digits.data() + digits.size();
+  const auto [read, error] = std::from_chars(digits.data(), end, oid, 16);
+  if (error != std::errc() || read != end || digits != oidDigits(oid)) return std::nullopt;
+  return oid;
+}
+
 std::string EtcdMark::encode() const {
   std::ostringstream out;
   out << magic << ' ' << version << " history " << hex(history, 16) << " sequence " << sequence
@@ -74,14 +82,9 @@ std::optional<EtcdKeys::Row> EtcdKeys::rowOf(std::string_view key) const {
   key.remove_suffix(digitsOfOid);
   if (!key.ends_with(rowPart)) return std::nullopt;
   key.remove_suffix(rowPart.size());
-  Row row{key, 0};
-  const auto [end, error] =
-      std::from_chars(digits.data(), digits.data() + digits.size(), row.oid, 16);
-  if (error != std::errc() || end != digits.data() + digits.size() ||
-      digits != oidDigits(row.oid)) {
-    return std::nullopt;
-  }
-  return row;
+  const std::optional<oid_t> oid = oidOf(digits);
+  if (!oid) return std::nullopt;
+  return Row{key, *oid};
 }
 
 std::string EtcdKeys::endOf(std::string begin) {

@@ -70,5 +70,7 @@ class EtcdKeys {
 
 /// The digits of an oid in keys.
 std::string oidDigits(oid_t oid);
+/// Nothing for what are not such digits.
+std::optional<oid_t> oidOf(std::string_view digits);
 
 }  // namespace Korvo::detail

@@ -3,7 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cinttypes>
+#include <cstring>
 #include <random>
 #include <sstream>
 #include <utility>
@@ -11,11 +11,6 @@
 namespace Korvo::detail {
 
 namespace {
-
-constexpr std::uint64_t firstSpan = 4096;
-constexpr std::uint64_t endOfOids = std::uint64_t{1} << 32;
-constexpr std::int64_t mostRowsOfPage = 32768;
-constexpr std::size_t wantedBytesOfPage = std::size_t{1} << 20;
 
 /// Servers take requests of a mebibyte and a half unless they are told otherwise; a row and a mark
 /// of full size have to fit beside what was counted.
@@ -163,6 +158,8 @@ void EtcdOutlet::haveName(const etcd::TxnResponse& response) {
   if (response.responses_size() != 2) return lose({Fault::Kind::other, "half an answer"});
   if (response.succeeded()) {
     owner_ = response.header().revision();
+    // Subscribers wait for a word of the new owner, even if nothing changed.
+    isMarkDue_ = true;
   } else {
     const auto& owners = response.responses(0).response_range().kvs();
     if (owners.empty() || owners[0].value() != ownerText_ || owners[0].lease() != lease_) {
@@ -217,11 +214,11 @@ void EtcdOutlet::judgeMark(const etcd::RangeResponse& response) {
     mark_.history = randomNumber();
     cut_ = 0;
   }
-  startOver(true);
+  startOver();
 }
 
 /// Everything is compared anew.
-void EtcdOutlet::startOver(bool) {
+void EtcdOutlet::startOver() {
   stage_ = Stage::ready;
   isKnown_ = false;
   changes_.clear();
@@ -270,8 +267,7 @@ void EtcdOutlet::work() {
 void EtcdOutlet::readTable() {
   while (paged_ < tables_.size() && tables_[paged_].isGone) ++paged_;
   if (paged_ == tables_.size()) return haveRead();
-  nextOid_ = 0;
-  span_ = firstSpan;
+  page_.emplace(keys_.rows(tables_[paged_].name), readRevision_);
   etcd::RangeRequest request;
   request.set_key(keys_.layout(tables_[paged_].name));
   request.set_revision(readRevision_);
@@ -283,37 +279,15 @@ void EtcdOutlet::readTable() {
 }
 
 void EtcdOutlet::readPage() {
-  const std::string rows = keys_.rows(tables_[paged_].name);
-  const std::uint64_t end = std::min(nextOid_ + span_, endOfOids);
-  etcd::RangeRequest request;
-  request.set_key(rows + oidDigits(static_cast<oid_t>(nextOid_)));
-  request.set_range_end(end == endOfOids ? EtcdKeys::endOf(rows)
-                                         : rows + oidDigits(static_cast<oid_t>(end)));
-  request.set_limit(mostRowsOfPage);
-  request.set_revision(readRevision_);
-  client_.range(request, [this, end](const Fault& fault, etcd::RangeResponse& response) {
+  client_.range(page_->request(), [this](const Fault& fault, etcd::RangeResponse& response) {
     if (fault) return lose(fault);
-    takePage(response, end);
-  });
-}
-
-void EtcdOutlet::takePage(const etcd::RangeResponse& page, std::uint64_t end) {
-  std::size_t bytes = 0;
-  nextOid_ = end;
-  for (const etcd::KeyValue& kv : page.kvs()) {
-    bytes += kv.key().size() + kv.value().size();
-    const auto key = keys_.rowOf(kv.key());
-    if (!key) continue;
-    there_[paged_].rows[key->oid] = kv.value();
-    if (page.more()) nextOid_ = std::uint64_t{key->oid} + 1;
-  }
-  if (!page.more() && end == endOfOids) {
+    for (const etcd::KeyValue& kv : response.kvs()) {
+      if (const auto key = keys_.rowOf(kv.key())) there_[paged_].rows[key->oid] = kv.value();
+    }
+    if (page_->goOn(response)) return readPage();
     ++paged_;
-    return readTable();
-  }
-  if (page.more() || bytes > 2 * wantedBytesOfPage) span_ = std::max<std::uint64_t>(span_ / 4, 16);
-  if (bytes < wantedBytesOfPage / 2) span_ = std::min(2 * span_, endOfOids);
-  readPage();
+    readTable();
+  });
 }
 
 void EtcdOutlet::haveRead() {
@@ -354,7 +328,7 @@ void EtcdOutlet::write() {
   if (!sentText_.empty()) return transact();
   const std::vector<TableSender::Table> tables = sender_.tables();
   const auto isSame = [](const auto& a, const auto& b) { return a.isGone == b.isGone; };
-  if (!std::ranges::equal(tables, tables_, isSame)) return startOver(true);
+  if (!std::ranges::equal(tables, tables_, isSame)) return startOver();
   if (!pull()) return;
   if (changes_.empty() && !state_) return;
   sendTransaction();
@@ -375,14 +349,14 @@ bool EtcdOutlet::pull() {
     }
     if (change.kind == TableSender::Kind::whole) {
       if (isCompared_) {
-        startOver(true);
+        startOver();
         return false;
       }
       continue;
     }
     keep(change);
-    if (changes_.empty() && user_.outletShouldYield()) {
-      // Much is equal.
+    // Much is equal, or much is taken at once.
+    if ((takesAll || changes_.empty()) && user_.outletShouldYield()) {
       user_.outletHasWork();
       return false;
     }
@@ -620,15 +594,14 @@ void EtcdOutlet::takeBack() {
 void EtcdOutlet::adoptMark(std::int64_t revision) {
   ++counters_->transactions;
   counters_->rows += sent_.size();
-  rowsSent_ += sent_.size();
   mark_ = sentMark_;
   markText_ = sentText_;
+  readRevision_ = revision;
   backoff_.reset();
   if (sentState_) {
     acked_ = sentState_->sequence;
     merged_ += sentState_->merged;
     cut_ = revision;
-    rowsSent_ = 0;
     roundAge_ = milliseconds(0);
   }
   sent_.clear();

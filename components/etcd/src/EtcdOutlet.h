@@ -17,6 +17,7 @@
 
 #include "EtcdClient.h"
 #include "EtcdKeys.h"
+#include "EtcdPage.h"
 
 namespace Korvo::detail {
 
@@ -75,11 +76,10 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   void haveName(const etcd::TxnResponse& response);
   void judgeMark(const etcd::RangeResponse& response);
   void keepLease();
-  void startOver(bool isOurHistory);
+  void startOver();
 
   void readTable();
   void readPage();
-  void takePage(const etcd::RangeResponse& page, std::uint64_t end);
   void haveRead();
 
   void write();
@@ -117,8 +117,7 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   std::vector<TableSender::Table> tables_;
   std::vector<There> there_;
   std::size_t paged_ = 0;
-  std::uint64_t nextOid_ = 0;
-  std::uint64_t span_ = 0;
+  std::optional<EtcdPage> page_;
   std::int64_t readRevision_ = 0;
 
   // The round under way.
@@ -126,7 +125,6 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   std::unordered_map<std::uint64_t, std::size_t> places_;  ///< of rows in changes_
   std::size_t taken_ = 0;  ///< changes that left changes_: places are counted from the first ever
   std::size_t bytes_ = 0;
-  std::uint64_t rowsSent_ = 0;
   milliseconds roundAge_{0};
   bool isCompared_ = true;          ///< there_ is empty
   bool isMarkDue_ = false;          ///< even if nothing changed

@@ -14,13 +14,6 @@ namespace {
 
 constexpr int heartbeatsOfSilence = 3;
 
-// Pages are bounded by a span of oids: a server counts all rows behind a page that is bounded by
-// their number alone. The span follows the bytes that come.
-constexpr std::uint64_t firstSpan = 4096;
-constexpr std::uint64_t endOfOids = std::uint64_t{1} << 32;
-constexpr std::int64_t mostRowsOfPage = 32768;
-constexpr std::size_t wantedBytesOfPage = std::size_t{1} << 20;
-
 }  // namespace
 
 /// One connection.
@@ -156,6 +149,13 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
     return true;
   }
 
+  bool hasPosition() const {
+    for (std::size_t i = 0; i < receiver_.size(); ++i) {
+      if (receiver_.position(i).history != 0) return true;
+    }
+    return false;
+  }
+
   /// A cluster that was restored from a copy may have had other states at the same revisions.
   void verifyPosition() {
     etcd::RangeRequest request;
@@ -188,8 +188,8 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
       take(mark, kv.value());
       return readLayouts(true);
     }
-    // A batch is under way.
-    if (mark.cut == 0) return waitForMark();
+    // A batch is under way. Who has rows keeps them until it is whole.
+    if (mark.cut == 0 || hasPosition()) return waitForMark();
     etcd::RangeRequest request;
     request.set_key(source_->keys_.mark());
     request.set_revision(mark.cut);
@@ -295,54 +295,28 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
   void readTable() {
     if (paged_ == tables_.end()) return haveRows();
     receiver_.whole(paged_->second);
-    nextOid_ = 0;
-    span_ = firstSpan;
+    page_.emplace(source_->keys_.rows(paged_->first), revision_);
     readPage();
   }
 
   void readPage() {
-    const std::string rows = source_->keys_.rows(paged_->first);
-    const std::uint64_t end = std::min(nextOid_ + span_, endOfOids);
-    etcd::RangeRequest request;
-    request.set_key(rows + oidDigits(static_cast<oid_t>(nextOid_)));
-    request.set_range_end(end == endOfOids ? EtcdKeys::endOf(rows)
-                                           : rows + oidDigits(static_cast<oid_t>(end)));
-    request.set_limit(mostRowsOfPage);
-    request.set_revision(revision_);
     source_->client_.range(
-        request, ifAlive([this, end](const Fault& fault, etcd::RangeResponse& response) {
+        page_->request(), ifAlive([this](const Fault& fault, etcd::RangeResponse& response) {
           if (fault && fault.kind != Fault::Kind::compacted) return lose(fault);
-          const auto answer = std::make_shared<etcd::RangeResponse>(std::move(response));
           if (fault) {
-            return later([this] { this->end("the state was compacted while it was read"); });
+            return later([this] { end("the state was compacted while it was read"); });
           }
-          const bool isLast = !answer->more() && end == endOfOids;
-          const std::uint16_t number = paged_->second;
-          if (!isLast) {
-            // The next page comes while this one is taken in.
-            adaptSpan(*answer, end);
-            readPage();
-          }
-          later([this, number, isLast, answer] {
+          const auto answer = std::make_shared<etcd::RangeResponse>(std::move(response));
+          // The next page comes while this one is taken in.
+          const bool isLast = !page_->goOn(*answer);
+          if (!isLast) readPage();
+          later([this, number = paged_->second, isLast, answer] {
             for (const etcd::KeyValue& kv : answer->kvs()) takeRow(number, kv);
             if (!isLast) return;
             ++paged_;
             readTable();
           });
         }));
-  }
-
-  void adaptSpan(const etcd::RangeResponse& page, std::uint64_t end) {
-    std::size_t bytes = 0;
-    for (const etcd::KeyValue& kv : page.kvs()) bytes += kv.key().size() + kv.value().size();
-    nextOid_ = end;
-    if (page.more() && page.kvs_size() > 0) {
-      const auto last = source_->keys_.rowOf(page.kvs(page.kvs_size() - 1).key());
-      if (last) nextOid_ = std::uint64_t{last->oid} + 1;
-    }
-    if (page.more() || bytes > 2 * wantedBytesOfPage)
-      span_ = std::max<std::uint64_t>(span_ / 4, 16);
-    if (bytes < wantedBytesOfPage / 2) span_ = std::min(2 * span_, endOfOids);
   }
 
   void takeRow(std::uint16_t number, const etcd::KeyValue& kv) {
@@ -525,8 +499,7 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
   bool hasMarked_ = false;
 
   std::map<std::string, std::uint16_t, std::less<>>::iterator paged_;
-  std::uint64_t nextOid_ = 0;
-  std::uint64_t span_ = firstSpan;
+  std::optional<EtcdPage> page_;
 
   std::unique_ptr<EtcdClient::WatchStream> watch_;
 };

@@ -6,6 +6,7 @@
 
 #include "EtcdClient.h"
 #include "EtcdKeys.h"
+#include "EtcdPage.h"
 
 namespace Korvo::detail {
 

@@ -122,8 +122,8 @@ TEST(EtcdFaults, AServerWithoutSpaceIsToldAndWaitedFor) {
   Copy copy(cluster.address());
   ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy)) << copy.text();
   const std::uint64_t before = engine()->counters().retried;
-  for (int i = 0; i < 60 && publisher.problem().empty(); ++i) {
-    publisher.put({port(2, std::string(60000, static_cast<char>('a' + i % 26)), i + 1)});
+  for (int i = 0; i < 120 && publisher.problem().empty(); ++i) {
+    publisher.put({port(2, std::string(30000, static_cast<char>('a' + i % 26)), i + 1)});
     runFor(milliseconds(20), publisher, copy);
   }
   ASSERT_TRUE(says(publisher.problem(), "database space exceeded")) << publisher.problem();
@@ -140,7 +140,7 @@ TEST(EtcdFaults, AServerWithoutSpaceIsToldAndWaitedFor) {
 }
 
 TEST(EtcdFaults, RequestsThatTheServerRefusesAreMadeSmaller) {
-  Cluster cluster(1, {"--max-txn-ops", "16", "--max-request-bytes", "200000"});
+  Cluster cluster(1, {"--max-txn-ops", "16", "--max-request-bytes", "100000"});
   cluster.waitUntilReady();
   Publisher publisher(cluster.address());
   Copy copy(cluster.address());
@@ -149,7 +149,7 @@ TEST(EtcdFaults, RequestsThatTheServerRefusesAreMadeSmaller) {
       << copy.text() << publisher.problem();
   EXPECT_TRUE(copy.isWhole);
   std::vector<Port> large;
-  for (oid_t oid = 1; oid <= 10; ++oid) large.push_back(port(oid, std::string(60000, 'x')));
+  for (oid_t oid = 1; oid <= 10; ++oid) large.push_back(port(oid, std::string(30000, 'x')));
   publisher.put(large);
   ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy))
       << copy.text() << publisher.problem();
@@ -159,7 +159,7 @@ TEST(EtcdFaults, ARowThatNoServerTakesIsTold) {
   Cluster cluster(1, {"--max-request-bytes", "20000"});
   cluster.waitUntilReady();
   Publisher publisher(cluster.address());
-  publisher.put({port(1, std::string(60000, 'x'))});
+  publisher.put({port(1, std::string(30000, 'x'))});
   ASSERT_TRUE(runUntil([&] { return says(publisher.problem(), "too large"); }, publisher))
       << publisher.problem();
   const std::uint64_t before = engine()->counters().retried;
@@ -173,7 +173,9 @@ TEST(EtcdFaults, AnotherClusterAtTheAddressIsAnotherHistory) {
   Publisher publisher(first->address());
   publisher.put({port(1, "one"), port(2, "two")});
   Copy copy(first->address());
-  ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy)) << copy.text();
+  ASSERT_TRUE(
+      runUntil([&] { return copy.equals(publisher) && copy.changes == 2; }, publisher, copy))
+      << copy.text();
   first->kill(0);
   first->forget(0);
   first->start(0);
