@@ -305,9 +305,12 @@ class Machine {
   template <typename T>
   void writeArray(TwoRows& row, len_t at, const std::vector<T>& values) {
     const Bytes bytes = encodedArray(values);
+    const bool isTyped = !byWriter(row) && row.fullyDefined() && input_.flag();
     applyWrite(
         row,
         [&](Bytes& model) {
+          // Row classes take no array with a count that readers would not see.
+          if (isTyped && values.size() > arrayCountMask) throw Refused();
           if (bytes.empty() || bytes.size() > 32767) {
             return write(model, row.fullyDefined(), at, bytes, true);
           }
@@ -319,14 +322,12 @@ class Machine {
           putSlot(model, at, {offset, bytes.size(), true});
         },
         [&] {
+          if (isTyped) return setTyped(row.real, at, values);
           if constexpr (std::is_same_v<T, bool>) {
-            if (byWriter(row)) return writer_->updateFixElemArray(at, values);
-          } else {
-            if (byWriter(row)) return writer_->setColumn(at, values);
-          }
-          if (row.fullyDefined() && input_.flag()) return setTyped(row.real, at, values);
-          if constexpr (std::is_same_v<T, bool>) {
-            row.real.updateFixElemArray(at, base, values);
+            byWriter(row) ? writer_->updateFixElemArray(at, values)
+                          : row.real.updateFixElemArray(at, base, values);
+          } else if (byWriter(row)) {
+            writer_->setColumn(at, values);
           } else if (input_.flag()) {
             row.real.setColumn(at, values, base);
           } else {

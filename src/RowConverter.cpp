@@ -8,6 +8,7 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <set>
 #include <utility>
 
 namespace Korvo {
@@ -277,6 +278,8 @@ struct ConversionSteps {
   ConversionSteps(const LayoutInfo& sender, const LayoutInfo& ours,
                   const std::vector<ColumnComparison>& columns);
 
+  /// By how much a converted row may be longer than the sender's.
+  std::size_t growth(const std::vector<ColumnComparison>& columns) const;
   std::size_t lengthOf(const byte_t* row) const;
   std::size_t lengthOfRows(const byte_t* value, bool isArray) const;
   std::size_t write(const byte_t* row, byte_t* to) const noexcept;
@@ -291,6 +294,7 @@ struct ConversionSteps {
   std::vector<Widening> widenings;
   std::vector<Slot> slots;  ///< by the sender's offset
   std::vector<NestedSlot> nestedSlots;
+  std::size_t mostGrowth = 0;
 };
 
 ConversionSteps::ConversionSteps(const LayoutInfo& sender, const LayoutInfo& ours,
@@ -322,6 +326,21 @@ ConversionSteps::ConversionSteps(const LayoutInfo& sender, const LayoutInfo& our
   // by side are copied in one go.
   std::sort(slots.begin(), slots.end(),
             [](const Slot& a, const Slot& b) { return a.from < b.from; });
+  mostGrowth = growth(columns);
+}
+
+std::size_t ConversionSteps::growth(const std::vector<ColumnComparison>& columns) const {
+  constexpr std::size_t unknown = maxRowLength;
+  std::size_t all = base > senderBase ? base - senderBase : 0;
+  for (const NestedSlot& slot : nestedSlots) {
+    all += slot.isArray ? unknown : slot.steps->mostGrowth;  // an array may have many rows
+  }
+  std::set<const ColumnInfo*> taken;
+  for (const ColumnComparison& column : columns) {
+    // Two columns of ours may have the same former name.
+    if (column.sender != nullptr && !taken.insert(column.sender).second) all += unknown;
+  }
+  return all;
 }
 
 /// The bytes that the converted row needs.
@@ -397,30 +416,31 @@ std::size_t ConversionSteps::write(const byte_t* row, byte_t* to) const noexcept
     widen(column.type, row + column.from, to + column.to, column.width);
   }
 
-  // The values that stand side by side in the sender's row, and are yet to be copied.
-  const byte_t* pending = nullptr;
-  const byte_t* pendingEnd = nullptr;
-  std::size_t end = base;  // of all values, with those that are pending
-  const auto copyPending = [&] {
-    const auto length = static_cast<std::size_t>(pendingEnd - pending);
-    if (length != 0) std::memcpy(to + end - length, pending, length);
+  // Values that stand side by side in the sender's row, from `begin` to `stop`, are copied in one
+  // go; their place in ours is `shift` further on.
+  std::uint32_t begin = 0;
+  std::uint32_t stop = 0;
+  std::uint32_t shift = base;
+  const auto copyValues = [&] {
+    if (stop != begin) std::memcpy(to + (begin + shift), row + begin, stop - begin);
   };
   for (const Slot& slot : slots) {
     // Offset, length and array mark in one word; only the offset changes.
     const auto word = loadField<std::uint32_t>(row + slot.from);
-    const std::size_t length = word >> 16 & maxValueLength;
+    const std::uint32_t length = word >> 16 & maxValueLength;
     if (length == 0) continue;
-    const byte_t* const value = row + (word & 0xFFFF);
-    if (value != pendingEnd) {
-      copyPending();
-      pending = value;
+    const std::uint32_t offset = word & 0xFFFF;
+    if (offset != stop) {
+      copyValues();
+      shift += stop - offset;
+      begin = stop = offset;
     }
-    pendingEnd = value + length;
-    storeField(to + slot.to, (word & 0xFFFF0000) | static_cast<std::uint32_t>(end));
-    end += length;
+    stop += length;
+    storeField(to + slot.to, word + shift);
   }
-  copyPending();
+  copyValues();
 
+  std::size_t end = stop + shift;
   for (const NestedSlot& slot : nestedSlots) {
     const VColType& from = VColType::at(row, slot.from);
     if (from.length() == 0) continue;
@@ -462,7 +482,7 @@ ConversionPlan::ConversionPlan(const LayoutInfo& sender, const LayoutInfo& ours,
   steps_ = std::move(steps);
 }
 
-std::size_t ConversionPlan::convertedLength(const void* bytes, std::size_t length) const {
+void ConversionPlan::requireRow(const void* bytes, std::size_t length) const {
   const byte_t* const row = static_cast<const byte_t*>(bytes);
   const auto refuse = [](const char* reason) {
     throw KoInvalidArgument("Invalid Row - (" + std::string(reason) + ")");
@@ -473,7 +493,11 @@ std::size_t ConversionPlan::convertedLength(const void* bytes, std::size_t lengt
   if (loadField<std::uint16_t>(row + rowTypeOffset) != steps_->senderType) {
     refuse("another row type");
   }
-  return steps_->isSame ? length : steps_->lengthOf(row);
+}
+
+std::size_t ConversionPlan::convertedLength(const void* bytes, std::size_t length) const {
+  requireRow(bytes, length);
+  return steps_->isSame ? length : steps_->lengthOf(static_cast<const byte_t*>(bytes));
 }
 
 void ConversionPlan::write(const void* bytes, byte_t* to) const noexcept {
@@ -498,11 +522,21 @@ class Installer : public BaseRow {
 }  // namespace
 
 void ConversionPlan::convertInto(const void* bytes, std::size_t length, BaseRow& row) const {
-  const std::size_t converted = convertedLength(bytes, length);
+  requireRow(bytes, length);
+  // Where it cannot become too long, the exact length need not be known before.
+  std::size_t room = length + steps_->mostGrowth;
+  if (room > maxValueLength) room = convertedLength(bytes, length);
   KoPtr<KoRowBuf> own = std::make_shared<KoRowBuf>();
-  own->buf_ = static_cast<byte_t*>(std::malloc(converted));
+  own->buf_ = static_cast<byte_t*>(std::malloc(room));
   if (own->buf_ == nullptr) throw std::bad_alloc();
   write(bytes, own->buf_);
+  // A row that has lost much keeps no memory for it.
+  const std::size_t converted = loadField<len_t>(own->buf_ + rowLengthOffset);
+  if (converted < room / 2) {
+    if (void* const fitting = std::realloc(own->buf_, converted)) {
+      own->buf_ = static_cast<byte_t*>(fitting);
+    }
+  }
   Installer::install(row, std::move(own));
 }
 

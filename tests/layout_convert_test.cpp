@@ -2,6 +2,7 @@
 
 #include <Korvo/RowConverter.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <string>
 #include <vector>
@@ -372,6 +373,42 @@ TEST(RowConverterTest, ARowThatBecomesTooLongIsRefused) {
                   .convert(outer.rowBuf(), outer.rowLength(), to);
             }),
             "Value length exceeds 32767 bytes");
+}
+
+TEST(RowConverterTest, LongRowsAndRowsThatBecomeMuchShorter) {
+  const DynamicLayout ours("row 1 base 17 { b string_t @8 a string_t @12 c bool @16 }");
+  const DynamicLayout brief("row 1 base 12 { a string_t @8 }");
+  for (const std::size_t length : {100U, 16300U, 16384U, 32000U, 32740U, 32767U}) {
+    AnyRow sent{DynamicLayout("row 1 base 16 { a string_t @8 b string_t @12 }")};
+    sent.create(5);
+    sent.textIs("a", "short");
+    sent.textIs("b", std::string(length, 'y'));
+    AnyRow row(ours);
+    RowConverter<AnyRow>(sent.layout().info(), ours).convert(sent.rowBuf(), sent.rowLength(), row);
+    EXPECT_FALSE(checkRow(row.rowBuf(), row.rowLength(), ours.info()));
+    EXPECT_EQ(row.rowLength(), 17 + 5 + length);
+    EXPECT_EQ(row.text("a"), "short");
+    EXPECT_EQ(row.text("b"), std::string(length, 'y'));
+    // What is dropped takes no memory any more.
+    AnyRow shorter(brief);
+    RowConverter<AnyRow>(sent.layout().info(), brief)
+        .convert(sent.rowBuf(), sent.rowLength(), shorter);
+    EXPECT_EQ(shorter.rowLength(), 12 + 5);
+    EXPECT_EQ(shorter.text("a"), "short");
+    EXPECT_LE(malloc_usable_size(shorter.rowBuf()), 64U);
+  }
+}
+
+TEST(RowConverterTest, TwoColumnsWithOneFormerName) {
+  const AnyRow sent = anyRow("row 1 base 12 { x string_t @8 }",
+                             R"({"x":"a text that is much longer than all that is fixed"})");
+  const DynamicLayout ours("row 1 base 16 { a string_t @8 b string_t @12 }");
+  AnyRow row(ours);
+  RowConverter<AnyRow>(sent.layout().info(), ours, {{{"a", "x"}, {"b", "x"}}, {}})
+      .convert(sent.rowBuf(), sent.rowLength(), row);
+  EXPECT_EQ(row.text("a"), sent.text("x"));
+  EXPECT_EQ(row.text("b"), sent.text("x"));
+  EXPECT_FALSE(checkRow(row.rowBuf(), row.rowLength(), ours.info()));
 }
 
 TEST(RowConverterTest, OldAndNewProcessesReadEachOther) {

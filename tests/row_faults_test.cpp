@@ -478,7 +478,8 @@ TEST(BaseLengthZeroDeathTest, StopsSetColumnOfNothing) {
 // ---------------------------------------------------------------------------------------------
 // Rows whose class installs blocks of its own
 
-/// Keeps each block that it is given and installs a copy of it instead.
+/// Keeps each block that it is given and installs a copy of it instead. A block may be larger than
+/// the row, and nobody has written what is behind the row yet: it is filled here.
 template <typename Row>
 class Elsewhere : public Row {
  public:
@@ -493,6 +494,8 @@ class Elsewhere : public Row {
     const std::size_t size = malloc_usable_size(buf);
     auto* const own = static_cast<byte_t*>(std::malloc(size));
     if (own == nullptr) throw std::bad_alloc();
+    const len_t rowLength = loadField<len_t>(buf);
+    std::memset(buf + rowLength, 0xA5, size - rowLength);
     std::memcpy(own, buf, size);
     given_.push_back({buf, Bytes(buf, buf + size)});
     Row::replaceRow(own);

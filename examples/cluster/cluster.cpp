@@ -90,7 +90,7 @@ int publish(const std::string& address, const std::string& path, int seconds) {
     }
     batch.commit();
     loop->run(0, 0.005, false);
-    const std::string now = publisher.subscribers().front().problem;
+    const std::string now = publisher.subscribers().front().lastReason;
     if (now != problem) std::cout << "publisher: " << (now.empty() ? "writing" : now) << std::endl;
     problem = now;
   }

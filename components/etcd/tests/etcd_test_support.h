@@ -67,7 +67,7 @@ struct Publisher {
     }
     batch.commit();
   }
-  std::string problem() const { return publisher.subscribers().at(0).problem; }
+  std::string problem() const { return publisher.subscribers().at(0).lastReason; }
 
   std::shared_ptr<EventLoop> loop = std::make_shared<EventLoop>("agent");
   Table<Port> ports{"net/port"};

@@ -17,9 +17,11 @@ constexpr std::size_t welcomeReserve = 1024 + maxTables * (2 * maxText + 64);
 
 }  // namespace
 
-PublisherSession::PublisherSession(const Publication& publication, Owner& owner)
+PublisherSession::PublisherSession(const Publication& publication, Owner& owner,
+                                   std::optional<uid_t> user)
     : publication_(publication),
       owner_(owner),
+      user_(user),
       walk_(publication, *this),
       heartbeat_(publication.heartbeat) {}
 
@@ -100,6 +102,7 @@ void PublisherSession::takeHello(const Hello& hello) {
   welcome.epoch = publication_.epoch;
   welcome.head = publication_.source->last;
   std::size_t layoutBytes = 0;
+  acked_ = publication_.source->last;
   for (const Hello::Table& table : hello.tables) {
     welcome.tables.push_back(admit(table, layoutBytes));
   }
@@ -119,6 +122,10 @@ Welcome::Table PublisherSession::admit(const Hello::Table& wanted, std::size_t& 
   if (found == publication_.tables.end()) {
     return refuse(publication_.name + " has no table " + wanted.name);
   }
+  if (publication_.mayHave && !publication_.mayHave(wanted.name, user_)) {
+    const std::string user = user_ ? "user " + std::to_string(*user_) : "an unknown user";
+    return refuse(publication_.name + " does not give " + wanted.name + " to " + user);
+  }
   TableStore& table = **found;
   answer.layoutText = Korvo::layoutText(table.layout());
   if (welcomeReserve + layoutBytes + answer.layoutText.size() > maxLongFrame) {
@@ -130,7 +137,12 @@ Welcome::Table PublisherSession::admit(const Hello::Table& wanted, std::size_t& 
   answer.isAccepted = true;
 
   walk_.add(table, wanted.number);
-  walk_.resume(wanted.number, {wanted.epoch, wanted.sequence});
+  const bool isResumed = walk_.resume(wanted.number, {wanted.epoch, wanted.sequence});
+  acked_ = std::min(acked_, isResumed ? wanted.sequence : 0);
+  if (wanted.epoch == publication_.epoch && wanted.sequence > publication_.source->last) {
+    warning_ = "it had come to " + std::to_string(wanted.sequence) + ", the history ends at " +
+               std::to_string(publication_.source->last);
+  }
   return answer;
 }
 

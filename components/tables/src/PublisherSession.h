@@ -34,8 +34,8 @@ class PublisherSession final : private TableWalk::User {
     std::string text;
   };
 
-  /// Both outlive the session.
-  PublisherSession(const Publication& publication, Owner& owner);
+  /// Both outlive the session. `user` is whose process is at the other end, if that is known.
+  PublisherSession(const Publication& publication, Owner& owner, std::optional<uid_t> user);
   PublisherSession(const PublisherSession&) = delete;
   PublisherSession& operator=(const PublisherSession&) = delete;
   ~PublisherSession() = default;
@@ -58,9 +58,13 @@ class PublisherSession final : private TableWalk::User {
   const std::string& subscriber() const { return subscriber_; }
   std::vector<std::string> tables() const { return walk_.names(); }
   std::uint64_t acked() const { return acked_; }
+  /// Rows of its tables that changed since then.
+  std::uint64_t unackedRows() const { return walk_.changesBehind(acked_); }
   std::uint64_t merged() const { return merged_; }
   std::uint64_t refused() const { return refused_; }
   bool isWelcome() const { return isWelcome_; }
+  /// What was strange about its HELLO, once.
+  std::string takeWarning() { return std::exchange(warning_, {}); }
   /// What the subscriber refused since the last call.
   std::vector<RowNote> takeNotes() { return std::exchange(notes_, {}); }
 
@@ -81,6 +85,7 @@ class PublisherSession final : private TableWalk::User {
 
   const Publication& publication_;
   Owner& owner_;
+  const std::optional<uid_t> user_;
   FrameReader reader_;
   OutQueue out_;
   TableWalk walk_;
@@ -89,6 +94,7 @@ class PublisherSession final : private TableWalk::User {
   bool isOver_ = false;
   std::string endText_;
   std::string subscriber_;
+  std::string warning_;
   milliseconds heartbeat_;
   milliseconds age_{0};
   milliseconds silence_{0};  ///< since something was received

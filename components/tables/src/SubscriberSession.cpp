@@ -99,6 +99,14 @@ void SubscriberSession::takeWelcome(const Welcome& welcome) {
   isWelcome_ = true;
   copies_.publisherIs(welcome.name, welcome.epoch);
   heartbeat_ = std::max(heartbeat_, std::min(milliseconds(welcome.heartbeat), longestHeartbeat));
+  for (std::size_t i = 0; i < copies_.size(); ++i) {
+    const TablePosition position = copies_.position(i);
+    if (position.history != welcome.epoch || position.sequence <= welcome.head) continue;
+    copies_.tell({"", std::nullopt,
+                  "the history of " + welcome.name + " ends at " + std::to_string(welcome.head) +
+                      ", before " + std::to_string(position.sequence) + ": all rows are told"});
+    break;
+  }
   std::vector<bool> isAnswered(copies_.size());
   for (const Welcome::Table& table : welcome.tables) {
     if (table.number >= copies_.size() || isAnswered[table.number]) {

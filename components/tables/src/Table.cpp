@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <optional>
 #include <ostream>
+#include <unordered_set>
 #include <utility>
 
 #include "BatchParts.h"
@@ -69,8 +70,8 @@ namespace detail {
 
 namespace {
 
-PrefixIndex::Prefix prefixOf(AddressFamily af, const byte_t* bytes, unsigned int length) {
-  return {af, length, AddressBits::of(af, bytes).cutTo(length)};
+PrefixTrie::Prefix prefixOf(const WantedPrefix& wanted) {
+  return {AddressBits::of(wanted.af, wanted.bytes).cutTo(wanted.length), wanted.length};
 }
 
 const EqualIndex& equalIndex(const TableIndex& index) {
@@ -94,12 +95,16 @@ Slot TableAccess::slotFrom(const TableStore& store, Slot slot) {
 }
 
 void TableAccess::share(const TableStore& store, Slot slot, BaseRow& row) {
-  row.shareContents(HeldRow(store.buffer(slot)));
+  HeldRow::bufferOf(row) = store.buffer(slot);
 }
 
 TableIndex& TableAccess::index(TableStore& store, IndexKind kind,
                                std::span<const std::size_t> columns) {
   return store.index(kind, columns);
+}
+
+TableIndex& TableAccess::index(TableStore& store, IndexKind kind, KeyFunction function) {
+  return store.index(kind, std::move(function));
 }
 
 std::shared_ptr<void>& TableAccess::handle(TableStore& store, const TableIndex& index) {
@@ -126,26 +131,61 @@ Slot TableAccess::last(const TableIndex& index) {
   return orderedIndex(index).last();
 }
 
-Slot TableAccess::mostSpecific(const TableIndex& index, AddressFamily af, const byte_t* bytes,
-                               unsigned int length) {
-  return af == unknown_ ? noSlot : prefixIndex(index).mostSpecific(prefixOf(af, bytes, length));
+std::size_t TableAccess::duplicates(const TableIndex& index) {
+  return equalIndex(index).duplicates();
 }
 
-Slot TableAccess::exact(const TableIndex& index, AddressFamily af, const byte_t* bytes,
-                        unsigned int length) {
-  return af == unknown_ ? noSlot : prefixIndex(index).exact(prefixOf(af, bytes, length));
+RowFilter TableAccess::ofKey(const TableStore& store, const TableIndex& index, Key key) {
+  std::vector<std::string> wanted;
+  for (const KeyPart& part : key) wanted.emplace_back(part.bytes());
+  return {&store, [&index, wanted = std::move(wanted)](const BaseRow& row) {
+            const std::string computed = index.compute(row);
+            const TableIndex::Key ofRow = index.key(row, computed);
+            return std::ranges::equal(wanted, ofRow.parts().first(wanted.size()), {}, {},
+                                      &KeyPart::bytes);
+          }};
 }
 
-std::vector<Slot> TableAccess::covering(const TableIndex& index, AddressFamily af,
-                                        const byte_t* bytes, unsigned int length) {
-  if (af == unknown_) return {};
-  return prefixIndex(index).covering(prefixOf(af, bytes, length));
+RowFilter TableAccess::ofPrefix(const TableStore& store, const TableIndex& index,
+                                const WantedPrefix& wanted) {
+  return {&store, [&index, af = wanted.af, prefix = prefixOf(wanted)](const BaseRow& row) {
+            const TableIndex::Key ofRow = index.key(row, {});
+            const std::string_view bytes = ofRow.parts().front().bytes();
+            if (bytes.empty() || static_cast<AddressFamily>(bytes.front()) != af) return false;
+            const auto length = static_cast<byte_t>(bytes.back());
+            const auto* const addr = reinterpret_cast<const byte_t*>(bytes.data()) + 1;
+            return length >= prefix.length &&
+                   AddressBits::of(af, addr).cutTo(prefix.length) == prefix.bits;
+          }};
 }
 
-std::vector<Slot> TableAccess::inside(const TableIndex& index, AddressFamily af,
-                                      const byte_t* bytes, unsigned int length) {
-  if (af == unknown_) return {};
-  return prefixIndex(index).inside(prefixOf(af, bytes, length));
+Slot TableAccess::mostSpecific(const TableIndex& index, const WantedPrefix& wanted) {
+  if (wanted.af == unknown_) return noSlot;
+  return prefixIndex(index).trie(wanted.af).mostSpecific(prefixOf(wanted));
+}
+
+Slot TableAccess::exact(const TableIndex& index, const WantedPrefix& wanted) {
+  if (wanted.af == unknown_) return noSlot;
+  const Slot* const slot = prefixIndex(index).trie(wanted.af).place(prefixOf(wanted));
+  return slot == nullptr ? noSlot : *slot;
+}
+
+std::vector<Slot> TableAccess::covering(const TableIndex& index, const WantedPrefix& wanted) {
+  std::vector<Slot> slots;
+  if (wanted.af == unknown_) return slots;
+  const PrefixIndex& prefixes = prefixIndex(index);
+  prefixes.trie(wanted.af).covering(prefixOf(wanted),
+                                    [&](Slot slot) { prefixes.collect(slot, slots); });
+  return slots;
+}
+
+std::vector<Slot> TableAccess::inside(const TableIndex& index, const WantedPrefix& wanted) {
+  std::vector<Slot> slots;
+  if (wanted.af == unknown_) return slots;
+  const PrefixIndex& prefixes = prefixIndex(index);
+  prefixes.trie(wanted.af).inside(prefixOf(wanted),
+                                  [&](Slot slot) { prefixes.collect(slot, slots); });
+  return slots;
 }
 
 Slot TableAccess::nextSlot(const void* source, Slot slot) {
@@ -165,6 +205,84 @@ Slot TableAccess::nextSamePrefix(const void* source, Slot slot) {
 }
 
 }  // namespace detail
+
+// ---------------------------------------------------------------------------------------------
+// Indexes of columns that are named at run time
+
+namespace {
+
+std::size_t columnOf(const LayoutInfo& layout, const std::string& name) {
+  const auto found = std::ranges::find(layout.columns, name, &ColumnInfo::name);
+  if (found == layout.columns.end()) throw KoInvalidArgument("Unknown column - (" + name + ")");
+  return static_cast<std::size_t>(found - layout.columns.begin());
+}
+
+std::vector<oid_t> oidsAt(const TableStore& store, const std::vector<detail::Slot>& slots) {
+  std::vector<oid_t> oids;
+  oids.reserve(slots.size());
+  for (const detail::Slot slot : slots) oids.push_back(store.oid(slot));
+  return oids;
+}
+
+}  // namespace
+
+AnyEqualIndex AnyTable::equal(const std::vector<std::string>& columns) {
+  std::vector<std::size_t> numbers;
+  for (const std::string& name : columns) numbers.push_back(columnOf(layout(), name));
+  return {*store_, store_->index(detail::IndexKind::equal, numbers)};
+}
+
+AnyPrefixIndex AnyTable::longestPrefix(const std::string& column) {
+  const std::size_t number = columnOf(layout(), column);
+  return {*store_, store_->index(detail::IndexKind::longestPrefix, {&number, 1})};
+}
+
+std::vector<oid_t> AnyEqualIndex::find(const BaseRow& like) const {
+  if (like.isNull()) throw KoNullRow();
+  std::vector<oid_t> oids;
+  const auto& index = static_cast<const detail::EqualIndex&>(*index_);
+  detail::Slot slot = index.find(index.key(like, {}).parts());
+  for (; slot != detail::noSlot; slot = index.findNext(slot)) oids.push_back(store_->oid(slot));
+  return oids;
+}
+
+namespace {
+
+std::optional<oid_t> oidAt(const TableStore& store, detail::Slot slot) {
+  if (slot == detail::noSlot) return std::nullopt;
+  return store.oid(slot);
+}
+
+}  // namespace
+
+std::optional<oid_t> AnyPrefixIndex::find(const IpGenAddr& addr) const {
+  return oidAt(*store_, detail::TableAccess::mostSpecific(*index_, addr));
+}
+
+std::optional<oid_t> AnyPrefixIndex::find(const IpGenPrefix& prefix) const {
+  return oidAt(*store_, detail::TableAccess::mostSpecific(*index_, prefix));
+}
+
+std::vector<oid_t> AnyPrefixIndex::exact(const IpGenPrefix& prefix) const {
+  std::vector<oid_t> oids;
+  detail::Slot slot = detail::TableAccess::exact(*index_, prefix);
+  for (; slot != detail::noSlot; slot = detail::TableAccess::nextSamePrefix(index_, slot)) {
+    oids.push_back(store_->oid(slot));
+  }
+  return oids;
+}
+
+std::vector<oid_t> AnyPrefixIndex::covering(const IpGenAddr& addr) const {
+  return oidsAt(*store_, detail::TableAccess::covering(*index_, addr));
+}
+
+std::vector<oid_t> AnyPrefixIndex::covering(const IpGenPrefix& prefix) const {
+  return oidsAt(*store_, detail::TableAccess::covering(*index_, prefix));
+}
+
+std::vector<oid_t> AnyPrefixIndex::inside(const IpGenPrefix& prefix) const {
+  return oidsAt(*store_, detail::TableAccess::inside(*index_, prefix));
+}
 
 // ---------------------------------------------------------------------------------------------
 // Batches
@@ -243,26 +361,71 @@ struct detail::ChangeSource::Reading : TableStore::Cursor {
     if (reader != nullptr) reader->runnableIs(true);
   }
 
+  void onlyIs(RowFilter::Matches wanted) {
+    matches = std::move(wanted);
+    restart();
+  }
+  /// Whether something is to be told. Looks for it where not every change is.
+  bool hasNews() {
+    if (pending || isBehind()) begin();
+    if (!matches || isWhole()) return pending || isBehind();
+    if (!pending) pending = nextMatching();
+    return pending.has_value();
+  }
+  std::optional<Told> nextTold() {
+    begin();
+    if (pending && known.ofWhole == wholes()) return std::exchange(pending, std::nullopt);
+    pending.reset();
+    return nextMatching();
+  }
+
   AnyTableReader* reader;  // null once it is gone
   bool isFirst = false;
   AnyTableReader::StateCallback stateTold;
   std::optional<TableState> state;
+  std::optional<Told> pending;  ///< found, and not told yet
+
+ private:
+  std::optional<Told> nextMatching() {
+    if (known.ofWhole != wholes()) known = {wholes(), {}};
+    Told told;
+    while (next(told)) {
+      if (!matches || isNews(told)) return told;
+    }
+    return std::nullopt;
+  }
+  /// Makes of a change of the table what it is to one who knows the rows that match only.
+  bool isNews(Told& told) {
+    const bool isIn = told.after != nullptr && matches(HeldRow(told.after));
+    const bool wasIn = isIn ? !known.oids.insert(told.oid).second : known.oids.erase(told.oid) != 0;
+    told.wasKnown = wasIn;
+    if (!isIn) told.after = nullptr;
+    if (!wasIn) told.before = nullptr;
+    return isIn || wasIn;
+  }
+
+  struct Known {
+    std::uint64_t ofWhole = 0;  ///< cleared when the table is told as a whole
+    std::unordered_set<oid_t> oids;
+  };
+  RowFilter::Matches matches;  ///< empty: all rows
+  Known known;
 };
 
 detail::ChangeSource::ChangeSource(std::shared_ptr<Reading> reading)
     : reading_(std::move(reading)) {}
 
 bool detail::ChangeSource::next(AnyChange& change, BaseRow& after, BaseRow& before) {
-  Reading& reading = *reading_;
-  TableStore::Cursor::Told told;
-  if (reading.reader == nullptr || !reading.next(told)) return false;
-  const bool isGone = told.after == nullptr;
-  change.oid = told.oid;
-  change.kind = isGone          ? ChangeKind::removed
-                : told.wasKnown ? ChangeKind::changed
-                                : ChangeKind::added;
-  after.shareContents(HeldRow(std::move(told.after)));
-  before.shareContents(HeldRow(std::move(told.before)));
+  if (reading_->reader == nullptr) return false;
+  std::optional<TableStore::Cursor::Told> told = reading_->nextTold();
+  if (!told) return false;
+  const bool isGone = told->after == nullptr;
+  change.oid = told->oid;
+  change.kind = isGone           ? ChangeKind::removed
+                : told->wasKnown ? ChangeKind::changed
+                                 : ChangeKind::added;
+  HeldRow::bufferOf(after) = std::move(told->after);
+  HeldRow::bufferOf(before) = std::move(told->before);
   return true;
 }
 
@@ -301,17 +464,29 @@ void AnyTableReader::onState(StateCallback told) {
   runnableIs(true);
 }
 
+void AnyTableReader::only(std::span<const oid_t> oids) {
+  only(RowFilter(nullptr, [wanted = std::unordered_set<oid_t>(oids.begin(), oids.end())](
+                              const BaseRow& row) { return wanted.contains(row.rowOid()); }));
+}
+
+void AnyTableReader::only(RowFilter filter) {
+  if (filter.store_ != nullptr && filter.store_ != reading_->store()) {
+    throw KoInvalidArgument("An index of another table");
+  }
+  reading_->onlyIs(std::move(filter.matches_));
+  runnableIs(true);
+}
+
 void AnyTableReader::run(bool) {
   const std::shared_ptr<detail::ChangeSource::Reading> kept = reading_;
   detail::ChangeSource::Reading& reading = *kept;
   if (reading.store() == nullptr) return;
-  if (reading.isBehind() && reading.store()->hasFirstRows) {
-    reading.begin();
+  if (reading.store()->hasFirstRows && reading.hasNews()) {
     reading.isFirst = reading.isWhole();
     detail::ChangeSource source(kept);
     tell(source);
     if (reading.reader == nullptr || reading.store() == nullptr) return;
-    if (reading.isBehind()) {
+    if (reading.isBehind() || reading.pending) {
       runnableIs(true);
       return;
     }

@@ -155,6 +155,10 @@ void TableCopies::tell(Problem problem) {
   if (problems_.size() < mostProblems) problems_.push_back(std::move(problem));
 }
 
+void TableCopies::note(std::string event) {
+  if (events_.size() < mostProblems) events_.push_back(std::move(event));
+}
+
 const AnyTable* TableCopies::table(std::size_t number) const {
   const TableStore* const known = store(number);
   return known == nullptr ? nullptr : known->table;
@@ -178,7 +182,7 @@ void TableCopies::begin(User& user) {
 }
 
 void TableCopies::end(const std::string& reason) {
-  user_ = nullptr;
+  if (std::exchange(user_, nullptr) != nullptr) note("the link is lost: " + reason);
   waiting_ = 0;
   for (const auto& copy : copies_) {
     copy->plan_.reset();
@@ -212,6 +216,8 @@ bool TableCopies::accept(std::size_t number, const LayoutFingerprint& layout,
     return false;
   }
   copy.isSame_ = copy.plan_->comparison().conversion() == Conversion::same;
+  note(table->name() + " comes from " + publisher_ +
+       (copy.isSame_ ? "" : ", another layout: " + copy.plan_->comparison().text()));
   table->stateIs(table->hasFirstRows ? TableState::stale : TableState::loading,
                  "rows come from " + publisher_);
   return true;

@@ -104,6 +104,8 @@ class TableCopies final : public TableReceiver {
   std::uint64_t marked() const { return marked_; }
   const std::string& publisher() const { return publisher_; }
   void tell(Problem problem);
+  /// What people may want to know of links, for traces.
+  std::vector<std::string> takeEvents() { return std::exchange(events_, {}); }
   std::vector<Problem> takeProblems() { return std::exchange(problems_, {}); }
 
   void begin(User& user) override;
@@ -125,6 +127,7 @@ class TableCopies final : public TableReceiver {
   void fault(const std::string& text) override;
 
  private:
+  void note(std::string event);
   void refuseTable(std::size_t number, const std::string& text);
   void refuseRow(std::size_t number, oid_t oid, const std::string& text);
   void takeRow(std::size_t number, std::span<const byte_t> bytes);
@@ -137,6 +140,7 @@ class TableCopies final : public TableReceiver {
   std::vector<std::unique_ptr<TableCopy>> copies_;  ///< by their numbers
   Counts counts_;
   std::vector<Problem> problems_;         ///< that wait for being told
+  std::vector<std::string> events_;       ///< likewise
   std::optional<std::uint64_t> faultAt_;  ///< the position at which the last fault came
 
   User* user_ = nullptr;

@@ -88,101 +88,136 @@ std::uint64_t hashKey(std::span<const KeyPart> key) {
 // ---------------------------------------------------------------------------------------------
 // What all indexes have in common
 
-TableIndex::TableIndex(const TableStore& store, std::span<const std::size_t> columns)
-    : store_(store) {
-  for (const std::size_t column : columns) columns_.push_back(&store.layout().columns[column]);
+TableIndex::TableIndex(const TableStore& store, IndexKey key)
+    : store_(store), function_(std::move(key.function)) {
+  for (const std::size_t column : key.columns) columns_.push_back(&store.layout().columns[column]);
 }
 
 std::unique_ptr<TableIndex> TableIndex::make(IndexKind kind, const TableStore& store,
-                                             std::span<const std::size_t> columns) {
-  if (columns.empty() || columns.size() > mostColumns) {
-    throw KoInvalidArgument("Cannot index " + std::to_string(columns.size()) + " columns");
+                                             IndexKey key) {
+  if (key.function == nullptr && (key.columns.empty() || key.columns.size() > mostColumns)) {
+    throw KoInvalidArgument("Cannot index " + std::to_string(key.columns.size()) + " columns");
   }
-  for (const std::size_t column : columns) {
+  for (const std::size_t column : key.columns) {
     const ColumnInfo& info = store.layout().columns[column];
-    const bool fits = kind == IndexKind::longestPrefix
-                          ? info.type == ipGenPrefixType_ && !info.isArray && columns.size() == 1
-                          : KeyPart::canIndex(info);
+    const bool fits =
+        kind == IndexKind::longestPrefix
+            ? info.type == ipGenPrefixType_ && !info.isArray && key.columns.size() == 1
+            : KeyPart::canIndex(info);
     if (!fits) throw KoInvalidArgument("Cannot index - (" + std::string(info.name) + ")");
   }
   switch (kind) {
     case IndexKind::equal:
     case IndexKind::unique:
-      return std::make_unique<EqualIndex>(store, columns);
+      return std::make_unique<EqualIndex>(store, std::move(key));
     case IndexKind::ordered:
-      return std::make_unique<OrderedIndex>(store, columns);
+      return std::make_unique<OrderedIndex>(store, std::move(key));
     case IndexKind::longestPrefix:
       break;
   }
-  return std::make_unique<PrefixIndex>(store, columns);
+  return std::make_unique<PrefixIndex>(store, std::move(key));
 }
 
-TableIndex::Key::Key(const TableIndex& index, const BaseRow& row) : count_(index.columns_.size()) {
+TableIndex::Key::Key(const TableIndex& index, const BaseRow& row, std::string_view computed)
+    : count_(index.computes() ? 1 : index.columns_.size()) {
+  if (index.computes()) {
+    parts_[0] = KeyPart::ofText(computed);
+    return;
+  }
   for (std::size_t i = 0; i < count_; ++i) parts_[i] = KeyPart::ofColumn(row, *index.columns_[i]);
 }
 
 TableIndex::Key TableIndex::key(Slot slot) const {
-  return Key(*this, store_.row(slot));
+  return {*this, store_.row(slot), computes() ? computed_[slot] : std::string_view()};
 }
 
-bool TableIndex::sameKey(const BaseRow& a, const BaseRow& b) const {
-  return compareKeys(Key(*this, a).parts(), Key(*this, b).parts()) == 0;
+std::string TableIndex::compute(const BaseRow& row) const {
+  return computes() ? function_(row) : std::string();
+}
+
+void TableIndex::reserve(std::size_t slots, std::size_t) {
+  if (computes()) growTo(computed_, slots);
+}
+
+void TableIndex::put(Slot slot, std::string& computed) noexcept {
+  if (computes()) computed_[slot].swap(computed);
+  insert(slot);
+}
+
+void TableIndex::takeOut(Slot slot) noexcept {
+  erase(slot);
+  if (computes()) std::string().swap(computed_[slot]);
 }
 
 // ---------------------------------------------------------------------------------------------
 // By equality
 
 void EqualIndex::reserve(std::size_t slots, std::size_t count) {
-  if (links_.size() < slots) {
-    links_.reserve(std::max(slots, links_.size() + links_.size() / 2));
-    links_.resize(slots);
-  }
-  const std::size_t wanted = std::bit_ceil(std::max<std::size_t>(size_ + count, 16));
+  TableIndex::reserve(slots, count);
+  growTo(links_, slots);
+  const std::size_t wanted = std::bit_ceil(std::max<std::size_t>(keys_ + count, 16));
   if (wanted <= buckets_.size()) return;
   std::vector<Slot> buckets(wanted, noSlot);
   buckets_.swap(buckets);
   for (const Slot first : buckets) {
     for (Slot slot = first; slot != noSlot;) {
       Slot& bucket = buckets_[bucketOf(links_[slot].hash)];
-      slot = std::exchange(links_[slot].next, std::exchange(bucket, slot));
+      slot = std::exchange(links_[slot].chain, std::exchange(bucket, slot));
     }
   }
 }
 
-void EqualIndex::insert(Slot slot) noexcept {
-  const auto hash = static_cast<std::uint32_t>(hashKey(key(slot).parts()));
-  Slot& bucket = buckets_[bucketOf(hash)];
-  links_[slot] = {std::exchange(bucket, slot), hash};
-  ++size_;
+std::size_t EqualIndex::bytes() const {
+  return buckets_.capacity() * sizeof(Slot) + links_.capacity() * sizeof(Link);
 }
 
-void EqualIndex::erase(Slot slot) noexcept {
-  Slot* at = &buckets_[bucketOf(links_[slot].hash)];
-  while (*at != slot) at = &links_[*at].next;
-  *at = links_[slot].next;
-  --size_;
-}
-
-Slot EqualIndex::matchFrom(Slot slot, std::uint32_t hash, std::span<const KeyPart> wanted) const {
+Slot EqualIndex::find(std::uint32_t hash, std::span<const KeyPart> wanted) const {
+  Slot slot = buckets_[bucketOf(hash)];
   while (slot != noSlot &&
          (links_[slot].hash != hash || compareKeys(key(slot).parts(), wanted) != 0)) {
-    slot = links_[slot].next;
+    slot = links_[slot].chain;
   }
   return slot;
 }
 
 Slot EqualIndex::find(std::span<const KeyPart> wanted) const {
   if (buckets_.empty()) return noSlot;
-  const auto hash = static_cast<std::uint32_t>(hashKey(wanted));
-  return matchFrom(buckets_[bucketOf(hash)], hash, wanted);
+  return find(static_cast<std::uint32_t>(hashKey(wanted)), wanted);
 }
 
-Slot EqualIndex::findNext(Slot slot) const {
-  return matchFrom(links_[slot].next, links_[slot].hash, key(slot).parts());
+void EqualIndex::insert(Slot slot) noexcept {
+  const Key wanted = key(slot);
+  const auto hash = static_cast<std::uint32_t>(hashKey(wanted.parts()));
+  const Slot first = find(hash, wanted.parts());
+  if (first == noSlot) {
+    links_[slot] = {std::exchange(buckets_[bucketOf(hash)], slot), noSlot, noSlot, hash};
+    ++keys_;
+    return;
+  }
+  const Slot second = std::exchange(links_[first].next, slot);
+  links_[slot] = {noSlot, second, first, hash};
+  if (second != noSlot) links_[second].previous = slot;
+  duplicates_ += second == noSlot ? 2U : 1U;
 }
 
-Slot EqualIndex::find(const BaseRow& row) const {
-  return find(Key(*this, row).parts());
+void EqualIndex::erase(Slot slot) noexcept {
+  const Link gone = links_[slot];
+  if (gone.next != noSlot) links_[gone.next].previous = gone.previous;
+  if (gone.previous != noSlot) {
+    links_[gone.previous].next = gone.next;
+  } else {
+    Slot* at = &buckets_[bucketOf(gone.hash)];
+    while (*at != slot) at = &links_[*at].chain;
+    if (gone.next == noSlot) {
+      *at = gone.chain;
+      --keys_;
+      return;
+    }
+    *at = gone.next;
+    links_[gone.next].chain = gone.chain;
+  }
+  const Slot other = gone.previous != noSlot ? gone.previous : gone.next;
+  duplicates_ -= links_[other].previous == noSlot && links_[other].next == noSlot ? 2U : 1U;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -204,10 +239,13 @@ std::uint64_t OrderedIndex::leadingBytesOf(const KeyPart& part) {
   return leadingBytes(part.bytes().data(), part.bytes().size());
 }
 
-void OrderedIndex::reserve(std::size_t slots, std::size_t) {
-  if (nodes_.size() >= slots) return;
-  nodes_.reserve(std::max(slots, nodes_.size() + nodes_.size() / 2));
-  nodes_.resize(slots);
+void OrderedIndex::reserve(std::size_t slots, std::size_t count) {
+  TableIndex::reserve(slots, count);
+  growTo(nodes_, slots);
+}
+
+std::size_t OrderedIndex::bytes() const {
+  return nodes_.capacity() * sizeof(Node);
 }
 
 bool OrderedIndex::isBefore(Slot a, Slot b) const {
@@ -308,185 +346,57 @@ Slot OrderedIndex::bound(std::span<const KeyPart> wanted, bool behind) const {
 // ---------------------------------------------------------------------------------------------
 // By prefix
 
-AddressBits AddressBits::of(AddressFamily af, const byte_t* bytes) {
-  if (af == ipv6_) return {leadingBytes(bytes, 8), leadingBytes(bytes + 8, 8)};
-  return {leadingBytes(bytes, ipv4Length), 0};
-}
-
-AddressBits AddressBits::cutTo(unsigned int length) const {
-  constexpr std::uint64_t all = ~std::uint64_t{0};
-  if (length >= 128) return *this;
-  if (length > 64) return {high, low & all << (128 - length)};
-  return {length == 0 ? 0 : high & all << (64 - length), 0};
-}
-
-unsigned int AddressBits::commonBits(const AddressBits& other) const {
-  if (high != other.high) return static_cast<unsigned int>(std::countl_zero(high ^ other.high));
-  return 64 + static_cast<unsigned int>(std::countl_zero(low ^ other.low));
-}
-
-PrefixIndex::Prefix PrefixIndex::prefixOf(Slot slot) const {
-  const Key rowKey = key(slot);
-  const std::string_view bytes = rowKey.parts().front().bytes();
-  if (bytes.empty()) return {};
-  const auto at = [&](std::size_t i) { return static_cast<byte_t>(bytes[i]); };
-  byte_t address[ipv6Length] = {};
-  for (std::size_t i = 1; i + 1 < bytes.size(); ++i) address[i - 1] = at(i);
-  Prefix prefix{static_cast<AddressFamily>(at(0)), at(bytes.size() - 1), {}};
-  // A row that was not checked may claim more bits than its address has.
-  prefix.length = std::min<unsigned int>(
-      prefix.length, 8 * static_cast<unsigned int>(encodedAddressLength(prefix.af)));
-  prefix.bits = AddressBits::of(prefix.af, address).cutTo(prefix.length);
-  return prefix;
+PrefixIndex::Place PrefixIndex::placeOf(std::span<const KeyPart> key) {
+  const std::string_view bytes = key.front().bytes();
+  if (bytes.empty()) return {nullptr, {}};
+  const auto* const addr = reinterpret_cast<const byte_t*>(bytes.data());
+  const auto af = static_cast<AddressFamily>(addr[0]);
+  const unsigned int length = addr[bytes.size() - 1];
+  return {&tries_[af == ipv6_ ? 1 : 0], {AddressBits::of(af, addr + 1).cutTo(length), length}};
 }
 
 void PrefixIndex::reserve(std::size_t slots, std::size_t count) {
-  if (same_.size() < slots) {
-    same_.reserve(std::max(slots, same_.size() + same_.size() / 2));
-    same_.resize(slots, noSlot);
-  }
-  // A row takes its own node at the most, and one where two ways part.
-  const std::size_t wanted = nodes_.size() + 2 * count - std::min(2 * count, freeCount_);
-  if (wanted > nodes_.capacity()) {
-    nodes_.reserve(std::max(wanted, nodes_.size() + nodes_.size() / 2));
-  }
+  TableIndex::reserve(slots, count);
+  if (!same_.empty()) growTo(same_, slots);
+  slots_ = slots;
 }
 
-PrefixIndex::NodeIndex PrefixIndex::takeNode(const AddressBits& bits,
-                                             unsigned int length) noexcept {
-  const Node node{bits, length, noSlot, {noNode, noNode}};
-  if (free_ == noNode) {
-    nodes_.push_back(node);
-    return static_cast<NodeIndex>(nodes_.size() - 1);
-  }
-  const NodeIndex taken = free_;
-  free_ = nodes_[taken].child[0];
-  --freeCount_;
-  nodes_[taken] = node;
-  return taken;
+void PrefixIndex::prepare(std::span<const KeyPart> key) {
+  const Place place = placeOf(key);
+  if (place.trie == nullptr) return;
+  if (same_.empty() && place.trie->place(place.prefix) != nullptr) same_.resize(slots_);
+  place.trie->makePlace(place.prefix);
 }
 
-void PrefixIndex::giveNode(NodeIndex node) noexcept {
-  nodes_[node].child[0] = free_;
-  free_ = node;
-  ++freeCount_;
+void PrefixIndex::release(std::span<const KeyPart> key) noexcept {
+  const Place place = placeOf(key);
+  if (place.trie == nullptr) return;
+  const Slot* const first = place.trie->place(place.prefix);
+  if (first != nullptr && *first == noSlot) place.trie->removePlace(place.prefix);
 }
 
-/// Whether the node's prefix contains all of `prefix`.
-bool PrefixIndex::isOn(const Node& node, const Prefix& prefix) const {
-  return node.length <= prefix.length && node.bits.commonBits(prefix.bits) >= node.length;
+std::size_t PrefixIndex::bytes() const {
+  return tries_[0].bytes() + tries_[1].bytes() + same_.capacity() * sizeof(Same);
 }
 
 void PrefixIndex::insert(Slot slot) noexcept {
-  const Prefix prefix = prefixOf(slot);
-  if (prefix.af == unknown_) return;
-  NodeIndex above = noNode;
-  NodeIndex at = rootOf(prefix.af);
-  const auto hang = [&](NodeIndex node) {
-    if (above == noNode) {
-      rootOf(prefix.af) = node;
-    } else {
-      nodes_[above].child[prefix.bits.bit(nodes_[above].length)] = node;
-    }
-  };
-  while (at != noNode && isOn(nodes_[at], prefix) && nodes_[at].length < prefix.length) {
-    above = at;
-    at = nodes_[at].child[prefix.bits.bit(nodes_[at].length)];
-  }
-  if (at == noNode) {
-    at = takeNode(prefix.bits, prefix.length);
-    hang(at);
-  } else if (!isOn(nodes_[at], prefix)) {
-    const AddressBits below = nodes_[at].bits;
-    const unsigned int common =
-        std::min({below.commonBits(prefix.bits), nodes_[at].length, prefix.length});
-    const NodeIndex fork = takeNode(prefix.bits.cutTo(common), common);
-    nodes_[fork].child[below.bit(common)] = at;
-    hang(fork);
-    if (common == prefix.length) {
-      at = fork;
-    } else {
-      at = takeNode(prefix.bits, prefix.length);
-      nodes_[fork].child[prefix.bits.bit(common)] = at;
-    }
-  }
-  same_[slot] = std::exchange(nodes_[at].rows, slot);
+  const Place place = placeOf(key(slot).parts());
+  if (place.trie == nullptr) return;
+  const Slot second = std::exchange(*place.trie->place(place.prefix), slot);
+  if (same_.empty()) return;
+  same_[slot] = {second, noSlot};
+  if (second != noSlot) same_[second].previous = slot;
 }
 
 void PrefixIndex::erase(Slot slot) noexcept {
-  const Prefix prefix = prefixOf(slot);
-  if (prefix.af == unknown_) return;
-  NodeIndex* aboveLink = nullptr;
-  NodeIndex* link = &rootOf(prefix.af);
-  while (nodes_[*link].length < prefix.length) {
-    aboveLink = link;
-    link = &nodes_[*link].child[prefix.bits.bit(nodes_[*link].length)];
-  }
-  const NodeIndex node = *link;
-  Slot* at = &nodes_[node].rows;
-  while (*at != slot) at = &same_[*at];
-  *at = same_[slot];
-
-  // A node without rows that does not part two ways goes, and the one above it may now be such.
-  const auto isIdle = [&](NodeIndex which) {
-    return nodes_[which].rows == noSlot &&
-           (nodes_[which].child[0] == noNode || nodes_[which].child[1] == noNode);
-  };
-  const auto takeOut = [&](NodeIndex& linkOfIt) {
-    const NodeIndex gone = linkOfIt;
-    linkOfIt = nodes_[gone].child[nodes_[gone].child[0] == noNode ? 1 : 0];
-    giveNode(gone);
-  };
-  if (!isIdle(node)) return;
-  takeOut(*link);
-  if (aboveLink != nullptr && isIdle(*aboveLink)) takeOut(*aboveLink);
-}
-
-Slot PrefixIndex::mostSpecific(const Prefix& prefix) const {
-  Slot found = noSlot;
-  for (NodeIndex at = rootOf(prefix.af); at != noNode && isOn(nodes_[at], prefix);) {
-    const Node& node = nodes_[at];
-    if (node.rows != noSlot) found = node.rows;
-    if (node.length >= prefix.length) break;
-    at = node.child[prefix.bits.bit(node.length)];
-  }
-  return found;
-}
-
-Slot PrefixIndex::exact(const Prefix& prefix) const {
-  const Slot found = mostSpecific(prefix);
-  return found != noSlot && prefixOf(found).length == prefix.length ? found : noSlot;
-}
-
-std::vector<Slot> PrefixIndex::covering(const Prefix& prefix) const {
-  std::vector<Slot> found;
-  for (NodeIndex at = rootOf(prefix.af); at != noNode && isOn(nodes_[at], prefix);) {
-    const Node& node = nodes_[at];
-    for (Slot row = node.rows; row != noSlot; row = same_[row]) found.push_back(row);
-    if (node.length >= prefix.length) break;
-    at = node.child[prefix.bits.bit(node.length)];
-  }
-  return found;
-}
-
-std::vector<Slot> PrefixIndex::inside(const Prefix& prefix) const {
-  std::vector<Slot> found;
-  NodeIndex at = rootOf(prefix.af);
-  while (at != noNode && isOn(nodes_[at], prefix) && nodes_[at].length < prefix.length) {
-    at = nodes_[at].child[prefix.bits.bit(nodes_[at].length)];
-  }
-  if (at != noNode && nodes_[at].bits.commonBits(prefix.bits) >= prefix.length &&
-      nodes_[at].length >= prefix.length) {
-    collect(at, found);
-  }
-  return found;
-}
-
-/// At most 128 levels deep: each is longer than the one above it.
-void PrefixIndex::collect(NodeIndex node, std::vector<Slot>& rows) const {
-  for (Slot row = nodes_[node].rows; row != noSlot; row = same_[row]) rows.push_back(row);
-  for (const NodeIndex child : nodes_[node].child) {
-    if (child != noNode) collect(child, rows);
+  const Place place = placeOf(key(slot).parts());
+  if (place.trie == nullptr) return;
+  const Same gone = same_.empty() ? Same() : same_[slot];
+  if (gone.next != noSlot) same_[gone.next].previous = gone.previous;
+  if (gone.previous != noSlot) {
+    same_[gone.previous].next = gone.next;
+  } else {
+    *place.trie->place(place.prefix) = gone.next;
   }
 }
 

@@ -4,80 +4,120 @@
 
 #include <Korvo/TableIndex.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <memory>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "PrefixTrie.h"
 
 namespace Korvo::detail {
 
-/// An index over some columns. After reserve(), insert() and erase() cannot fail.
+/// What an index is of: columns, or what a function makes of a row.
+struct IndexKey {
+  std::vector<std::size_t> columns;
+  KeyFunction function;
+};
+
+/// An index over some columns. After reserve(), and prepare() of its key, putting a row in cannot
+/// fail, nor can taking one out.
 class TableIndex {
  public:
-  TableIndex(const TableStore& store, std::span<const std::size_t> columns);
-  TableIndex(const TableIndex&) = delete;
-  TableIndex& operator=(const TableIndex&) = delete;
-  virtual ~TableIndex() = default;
-
-  static std::unique_ptr<TableIndex> make(IndexKind kind, const TableStore& store,
-                                          std::span<const std::size_t> columns);
-
-  /// Makes room for `count` more rows in slots below `slots`.
-  virtual void reserve(std::size_t slots, std::size_t count) = 0;
-  virtual void insert(Slot slot) noexcept = 0;
-  virtual void erase(Slot slot) noexcept = 0;
-
-  bool sameKey(const BaseRow& a, const BaseRow& b) const;
-
- protected:
   static constexpr std::size_t mostColumns = 8;
 
-  /// A row's key. Its text lies in the row.
+  /// A row's key. What it is made of lies in the row, or with whoever computed it.
   class Key {
    public:
-    Key(const TableIndex& index, const BaseRow& row);
+    Key(const TableIndex& index, const BaseRow& row, std::string_view computed);
     std::span<const KeyPart> parts() const { return {parts_.data(), count_}; }
 
    private:
     std::array<KeyPart, mostColumns> parts_;
     std::size_t count_;
   };
+
+  TableIndex(const TableStore& store, IndexKey key);
+  TableIndex(const TableIndex&) = delete;
+  TableIndex& operator=(const TableIndex&) = delete;
+  virtual ~TableIndex() = default;
+
+  /// Throws KoInvalidArgument for columns that such an index cannot have.
+  static std::unique_ptr<TableIndex> make(IndexKind kind, const TableStore& store, IndexKey key);
+
+  /// Whether keys are computed. They are then kept, so that the function is called once for a row.
+  bool computes() const { return function_ != nullptr; }
+  /// The key that is computed of a row; throws what the function throws. Empty for columns.
+  std::string compute(const BaseRow& row) const;
+  Key key(const BaseRow& row, std::string_view computed) const { return {*this, row, computed}; }
   Key key(Slot slot) const;
+
+  /// Makes room for `count` more rows in slots below `slots`.
+  virtual void reserve(std::size_t slots, std::size_t count);
+  /// Makes a place for a row of this key.
+  virtual void prepare(std::span<const KeyPart>) {}
+  /// Gives the place of this key back if no row is there.
+  virtual void release(std::span<const KeyPart>) noexcept {}
+  /// `computed` is the row's key, if keys are computed, and empty afterwards.
+  void put(Slot slot, std::string& computed) noexcept;
+  void takeOut(Slot slot) noexcept;
+
+  /// The memory that the index takes.
+  virtual std::size_t bytes() const = 0;
+
+ protected:
+  virtual void insert(Slot slot) noexcept = 0;
+  virtual void erase(Slot slot) noexcept = 0;
+  /// Gives `entries` a place for each slot.
+  template <typename Entry>
+  static void growTo(std::vector<Entry>& entries, std::size_t slots) {
+    if (entries.size() >= slots) return;
+    entries.reserve(std::max(slots, entries.size() + entries.size() / 2));
+    entries.resize(slots);
+  }
 
   const TableStore& store_;
 
  private:
   std::vector<const ColumnInfo*> columns_;
+  KeyFunction function_;
+  std::vector<std::string> computed_;
 };
 
-/// Rows by hash: a chain of slots for each bucket.
+/// Rows by hash. Each bucket is a chain of the first rows of their keys, from each of which a list
+/// leads through the rows of its key: however many there are, none is in another key's way.
 class EqualIndex final : public TableIndex {
  public:
   using TableIndex::TableIndex;
 
   void reserve(std::size_t slots, std::size_t count) override;
-  void insert(Slot slot) noexcept override;
-  void erase(Slot slot) noexcept override;
+  std::size_t bytes() const override;
 
   /// The first row of the key, and the next one of the same key; noSlot when there is none.
   Slot find(std::span<const KeyPart> wanted) const;
-  Slot findNext(Slot slot) const;
-  Slot find(const BaseRow& row) const;
-  std::uint64_t hash(const BaseRow& row) const { return hashKey(Key(*this, row).parts()); }
+  Slot findNext(Slot slot) const { return links_[slot].next; }
+  /// How many rows have a key that another row has, too.
+  std::size_t duplicates() const { return duplicates_; }
 
  private:
-  Slot matchFrom(Slot slot, std::uint32_t hash, std::span<const KeyPart> wanted) const;
+  void insert(Slot slot) noexcept override;
+  void erase(Slot slot) noexcept override;
+  Slot find(std::uint32_t hash, std::span<const KeyPart> wanted) const;
   std::size_t bucketOf(std::uint32_t hash) const { return hash & (buckets_.size() - 1); }
 
   struct Link {
-    Slot next;
+    Slot chain;     ///< of a first row: the first row of the bucket's next key
+    Slot next;      ///< of the same key
+    Slot previous;  ///< noSlot: this is the first row of its key
     std::uint32_t hash;
   };
   std::vector<Slot> buckets_;
   std::vector<Link> links_;
-  std::size_t size_ = 0;
+  std::size_t keys_ = 0;
+  std::size_t duplicates_ = 0;
 };
 
 /// Rows by key, and rows of one key by oid: a treap, whose priorities are made of the slots.
@@ -86,8 +126,7 @@ class OrderedIndex final : public TableIndex {
   using TableIndex::TableIndex;
 
   void reserve(std::size_t slots, std::size_t count) override;
-  void insert(Slot slot) noexcept override;
-  void erase(Slot slot) noexcept override;
+  std::size_t bytes() const override;
 
   Slot first() const;
   Slot last() const;
@@ -104,6 +143,8 @@ class OrderedIndex final : public TableIndex {
     Slot child[2];
     Slot parent;
   };
+  void insert(Slot slot) noexcept override;
+  void erase(Slot slot) noexcept override;
   static std::uint64_t leadingBytesOf(const KeyPart& part);
   bool isBefore(Slot a, Slot b) const;
   Slot bound(std::span<const KeyPart> wanted, bool behind) const;
@@ -116,71 +157,43 @@ class OrderedIndex final : public TableIndex {
   Slot root_ = noSlot;
 };
 
-/// The bits of an address, from the highest. IPv4 addresses have the first 32.
-struct AddressBits {
-  std::uint64_t high = 0;
-  std::uint64_t low = 0;
-
-  static AddressBits of(AddressFamily af, const byte_t* bytes);
-  unsigned int bit(unsigned int index) const {
-    return static_cast<unsigned int>((index < 64 ? high >> (63 - index) : low >> (127 - index)) &
-                                     1);
-  }
-  AddressBits cutTo(unsigned int length) const;
-  unsigned int commonBits(const AddressBits& other) const;
-  friend bool operator==(const AddressBits&, const AddressBits&) = default;
-};
-
-/// Rows by prefix: for each family a binary trie without one-way branches. Rows without a prefix
-/// are not in it; host bits do not count.
+/// Rows by prefix. Rows without a prefix are not in it; host bits do not count.
 class PrefixIndex final : public TableIndex {
  public:
   using TableIndex::TableIndex;
-
-  struct Prefix {
-    AddressFamily af = unknown_;
-    unsigned int length = 0;
-    AddressBits bits;
-  };
+  using Prefix = PrefixTrie::Prefix;
 
   void reserve(std::size_t slots, std::size_t count) override;
-  void insert(Slot slot) noexcept override;
-  void erase(Slot slot) noexcept override;
+  void prepare(std::span<const KeyPart> key) override;
+  void release(std::span<const KeyPart> key) noexcept override;
+  std::size_t bytes() const override;
 
-  /// A row of the most specific prefix that contains all of `prefix`.
-  Slot mostSpecific(const Prefix& prefix) const;
-  /// A row of exactly this prefix.
-  Slot exact(const Prefix& prefix) const;
+  // Rows of one prefix hang together: what is found is the first one.
+
+  const PrefixTrie& trie(AddressFamily af) const { return tries_[af == ipv6_ ? 1 : 0]; }
   /// The next row of the same prefix.
-  Slot nextSame(Slot slot) const { return same_[slot]; }
-  /// The rows of all prefixes that contain all of `prefix`, the widest first.
-  std::vector<Slot> covering(const Prefix& prefix) const;
-  /// The rows of all prefixes inside `prefix`, in their order.
-  std::vector<Slot> inside(const Prefix& prefix) const;
+  Slot nextSame(Slot slot) const { return same_.empty() ? noSlot : same_[slot].next; }
+  /// Adds the row and all others of its prefix.
+  void collect(Slot first, std::vector<Slot>& rows) const {
+    for (Slot slot = first; slot != noSlot; slot = nextSame(slot)) rows.push_back(slot);
+  }
 
  private:
-  using NodeIndex = std::uint32_t;
-  static constexpr NodeIndex noNode = 0xFFFFFFFF;
-  struct Node {
-    AddressBits bits;
-    std::uint32_t length;
-    Slot rows;
-    NodeIndex child[2];
+  struct Place {
+    PrefixTrie* trie;  ///< null: there is no prefix
+    Prefix prefix;
   };
+  struct Same {
+    Slot next = noSlot;
+    Slot previous = noSlot;
+  };
+  void insert(Slot slot) noexcept override;
+  void erase(Slot slot) noexcept override;
+  Place placeOf(std::span<const KeyPart> key);
 
-  Prefix prefixOf(Slot slot) const;
-  NodeIndex& rootOf(AddressFamily af) { return roots_[af == ipv6_ ? 1 : 0]; }
-  NodeIndex rootOf(AddressFamily af) const { return roots_[af == ipv6_ ? 1 : 0]; }
-  NodeIndex takeNode(const AddressBits& bits, unsigned int length) noexcept;
-  void giveNode(NodeIndex node) noexcept;
-  bool isOn(const Node& node, const Prefix& prefix) const;
-  void collect(NodeIndex node, std::vector<Slot>& rows) const;
-
-  std::vector<Node> nodes_;
-  std::vector<Slot> same_;
-  NodeIndex free_ = noNode;
-  std::size_t freeCount_ = 0;
-  NodeIndex roots_[2] = {noNode, noNode};
+  std::array<PrefixTrie, 2> tries_;
+  std::vector<Same> same_;  ///< empty until two rows have one prefix
+  std::size_t slots_ = 0;
 };
 
 }  // namespace Korvo::detail

@@ -3,11 +3,14 @@
 
 #include <algorithm>
 #include <list>
+#include <map>
 #include <random>
+#include <system_error>
 #include <utility>
 
 #include "PublisherSession.h"
 #include "TableEngines.h"
+#include "TableTrace.h"
 #include "TableWalk.h"
 #include "UnixSocket.h"
 
@@ -25,6 +28,9 @@ constexpr std::size_t turnBytes = 64 * 1024;
 constexpr std::size_t readBytes = 16 * 1024;
 constexpr milliseconds shortestHeartbeat{100};
 constexpr milliseconds longestStep{1000};
+/// Names of former subscribers that are remembered.
+constexpr std::size_t mostNames = 4096;
+constexpr const char* thisFile = "components/tables/src/TablePublisher.cpp";
 
 std::uint64_t randomEpoch() {
   std::random_device random;
@@ -51,6 +57,7 @@ class TablePublisher::Impl final : public std::enable_shared_from_this<Impl>,
   void accept(const std::shared_ptr<ByteListener>& listener);
   void take(std::unique_ptr<ByteStream> stream);
   void drop(Connection& connection, const std::string& reason);
+  void subscriberComes(PublisherSession& session);
   void wakeAll();
   /// Sets the timer, if it is not. Without memory that is tried again in the next turn of anybody.
   void keepTime() noexcept;
@@ -65,8 +72,17 @@ class TablePublisher::Impl final : public std::enable_shared_from_this<Impl>,
   std::vector<std::shared_ptr<ByteListener>> listeners;
   std::unique_ptr<Velto::Platform::TimerControl> timer;
   milliseconds step;
+  /// What is known of a subscriber's name.
+  struct Former {
+    std::uint64_t connections = 0;
+    std::uint64_t last = 0;  ///< the number of the latest of them
+    std::string reason;      ///< why the latest that ended did
+  };
+  std::map<std::string, Former> formers;
+  std::uint64_t welcomes = 0;
   std::string lastReason;
   std::function<void(const RefusedRow&)> refusedRowTold;
+  Velto::DebugSupport debug;
   bool isGone = false;
 };
 
@@ -87,9 +103,9 @@ class TablePublisher::Impl::Connection final : public Schedulable,
                                                private ByteStream::User,
                                                private PublisherSession::Owner {
  public:
-  Connection(Impl& impl, std::unique_ptr<ByteStream> stream)
+  Connection(Impl& impl, std::unique_ptr<ByteStream> stream, std::optional<uid_t> user)
       : Schedulable(impl.publication.name, impl.scheduler),
-        session(impl.publication, *this),
+        session(impl.publication, *this, user),
         impl_(impl),
         stream_(std::move(stream)) {
     clientReadyIs(true);
@@ -127,6 +143,7 @@ class TablePublisher::Impl::Connection final : public Schedulable,
     impl->keepTime();
     guarded([&] {
       read();
+      if (session.isWelcome() && !std::exchange(isKnown_, true)) impl->subscriberComes(session);
       write();
     });
     const std::vector<PublisherSession::RowNote> notes = session.takeNotes();
@@ -135,6 +152,12 @@ class TablePublisher::Impl::Connection final : public Schedulable,
       impl->drop(*this, reason_.empty() ? session.endText() : reason_);
     }
     // This may be gone from here on, and the publisher with each call.
+    for (const PublisherSession::RowNote& note : notes) {
+      detail::trace(impl->debug, detail::refusalLevel, thisFile, "run", [&](std::ostream& out) {
+        out << ": " << subscriber << " cannot take row " << note.oid << " of " << note.table << ": "
+            << note.text;
+      });
+    }
     for (const PublisherSession::RowNote& note : notes) {
       if (impl->isGone || !impl->refusedRowTold) return;
       const auto told = impl->refusedRowTold;
@@ -190,6 +213,7 @@ class TablePublisher::Impl::Connection final : public Schedulable,
   std::unique_ptr<ByteStream> stream_;
   bool isLost_ = false;
   bool wasOver_ = false;
+  bool isKnown_ = false;
   std::string reason_;
 };
 
@@ -219,8 +243,15 @@ class TablePublisher::Impl::Outlet final : public Schedulable,
 
   Subscriber status() const {
     const TableOutlet::Status status = outlet_->status();
-    return {status.name,   walk_.names(), walk_.head() - status.acked, status.merged, 0,
-            status.unsent, status.problem};
+    return {status.name,
+            walk_.names(),
+            walk_.head() - status.acked,
+            status.merged,
+            0,
+            status.unsent,
+            walk_.changesBehind(status.acked),
+            0,
+            status.problem};
   }
 
  private:
@@ -268,6 +299,7 @@ TablePublisher::Impl::Impl(const std::string& name, const KoPtr<Scheduler>& sche
   publication.name = name;
   publication.epoch = randomEpoch();
   publication.heartbeat = options.heartbeat;
+  publication.mayHave = options.mayHave;
 }
 
 void TablePublisher::Impl::start() {
@@ -351,12 +383,20 @@ void TablePublisher::Impl::accept(const std::shared_ptr<ByteListener>& listener)
 }
 
 void TablePublisher::Impl::take(std::unique_ptr<ByteStream> stream) {
-  const std::optional<uid_t> user = stream->peerUser();
+  std::optional<uid_t> user;
+  bool isAsked = true;
+  try {
+    user = stream->peerUser();
+  } catch (const std::system_error&) {
+    isAsked = false;
+  }
   const bool isFull = connections.size() >= options.mostSubscribers;
-  connections.push_back(std::make_unique<Connection>(*this, std::move(stream)));
+  connections.push_back(std::make_unique<Connection>(*this, std::move(stream), user));
   PublisherSession& session = connections.back()->session;
-  if (user && *user != geteuid() &&
-      std::ranges::find(options.users, *user) == options.users.end()) {
+  if (!isAsked) {
+    session.end(detail::ByeReason::notAllowed, "the user is not known");
+  } else if (user && *user != geteuid() &&
+             std::ranges::find(options.users, *user) == options.users.end()) {
     session.end(detail::ByeReason::notAllowed,
                 "user " + std::to_string(*user) + " may not subscribe");
   } else if (isFull) {
@@ -364,8 +404,32 @@ void TablePublisher::Impl::take(std::unique_ptr<ByteStream> stream) {
   }
 }
 
+/// Names are the subscribers' own choice: of too many, the ones seen longest ago are forgotten.
+void TablePublisher::Impl::subscriberComes(PublisherSession& session) {
+  Former& former = formers[session.subscriber()];
+  ++former.connections;
+  former.last = ++welcomes;
+  if (formers.size() > mostNames) {
+    formers.erase(
+        std::ranges::min_element(formers, {}, [](const auto& known) { return known.second.last; }));
+  }
+  const std::string warning = session.takeWarning();
+  detail::trace(debug, detail::linkLevel, thisFile, "subscriberComes", [&](std::ostream& out) {
+    out << ": " << session.subscriber() << " subscribes";
+    for (const std::string& table : session.tables()) out << ' ' << table;
+    if (!warning.empty()) out << "; " << warning << ": all rows are told";
+  });
+}
+
 void TablePublisher::Impl::drop(Connection& connection, const std::string& reason) {
   lastReason = reason;
+  const std::string& name = connection.session.subscriber();
+  if (const auto former = formers.find(name); former != formers.end()) {
+    former->second.reason = reason;
+  }
+  detail::trace(debug, detail::linkLevel, thisFile, "drop", [&](std::ostream& out) {
+    out << ": " << (name.empty() ? "a connection" : name) << " is gone: " << reason;
+  });
   std::erase_if(connections, [&](const auto& known) { return known.get() == &connection; });
 }
 
@@ -448,7 +512,12 @@ std::vector<TablePublisher::Subscriber> TablePublisher::subscribers() const {
     PublisherSession& session = connection->session;
     if (!session.isWelcome() || session.isOver()) continue;
     all.push_back({session.subscriber(), session.tables(), sequence() - session.acked(),
-                   session.merged(), session.refused(), session.out().size()});
+                   session.merged(), session.refused(), session.out().size(), session.unackedRows(),
+                   0, ""});
+    const auto former = impl_->formers.find(session.subscriber());
+    if (former == impl_->formers.end()) continue;
+    all.back().reconnects = former->second.connections - 1;
+    all.back().lastReason = former->second.reason;
   }
   for (const auto& outlet : impl_->outlets) all.push_back(outlet->status());
   return all;
@@ -460,6 +529,10 @@ std::string TablePublisher::lastReason() const {
 
 void TablePublisher::onRefusedRow(std::function<void(const RefusedRow& row)> told) {
   impl_->refusedRowTold = std::move(told);
+}
+
+void TablePublisher::debugChannelIs(Velto::DebugChannel* channel, bool owned) {
+  impl_->debug.channelIs(channel, owned);
 }
 
 }  // namespace Korvo

@@ -127,6 +127,17 @@ void TableStore::stateIs(TableState state, std::string text) {
   stateText_ = std::move(text);
 }
 
+std::uint64_t TableStore::changesBehind(std::uint64_t sequence) const {
+  std::uint64_t count = 0;
+  for (Slot slot = latest_; slot != noSlot && entries_[slot].sequence > sequence;
+       slot = entries_[slot].previous) {
+    ++count;
+  }
+  const std::span<const Deletion> all = deletions();
+  const auto first = std::ranges::upper_bound(all, sequence, {}, &Deletion::sequence);
+  return count + static_cast<std::uint64_t>(all.end() - first);
+}
+
 void TableStore::checkThread() const {
   KORVO_ASSERT(std::this_thread::get_id() == thread_, "std::this_thread::get_id() == thread_",
                thisFile, "void Korvo::detail::TableStore::checkThread() const");
@@ -241,21 +252,36 @@ TableIndex& TableStore::index(IndexKind kind, std::span<const std::size_t> colum
   for (const KnownIndex& known : indexes_) {
     if (known.kind == kind && std::ranges::equal(known.columns, columns)) return *known.index;
   }
-  KnownIndex added{
-      kind, {columns.begin(), columns.end()}, TableIndex::make(kind, *this, columns), nullptr};
-  added.index->reserve(entries_.size(), size_);
+  return addIndex(kind, {{columns.begin(), columns.end()}, nullptr});
+}
+
+TableIndex& TableStore::index(IndexKind kind, KeyFunction function) {
+  checkThread();
+  return addIndex(kind, {{}, std::move(function)});
+}
+
+TableIndex& TableStore::addIndex(IndexKind kind, IndexKey key) {
+  KnownIndex added{kind, key.columns, TableIndex::make(kind, *this, std::move(key)), nullptr};
+  TableIndex& index = *added.index;
+  index.reserve(entries_.size(), size_);
   for (Slot slot = slotFrom(0); slot != noSlot; slot = slotFrom(slot + 1)) {
-    if (kind == IndexKind::unique) {
-      if (const Slot other = static_cast<EqualIndex&>(*added.index).find(row(slot));
-          other != noSlot) {
-        throw KoInvalidArgument("Not unique - (" + name_ + ": rows " + std::to_string(oid(other)) +
-                                " and " + std::to_string(oid(slot)) + ")");
-      }
+    const HeldRow held(buffer(slot));
+    std::string computed = index.compute(held);
+    const TableIndex::Key of = index.key(held, computed);
+    if (kind == IndexKind::unique && !isSubscribed) {
+      const Slot other = static_cast<EqualIndex&>(index).find(of.parts());
+      if (other != noSlot) refuse(oid(other), oid(slot));
     }
-    added.index->insert(slot);
+    index.prepare(of.parts());
+    index.put(slot, computed);
   }
   indexes_.push_back(std::move(added));
-  return *indexes_.back().index;
+  return index;
+}
+
+void TableStore::refuse(oid_t a, oid_t b) const {
+  throw KoInvalidArgument("Not unique - (" + name_ + ": rows " + std::to_string(a) + " and " +
+                          std::to_string(b) + ")");
 }
 
 std::shared_ptr<void>& TableStore::handle(const TableIndex& index) {
@@ -275,6 +301,11 @@ TableStore::Cursor::Cursor(TableStore& store, bool keepsBefore)
 
 TableStore::Cursor::~Cursor() {
   if (store_ != nullptr) std::erase(store_->cursors_, this);
+}
+
+void TableStore::Cursor::restart() {
+  isWhole_ = true;
+  inRound_ = false;
 }
 
 bool TableStore::Cursor::resumeBehind(std::uint64_t sequence) {
@@ -385,11 +416,59 @@ TableStore::Commit::Commit(TableStore& store, std::vector<RowOperation>& operati
   store.checkThread();
   select(operations);
   if (changesNothing()) return;
+  for (const Touch& touch : touches_) {
+    for (const KnownIndex& known : store_.indexes_) {
+      if (!known.index->computes()) continue;
+      computed_.push_back(touch.isRemoval ? std::string()
+                                          : known.index->compute(HeldRow(touch.buffer)));
+    }
+  }
   // A copy is as its owner has it.
   if (!store.isSubscribed) checkUnique();
   reserve();
   // A reader that is told in vain finds that nothing changed.
   for (std::size_t i = 0; i < store_.cursors_.size(); ++i) store_.cursors_[i]->changeComes();
+  prepareIndexes();
+}
+
+TableStore::Commit::~Commit() {
+  releaseIndexes();
+}
+
+template <typename Use>
+void TableStore::Commit::forEachKey(const Use& use) {
+  std::string none;
+  std::string* computed = computed_.data();
+  std::size_t move = 0;
+  for (Touch& touch : touches_) {
+    for (const KnownIndex& known : store_.indexes_) {
+      use(touch, known, known.index->computes() ? *computed++ : none, moves_[move++]);
+    }
+  }
+}
+
+void TableStore::Commit::prepareIndexes() {
+  try {
+    forEachKey([](const Touch& touch, const KnownIndex& known, std::string& computed, bool moves) {
+      if (!moves || touch.isRemoval) return;
+      const SubRowReference row(touch.buffer->buf_);
+      known.index->prepare(known.index->key(row, computed).parts());
+    });
+  } catch (...) {
+    releaseIndexes();
+    throw;
+  }
+}
+
+/// Gives back the places that were made for the rows, or that the former ones have left.
+void TableStore::Commit::releaseIndexes() noexcept {
+  if (moves_.empty()) return;
+  forEachKey(
+      [](const Touch& touch, const KnownIndex& known, const std::string& computed, bool moves) {
+        if (!moves || touch.buffer == nullptr || known.kind != IndexKind::longestPrefix) return;
+        const SubRowReference row(touch.buffer->buf_);
+        known.index->release(known.index->key(row, computed).parts());
+      });
 }
 
 /// The last word on each oid counts, if it changes anything.
@@ -414,33 +493,37 @@ void TableStore::Commit::select(std::vector<RowOperation>& operations) {
 }
 
 void TableStore::Commit::checkUnique() const {
-  std::unordered_map<Slot, const Touch*> touched;
+  std::unordered_set<Slot> touched;
+  const std::size_t computing = computed_.size() / touches_.size();
+  std::size_t computingBefore = 0;
   for (const KnownIndex& known : store_.indexes_) {
+    const std::size_t ordinal = computingBefore;
+    if (known.index->computes()) ++computingBefore;
     if (known.kind != IndexKind::unique) continue;
     const auto& index = static_cast<const EqualIndex&>(*known.index);
     if (touched.empty()) {
       for (const Touch& touch : touches_) {
-        if (touch.slot != noSlot) touched.emplace(touch.slot, &touch);
+        if (touch.slot != noSlot) touched.insert(touch.slot);
       }
     }
-    const auto refuse = [&](oid_t a, oid_t b) {
-      throw KoInvalidArgument("Not unique - (" + store_.name_ + ": rows " + std::to_string(a) +
-                              " and " + std::to_string(b) + ")");
-    };
-    std::unordered_multimap<std::uint64_t, const Touch*> fresh;
-    for (const Touch& touch : touches_) {
+    std::unordered_multimap<std::uint64_t, std::pair<oid_t, TableIndex::Key>> fresh;
+    for (std::size_t i = 0; i < touches_.size(); ++i) {
+      const Touch& touch = touches_[i];
       if (touch.isRemoval) continue;
-      const SubRowReference row(touch.buffer->buf_);
-      const Slot holder = index.find(row);
-      if (holder != noSlot && !touched.contains(holder)) refuse(store_.oid(holder), touch.oid);
-      const std::uint64_t hash = index.hash(row);
+      const TableIndex::Key key =
+          index.key(SubRowReference(touch.buffer->buf_),
+                    index.computes() ? computed_[i * computing + ordinal] : std::string_view());
+      for (Slot holder = index.find(key.parts()); holder != noSlot;
+           holder = index.findNext(holder)) {
+        if (!touched.contains(holder)) store_.refuse(store_.oid(holder), touch.oid);
+      }
+      const std::uint64_t hash = hashKey(key.parts());
       const auto [begin, end] = fresh.equal_range(hash);
       for (auto at = begin; at != end; ++at) {
-        if (index.sameKey(SubRowReference(at->second->buffer->buf_), row)) {
-          refuse(at->second->oid, touch.oid);
-        }
+        const auto& [oid, other] = at->second;
+        if (compareKeys(other.parts(), key.parts()) == 0) store_.refuse(oid, touch.oid);
       }
-      fresh.emplace(hash, &touch);
+      fresh.emplace(hash, std::pair(touch.oid, key));
     }
   }
 }
@@ -448,15 +531,19 @@ void TableStore::Commit::checkUnique() const {
 void TableStore::Commit::reserve() {
   std::size_t added = 0;
   std::size_t removed = 0;
+  const std::string* computed = computed_.data();
   moves_.reserve(touches_.size() * store_.indexes_.size());
   for (const Touch& touch : touches_) {
     const bool isNew = touch.slot == noSlot;
     if (isNew) ++added;
     if (touch.isRemoval) ++removed;
     for (const KnownIndex& known : store_.indexes_) {
-      moves_.push_back(
-          isNew || touch.isRemoval ||
-          !known.index->sameKey(store_.row(touch.slot), SubRowReference(touch.buffer->buf_)));
+      const TableIndex& index = *known.index;
+      const std::string_view key = index.computes() ? *computed++ : std::string_view();
+      moves_.push_back(isNew || touch.isRemoval ||
+                       compareKeys(index.key(touch.slot).parts(),
+                                   index.key(SubRowReference(touch.buffer->buf_), key).parts()) !=
+                           0);
     }
   }
   store_.reserveOids(added);
@@ -488,12 +575,9 @@ void TableStore::Commit::reserve() {
 /// In two passes over the indexes, so that rows may swap their keys.
 void TableStore::Commit::apply(std::uint64_t sequence) noexcept {
   if (changesNothing()) return;
-  std::size_t move = 0;
-  for (const Touch& touch : touches_) {
-    for (const KnownIndex& known : store_.indexes_) {
-      if (moves_[move++] && touch.slot != noSlot) known.index->erase(touch.slot);
-    }
-  }
+  forEachKey([](const Touch& touch, const KnownIndex& known, std::string&, bool moves) {
+    if (moves && touch.slot != noSlot) known.index->takeOut(touch.slot);
+  });
   for (Touch& touch : touches_) {
     const bool isNew = touch.slot == noSlot;
     if (isNew) {
@@ -522,12 +606,9 @@ void TableStore::Commit::apply(std::uint64_t sequence) noexcept {
     }
     entry.buffer.swap(touch.buffer);
   }
-  move = 0;
-  for (const Touch& touch : touches_) {
-    for (const KnownIndex& known : store_.indexes_) {
-      if (moves_[move++] && !touch.isRemoval) known.index->insert(touch.slot);
-    }
-  }
+  forEachKey([](const Touch& touch, const KnownIndex& known, std::string& computed, bool moves) {
+    if (moves && !touch.isRemoval) known.index->put(touch.slot, computed);
+  });
   for (std::size_t i = 0; i < before_.size(); ++i) store_.cursors_[i]->before_.merge(before_[i]);
   store_.sequence_ = sequence;
   store_.source_->last = sequence;

@@ -35,6 +35,8 @@ class HeldRow final : public BaseRow {
   HeldRow() = default;
   explicit HeldRow(KoPtr<KoRowBuf> buffer) { rowBuf_ = std::move(buffer); }
   const KoPtr<KoRowBuf>& buffer() const { return rowBuf_; }
+  /// Where any row has its buffer.
+  static KoPtr<KoRowBuf>& bufferOf(BaseRow& row) { return row.*(&HeldRow::rowBuf_); }
   /// Gets a buffer of its own with the row's bytes.
   void copyOf(const BaseRow& row) {
     const len_t length = row.rowLength();
@@ -95,6 +97,8 @@ class TableStore {
 
   /// An index of these columns; the same one when asked for again. Throws with the table as before.
   TableIndex& index(IndexKind kind, std::span<const std::size_t> columns);
+  /// A new index of what `function` makes of the rows. Throws with the table as before.
+  TableIndex& index(IndexKind kind, KeyFunction function);
   /// What the index's user keeps with it.
   std::shared_ptr<void>& handle(const TableIndex& index);
 
@@ -111,6 +115,9 @@ class TableStore {
   std::size_t deletionLimit = 65536;
   /// The sequence of the latest removal that was forgotten.
   std::uint64_t floor() const { return floor_; }
+
+  /// Rows that were put or removed last behind `sequence`. Takes as long as there are such rows.
+  std::uint64_t changesBehind(std::uint64_t sequence) const;
 
   /// Stops the process when a thread other than the table's calls.
   void checkThread() const;
@@ -132,11 +139,13 @@ class TableStore {
   };
   struct KnownIndex {
     IndexKind kind;
-    std::vector<std::size_t> columns;
+    std::vector<std::size_t> columns;  ///< empty: keys are computed
     std::unique_ptr<TableIndex> index;
     std::shared_ptr<void> handle;
   };
 
+  TableIndex& addIndex(IndexKind kind, IndexKey key);
+  [[noreturn]] void refuse(oid_t a, oid_t b) const;
   std::size_t bucketOf(oid_t oid) const;
   void link(Slot slot) noexcept;
   void unlink(Slot slot) noexcept;
@@ -200,6 +209,9 @@ class TableStore::Cursor {
   Cursor& operator=(const Cursor&) = delete;
   virtual ~Cursor();
 
+  /// Stands before everything again.
+  void restart();
+
   /// Called before a batch that changes something is applied. What it throws ends the commit.
   virtual void changeComes() = 0;
   /// Called when the table is destroyed; store() is null already.
@@ -262,6 +274,8 @@ class TableStore::Commit {
   bool changesNothing() const { return touches_.empty(); }
   std::size_t size() const { return touches_.size(); }
   void apply(std::uint64_t sequence) noexcept;
+  /// One that was not applied leaves the table as it was.
+  ~Commit();
 
  private:
   struct Touch {
@@ -274,10 +288,16 @@ class TableStore::Commit {
   void select(std::vector<RowOperation>& operations);
   void checkUnique() const;
   void reserve();
+  void prepareIndexes();
+  void releaseIndexes() noexcept;
+  /// Calls use(touch, index, the touch's computed key in it, whether its key changes).
+  template <typename Use>
+  void forEachKey(const Use& use);
 
   TableStore& store_;
   std::vector<Touch> touches_;
-  std::vector<bool> moves_;  ///< for each touch and index: whether the row's key changes
+  std::vector<bool> moves_;            ///< for each touch and index: whether the row's key changes
+  std::vector<std::string> computed_;  ///< for each touch and index that computes its keys
   std::vector<std::unordered_map<oid_t, KoPtr<KoRowBuf>>> before_;  ///< for each cursor
 };
 

@@ -7,6 +7,7 @@
 
 #include "StreamLink.h"
 #include "TableEngines.h"
+#include "TableTrace.h"
 #include "TableWire.h"
 #include "UnixSocket.h"
 
@@ -21,6 +22,7 @@ constexpr milliseconds shortestHeartbeat{100};
 constexpr milliseconds longestStep{1000};
 constexpr milliseconds firstPause{50};
 constexpr milliseconds longestPause{5000};
+constexpr const char* thisFile = "components/tables/src/TableSubscriber.cpp";
 
 }  // namespace
 
@@ -159,6 +161,17 @@ void TableSubscriber::Impl::run(bool) {
     lose("no memory");
   }
   const std::vector<detail::TableCopies::Problem> problems = copies_.takeProblems();
+  for (const std::string& event : copies_.takeEvents()) {
+    detail::trace(debug_, detail::linkLevel, thisFile, "run",
+                  [&](std::ostream& out) { out << ": " << event; });
+  }
+  for (const detail::TableCopies::Problem& problem : problems) {
+    detail::trace(debug_, detail::refusalLevel, thisFile, "run", [&](std::ostream& out) {
+      out << ": " << (problem.table.empty() ? "all tables" : problem.table);
+      if (problem.oid) out << ", row " << *problem.oid;
+      out << ": " << problem.text;
+    });
+  }
   for (const detail::TableCopies::Problem& problem : problems) {
     if (isGone_ || !problemTold) return;
     const auto told = problemTold;
@@ -275,6 +288,10 @@ TableSubscriber::Status TableSubscriber::status() const {
 
 void TableSubscriber::onProblem(std::function<void(const Problem& problem)> told) {
   impl_->problemTold = std::move(told);
+}
+
+void TableSubscriber::debugChannelIs(Velto::DebugChannel* channel, bool owned) {
+  impl_->debugChannelIs(channel, owned);
 }
 
 }  // namespace Korvo

@@ -63,6 +63,14 @@ std::uint64_t TableWalk::rows() const {
   return rows;
 }
 
+std::uint64_t TableWalk::changesBehind(std::uint64_t sequence) const {
+  std::uint64_t count = 0;
+  for (const auto& feed : feeds_) {
+    if (feed->store() != nullptr) count += feed->store()->changesBehind(sequence);
+  }
+  return count;
+}
+
 std::vector<std::string> TableWalk::names() const {
   std::vector<std::string> names;
   for (const auto& feed : feeds_) {

@@ -6,7 +6,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,6 +26,8 @@ struct Publication {
   bool isComplete = true;
   milliseconds heartbeat{5000};
   std::vector<TableStore*> tables;
+  /// Whether a user may have a table; none: every user may.
+  std::function<bool(const std::string& table, std::optional<uid_t> user)> mayHave = nullptr;
 };
 
 class TableWalk final : public TableSender {
@@ -56,6 +60,8 @@ class TableWalk final : public TableSender {
   bool hasLostATable() const;
   /// Rows of all tables.
   std::uint64_t rows() const;
+  /// Rows of all tables that were put or removed last behind `sequence`.
+  std::uint64_t changesBehind(std::uint64_t sequence) const;
   /// Batches, without the last one, since the last mark.
   std::uint64_t merged() const { return batches_ > 1 ? batches_ - 1 : 0; }
   /// Of the tables that are not gone.

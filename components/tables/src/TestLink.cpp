@@ -61,6 +61,7 @@ struct TestLink::State : std::enable_shared_from_this<State> {
   Direction toPublisher;
   std::size_t piece = noLimit;
   bool isDown = false;
+  std::optional<uid_t> peerUser;
   std::uint64_t connections = 0;
   std::weak_ptr<Connection> present;
   ByteListener::Taker taker;
@@ -112,6 +113,10 @@ class TestLink::State::Stream final : public ByteStream {
     if (most == 0 && !in().hasWriter) return {0, false, "the other end closed the link"};
     if (bytes.empty() && !in().hasWriter) tell(in().reader);
     return {most, true, ""};
+  }
+
+  std::optional<uid_t> peerUser() const override {
+    return isSubscriber_ ? std::nullopt : state_->peerUser;
   }
 
   Result write(const iovec* parts, int count) override {
@@ -222,6 +227,10 @@ void TestLink::cutAfterToPublisher(std::uint64_t bytes) {
 
 void TestLink::cut() {
   if (const auto present = state_->present.lock()) present->cut();
+}
+
+void TestLink::peerUserIs(std::optional<uid_t> user) {
+  state_->peerUser = user;
 }
 
 void TestLink::isDownIs(bool isDown) {

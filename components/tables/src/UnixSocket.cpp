@@ -107,7 +107,7 @@ class SocketStream final : public ByteStream, private Velto::Platform::FdEventHa
     ucred peer{};
     socklen_t length = sizeof peer;
     if (getsockopt(descriptor_.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
-      return std::nullopt;
+      fail("getsockopt");
     }
     return peer.uid;
   }

@@ -60,6 +60,11 @@ class Subject {
     auto inside = oids(ports_.longestPrefix<"net">().inside(Korvo::IpGenPrefix("10.0.0.0/8")));
     std::ranges::sort(inside);
     for (const oid_t oid : inside) text << oid << ' ';
+    for (const char* const begin : {"e", "n"}) {
+      auto found = oids(byBegin_.find(begin + std::string(30, '.')));
+      std::ranges::sort(found);
+      for (const oid_t oid : found) text << oid << ' ';
+    }
     text << links_.size() << ' ' << ports_.sequence() << ' ' << links_.sequence() << '\n';
     runAll(loop_);
     return text.str() + told_.str();
@@ -69,6 +74,10 @@ class Subject {
   Korvo::KoPtr<Korvo::Scheduler> loop_ = scheduler();
   Table<Port> ports_{"net/port"};
   Table<Link> links_{"net/link"};
+  static std::string beginOf(const Port& row) {
+    return row.get<"name">().substr(0, 1) + std::string(30, '.');
+  }
+  decltype(ports_.equalBy(beginOf)) byBegin_ = ports_.equalBy(beginOf);
   Batch<Table<Port>, Table<Link>> batch_{ports_, links_};
   std::ostringstream told_;
   TableReader<Port> reader_{ports_, loop_,
@@ -108,6 +117,7 @@ TEST(TableAllocationTest, FailedIndexLeavesTheTable) {
         subject->table.unique<"name">();
         subject->table.longestPrefix<"net">();
         subject->table.ordered<"name">();
+        subject->table.orderedBy([](const Port& row) { return "long enough " + row.toJson(); });
       },
       [](const std::unique_ptr<Indexed>& subject) {
         std::string text;

@@ -253,6 +253,9 @@ TEST_F(LinkTest, PositionAboveTheHeadOfTheHistoryGetsAllRows) {
   agent->publisher.accept(link.publisherEnd());
   loop->advance(seconds(20));
   expectSame();
+  EXPECT_EQ(viewer->problems,
+            std::vector<std::string>{
+                ": the history of portAgent ends at 3, before 11: all rows are told"});
 }
 
 TEST_F(LinkTest, DivergedHistoryIsFoundByTheDigest) {
@@ -360,6 +363,117 @@ TEST_F(LinkTest, StaleRowsAreRemovedAtTheLimit) {
   EXPECT_EQ(viewer->ports.state(), TableState::stale);
   link.isDownIs(false);
   loop->advance(seconds(20));
+  expectSame();
+}
+
+/// A host's channel, which writes traces down.
+class Channel final : public Velto::DebugChannel {
+ public:
+  explicit Channel(std::ostringstream& to) : to_(to) { levelMaskIs(1U << 4 | 1U << 5); }
+  void trace(std::ostringstream& text, unsigned int level, const char*, unsigned int,
+             const char*) override {
+    to_ << level << text.str() << '\n';
+  }
+
+ private:
+  std::ostringstream& to_;
+};
+
+TEST_F(LinkTest, LinksAreTraced) {
+  std::ostringstream published;
+  std::ostringstream subscribed;
+  agent->publisher.debugChannelIs(new Channel(published), true);
+  viewer.emplace(loop, Korvo::SubscriberOptions{.name = "viewer"});
+  viewer->subscriber.debugChannelIs(new Channel(subscribed), true);
+  connect();
+  loop->runUntilQuiet();
+  link.cut();
+  loop->runUntilQuiet();
+  EXPECT_EQ(published.str(),
+            "4: viewer subscribes net/port net/link\n4: viewer is gone: the link was cut\n");
+  EXPECT_EQ(subscribed.str(),
+            "4: net/port comes from portAgent\n4: net/link comes from portAgent\n"
+            "4: the link is lost: the link was cut\n");
+}
+
+TEST_F(LinkTest, TableThatAUserMayNotHaveIsRefusedInWords) {
+  agent.emplace(loop, Korvo::PublisherOptions{
+                          .mayHave = [](const std::string& table, std::optional<uid_t> user) {
+                            return table != "net/port" || user == uid_t{7};
+                          }});
+  agent->putMany(1, 10);
+  agent->put(tabletest::link(1, true));
+  connect();
+  loop->runUntilQuiet();
+  EXPECT_EQ(viewer->ports.state(), TableState::refused);
+  EXPECT_EQ(viewer->ports.stateText(), "portAgent does not give net/port to an unknown user");
+  EXPECT_EQ(viewer->ports.size(), 0U);
+  EXPECT_EQ(viewer->links.state(), TableState::current);
+  EXPECT_EQ(viewer->links.size(), 1U);
+  link.peerUserIs(7);  // who may not subscribe at all
+  link.cut();
+  loop->advance(seconds(20));
+  EXPECT_EQ(viewer->subscriber.status().lastReason,
+            "the publisher ended: user 7 may not subscribe");
+  agent.emplace(
+      loop, Korvo::PublisherOptions{
+                .users = {7}, .mayHave = [](const std::string& table, std::optional<uid_t> user) {
+                  return table != "net/link" && user == uid_t{7};
+                }});
+  agent->publisher.accept(link.publisherEnd());
+  loop->advance(seconds(20));
+  EXPECT_EQ(viewer->ports.state(), TableState::current);
+  EXPECT_EQ(viewer->links.stateText(), "portAgent does not give net/link to user 7");
+}
+
+TEST_F(LinkTest, ConnectionsWithoutAMarkDoNotMakeAttemptsFrequent) {
+  struct Closing final : Korvo::ByteConnector {
+    std::unique_ptr<Korvo::ByteStream> connect() override {
+      ++attempts;
+      auto end = link.subscriberEnd()->connect();
+      link.cut();
+      return end;
+    }
+    Korvo::TestLink link;
+    int attempts = 0;
+  };
+  const auto closing = std::make_shared<Closing>();
+  agent->publisher.accept(closing->link.publisherEnd());
+  viewer->subscriber.connect(closing);
+  loop->advance(std::chrono::minutes(10));
+  EXPECT_GT(closing->attempts, 100);
+  EXPECT_LT(closing->attempts, 500);
+}
+
+TEST_F(LinkTest, MarkMakesTheNextAttemptsFrequent) {
+  connect();
+  loop->advance(seconds(1));
+  link.isDownIs(true);
+  link.cut();
+  loop->advance(std::chrono::minutes(10));  // the pauses have become long
+  link.isDownIs(false);
+  loop->advance(seconds(6));
+  ASSERT_EQ(viewer->ports.state(), TableState::current);
+  for (int i = 0; i < 50; ++i) {
+    link.cut();
+    loop->advance(milliseconds(51));
+    EXPECT_EQ(viewer->ports.state(), TableState::current) << i;
+  }
+}
+
+TEST_F(LinkTest, RowsThatDifferInGapsAreNotTold) {
+  agent->putMany(1, 3);
+  connect();
+  loop->runUntilQuiet();
+  const TableReader<Port> reader(viewer->ports, loop, writeDown());
+  loop->runUntilQuiet();
+  told();
+  restart();
+  Port longer = port(1, "a longer name");
+  longer.set<"name">("eth1");  // where the longer one stood
+  agent->put(longer, port(2, "eth2"));
+  loop->advance(seconds(20));
+  EXPECT_EQ(told(), "");
   expectSame();
 }
 
@@ -548,7 +662,34 @@ TEST_F(LinkTest, PeopleAreToldOfSubscribers) {
   EXPECT_EQ(subscribers[0].name, "viewer");
   EXPECT_EQ(subscribers[0].tables, (std::vector<std::string>{"net/port", "net/link"}));
   EXPECT_EQ(subscribers[0].lag, 0U);
+  EXPECT_EQ(subscribers[0].lagRows, 0U);
+  EXPECT_EQ(subscribers[0].reconnects, 0U);
+  EXPECT_EQ(subscribers[0].lastReason, "");
   EXPECT_EQ(viewer->subscriber.status().publisher, "portAgent");
+}
+
+TEST_F(LinkTest, PeopleAreToldHowFarASubscriberIsBehindAndHowOftenItCame) {
+  viewer.emplace(loop, Korvo::SubscriberOptions{.name = "viewer"});
+  agent->putMany(1, 10);
+  connect();
+  loop->runUntilQuiet();
+  for (int i = 0; i < 2; ++i) {
+    link.cut();
+    loop->advance(seconds(1));
+  }
+  link.roomIs(0);
+  for (int i = 0; i < 100; ++i) agent->put(port(1, std::to_string(i)), port(2, "b"));
+  agent->remove(3);
+  loop->runUntilQuiet();
+  const auto subscribers = agent->publisher.subscribers();
+  ASSERT_EQ(subscribers.size(), 1U);
+  EXPECT_EQ(subscribers[0].lag, 101U);
+  EXPECT_EQ(subscribers[0].lagRows, 3U);  // 1, 2 and the removal
+  EXPECT_EQ(subscribers[0].reconnects, 2U);
+  EXPECT_EQ(subscribers[0].lastReason, "the link was cut");
+  link.roomIs(65536);
+  loop->runUntilQuiet();
+  EXPECT_EQ(agent->publisher.subscribers().at(0).lagRows, 0U);
 }
 
 }  // namespace

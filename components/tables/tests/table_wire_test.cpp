@@ -39,6 +39,7 @@ class RawEnd {
       const auto type = static_cast<unsigned char>(bytes_[4]);
       types += std::string(names[type]) + ' ';
       last = bytes_.substr(8, length - 8);
+      if (type == mark && marked == 0) marked = Korvo::loadField<std::uint64_t>(last.data());
       if (type == refuse) types += last.substr(1) + ' ';
       if (type == note) types += last.substr(5) + ' ';
       if (type == bye) types += last.substr(2) + ' ';
@@ -48,7 +49,8 @@ class RawEnd {
   }
 
   bool isOpen = true;
-  std::string last;  ///< the body of the last frame
+  std::string last;          ///< the body of the last frame
+  std::uint64_t marked = 0;  ///< the sequence of the first mark
 
  private:
   std::unique_ptr<Korvo::ByteStream> stream_;
@@ -82,6 +84,45 @@ TEST_F(PublisherWireTest, TellsRowsAsTheyLieInMemory) {
   agent->remove(6);
   EXPECT_EQ(answer(""), "del mark ");
   EXPECT_EQ(raw.last, Bytes().u64(4).u64(1).u64(0).u16(1).u16(3).u64(0).u64(0).get());
+}
+
+// What comes and goes between two marks is told as it stands: last value, or gone.
+TEST_F(PublisherWireTest, ChangesBetweenTwoMarksAreMerged) {
+  agent->put(port(1, "a"), port(2, "b"));
+  answer(helloFrame<PortLayout>());
+  agent->put(port(1, "x"));
+  agent->put(port(1, "y"));
+  agent->remove(2);
+  agent->put(port(2, "again"));  // one row
+  agent->put(port(3, "came"));
+  agent->remove(3);  // and went: no row
+  const std::string types = answer("");
+  EXPECT_EQ(types, "row row mark ");
+  EXPECT_EQ(raw.last.substr(0, 24), Bytes().u64(7).u64(2).u64(5).get());
+}
+
+// A slow round is brought to an end with the rows as they stand after two seconds of it.
+TEST_F(PublisherWireTest, RoundThatLastsTooLongComesToAMark) {
+  agent->putMany(1, 4000);
+  link.roomIs(2000);
+  raw.send(helloFrame<PortLayout>());
+  std::string types;
+  std::uint64_t batches = 1;
+  while (types.find("mark") == std::string::npos && batches < 200) {
+    agent->put(port(1, "v" + std::to_string(++batches)));
+    loop->advance(milliseconds(100));
+    types += raw.receive();
+  }
+  ASSERT_NE(types.find("mark"), std::string::npos);
+  EXPECT_GE(raw.marked, 20U);
+  EXPECT_LE(raw.marked, 35U);
+  EXPECT_GT(batches, 50U);
+}
+
+TEST_F(PublisherWireTest, RefusedRowsAreCounted) {
+  answer(helloFrame<PortLayout>());
+  answer(frame(ack, 0, Bytes().u64(0).u64(3).get()));
+  EXPECT_EQ(agent->publisher.subscribers().at(0).refused, 3U);
 }
 
 TEST_F(PublisherWireTest, SaysWhichProtocolsItKnows) {
@@ -132,6 +173,16 @@ TEST_F(PublisherWireTest, RefusedTableIsToldNoMore) {
 
 TEST_F(PublisherWireTest, TellsOfRowsThatASubscriberRefused) {
   std::string told;
+  std::string traced;
+  struct Channel final : Velto::DebugChannel {
+    explicit Channel(std::string& to) : text(to) { levelMaskIs(1U << 5); }
+    void trace(std::ostringstream& traced, unsigned int, const char*, unsigned int,
+               const char*) override {
+      text += traced.str();
+    }
+    std::string& text;
+  };
+  agent->publisher.debugChannelIs(new Channel(traced), true);
   agent->publisher.onRefusedRow([&](const Korvo::TablePublisher::RefusedRow& refused) {
     told = refused.subscriber + ' ' + refused.table + ' ' + std::to_string(refused.oid) + ' ' +
            refused.reason;
@@ -140,6 +191,7 @@ TEST_F(PublisherWireTest, TellsOfRowsThatASubscriberRefused) {
   answer(helloFrame<PortLayout>());
   answer(frame(note, 3, Bytes().u32(17).text("too long").get()));
   EXPECT_EQ(told, "raw net/port 17 too long");
+  EXPECT_EQ(traced, ": raw cannot take row 17 of net/port: too long");
   EXPECT_FALSE(agent.has_value());
 }
 

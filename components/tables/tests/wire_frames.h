@@ -83,7 +83,7 @@ std::string welcomeFrame(std::string layout = Korvo::layoutText(Layout::info)) {
                    .u32(5000)
                    .text("fake")
                    .u64(epoch)
-                   .u64(0)
+                   .u64(100)
                    .u16(1)
                    .u16(0)
                    .u8(1)

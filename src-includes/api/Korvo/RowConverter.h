@@ -138,6 +138,8 @@ class KORVO_API ConversionPlan {
   void convertInto(const void* bytes, std::size_t length, BaseRow& row) const;
 
  private:
+  void requireRow(const void* bytes, std::size_t length) const;
+
   LayoutComparison comparison_;
   KoPtr<const detail::ConversionSteps> steps_;
 };

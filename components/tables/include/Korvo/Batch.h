@@ -17,6 +17,7 @@ class TableMailbox;
 /// A batch over tables whose layouts are known at run time; Batch knows them when it is compiled.
 class KORVO_API AnyBatch {
  public:
+  /// An empty one.
   AnyBatch();
   AnyBatch(const AnyBatch&) = delete;
   AnyBatch& operator=(const AnyBatch&) = delete;
@@ -56,6 +57,7 @@ class Batch : private AnyBatch {
   static_assert(sizeof...(Tables) > 0, "a batch is over one table at the least");
 
  public:
+  /// An empty one.
   // NOLINTNEXTLINE(google-explicit-constructor): it is written with parentheses
   explicit Batch(Tables&... tables) : tables_(tables...) {}
 

@@ -28,6 +28,7 @@ class KORVO_API ByteStream {
     ~User() = default;
   };
 
+  /// What came of a read or a write.
   struct Result {
     std::size_t count = 0;  ///< bytes read or written
     bool isOpen = true;     ///< false: nothing will come or go any more
@@ -47,13 +48,15 @@ class KORVO_API ByteStream {
   virtual Result read(void* to, std::size_t most) = 0;
   /// Writes as much as there is room for.
   virtual Result write(const iovec* parts, int count) = 0;
-  /// The user whose process is at the other end, if that is known.
+  /// The user whose process is at the other end; none where there are no users. Throws
+  /// std::system_error if it cannot be found out.
   virtual std::optional<uid_t> peerUser() const { return std::nullopt; }
 };
 
 /// Where connections come in.
 class KORVO_API ByteListener {
  public:
+  /// Gets a connection, for good.
   using Taker = std::function<void(std::unique_ptr<ByteStream> stream)>;
 
   ByteListener() = default;

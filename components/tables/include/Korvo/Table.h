@@ -25,6 +25,8 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace Korvo {
 
@@ -55,6 +57,14 @@ class KORVO_API AnyTable {
   /// Makes `row` share the buffer of the table's row, or null if there is none; tells which.
   bool get(oid_t oid, BaseRow& row) const;
 
+  // Indexes of columns that are named at run time. They throw KoInvalidArgument for a column that
+  // there is not, or that cannot be indexed so, and std::bad_alloc, with the table as before.
+
+  /// Rows by the values of one column or several.
+  AnyEqualIndex equal(const std::vector<std::string>& columns);
+  /// Rows by a column of prefixes.
+  AnyPrefixIndex longestPrefix(const std::string& column);
+
   /// The number of the last batch that changed something here. Numbers grow, and tables that were
   /// written in one batch go on counting from the same one.
   std::uint64_t sequence() const;
@@ -75,6 +85,8 @@ class Table : public AnyTable {
   using Row = RowType;
   using Layout = typename Row::Layout;
   using const_iterator = RowIterator<Row>;
+  template <ColumnName Name>
+  using TypeOf = typename Layout::template Type<Name>;
 
   explicit Table(const std::string& name) : AnyTable(name, Layout::info) {}
 
@@ -97,24 +109,45 @@ class Table : public AnyTable {
 
   /// Rows by the value of one column or several: `table.equal<"name">().find("eth0")`.
   template <ColumnName... Names>
-  EqualIndex<Row, Names...>& equal() {
-    return indexOf<EqualIndex<Row, Names...>, Names...>();
+  EqualIndex<Row, TypeOf<Names>...>& equal() {
+    return indexOf<EqualIndex<Row, TypeOf<Names>...>, Names...>();
   }
   /// The same where no two rows may have one value: a batch that would make them so is refused.
   /// Throws KoInvalidArgument if two rows have it now.
   template <ColumnName... Names>
-  UniqueIndex<Row, Names...>& unique() {
-    return indexOf<UniqueIndex<Row, Names...>, Names...>();
+  UniqueIndex<Row, TypeOf<Names>...>& unique() {
+    return indexOf<UniqueIndex<Row, TypeOf<Names>...>, Names...>();
   }
   /// Rows in the order of one column or several.
   template <ColumnName... Names>
-  OrderedIndex<Row, Names...>& ordered() {
-    return indexOf<OrderedIndex<Row, Names...>, Names...>();
+  OrderedIndex<Row, TypeOf<Names>...>& ordered() {
+    return indexOf<OrderedIndex<Row, TypeOf<Names>...>, Names...>();
   }
   /// Rows by a column of prefixes.
   template <ColumnName Name>
-  PrefixIndex<Row, Name>& longestPrefix() {
-    return indexOf<PrefixIndex<Row, Name>, Name>();
+  PrefixIndex<Row>& longestPrefix() {
+    return indexOf<PrefixIndex<Row>, Name>();
+  }
+
+  // Indexes of keys that are computed: `function` makes a number, a text, an address or a prefix of
+  // a row, always the same of equal rows. It is called once for each row that is put; what it
+  // throws ends the commit, with everything as before. Each call makes another index, so keep the
+  // reference.
+  //
+  //   auto& byBegin = ports.equalBy([](const Port& port) { return port.get<"name">().substr(0, 3);
+  //   });
+
+  template <typename Function>
+  auto& equalBy(Function function) {
+    return indexBy<EqualIndex>(std::move(function));
+  }
+  template <typename Function>
+  auto& uniqueBy(Function function) {
+    return indexBy<UniqueIndex>(std::move(function));
+  }
+  template <typename Function>
+  auto& orderedBy(Function function) {
+    return indexBy<OrderedIndex>(std::move(function));
   }
 
  private:
@@ -122,7 +155,19 @@ class Table : public AnyTable {
   Index& indexOf() {
     constexpr std::array columns = {Layout::template index<Names>...};
     detail::TableStore& store = detail::TableAccess::store(*this);
-    detail::TableIndex& index = detail::TableAccess::index(store, Index::kind, columns);
+    return handleOf<Index>(detail::TableAccess::index(store, Index::kind, columns));
+  }
+  template <template <typename, typename...> typename Kind, typename Function>
+  auto& indexBy(Function function) {
+    using Key = detail::ComputedKey<Row, Function>;
+    using Index = Kind<Row, typename Key::Type>;
+    detail::TableStore& store = detail::TableAccess::store(*this);
+    return handleOf<Index>(
+        detail::TableAccess::index(store, Index::kind, Key::of(std::move(function))));
+  }
+  template <typename Index>
+  Index& handleOf(detail::TableIndex& index) {
+    detail::TableStore& store = detail::TableAccess::store(*this);
     std::shared_ptr<void>& handle = detail::TableAccess::handle(store, index);
     if (handle == nullptr) handle = std::make_shared<Index>(store, index);
     return *static_cast<Index*>(handle.get());

@@ -17,8 +17,10 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -30,6 +32,7 @@
 namespace Korvo {
 
 class AnyTable;
+class RowFilter;
 
 namespace detail {
 
@@ -42,6 +45,26 @@ inline constexpr Slot noSlot = 0xFFFFFFFF;
 
 enum class IndexKind : byte_t { equal, unique, ordered, longestPrefix };
 
+/// Makes the bytes of a row's key. The row owns its buffer.
+using KeyFunction = std::function<std::string(const BaseRow& row)>;
+
+/// What is looked for in an index of prefixes: an address counts as the prefix of all its bits.
+struct WantedPrefix {
+  // NOLINTNEXTLINE(google-explicit-constructor)
+  WantedPrefix(const IpGenAddr& addr)
+      : af(addr.af()),
+        bytes(addr.bytes()),
+        length(8 * static_cast<unsigned int>(encodedAddressLength(addr.af()))) {}
+  // NOLINTNEXTLINE(google-explicit-constructor)
+  WantedPrefix(const IpGenPrefix& prefix)
+      : af(prefix.addr().af()),
+        bytes(prefix.addr().bytes()),
+        length(static_cast<unsigned int>(prefix.mask())) {}
+  AddressFamily af;
+  const byte_t* bytes;  ///< of the address or the prefix, which must outlive this
+  unsigned int length;
+};
+
 /// What the templates are made of.
 struct KORVO_API TableAccess {
   static TableStore& store(const AnyTable& table);
@@ -49,23 +72,26 @@ struct KORVO_API TableAccess {
   static void share(const TableStore& store, Slot slot, BaseRow& row);
 
   static TableIndex& index(TableStore& store, IndexKind kind, std::span<const std::size_t> columns);
+  static TableIndex& index(TableStore& store, IndexKind kind, KeyFunction function);
   /// What the index's user keeps with it.
   static std::shared_ptr<void>& handle(TableStore& store, const TableIndex& index);
 
   using Key = std::span<const KeyPart>;
   static Slot equalFind(const TableIndex& index, Key key);
+  static std::size_t duplicates(const TableIndex& index);
+  /// Rows of this key; it may have fewer parts than the index.
+  static RowFilter ofKey(const TableStore& store, const TableIndex& index, Key key);
+  /// Rows of the prefixes inside this one.
+  static RowFilter ofPrefix(const TableStore& store, const TableIndex& index,
+                            const WantedPrefix& wanted);
   static Slot lowerBound(const TableIndex& index, Key key);
   static Slot upperBound(const TableIndex& index, Key key);
   static Slot first(const TableIndex& index);
   static Slot last(const TableIndex& index);
-  static Slot mostSpecific(const TableIndex& index, AddressFamily af, const byte_t* bytes,
-                           unsigned int length);
-  static Slot exact(const TableIndex& index, AddressFamily af, const byte_t* bytes,
-                    unsigned int length);
-  static std::vector<Slot> covering(const TableIndex& index, AddressFamily af, const byte_t* bytes,
-                                    unsigned int length);
-  static std::vector<Slot> inside(const TableIndex& index, AddressFamily af, const byte_t* bytes,
-                                  unsigned int length);
+  static Slot mostSpecific(const TableIndex& index, const WantedPrefix& wanted);
+  static Slot exact(const TableIndex& index, const WantedPrefix& wanted);
+  static std::vector<Slot> covering(const TableIndex& index, const WantedPrefix& wanted);
+  static std::vector<Slot> inside(const TableIndex& index, const WantedPrefix& wanted);
 
   // Steps from a row to the next one; `source` is the store or the index.
   static Slot nextSlot(const void* source, Slot slot);
@@ -123,10 +149,40 @@ KeyPart partFor(const Value& value) {
     return Lookup<T>::part(value);
   }
 }
-template <typename Row, ColumnName Name>
-using LookupOf = Lookup<typename Row::Layout::template Type<Name>>;
+/// What a function that computes a key of a row gives.
+template <typename Row, typename Function>
+struct ComputedKey {
+  using Result = std::remove_cvref_t<std::invoke_result_t<const Function&, const Row&>>;
+  using Type =
+      std::conditional_t<std::is_convertible_v<Result, std::string_view>, std::string, Result>;
+
+  static KeyFunction of(Function function) {
+    return [function = std::move(function)](const BaseRow& held) {
+      Row row;
+      row.shareContents(held);
+      const auto& value = function(std::as_const(row));
+      const KeyPart part = Lookup<Type>::part(value);
+      return std::string(part.bytes());
+    };
+  }
+};
 
 }  // namespace detail
+
+/// Which rows of a table a reader is told of; see AnyTableReader::only(). Indexes make them.
+class RowFilter {
+ public:
+  using Matches = std::function<bool(const BaseRow& row)>;
+
+ private:
+  friend class AnyTableReader;
+  friend struct detail::TableAccess;
+  RowFilter(const detail::TableStore* store, Matches matches)
+      : store_(store), matches_(std::move(matches)) {}
+
+  const detail::TableStore* store_;  ///< null: of any table
+  Matches matches_;
+};
 
 /// Goes through rows of a table; each is a value that shares the table's buffer.
 template <typename Row>
@@ -214,39 +270,54 @@ class IndexHandle {
 
 }  // namespace detail
 
-/// Rows by the value of their columns.
-template <typename Row, ColumnName... Names>
+/// Rows by keys of these types: the values of their columns, or what a function computes of them.
+template <typename Row, typename... Keys>
 class EqualIndex : public detail::IndexHandle<Row> {
  public:
   static constexpr detail::IndexKind kind = detail::IndexKind::equal;
   using detail::IndexHandle<Row>::IndexHandle;
 
   /// The rows that have these values, in no order.
-  RowRange<Row> find(typename detail::LookupOf<Row, Names>::Type... values) const {
-    const std::array key = {detail::LookupOf<Row, Names>::part(values)...};
+  RowRange<Row> find(typename detail::Lookup<Keys>::Type... values) const {
+    const std::array key = {detail::Lookup<Keys>::part(values)...};
     return this->range(detail::TableAccess::nextEqual,
                        detail::TableAccess::equalFind(this->index_, key), detail::noSlot);
   }
+  /// How many rows have values that another row has, too.
+  std::size_t duplicates() const { return detail::TableAccess::duplicates(this->index_); }
+  /// For readers: the rows that have these values.
+  RowFilter watch(typename detail::Lookup<Keys>::Type... values) const {
+    const std::array key = {detail::Lookup<Keys>::part(values)...};
+    return detail::TableAccess::ofKey(this->store_, this->index_, key);
+  }
 };
 
-/// Rows by values that no two of them have.
-template <typename Row, ColumnName... Names>
+/// Rows by values that no two of them have. A copy of another process' table is as its owner has
+/// it, so there may be such rows after all.
+template <typename Row, typename... Keys>
 class UniqueIndex : public detail::IndexHandle<Row> {
  public:
   static constexpr detail::IndexKind kind = detail::IndexKind::unique;
   using detail::IndexHandle<Row>::IndexHandle;
 
-  /// The row that has these values, or a null row.
-  Row find(typename detail::LookupOf<Row, Names>::Type... values) const {
-    const std::array key = {detail::LookupOf<Row, Names>::part(values)...};
+  /// The row that has these values, or a null row. Of several rows it is any one.
+  Row find(typename detail::Lookup<Keys>::Type... values) const {
+    const std::array key = {detail::Lookup<Keys>::part(values)...};
     return this->rowAt(detail::TableAccess::equalFind(this->index_, key));
+  }
+  /// How many rows have values that another row has, too: none in a table of this process.
+  std::size_t duplicates() const { return detail::TableAccess::duplicates(this->index_); }
+  /// For readers: the rows that have these values.
+  RowFilter watch(typename detail::Lookup<Keys>::Type... values) const {
+    const std::array key = {detail::Lookup<Keys>::part(values)...};
+    return detail::TableAccess::ofKey(this->store_, this->index_, key);
   }
 };
 
 /// Rows in the order of their columns, and rows of the same values in the order of their oids.
 /// Numbers are ordered by value, text byte by byte, addresses by family and bytes, prefixes by
 /// family, address and length.
-template <typename Row, ColumnName... Names>
+template <typename Row, typename... Keys>
 class OrderedIndex : public detail::IndexHandle<Row> {
  public:
   static constexpr detail::IndexKind kind = detail::IndexKind::ordered;
@@ -293,28 +364,34 @@ class OrderedIndex : public detail::IndexHandle<Row> {
         },
         values...);
   }
+  /// For readers: the rows of these values.
+  template <typename... Values>
+  RowFilter watch(const Values&... values) const {
+    return withKey(
+        [this](auto key) { return detail::TableAccess::ofKey(this->store_, this->index_, key); },
+        values...);
+  }
 
  private:
   RowRange<Row> range(detail::Slot begin, detail::Slot end) const {
     return detail::IndexHandle<Row>::range(detail::TableAccess::nextOrdered, begin, end);
   }
   template <typename Use, typename... Values>
-  static RowRange<Row> withKey(const Use& use, const Values&... values) {
-    static_assert(sizeof...(Values) > 0 && sizeof...(Values) <= sizeof...(Names),
+  static auto withKey(const Use& use, const Values&... values) {
+    static_assert(sizeof...(Values) > 0 && sizeof...(Values) <= sizeof...(Keys),
                   "a value for each of the first columns");
     return withParts(use, std::index_sequence_for<Values...>(), values...);
   }
   template <typename Use, std::size_t... I, typename... Values>
-  static RowRange<Row> withParts(const Use& use, std::index_sequence<I...>,
-                                 const Values&... values) {
-    using Types = std::tuple<typename Row::Layout::template Type<Names>...>;
+  static auto withParts(const Use& use, std::index_sequence<I...>, const Values&... values) {
+    using Types = std::tuple<Keys...>;
     const std::array key = {detail::partFor<std::tuple_element_t<I, Types>>(values)...};
     return use(std::span<const detail::KeyPart>(key));
   }
 };
 
 /// Rows by a column of prefixes; host bits do not count, and rows without a prefix are not found.
-template <typename Row, ColumnName Name>
+template <typename Row>
 class PrefixIndex : public detail::IndexHandle<Row> {
  public:
   static constexpr detail::IndexKind kind = detail::IndexKind::longestPrefix;
@@ -322,50 +399,71 @@ class PrefixIndex : public detail::IndexHandle<Row> {
 
   /// The row of the most specific prefix that contains the address or the whole of the prefix, or a
   /// null row. Of several rows of that prefix it is any one.
-  Row find(const IpGenAddr& addr) const { return mostSpecific(Wanted(addr)); }
-  Row find(const IpGenPrefix& prefix) const { return mostSpecific(Wanted(prefix)); }
+  Row find(const IpGenAddr& addr) const { return mostSpecific(addr); }
+  Row find(const IpGenPrefix& prefix) const { return mostSpecific(prefix); }
   /// The rows of exactly this prefix.
   RowRange<Row> exact(const IpGenPrefix& prefix) const {
-    const Wanted wanted(prefix);
-    return this->range(
-        detail::TableAccess::nextSamePrefix,
-        detail::TableAccess::exact(this->index_, wanted.af, wanted.bytes, wanted.length),
-        detail::noSlot);
+    return this->range(detail::TableAccess::nextSamePrefix,
+                       detail::TableAccess::exact(this->index_, prefix), detail::noSlot);
   }
   /// The rows of all prefixes that contain the address or the whole of the prefix, the widest
   /// first.
-  std::vector<Row> covering(const IpGenAddr& addr) const { return covering(Wanted(addr)); }
-  std::vector<Row> covering(const IpGenPrefix& prefix) const { return covering(Wanted(prefix)); }
-  /// The rows of all prefixes that lie in this one, itself included.
+  std::vector<Row> covering(const IpGenAddr& addr) const {
+    return this->rowsAt(detail::TableAccess::covering(this->index_, addr));
+  }
+  std::vector<Row> covering(const IpGenPrefix& prefix) const {
+    return this->rowsAt(detail::TableAccess::covering(this->index_, prefix));
+  }
+  /// The rows of all prefixes that lie in this one, itself included, by address and then by length.
   std::vector<Row> inside(const IpGenPrefix& prefix) const {
-    const Wanted wanted(prefix);
-    return this->rowsAt(
-        detail::TableAccess::inside(this->index_, wanted.af, wanted.bytes, wanted.length));
+    return this->rowsAt(detail::TableAccess::inside(this->index_, prefix));
+  }
+  /// For readers: the rows of all prefixes that lie in this one, itself included.
+  RowFilter watch(const IpGenPrefix& prefix) const {
+    return detail::TableAccess::ofPrefix(this->store_, this->index_, prefix);
   }
 
  private:
-  struct Wanted {
-    explicit Wanted(const IpGenAddr& addr)
-        : af(addr.af()),
-          bytes(addr.bytes()),
-          length(8 * static_cast<unsigned int>(detail::encodedAddressLength(addr.af()))) {}
-    explicit Wanted(const IpGenPrefix& prefix)
-        : af(prefix.addr().af()),
-          bytes(prefix.addr().bytes()),
-          length(static_cast<unsigned int>(prefix.mask())) {}
-    AddressFamily af;
-    const byte_t* bytes;
-    unsigned int length;
-  };
+  Row mostSpecific(const detail::WantedPrefix& wanted) const {
+    return this->rowAt(detail::TableAccess::mostSpecific(this->index_, wanted));
+  }
+};
 
-  Row mostSpecific(const Wanted& wanted) const {
-    return this->rowAt(
-        detail::TableAccess::mostSpecific(this->index_, wanted.af, wanted.bytes, wanted.length));
-  }
-  std::vector<Row> covering(const Wanted& wanted) const {
-    return this->rowsAt(
-        detail::TableAccess::covering(this->index_, wanted.af, wanted.bytes, wanted.length));
-  }
+/// An index of columns that are named at run time. It lives as long as its table; copies are the
+/// same index.
+class KORVO_API AnyEqualIndex {
+ public:
+  /// The oids of the rows that have the values of `like` in the index's columns, in no order.
+  /// `like` is a row of the table's layout. Throws KoNullRow for a null row.
+  std::vector<oid_t> find(const BaseRow& like) const;
+
+ private:
+  friend class AnyTable;
+  AnyEqualIndex(const detail::TableStore& store, const detail::TableIndex& index)
+      : store_(&store), index_(&index) {}
+  const detail::TableStore* store_;
+  const detail::TableIndex* index_;
+};
+
+/// As PrefixIndex, of a column that is named at run time.
+class KORVO_API AnyPrefixIndex {
+ public:
+  /// The oid of a row of the most specific prefix that contains the address or the whole of the
+  /// prefix.
+  std::optional<oid_t> find(const IpGenAddr& addr) const;
+  std::optional<oid_t> find(const IpGenPrefix& prefix) const;
+  std::vector<oid_t> exact(const IpGenPrefix& prefix) const;
+  /// The widest first.
+  std::vector<oid_t> covering(const IpGenAddr& addr) const;
+  std::vector<oid_t> covering(const IpGenPrefix& prefix) const;
+  std::vector<oid_t> inside(const IpGenPrefix& prefix) const;
+
+ private:
+  friend class AnyTable;
+  AnyPrefixIndex(const detail::TableStore& store, const detail::TableIndex& index)
+      : store_(&store), index_(&index) {}
+  const detail::TableStore* store_;
+  const detail::TableIndex* index_;
 };
 
 }  // namespace Korvo

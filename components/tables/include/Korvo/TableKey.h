@@ -80,7 +80,7 @@ class KeyPart {
 
   const char* text_ = nullptr;
   std::uint32_t length_ = 0;
-  byte_t own_[2 + ipv6Length] = {};
+  byte_t own_[2 + ipv6Length];  ///< as far as `length_`
 };
 
 /// Compares keys of as many parts, the first part first.

@@ -23,10 +23,12 @@
 
 namespace Korvo {
 
+/// Takes batches from any thread to the tables' own.
 class KORVO_API TableMailbox {
  public:
   /// Runs work on the loop's thread, from whatever thread it is called on.
   using Post = std::function<void(std::function<void()> work)>;
+  /// Oids.
   static constexpr std::size_t defaultLimit = 65536;
 
   /// A mailbox for tables of the loop's thread, which all outlive it. `loop` has post(), as

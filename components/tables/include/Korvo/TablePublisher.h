@@ -20,16 +20,19 @@
 #include <Korvo/Scheduler.h>
 #include <Korvo/Table.h>
 #include <Korvo/export.h>
+#include <Velto/DebugSupport.h>
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace Korvo {
 
+/// How a publisher treats its subscribers.
 struct PublisherOptions {
   /// How often a subscriber hears something, at the least; at least 100 milliseconds. A connection
   /// on which nothing comes for three of it is closed.
@@ -38,30 +41,39 @@ struct PublisherOptions {
   mode_t socketMode = 0600;
   /// Users that may subscribe, beside the process's own.
   std::vector<uid_t> users = {};
+  /// Connections beyond these are refused.
   std::size_t mostSubscribers = 1024;
+  /// Whether a user, if it is known which, may have a table; without it all that may subscribe may.
+  /// A table is refused in words, and the others are not. Must not throw.
+  std::function<bool(const std::string& table, std::optional<uid_t> user)> mayHave = nullptr;
 };
 
+/// Tells the tables that are added to it to subscribers.
 class KORVO_API TablePublisher {
  public:
+  /// For short.
   using Options = PublisherOptions;
 
   /// A subscriber that is connected.
   struct Subscriber {
-    std::string name;
-    std::vector<std::string> tables;
-    std::uint64_t lag = 0;      ///< batches that it has not acknowledged
-    std::uint64_t merged = 0;   ///< batches that it got together with later ones
-    std::uint64_t refused = 0;  ///< rows that it could not take, since it began
-    std::size_t unsent = 0;     ///< bytes
-    std::string problem = {};   ///< why an engine passes nothing on; empty: it does
+    std::string name;                 ///< as it calls itself
+    std::vector<std::string> tables;  ///< the names of those that it gets
+    std::uint64_t lag = 0;            ///< batches that it has not acknowledged
+    std::uint64_t merged = 0;         ///< batches that it got together with later ones
+    std::uint64_t refused = 0;        ///< rows that it could not take, since it began
+    std::size_t unsent = 0;           ///< bytes
+    std::uint64_t lagRows = 0;        ///< rows that changed since what it has acknowledged
+    std::uint64_t reconnects = 0;     ///< connections that one of its name had before
+    /// Why the last one of these ended; of a cluster, why nothing is written there, if so.
+    std::string lastReason;
   };
 
   /// A row that a subscriber could not take.
   struct RefusedRow {
-    std::string subscriber;
-    std::string table;
-    oid_t oid = 0;
-    std::string reason;
+    std::string subscriber;  ///< its name
+    std::string table;       ///< its name
+    oid_t oid = 0;           ///< of the row
+    std::string reason;      ///< for people
   };
 
   /// `name` is told to subscribers. The scheduler has timers, and descriptors for listen(). Throws
@@ -90,6 +102,7 @@ class KORVO_API TablePublisher {
   /// keep what they have: a publisher that was restarted says false until it has loaded its rows,
   /// and nobody deletes anything meanwhile.
   void completeIs(bool isComplete);
+  /// What completeIs() was told last.
   bool complete() const;
 
   /// The name of this history. Chosen by chance at the start, so that nobody mistakes a position in
@@ -103,11 +116,16 @@ class KORVO_API TablePublisher {
   /// for an epoch of 0, a sequence below the present one, or when it is too late.
   void historyIs(std::uint64_t epoch, std::uint64_t sequence);
 
+  /// Those that are connected, in no order.
   std::vector<Subscriber> subscribers() const;
   /// Why the last connection that ended did so; empty before.
   std::string lastReason() const;
   /// Is told of rows that subscribers could not take.
   void onRefusedRow(std::function<void(const RefusedRow& row)> told);
+
+  /// Sends traces to `channel`, which may be null; it is deleted with the publisher if `owned`. On
+  /// level 4 subscribers that come and go, and why; on level 5 rows that they could not take.
+  void debugChannelIs(Velto::DebugChannel* channel, bool owned);
 
  private:
   class Impl;

@@ -31,9 +31,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <iosfwd>
 #include <iterator>
 #include <memory>
+#include <span>
 #include <string>
 
 namespace Korvo {
@@ -88,6 +90,17 @@ class KORVO_API AnyTableReader : public Schedulable {
   /// Tells when the state of the table changes; `current` is told after the rows. Told at once, in
   /// the next turn, what it is now.
   void onState(StateCallback told);
+
+  // From now on only these rows are told, as if there were no others in the table: a row that
+  // begins to match is told as added, one that ceases to as removed. Told anew, as first rows. They
+  // throw std::bad_alloc.
+
+  /// The rows of these oids.
+  void only(std::span<const oid_t> oids);
+  void only(std::initializer_list<oid_t> oids) { only(std::span(oids.begin(), oids.size())); }
+  /// The rows that an index of this table found worth watching:
+  /// `reader.only(byName.watch("eth0"))`. Throws KoInvalidArgument for an index of another table.
+  void only(RowFilter filter);
 
  protected:
   AnyTableReader(AnyTable& table, const KoPtr<Scheduler>& scheduler, Before before);

@@ -22,6 +22,7 @@
 #include <Korvo/Scheduler.h>
 #include <Korvo/Table.h>
 #include <Korvo/export.h>
+#include <Velto/DebugSupport.h>
 
 #include <chrono>
 #include <cstdint>
@@ -32,6 +33,7 @@
 
 namespace Korvo {
 
+/// How a subscriber treats its publisher.
 struct SubscriberOptions {
   /// What the publisher knows this subscriber by; the scheduler's name if it is empty.
   std::string name;
@@ -43,8 +45,10 @@ struct SubscriberOptions {
   std::size_t mostWaitingBytes = std::size_t{1} << 30;
 };
 
+/// Keeps the tables that are added to it as their publisher has them.
 class KORVO_API TableSubscriber {
  public:
+  /// For short.
   using Options = SubscriberOptions;
 
   /// Something that was not as it should be: a row or a table that could not be taken, or rows that
@@ -52,16 +56,17 @@ class KORVO_API TableSubscriber {
   struct Problem {
     std::string table;         ///< empty: all of them
     std::optional<oid_t> oid;  ///< of a row
-    std::string text;
+    std::string text;          ///< for people
   };
 
+  /// How the subscription goes; numbers count from its start.
   struct Status {
-    bool isConnected = false;
-    std::string publisher;          ///< its name, once it was heard of
-    std::uint64_t connections = 0;  ///< that were made
-    std::uint64_t marks = 0;        ///< states of the publisher that were reached
-    std::uint64_t merged = 0;       ///< batches of it that came together with later ones
-    std::uint64_t refusedRows = 0;
+    bool isConnected = false;        ///< whether there is a link now
+    std::string publisher;           ///< its name, once it was heard of
+    std::uint64_t connections = 0;   ///< that were made
+    std::uint64_t marks = 0;         ///< states of the publisher that were reached
+    std::uint64_t merged = 0;        ///< batches of it that came together with later ones
+    std::uint64_t refusedRows = 0;   ///< rows that could not be taken
     std::uint64_t digestFaults = 0;  ///< how often a copy was not as the publisher had it
     std::string lastReason;          ///< why the last connection ended or could not be made
   };
@@ -88,8 +93,15 @@ class KORVO_API TableSubscriber {
   /// 255 bytes; and what LayoutComparison throws for the rules.
   void add(AnyTable& table, const ConversionRules& rules = {});
 
+  /// As of now.
   Status status() const;
+  /// `told` is called for each problem as it comes up, and may do everything.
   void onProblem(std::function<void(const Problem& problem)> told);
+
+  /// Sends traces to `channel`, which may be null; it is deleted with the subscription if `owned`.
+  /// On level 4 links that are made and lost, and why, and how the publisher's layouts compare with
+  /// those here; on level 5 problems.
+  void debugChannelIs(Velto::DebugChannel* channel, bool owned);
 
  private:
   class Impl;

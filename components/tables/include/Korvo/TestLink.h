@@ -18,6 +18,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 namespace Korvo {
 
@@ -25,12 +26,15 @@ namespace Korvo {
 /// for. The last connection is the one that is cut and looked at. The ends may outlive the link.
 class KORVO_API TestLink {
  public:
+  /// Nothing is connected.
   TestLink();
   TestLink(const TestLink&) = delete;
   TestLink& operator=(const TestLink&) = delete;
   ~TestLink();
 
+  /// For TablePublisher::accept().
   const std::shared_ptr<ByteListener>& publisherEnd() const;
+  /// For TableSubscriber::connect().
   const std::shared_ptr<ByteConnector>& subscriberEnd() const;
 
   /// At most so many bytes towards the subscriber are under way; 65536 at first.
@@ -44,14 +48,18 @@ class KORVO_API TestLink {
   void cutAfterToPublisher(std::uint64_t bytes);
   /// Breaks the connection; bytes under way are lost.
   void cut();
+  /// Whose process connects, as the publisher sees it; not known at first.
+  void peerUserIs(std::optional<uid_t> user);
   /// Whether attempts to connect fail.
   void isDownIs(bool isDown);
 
+  /// Whether the last connection stands.
   bool isConnected() const;
   /// Connections that were made.
   std::uint64_t connections() const;
   /// Bytes that reached each end, over all connections.
   std::uint64_t bytesToSubscriber() const;
+  /// As bytesToSubscriber().
   std::uint64_t bytesToPublisher() const;
 
  private:

@@ -19,6 +19,7 @@ namespace Korvo {
 /// Has timers and no descriptors.
 class KORVO_API TestLoop : public Scheduler {
  public:
+  /// Its clock begins at 0.
   explicit TestLoop(const std::string& name = "test");
   ~TestLoop() override;
 
