@@ -89,6 +89,7 @@ done
 
 for ((attempt = 0; attempt < 300; ++attempt)); do
   ! grep -q 'sha1' "$folder/publisher.out" || break
+  kill -0 "$publisher" 2>/dev/null || break
   sleep 0.1
 done
 sleep 1 # for what is on its way to the copies

@@ -143,7 +143,6 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   std::uint64_t acked_ = 0;
   std::uint64_t merged_ = 0;
   EtcdBackoff backoff_;
-  bool isWorking_ = false;
 
   std::unique_ptr<Velto::Platform::TimerControl> timer_;
   EtcdClient client_;

@@ -167,6 +167,40 @@ TEST(EtcdFaults, ARowThatNoServerTakesIsTold) {
   EXPECT_LT(engine()->counters().retried - before, 10U) << "asked in a tight loop";
 }
 
+TEST(EtcdFaults, TransactionsThatAreSentAgainAreMadeOnce) {
+  Cluster cluster(1);
+  cluster.waitUntilReady();
+  const auto before = engine()->counters();
+  Publisher publisher(cluster.address());
+  Copy copy(cluster.address());
+  int generation = 0;
+  const auto change = [&] {
+    publisher.put({port(1, "one", ++generation)});
+    runFor(milliseconds(3), publisher, copy);
+  };
+  // The server is held up while transactions are under way, for longer than they are waited for.
+  for (int round = 0; round < 3; ++round) {
+    for (int i = 0; i < 50; ++i) change();
+    cluster.stop(0);
+    for (int i = 0; i < 800; ++i) change();
+    cluster.resume(0);
+    ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy))
+        << copy.text() << publisher.problem();
+  }
+  ASSERT_TRUE(
+      runUntil([&] { return publisher.publisher.subscribers().at(0).lag == 0; }, publisher));
+  const auto after = engine()->counters();
+  const std::uint64_t again = after.retried - before.retried + after.recognised - before.recognised;
+  EXPECT_GT(again, 0U);
+  // Each transaction writes the mark, once.
+  const std::string fields = cluster.tool("get korvo/test/agent/mark -w fields");
+  EXPECT_TRUE(says(
+      fields, "\"Version\" : " + std::to_string(after.transactions - before.transactions) + "\n"))
+      << fields << after.transactions - before.transactions << " transactions, "
+      << after.retried - before.retried << " sent again, " << after.recognised - before.recognised
+      << " found to be made";
+}
+
 TEST(EtcdFaults, AnotherClusterAtTheAddressIsAnotherHistory) {
   auto first = std::make_unique<Cluster>(1);
   first->waitUntilReady();
