@@ -76,6 +76,7 @@ class TableWalk final : public TableSender {
   bool isComplete() const override { return publication_.isComplete; }
   std::vector<Table> tables() const override;
   bool resume(const TablePosition& position) override;
+  void restart() override;
   bool isBehind() const override;
   bool next(Change& change) override;
   TableMark mark() override;

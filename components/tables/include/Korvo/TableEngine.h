@@ -225,6 +225,8 @@ class KORVO_API TableSender {
   /// What happened up to `position` counts as told. False: of some tables that cannot be, and these
   /// are told as a whole. To be called before next().
   virtual bool resume(const TablePosition& position) = 0;
+  /// From here on each table is told as a whole, whatever was told before. Throws std::bad_alloc.
+  virtual void restart() = 0;
   /// Whether there is anything to tell.
   virtual bool isBehind() const = 0;
   /// The next change, of one table after the other. False: all was told up to head(), and what was
