@@ -298,7 +298,7 @@ void openMissingStreams() {
 }
 
 int mistake(const CommandLine& commandLine, const std::string& what) {
-  std::fprintf(stderr, "korvo: %s (see %s --help)\n", what.c_str(), commandLine.name().c_str());
+  complain(what + " (see " + commandLine.name() + " --help)");
   return statusUsage;
 }
 
@@ -313,17 +313,17 @@ int main(int argc, char** argv) {
     if (e.get_exit_code() != 0) return mistake(commandLine, e.what());
     const int status = commandLine.exit(e);  // --help is no mistake
     if (std::fflush(nullptr) == 0 && std::cout.flush()) return status;
-    std::fputs("korvo: the output cannot be written\n", stderr);
+    complain("the output cannot be written");
     return statusNoOutput;
   } catch (const Failure& e) {
     if (e.status() == statusUsage) return mistake(commandLine, e.what());
-    std::fprintf(stderr, "korvo: %s\n", e.what());
+    complain(e.what());
     return e.status();
   } catch (const std::bad_alloc&) {
     std::fputs("korvo: out of memory\n", stderr);
     return statusNoOutput;
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "korvo: %s\n", e.what());
+    complain(e.what());
     return statusBadData;
   }
 }

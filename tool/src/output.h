@@ -44,6 +44,9 @@ class Output {
   std::string buffer_;
 };
 
+/// One line on standard error, for people. What is no character of a line is made one.
+void complain(std::string_view text);
+
 /// When to use colours, as --color says.
 enum class ColourChoice { automatic, always, never };
 

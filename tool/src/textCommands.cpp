@@ -195,9 +195,9 @@ int describeQuery(const TextOptions& options) {
     if (type) json.add("type", *type);
     out << json.text() << "\n";
   } else {
-    out << "query   " << query << "\n";
-    if (!name.empty()) out << "name    " << name << "\n";
-    if (type) out << "type    " << *type << "\n";
+    out << "query   " << printable(query) << "\n";
+    if (!name.empty()) out << "name    " << printable(name) << "\n";
+    if (type) out << "type    " << printable(*type) << "\n";
   }
   out.finish();
   return statusGood;

@@ -169,6 +169,7 @@ void PublisherSession::fill(std::size_t most) {
 }
 
 void PublisherSession::sendNext() {
+  if (frames_ == 0) roundHead_ = walk_.head();
   TableSender::Change change;
   if (walk_.next(change)) {
     send(std::move(change));
@@ -203,10 +204,11 @@ void PublisherSession::sendGone() {
   ++frames_;
 }
 
-/// A table that changes faster than it is sent would never come to a mark.
+/// A table that changes faster than it is sent would never come to a mark. One that does not change
+/// comes to it by itself.
 bool PublisherSession::isStarved() const {
-  if (!publication_.isComplete) return false;
-  return rows_ > 2 * walk_.rows() || (roundAge_ >= roundLimit && frames_ != 0);
+  if (!publication_.isComplete || frames_ == 0 || walk_.head() == roundHead_) return false;
+  return rows_ > 2 * walk_.rows() || roundAge_ >= roundLimit;
 }
 
 /// Keeps what is left to tell as it stands now: no more than all rows, and their bytes are shared.

@@ -102,10 +102,11 @@ class PublisherSession final : private TableWalk::User {
   milliseconds roundAge_{0};
 
   bool markIsDue_ = false;
-  std::uint64_t frames_ = 0;  ///< of the round
-  std::uint64_t rows_ = 0;    ///< of the round
-  std::uint16_t goneOf_ = 0;  ///< the table of `gone_`
-  std::vector<oid_t> gone_;   ///< removals that go in one frame
+  std::uint64_t frames_ = 0;     ///< of the round
+  std::uint64_t rows_ = 0;       ///< of the round
+  std::uint64_t roundHead_ = 0;  ///< the last batch when the round began
+  std::uint16_t goneOf_ = 0;     ///< the table of `gone_`
+  std::vector<oid_t> gone_;      ///< removals that go in one frame
   std::vector<TableSender::Change> captured_;
   std::size_t capturedSent_ = 0;
   std::optional<TableMark> capturedMark_;

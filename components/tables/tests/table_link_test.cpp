@@ -176,6 +176,26 @@ TEST_F(LinkTest, ResumesWithWhatChangedMeanwhile) {
   EXPECT_LT(link.bytesToSubscriber() - before, 1500U);
 }
 
+TEST_F(LinkTest, ResumingAfterManyChangesSendsEachRowOnce) {
+  agent->putMany(1, 20001);
+  connect();
+  loop->runUntilQuiet();
+  for (const auto& [changed, most] : {std::pair{10000U, 10000U}, std::pair{300U, 300U}}) {
+    link.isDownIs(true);
+    link.cut();
+    loop->runUntilQuiet();
+    for (oid_t i = 0; i < 10000; ++i) {
+      agent->put(port(i % changed + 1, std::to_string(100000 + i + changed)));
+    }
+    const std::uint64_t before = link.bytesToSubscriber();
+    link.isDownIs(false);
+    loop->advance(seconds(20));
+    expectSame();
+    const std::size_t frame = 8 + port(1, "100000").rowLength();
+    EXPECT_LE(link.bytesToSubscriber() - before, most * frame + 2000);
+  }
+}
+
 // Lesson: "I cannot continue from there" is a normal answer.
 TEST_F(LinkTest, ForgottenDeletionsMeanAllRowsAndNoEnd) {
   agent->putMany(1, 70000, "");

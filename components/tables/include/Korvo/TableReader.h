@@ -155,8 +155,9 @@ class Changes {
     return source_->next(change_.change_, change_.after_, change_.before_) ? &change_ : nullptr;
   }
 
-  /// Whether the table is told as a whole: its first rows, of which there may be none, or all of
-  /// them anew. What was told before counts no more.
+  /// Whether the table is told as a whole from here on: its first rows, of which there may be none,
+  /// or all of them anew. What was told before counts no more. True in the turn in which that
+  /// begins; the turns that go on with it are not.
   bool first() const { return source_->first(); }
   /// The table's sequence.
   std::uint64_t sequence() const { return source_->sequence(); }
