@@ -3,8 +3,8 @@
 // SQLite in memory, Boost.MultiIndex, and a plain radix tree (libndpi's Patricia tree), which has
 // prefixes only.
 //
-// What has no index of prefixes is asked for one prefix after the other, the longest first, of those
-// lengths that there are.
+// What has no index of prefixes is asked for one prefix after the other, the longest first, of
+// those lengths that there are.
 //
 // KORVO_BENCH_ROWS is the number of routes in place of the million.
 
@@ -106,7 +106,7 @@ class Routes {
   Routes() {
     const std::size_t count = routeCount();
     std::unordered_set<Net, NetHash> known;
-    const Shares v4Lengths{{8, 1},   {12, 1},  {14, 1},  {15, 2},  {16, 14},  {17, 8},  {18, 14},
+    const Shares v4Lengths{{8, 1},   {12, 1},  {14, 1},  {15, 2},   {16, 14},  {17, 8},   {18, 14},
                            {19, 26}, {20, 44}, {21, 52}, {22, 112}, {23, 104}, {24, 615}, {32, 6}};
     const Shares v6Lengths{{20, 1},  {29, 42}, {32, 125}, {36, 50}, {40, 90},
                            {44, 92}, {46, 20}, {48, 560}, {64, 20}};
@@ -142,15 +142,15 @@ class Routes {
                                                   unsigned int longest) {
     std::vector<std::array<std::uint8_t, 16>> some(count);
     for (auto& addr : some) {
-      randomBits(addr, 0,
-                 shortest + static_cast<unsigned int>(random_() % (longest - shortest)));
+      randomBits(addr, 0, shortest + static_cast<unsigned int>(random_() % (longest - shortest)));
       addr[0] = static_cast<std::uint8_t>(least + random_() % (most - least));
     }
     return some;
   }
   void randomBits(std::array<std::uint8_t, 16>& addr, unsigned int from, unsigned int to) {
     for (unsigned int i = from; i < to; ++i) {
-      if ((random_() & 1) != 0) addr[i / 8] = static_cast<std::uint8_t>(addr[i / 8] ^ 128U >> i % 8);
+      if ((random_() & 1) != 0)
+        addr[i / 8] = static_cast<std::uint8_t>(addr[i / 8] ^ 128U >> i % 8);
     }
   }
   unsigned int lengthOf(const Shares& shares) {
@@ -408,8 +408,7 @@ class PatriciaRoutes {
   void insert(const std::vector<Route>& routes) {
     for (const Route& route : routes) {
       ndpi_prefix_t prefix = prefixOf(route.net.af(), route.net.addr(), route.net.length());
-      ndpi_patricia_node_t* const node =
-          ndpi_patricia_lookup(treeOf(route.net.af()), &prefix);
+      ndpi_patricia_node_t* const node = ndpi_patricia_lookup(treeOf(route.net.af()), &prefix);
       ndpi_patricia_set_node_data(node, std::make_unique<Route>(route).release());
     }
   }
@@ -424,8 +423,7 @@ class PatriciaRoutes {
     }
   }
   oid_t mostSpecific(const IpGenAddr& addr) {
-    ndpi_prefix_t prefix =
-        prefixOf(addr.af(), addr.bytes(), addr.af() == Korvo::ipv6_ ? 128 : 32);
+    ndpi_prefix_t prefix = prefixOf(addr.af(), addr.bytes(), addr.af() == Korvo::ipv6_ ? 128 : 32);
     return oidOf(ndpi_patricia_search_best(treeOf(addr.af()), &prefix));
   }
   oid_t exact(const Net& net) {
