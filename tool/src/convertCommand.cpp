@@ -74,13 +74,14 @@ class Converter {
         }
       }
     }
-    // A file takes the place of another only when all rows are in it.
-    if (!allGood && !options_.output.empty()) {
-      complain(options_.output + ": not written, as rows would be missing");
+    // A file takes the place of another only when all rows are in it, as they are.
+    if (!(allGood && isExact_) && !options_.output.empty()) {
+      complain(options_.output + ": not written, as " + (allGood ? "values" : "rows") +
+               " would be missing");
       return statusFound;
     }
     out.finish();
-    return allGood ? statusGood : statusFound;
+    return allGood && isExact_ ? statusGood : statusFound;
   }
 
   std::unique_ptr<RowText> open(const std::string& path) const {
@@ -112,6 +113,7 @@ class Converter {
   }
 
   void put(Output& out, const NamedLayout& named, const byte_t* row, std::size_t length) {
+    if (options_.as != "rows") tellInexact(named, row);
     if (options_.as == "rows") {
       out.write({reinterpret_cast<const char*>(row), length});
     } else if (options_.as == "json") {
@@ -127,7 +129,19 @@ class Converter {
     }
   }
 
+  /// What the text leaves out is told, so that nothing is lost in silence.
+  void tellInexact(const NamedLayout& named, const byte_t* row) {
+    const TextForm form = options_.as == "csv" ? TextForm::csv : TextForm::json;
+    const Korvo::ColumnInfo* const column = inexactColumn(row, named.layout.info(), form);
+    if (column == nullptr) return;
+    isExact_ = false;
+    complain("row of oid " + std::to_string(oidOf(row)) + ": column \"" +
+             std::string(column->name) +
+             "\": an infinity or bytes that are not UTF-8, which the text does not tell");
+  }
+
   const ConvertOptions& options_;
+  bool isExact_ = true;
   Layouts layouts_;
   Layouts targets_;
   std::map<std::uint16_t, Korvo::ConversionPlan> plans_;

@@ -161,6 +161,15 @@ std::string printable(std::string_view text) {
   return result;
 }
 
+bool isUtf8(std::string_view text) {
+  while (!text.empty()) {
+    const std::size_t length = sequenceLength(text);
+    if (length == 0) return false;
+    text.remove_prefix(length);
+  }
+  return true;
+}
+
 void complain(std::string_view text) {
   std::fprintf(stderr, "korvo: %s\n", printable(text).c_str());
 }

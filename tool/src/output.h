@@ -44,6 +44,9 @@ class Output {
   std::string buffer_;
 };
 
+/// Whether the text is UTF-8 as a whole.
+bool isUtf8(std::string_view text);
+
 /// One line on standard error, for people. What is no character of a line is made one.
 void complain(std::string_view text);
 

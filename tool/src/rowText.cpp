@@ -3,6 +3,7 @@
 #include "failure.h"
 
 #include <charconv>
+#include <cmath>
 #include <limits>
 
 namespace korvotool {
@@ -269,6 +270,51 @@ void appendField(std::string& to, std::string_view text) {
 }
 
 }  // namespace
+
+namespace {
+
+using Korvo::byte_t;
+using Korvo::ColumnInfo;
+using Korvo::VColType;
+
+/// A value of a column with a slot, or an element of it.
+bool isExact(const byte_t* value, std::size_t length, const ColumnInfo& column) {
+  if (length == 0) return true;
+  if (column.type == Korvo::structType_) {
+    return inexactColumn(value, *column.nested, TextForm::json) == nullptr;
+  }
+  return column.type != Korvo::stringType_ ||
+         isUtf8({reinterpret_cast<const char*>(value), length});
+}
+
+bool isExactIn(const byte_t* row, const ColumnInfo& column, TextForm form) {
+  const byte_t* const place = row + column.offset;
+  if (column.type == Korvo::floatType_) return !std::isinf(Korvo::loadField<float>(place));
+  if (column.type == Korvo::doubleType_) return !std::isinf(Korvo::loadField<double>(place));
+  if (column.type != Korvo::stringType_ && column.type != Korvo::structType_) return true;
+  const VColType& slot = VColType::at(row, column.offset);
+  const byte_t* const value = row + slot.offset();
+  if (!column.isArray) {
+    const bool isAsItIs = form == TextForm::csv && column.type == Korvo::stringType_;
+    return isAsItIs || isExact(value, slot.length(), column);
+  }
+  if (slot.length() == 0) return true;
+  const unsigned int count = Korvo::loadField<std::uint16_t>(value) & Korvo::arrayCountMask;
+  for (unsigned int i = 0; i < count; ++i) {
+    const VColType& element = VColType::at(value, Korvo::arrayHeaderLength + sizeof(VColType) * i);
+    if (!isExact(value + element.offset(), element.length(), column)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+const ColumnInfo* inexactColumn(const byte_t* row, const Korvo::LayoutInfo& layout, TextForm form) {
+  for (const ColumnInfo& column : layout.columns) {
+    if (!isExactIn(row, column, form)) return &column;
+  }
+  return nullptr;
+}
 
 std::string csvHeader(const Korvo::LayoutInfo& layout) {
   std::string line(oidField);

@@ -64,6 +64,12 @@ class CsvRows : public RowText {
 };
 
 /// The first record of CSV, and one of a row.
+/// The first column of a row that passed the check whose value the text does not tell exactly: an
+/// infinity, or a string that is not UTF-8. Null if there is none. In CSV, strings are their bytes.
+enum class TextForm : std::uint8_t { json, csv };
+const Korvo::ColumnInfo* inexactColumn(const Korvo::byte_t* row, const Korvo::LayoutInfo& layout,
+                                       TextForm form);
+
 std::string csvHeader(const Korvo::LayoutInfo& layout);
 std::string csvRecord(const Korvo::AnyRow& row);
 

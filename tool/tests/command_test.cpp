@@ -493,6 +493,55 @@ TEST_F(Tool, ConvertsToTextAndBack) {
             "\"tags\":[],\"flags\":[],\"links\":[],\"net\":null}}\n");
 }
 
+TEST_F(Tool, TellsWhatTextDoesNotTell) {
+  write(
+      "exact.layout",
+      "row 7 base 28 { d double @8 s string_t @16 t string_t[] @20 n row 2 base 12 { f float @8 } "
+      "@24 }");
+  write("exact.json", R"({"oid":5,"row":{"d":1.5,"s":"abc","t":["","xyz"],"n":{"f":2.5}}})"
+                      "\n");
+  const Outcome made = korvo("convert -l exact.layout --from json exact.json -o exact.rows");
+  ASSERT_EQ(made.status, 0) << made.err;
+  expectOut("convert -l exact.layout --as json exact.rows | tail -c 37",
+            R"("abc","t":["","xyz"],"n":{"f":2.5}}})"
+            "\n");
+  struct Case {
+    const char* before;
+    std::string after;
+    const char* column;
+    bool inCsv;
+  };
+  const Case cases[] = {
+      {"abc", "ab\xFF", "s", false},
+      {"xyz", "xy\xFF", "t", true},
+      {"\x20\x40", "\x80\x7F", "n", true},  // 2.5f
+      {"\xF8\x3F", "\xF0\x7F", "d", true},  // 1.5
+  };
+  for (const Case& c : cases) {
+    std::string bytes = contentOf("exact.rows");
+    const std::size_t at = bytes.find(c.before);
+    ASSERT_NE(at, bytes.npos) << c.column;
+    write("inexact.rows", bytes.replace(at, c.after.size(), c.after));
+    ASSERT_EQ(korvo("check -l exact.layout inexact.rows").status, 0);
+    const std::string what = std::string("korvo: row of oid 5: column \"") + c.column +
+                             "\": an infinity or bytes that are not UTF-8, which the text does not "
+                             "tell\n";
+    const Outcome json = korvo("convert -l exact.layout --as json inexact.rows");
+    EXPECT_EQ(json.status, 1) << c.column;
+    EXPECT_EQ(json.err, what);
+    EXPECT_EQ(json.out.substr(0, 18), R"({"type":7,"oid":5,)");
+    const Outcome csv = korvo("convert -l exact.layout --as csv inexact.rows");
+    EXPECT_EQ(csv.status, c.inCsv ? 1 : 0) << c.column;
+    EXPECT_EQ(csv.err, c.inCsv ? what : "");
+    write("kept.json", "kept");
+    expectAll("convert -l exact.layout --as json inexact.rows -o kept.json", 1, "",
+              what + "korvo: kept.json: not written, as values would be missing\n");
+    EXPECT_EQ(contentOf("kept.json"), "kept");
+    EXPECT_EQ(korvo("convert -l exact.layout inexact.rows -o same.rows").status, 0);
+    EXPECT_EQ(contentOf("same.rows"), bytes);
+  }
+}
+
 TEST_F(Tool, ConvertsToAnotherLayout) {
   write("wide.layout",
         "row 7 base 24 { speed uint64_t @8 label string_t @16 mtu uint16_t @20 spare bool @22 }");
