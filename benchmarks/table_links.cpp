@@ -330,10 +330,10 @@ int churn(std::size_t seconds) {
   const Process reading([&] { subscribe(agent.address, subscribers, shared); });
   agent.runUntil(0.01, [&] { return shared.current == subscribers; });
   const std::uint64_t begin = now();
-  const std::uint64_t end = begin + seconds * 1'000'000'000;
+  const std::uint64_t end = begin + std::uint64_t{seconds} * 1'000'000'000;
   std::size_t made = 0;
   while (now() < end) {
-    const std::size_t due = (now() - begin) * rate / 1'000'000'000;
+    const std::uint64_t due = (now() - begin) * rate / 1'000'000'000;
     // One batch each, as they come.
     while (made < due) agent.change(static_cast<oid_t>(++made % rowsOfTable + 1));
     agent.loop->run(0, 0.0005, false);
