@@ -118,7 +118,8 @@ class ShelfLink final : public Korvo::TableLink, private TableReceiver::User {
         if (revision_ == 0) return readAll();
       }
       while (revision_ < shelf_.revision()) {
-        const Shelf::Round& round = shelf_.log[revision_ + 1 - shelf_.firstRevision];
+        const Shelf::Round& round =
+            shelf_.log[static_cast<std::size_t>(revision_ + 1 - shelf_.firstRevision)];
         ++revision_;
         for (const Shelf::Entry& entry : round.entries) {
           const auto table = numberOf(entry.table);
