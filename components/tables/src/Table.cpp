@@ -119,8 +119,32 @@ Slot TableAccess::lowerBound(const TableIndex& index, Key key) {
   return orderedIndex(index).lowerBound(key);
 }
 
-Slot TableAccess::upperBound(const TableIndex& index, Key key) {
-  return orderedIndex(index).upperBound(key);
+namespace {
+
+struct OrderBound {
+  const OrderedIndex* index;
+  std::vector<std::string> bytes;
+  std::vector<KeyPart> key;  // refers to the bytes
+  bool isBehind;
+};
+
+}  // namespace
+
+std::shared_ptr<const void> TableAccess::orderBound(const TableIndex& index, Key key,
+                                                    bool isBehind) {
+  const auto bound = std::make_shared<OrderBound>();
+  bound->index = &orderedIndex(index);
+  bound->isBehind = isBehind;
+  for (const KeyPart& part : key) bound->bytes.emplace_back(part.bytes());
+  for (const std::string& bytes : bound->bytes) bound->key.push_back(KeyPart::ofText(bytes));
+  return bound;
+}
+
+Slot TableAccess::within(const void* orderBound, Slot slot) {
+  if (slot == noSlot) return noSlot;
+  const auto& bound = *static_cast<const OrderBound*>(orderBound);
+  const int order = compareKeys(bound.index->key(slot).parts(), bound.key);
+  return order < 0 || (bound.isBehind && order == 0) ? slot : noSlot;
 }
 
 Slot TableAccess::first(const TableIndex& index) {
@@ -198,6 +222,10 @@ Slot TableAccess::nextEqual(const void* source, Slot slot) {
 
 Slot TableAccess::nextOrdered(const void* source, Slot slot) {
   return orderedIndex(*static_cast<const TableIndex*>(source)).next(slot);
+}
+
+Slot TableAccess::nextWithin(const void* orderBound, Slot slot) {
+  return within(orderBound, static_cast<const OrderBound*>(orderBound)->index->next(slot));
 }
 
 Slot TableAccess::nextSamePrefix(const void* source, Slot slot) {

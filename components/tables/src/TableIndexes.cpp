@@ -330,13 +330,13 @@ Slot OrderedIndex::neighbour(Slot slot, int side) const {
   return parent;
 }
 
-Slot OrderedIndex::bound(std::span<const KeyPart> wanted, bool behind) const {
+Slot OrderedIndex::lowerBound(std::span<const KeyPart> wanted) const {
   const std::uint64_t leading = leadingBytesOf(wanted.front());
   Slot found = noSlot;
   for (Slot at = root_; at != noSlot;) {
     int order = nodes_[at].key < leading ? -1 : nodes_[at].key > leading ? 1 : 0;
     if (order == 0) order = compareKeys(key(at).parts(), wanted);
-    const bool isFound = behind ? order > 0 : order >= 0;
+    const bool isFound = order >= 0;
     if (isFound) found = at;
     at = nodes_[at].child[isFound ? 0 : 1];
   }

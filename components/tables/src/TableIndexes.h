@@ -133,9 +133,7 @@ class OrderedIndex final : public TableIndex {
   Slot next(Slot slot) const { return neighbour(slot, 1); }
   Slot previous(Slot slot) const { return neighbour(slot, 0); }
   /// The first row that is not before the key; `key` may have fewer parts than the index.
-  Slot lowerBound(std::span<const KeyPart> key) const { return bound(key, false); }
-  /// The first row that is behind the key.
-  Slot upperBound(std::span<const KeyPart> key) const { return bound(key, true); }
+  Slot lowerBound(std::span<const KeyPart> key) const;
 
  private:
   struct Node {
@@ -147,7 +145,6 @@ class OrderedIndex final : public TableIndex {
   void erase(Slot slot) noexcept override;
   static std::uint64_t leadingBytesOf(const KeyPart& part);
   bool isBefore(Slot a, Slot b) const;
-  Slot bound(std::span<const KeyPart> wanted, bool behind) const;
   Slot neighbour(Slot slot, int side) const;
   Slot outermost(Slot slot, int side) const;
   void rotateUp(Slot slot) noexcept;

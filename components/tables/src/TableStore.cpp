@@ -543,13 +543,15 @@ void TableStore::Commit::checkUnique() const {
         if (touch.slot != noSlot) touched.insert(touch.slot);
       }
     }
-    std::unordered_multimap<std::uint64_t, std::pair<oid_t, TableIndex::Key>> fresh;
+    const auto keyOf = [&](std::size_t i) {
+      return index.key(SubRowReference(touches_[i].buffer->buf_),
+                       index.computes() ? computed_[i * computing + ordinal] : std::string_view());
+    };
+    std::unordered_multimap<std::uint64_t, std::size_t> fresh;
     for (std::size_t i = 0; i < touches_.size(); ++i) {
       const Touch& touch = touches_[i];
       if (touch.isRemoval) continue;
-      const TableIndex::Key key =
-          index.key(SubRowReference(touch.buffer->buf_),
-                    index.computes() ? computed_[i * computing + ordinal] : std::string_view());
+      const TableIndex::Key key = keyOf(i);
       for (Slot holder = index.find(key.parts()); holder != noSlot;
            holder = index.findNext(holder)) {
         if (!touched.contains(holder)) store_.refuse(store_.oid(holder), touch.oid);
@@ -557,10 +559,11 @@ void TableStore::Commit::checkUnique() const {
       const std::uint64_t hash = hashKey(key.parts());
       const auto [begin, end] = fresh.equal_range(hash);
       for (auto at = begin; at != end; ++at) {
-        const auto& [oid, other] = at->second;
-        if (compareKeys(other.parts(), key.parts()) == 0) store_.refuse(oid, touch.oid);
+        if (compareKeys(keyOf(at->second).parts(), key.parts()) == 0) {
+          store_.refuse(touches_[at->second].oid, touch.oid);
+        }
       }
-      fresh.emplace(hash, std::pair(touch.oid, key));
+      fresh.emplace(hash, i);
     }
   }
 }

@@ -127,6 +127,59 @@ TEST(TableComputedKeyTest, IsComputedOnceARowAndAThrowEndsTheCommit) {
 }
 
 // ---------------------------------------------------------------------------------------------
+// Going through rows while others change
+
+class TableRangeTest : public testing::Test {
+ protected:
+  TableRangeTest() {
+    for (oid_t oid = 1; oid <= 9; ++oid) {
+      putAll(ports, port(oid, "eth", static_cast<int>(oid / 4), "10.0.0.0/8"));
+    }
+  }
+  /// Goes through the rows; at the first one all others go that `leaves` names, and one comes.
+  template <typename Rows>
+  Oids metIn(const Rows& rows, const Oids& leaves) {
+    Oids met;
+    for (const Port& row : rows) {
+      met.push_back(row.rowOid());
+      for (const oid_t oid : leaves) {
+        if (oid != row.rowOid()) removeOne(ports, oid);
+      }
+      putAll(ports, port(100, "new", 9, "11.0.0.0/8"));
+    }
+    return met;
+  }
+
+  Table<Port> ports{"net/port"};
+};
+
+TEST_F(TableRangeTest, OrderedRowsStandThatTheOneAtTheEndGoes) {
+  auto& bySpeed = ports.ordered<"speed">();
+  EXPECT_EQ(metIn(bySpeed.find(1), {1, 2, 3, 8, 9}), (Oids{4, 5, 6, 7}));
+}
+
+TEST_F(TableRangeTest, OrderedRowsBeforeAValueStandThatItsRowsGo) {
+  auto& bySpeed = ports.ordered<"speed">();
+  EXPECT_EQ(metIn(bySpeed.before(1), {4, 5, 6, 7}), (Oids{1, 2, 3}));
+}
+
+TEST_F(TableRangeTest, EqualRowsAndRowsOfAPrefixStandThatOthersGo) {
+  auto& bySpeed = ports.equal<"speed">();
+  auto& byNet = ports.longestPrefix<"net">();
+  EXPECT_EQ(metIn(bySpeed.find(1), {5, 6, 8}).size(), 2U);
+  EXPECT_EQ(metIn(byNet.exact(IpGenPrefix("10.0.0.0/8")), {2, 3, 9}).size(), 4U);
+}
+
+TEST(TableEntriesTest, EntriesMoveOnlyIfTheirKeysChange) {
+  Table<Port> ports("net/port");
+  auto& bySpeed = ports.equal<"speed">();
+  putAll(ports, port(1, "a", 10), port(2, "b", 10), port(3, "c", 10));
+  const Oids before = oids(bySpeed.find(10));
+  for (const oid_t oid : before) putAll(ports, port(oid, "other", 10));
+  EXPECT_EQ(oids(bySpeed.find(10)), before);
+}
+
+// ---------------------------------------------------------------------------------------------
 // Columns that are named at run time
 
 TEST(TableNamedColumnsTest, FindRows) {

@@ -85,7 +85,11 @@ struct KORVO_API TableAccess {
   static RowFilter ofPrefix(const TableStore& store, const TableIndex& index,
                             const WantedPrefix& wanted);
   static Slot lowerBound(const TableIndex& index, Key key);
-  static Slot upperBound(const TableIndex& index, Key key);
+  /// Where going through rows in order ends: before the rows of `key`, or behind them. It holds by
+  /// the key, so that any row may go meanwhile.
+  static std::shared_ptr<const void> orderBound(const TableIndex& index, Key key, bool isBehind);
+  /// The slot, or noSlot if it is out of the bound.
+  static Slot within(const void* orderBound, Slot slot);
   static Slot first(const TableIndex& index);
   static Slot last(const TableIndex& index);
   static Slot mostSpecific(const TableIndex& index, const WantedPrefix& wanted);
@@ -97,6 +101,7 @@ struct KORVO_API TableAccess {
   static Slot nextSlot(const void* source, Slot slot);
   static Slot nextEqual(const void* source, Slot slot);
   static Slot nextOrdered(const void* source, Slot slot);
+  static Slot nextWithin(const void* orderBound, Slot slot);
   static Slot nextSamePrefix(const void* source, Slot slot);
 };
 
@@ -198,10 +203,15 @@ class RowIterator {
   /// Steps from a row to the next one.
   using Next = detail::Slot (*)(const void* source, detail::Slot slot);
 
-  RowIterator() = default;
   /// Behind the last row.
+  RowIterator() = default;
   RowIterator(const detail::TableStore& store, const void* source, Next next, detail::Slot slot)
       : store_(&store), source_(source), next_(next), slot_(slot) {}
+  RowIterator(const detail::TableStore& store, std::shared_ptr<const void> source, Next next,
+              detail::Slot slot)
+      : RowIterator(store, source.get(), next, slot) {
+    kept_ = std::move(source);
+  }
 
   /// The row, which shares the table's buffer.
   Row operator*() const {
@@ -227,6 +237,7 @@ class RowIterator {
   const void* source_ = nullptr;
   Next next_ = nullptr;
   detail::Slot slot_ = detail::noSlot;
+  std::shared_ptr<const void> kept_;  ///< the source, if it is the iterator's own
 };
 
 /// Rows from one up to another.
@@ -276,9 +287,9 @@ class IndexHandle {
     for (const Slot slot : slots) rows.push_back(rowAt(slot));
     return rows;
   }
-  /// Rows from one place up to another.
-  RowRange<Row> range(typename RowIterator<Row>::Next next, Slot begin, Slot end) const {
-    return {{store_, &index_, next, begin}, {store_, &index_, next, end}};
+  /// Rows from one place on.
+  RowRange<Row> range(typename RowIterator<Row>::Next next, Slot begin) const {
+    return {{store_, &index_, next, begin}, {}};
   }
 
   const TableStore& store_;  ///< where the rows are
@@ -299,7 +310,7 @@ class EqualIndex : public detail::IndexHandle<Row> {
   RowRange<Row> find(typename detail::Lookup<Keys>::Type... values) const {
     const std::array key = {detail::Lookup<Keys>::part(values)...};
     return this->range(detail::TableAccess::nextEqual,
-                       detail::TableAccess::equalFind(this->index_, key), detail::noSlot);
+                       detail::TableAccess::equalFind(this->index_, key));
   }
   /// How many rows have values that another row has, too.
   std::size_t duplicates() const { return detail::TableAccess::duplicates(this->index_); }
@@ -349,7 +360,7 @@ class OrderedIndex : public detail::IndexHandle<Row> {
   RowIterator<Row> end() const { return all().end(); }
   /// All rows.
   RowRange<Row> all() const {
-    return range(detail::TableAccess::first(this->index_), detail::noSlot);
+    return this->range(detail::TableAccess::nextOrdered, detail::TableAccess::first(this->index_));
   }
   /// The first row and the last one, or null rows.
   Row first() const { return this->rowAt(detail::TableAccess::first(this->index_)); }
@@ -363,8 +374,7 @@ class OrderedIndex : public detail::IndexHandle<Row> {
   RowRange<Row> find(const Values&... values) const {
     return withKey(
         [this](auto key) {
-          return range(detail::TableAccess::lowerBound(this->index_, key),
-                       detail::TableAccess::upperBound(this->index_, key));
+          return upTo(key, true, detail::TableAccess::lowerBound(this->index_, key));
         },
         values...);
   }
@@ -373,7 +383,8 @@ class OrderedIndex : public detail::IndexHandle<Row> {
   RowRange<Row> from(const Values&... values) const {
     return withKey(
         [this](auto key) {
-          return range(detail::TableAccess::lowerBound(this->index_, key), detail::noSlot);
+          return this->range(detail::TableAccess::nextOrdered,
+                             detail::TableAccess::lowerBound(this->index_, key));
         },
         values...);
   }
@@ -381,11 +392,7 @@ class OrderedIndex : public detail::IndexHandle<Row> {
   template <typename... Values>
   RowRange<Row> before(const Values&... values) const {
     return withKey(
-        [this](auto key) {
-          const detail::Slot end = detail::TableAccess::lowerBound(this->index_, key);
-          const detail::Slot first = detail::TableAccess::first(this->index_);
-          return range(first, end);
-        },
+        [this](auto key) { return upTo(key, false, detail::TableAccess::first(this->index_)); },
         values...);
   }
   /// For readers: the rows of these values.
@@ -397,8 +404,10 @@ class OrderedIndex : public detail::IndexHandle<Row> {
   }
 
  private:
-  RowRange<Row> range(detail::Slot begin, detail::Slot end) const {
-    return detail::IndexHandle<Row>::range(detail::TableAccess::nextOrdered, begin, end);
+  RowRange<Row> upTo(detail::TableAccess::Key key, bool isBehind, detail::Slot begin) const {
+    auto bound = detail::TableAccess::orderBound(this->index_, key, isBehind);
+    const detail::Slot first = detail::TableAccess::within(bound.get(), begin);
+    return {{this->store_, std::move(bound), detail::TableAccess::nextWithin, first}, {}};
   }
   template <typename Use, typename... Values>
   static auto withKey(const Use& use, const Values&... values) {
@@ -429,7 +438,7 @@ class PrefixIndex : public detail::IndexHandle<Row> {
   /// The rows of exactly this prefix.
   RowRange<Row> exact(const IpGenPrefix& prefix) const {
     return this->range(detail::TableAccess::nextSamePrefix,
-                       detail::TableAccess::exact(this->index_, prefix), detail::noSlot);
+                       detail::TableAccess::exact(this->index_, prefix));
   }
   /// The rows of all prefixes that contain the address or the whole of the prefix, the widest
   /// first.
