@@ -25,7 +25,7 @@ class Lookups : public Unit {
     runnableIs(next_ != addrs_.size());
   }
 
-  const Korvo::PrefixIndex<PrefixRow, "prefix">& byPrefix_;
+  const Korvo::PrefixIndex<PrefixRow>& byPrefix_;
   const std::vector<Korvo::IpGenAddr>& addrs_;
   const Found& found_;
   std::size_t next_ = 0;
