@@ -12,12 +12,12 @@ set -euo pipefail
 build_packages=(g++ cmake ninja-build libssl-dev libuv1-dev pkgconf)
 # What tables across machines are built with, and the servers that they are tested on.
 etcd_packages=(libgrpc++-dev libprotobuf-dev protobuf-compiler etcd-server etcd-client openssl)
-test_packages=("${build_packages[@]}" "${etcd_packages[@]}" googletest librapidcheck-dev libcli11-dev libarchive-dev zstd
-  locales gdb)
+test_packages=("${build_packages[@]}" "${etcd_packages[@]}" googletest librapidcheck-dev libcli11-dev
+  libarchive-dev libmnl-dev iproute2 zstd locales gdb)
 demo_packages=("${build_packages[@]}" libcli11-dev)
 bench_packages=("${demo_packages[@]}" libbenchmark-dev libflatbuffers-dev flatbuffers-compiler
   libcapnp-dev capnproto libprotobuf-dev protobuf-compiler libevent-dev libboost-dev libabsl-dev
-  libre2-dev rapidjson-dev libsqlite3-dev libndpi-dev python3)
+  libre2-dev rapidjson-dev libsqlite3-dev libndpi-dev libhiredis-dev redis-server python3)
 docs_packages=(doxygen doxygen-awesome-css python3)
 ci_packages=("${test_packages[@]}" "${demo_packages[@]}" "${docs_packages[@]}" clang-14 libclang-rt-14-dev g++-multilib
   clang-format-14 clang-tidy-14 shellcheck gcovr python3-clang-14 valgrind abigail-tools ccache git

@@ -184,12 +184,10 @@ BaseRow::Room BaseRow::findRoom(const byte_t* buf, const Demand& demand, const K
   if (!isFullyDefined()) {
     return {Kind::behindAll, rowLength, checkedRowLength(rowLength + needed), true};
   }
-  detail::Extent counted{demand.baseLength};
-  const detail::Extent& others =
-      known.writer != nullptr ? known.writer->extentBeside(buf, demand.slotOffset)
-      : known.others != nullptr
+  const detail::Extent others =
+      known.others != nullptr
           ? *known.others
-          : (counted = extentWithout(buf, slotsOf(known), demand.slotOffset, demand.baseLength));
+          : extentWithout(buf, slotsOf(known), demand.slotOffset, demand.baseLength);
   const std::size_t end = others.end + needed;
   if (end <= rowLength) return {Kind::behindAll, static_cast<len_t>(others.end), rowLength, false};
   // What the row is to have room for when it is packed. Columns that share their data count twice.
@@ -203,21 +201,20 @@ BaseRow::Room BaseRow::findRoom(const byte_t* buf, const Demand& demand, const K
 /// Afterwards `buf` is the row's buffer.
 len_t BaseRow::takeRoom(byte_t*& buf, const Room& room, const Demand& demand, const Known& known) {
   if (room.kind != Room::Kind::behindPackedData) {
-    buf = grow(buf, room.rowLength, known.writer);
+    buf = grow(buf, room.rowLength);
     return room.offset;
   }
   const PackingOrder order(buf, slotsOf(known), demand.slotOffset);
-  buf = grow(buf, room.rowLength, known.writer);
-  if (known.writer != nullptr) known.writer->forgetExtent();
+  buf = grow(buf, room.rowLength);
   return pack(buf, order, demand.baseLength);
 }
 
 /// Makes the row at least `newLength` bytes long, and returns its buffer, which may be another. The
 /// bytes gained are zero: nothing of the heap's old contents may leave the process with the row.
-byte_t* BaseRow::grow(byte_t* buf, len_t newLength, RowWriter* writer) {
+byte_t* BaseRow::grow(byte_t* buf, len_t newLength) {
   const len_t length = loadField<len_t>(buf + rowLengthOffset);
   if (newLength <= length) return buf;
-  buf = writer != nullptr ? writer->enlargeBlock(buf, newLength) : install(resized(buf, newLength));
+  buf = install(resized(buf, newLength));
   std::memset(buf + length, 0, newLength - std::size_t{length});
   storeField(buf + rowLengthOffset, newLength);
   return buf;

@@ -3,7 +3,7 @@
 #include "rowSpace.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <cstring>
 #include <new>
 
 namespace Korvo {
@@ -15,9 +15,16 @@ RowWriter::RowWriter(BaseRow& row, len_t fdLen, std::span<const len_t> slots)
                "Korvo::RowWriter::RowWriter(Korvo::BaseRow&, Korvo::len_t)");
 }
 
+/// Makes the row's block as long as the row again. One that has come to be shared stays where it
+/// is, as others may be reading it: the row gets a copy.
 RowWriter::~RowWriter() {
+  if (block_.length == block_.rowLength || row_.isNull() || !isOwnBlock(row_.rowBuf())) return;
   try {
-    giveBack();
+    if (row_.isSoleHolder()) {
+      row_.install(BaseRow::resized(block_.begin, block_.rowLength));
+    } else {
+      row_.copyBuffer();
+    }
   } catch (const std::bad_alloc&) {
     // The row keeps a block that is larger than itself.
   }
@@ -32,37 +39,22 @@ void RowWriter::write(len_t slotOffset, const detail::EncodedValue& value) {
 
 BaseRow::Place RowWriter::makePlace(len_t slotOffset, std::size_t length,
                                     std::span<const byte_t> source) {
-  if (extent_ && row_.isSoleHolder()) {
-    // The row's own decision, made here where all values stand without a gap up to the row's end
-    // and the block has room: it fits behind the last one.
-    byte_t* const buf = row_.rwRowBuf();
-    const unsigned int begin = extent_->end;
+  byte_t* buf = row_.rowBuf();
+  const len_t rowLength = loadField<len_t>(buf + rowLengthOffset);
+  const len_t before = VColType::at(buf, slotOffset).length();
+  if (before == 0 && length <= maxValueLength && row_.isSoleHolder() &&
+      !shareAByte(source, {buf, rowLength})) {
+    const std::size_t begin = endOfValues(buf, length);
     const std::size_t end = begin + length;
-    if (isOwnBlock(buf) && begin == block_.rowLength && begin == baseLength_ + extent_->used &&
-        length <= maxValueLength && end <= block_.length &&
-        VColType::at(buf, slotOffset).length() == 0 && isListedOnce(slotOffset) &&
-        !shareAByte(source, {buf, begin}) && row_.isFullyDefined()) {
-      if (length > 1) buf[begin + 1] = 0;  // an array keeps bits of it
-      block_.rowLength = static_cast<len_t>(end);
-      storeField(buf + rowLengthOffset, block_.rowLength);
-      extent_->end += static_cast<unsigned int>(length);
-      extent_->used += static_cast<unsigned int>(length);
+    if (begin != 0 && end <= maxRowLength) {
+      buf = end > rowLength ? lengthenRow(buf, end) : row_.rwRowBuf();
+      count(slotOffset, static_cast<len_t>(begin), static_cast<len_t>(length));
       return {buf, slotOffset, static_cast<len_t>(begin)};
     }
   }
-  const len_t before = VColType::at(row_.rowBuf(), slotOffset).length();
   BaseRow::Place place =
-      row_.makePlace({slotOffset, length, source, baseLength_}, {declaredSlots_, nullptr, this});
-  if (extent_ && before != length) {
-    // What was longer or shorter may have stood last.
-    if (before != 0 || !isListedOnce(slotOffset)) {
-      extent_.reset();
-    } else {
-      VColType slot;
-      slot.valueIs(place.offset, static_cast<len_t>(length), false);
-      extent_->add(slot);
-    }
-  }
+      row_.makePlace({slotOffset, length, source, baseLength_}, {declaredSlots_});
+  if (before != length) extent_.reset();
   forgetFormerBlock();
   return place;
 }
@@ -76,27 +68,31 @@ void RowWriter::clearColumn(len_t slotOffset) {
 // ---------------------------------------------------------------------------------------------
 // What is known of the columns
 
-/// The place that the values of all columns but one take; valid until the next call.
-const detail::Extent& RowWriter::extentBeside(const byte_t* buf, len_t slotOffset) {
-  const bool isEmpty = VColType::at(buf, slotOffset).length() == 0;
-  if (isEmpty && extent_) return *extent_;
-  std::span<const len_t> slots = declaredSlots_;
-  if (slots.empty()) {
-    slots = row_.vcd();
-    listedSlots_.assign(slots.begin(), slots.end());
-    std::sort(listedSlots_.begin(), listedSlots_.end());
+/// Where the row itself would put the value of an empty column, if that is behind the last value;
+/// otherwise 0. What the row reuses and what it packs, it decides alone.
+std::size_t RowWriter::endOfValues(const byte_t* buf, std::size_t length) {
+  const len_t rowLength = loadField<len_t>(buf + rowLengthOffset);
+  if (!row_.isFullyDefined()) return rowLength;
+  if (!extent_) {
+    if (declaredSlots_.empty()) {
+      listedSlots_ = row_.vcd();
+      std::sort(listedSlots_.begin(), listedSlots_.end());
+    }
+    extent_ = BaseRow::extentWithout(buf, slots(), 0, baseLength_);
   }
-  extentBeside_ = BaseRow::extentWithout(buf, slots, slotOffset, baseLength_);
-  if (isEmpty) extent_ = extentBeside_;
-  return extentBeside_;
+  const bool leavesNoGap = extent_->end == baseLength_ + extent_->used;
+  return leavesNoGap || extent_->end + length <= rowLength ? extent_->end : 0;
 }
 
-/// Values of columns that are not listed do not count, and those of columns listed twice count
-/// twice.
-bool RowWriter::isListedOnce(len_t slotOffset) const {
-  if (!declaredSlots_.empty()) return true;
+/// A value was written. Those of columns that are not listed do not count, and those of columns
+/// listed twice count twice.
+void RowWriter::count(len_t slotOffset, len_t offset, len_t length) {
+  if (!extent_) return;
+  VColType slot;
+  slot.valueIs(offset, length, false);
+  if (!declaredSlots_.empty()) return extent_->add(slot);
   const auto [begin, end] = std::equal_range(listedSlots_.begin(), listedSlots_.end(), slotOffset);
-  return end - begin == 1;
+  for (auto at = begin; at != end; ++at) extent_->add(slot);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -109,35 +105,26 @@ bool RowWriter::isOwnBlock(const byte_t* buf) const noexcept {
   return buf == block_.begin && loadField<len_t>(buf + rowLengthOffset) == block_.rowLength;
 }
 
-/// Makes the row's block long enough for a row of `newLength` bytes, and returns it.
-byte_t* RowWriter::enlargeBlock(byte_t* buf, len_t newLength) {
+/// Makes the row longer, in a block that may be longer still and is zero behind the row. Returns
+/// its buffer.
+byte_t* RowWriter::lengthenRow(byte_t* buf, std::size_t newLength) {
   if (!isOwnBlock(buf) || newLength > block_.length) {
     // Room for as much again, so that all growth together copies each byte a few times only.
-    const std::size_t length = std::min(
-        std::max<std::size_t>(2 * std::size_t{newLength}, ordinaryRowLength), maxRowLength);
-    byte_t* const block = BaseRow::resized(buf, length);
-    block_ = {block, length, 0};
-    buf = row_.install(block);
+    const std::size_t rowLength = loadField<len_t>(buf + rowLengthOffset);
+    const std::size_t length =
+        std::clamp<std::size_t>(2 * newLength, ordinaryRowLength, maxRowLength);
+    buf = row_.install(BaseRow::resized(buf, length));
+    std::memset(buf + rowLength, 0, length - rowLength);
+    block_ = {buf, length, 0};
   }
-  block_.rowLength = newLength;
+  block_.rowLength = static_cast<len_t>(newLength);
+  storeField(buf + rowLengthOffset, block_.rowLength);
   return buf;
 }
 
-/// A row that was shared has been given a block of its own, and what it gave up may be freed.
+/// The row may have been given another block, and its former one may be freed.
 void RowWriter::forgetFormerBlock() noexcept {
-  if (block_.begin != nullptr && row_.rowBuf() != block_.begin) block_ = {};
-}
-
-/// Makes the row's block as long as the row again. One that has come to be shared stays where it
-/// is, as others may be reading it: the row gets a copy.
-void RowWriter::giveBack() {
-  if (block_.begin == nullptr || row_.isNull() || !isOwnBlock(row_.rowBuf())) return;
-  if (block_.rowLength == block_.length) return;
-  if (row_.isSoleHolder()) {
-    row_.install(BaseRow::resized(block_.begin, block_.rowLength));
-  } else {
-    row_.copyBuffer();
-  }
+  if (block_.begin != nullptr && !isOwnBlock(row_.rowBuf())) block_ = {};
 }
 
 }  // namespace Korvo

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """What Doxygen reads instead of a file: `filter.py FILE` prints it, line for line.
 
-Headers: the comment at the head of a file becomes the text of its page. The readers that row
-classes inherit leave namespace detail, whose names have no page. What follows from the names' own
-rules gets a text: a setter `xIs`, a member `x_`, and the operators that go with another.
+Headers: the comment at the head of a file becomes the text of its page. What row
+classes and indexes inherit leaves namespace detail, whose names have no page. What follows from the
+names' own rules gets a text: a setter `xIs`, a member `x_`, and the operators that go with another.
 
 Markdown: headings get the anchors that they have where the sources are browsed, and links between
 the pages and to headers lead to their pages here.
@@ -15,7 +15,7 @@ import re
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-PAGES = ("*.md", "docs/*.md", "examples/netdb/README.md")  # as the Doxyfile's INPUT has them
+PAGES = ("*.md", "docs/*.md", "examples/*/README.md")  # as the Doxyfile's INPUT has them
 
 
 def page_name(path):
@@ -125,9 +125,10 @@ def header(text):
         text = text.replace(head.group(), "\n".join(lines) + "\n")
         text = text.replace("#pragma once\n\n", "#pragma once\n", 1)  # one line was added
 
-    readers = r"(?<=\n)(///[^\n]*\n)(template <[^\n]*\n)(class ColumnReaders \{.*?\n\};)"
-    text = re.sub(readers, r"} \1\2\3 namespace detail {", text, flags=re.DOTALL)
-    return with_texts_of_names(text.replace("detail::ColumnReaders", "ColumnReaders"))
+    names = "(ColumnReaders|ColumnWriters|IndexHandle)"
+    inherited = rf"(?<=\n)((?:///[^\n]*\n)+template <[^\n]*\nclass {names} \{{.*?\n\}};)"
+    text = re.sub(inherited, r"} \1 namespace detail {", text, flags=re.DOTALL)
+    return with_texts_of_names(re.sub(rf"detail::{names}", r"\1", text))
 
 
 def main():

@@ -433,7 +433,7 @@ class Command {
     const std::string title = named == nullptr || named->name.empty() ? "row" : named->name;
     out_ << style_.bold(title) << " at byte " << std::to_string(offset) << ", "
          << counted(length, "byte") << "\n";
-    if (!reason.empty()) out_ << "  " << style_.red("fault: " + reason) << "\n";
+    if (!reason.empty()) out_ << "  " << style_.red("fault: " + printable(reason)) << "\n";
     for (const Segment& segment : segments) {
       for (std::size_t at = segment.begin; at < segment.end; at += bytesInALine) {
         std::string line = "  ";

@@ -48,6 +48,7 @@ int checkRows(const CheckOptions& options) {
   bool allGood = true;
   for (const std::string& path : options.files) {
     RowFile file(path, layouts, rules);
+    const std::string name = printable(file.path());
     Counts counts;
     Piece piece;
     while (file.next(piece)) {
@@ -64,7 +65,7 @@ int checkRows(const CheckOptions& options) {
       if (options.json) {
         out << findingJson(file.path(), piece).text() << "\n";
       } else if (!options.quiet) {
-        out << style.bold(file.path()) << ": " << piece.text() << "\n";
+        out << style.bold(name) << ": " << printable(piece.text()) << "\n";
       }
     }
     allGood = allGood && counts.allGood();
@@ -75,8 +76,8 @@ int checkRows(const CheckOptions& options) {
       out << json.text() << "\n";
     } else if (!options.quiet) {
       const std::string text = summary(counts);
-      out << style.bold(file.path()) << ": "
-          << (counts.allGood() ? style.green(text) : style.red(text)) << "\n";
+      out << style.bold(name) << ": " << (counts.allGood() ? style.green(text) : style.red(text))
+          << "\n";
     }
   }
   out.finish();

@@ -318,6 +318,7 @@ class Parser {
       }
     }
     row.end = static_cast<len_t>(end);
+    countColumns(row);
     if (basePosition == 0) {
       row.info.baseLength = row.end;
     } else if (row.info.baseLength < end) {
@@ -336,6 +337,18 @@ class Parser {
     }
   }
 
+  /// Rows that many rows hold count in each: so much there is to look at.
+  void countColumns(const DefinedRow& row) {
+    constexpr std::size_t mostColumns = std::size_t{1} << 18;
+    std::size_t count = row.columns.size();
+    for (std::size_t i = 0; i < row.columns.size(); ++i) {
+      if (row.infos[i].nested != nullptr) count += columnsOfRows_[row.columns[i].row];
+    }
+    columnsOfRows_.push_back(count);
+    allColumns_ += count;
+    if (allColumns_ > mostColumns) in_.failAt(in_.position(), "too many columns in all rows");
+  }
+
   std::uint16_t number(const char* what) {
     in_.peek();
     const std::size_t begin = in_.position();
@@ -350,7 +363,9 @@ class Parser {
 
   Reader in_;
   Definition& definition_;
-  std::size_t columns_ = 0;
+  std::size_t columns_ = 0;                 // that are written
+  std::vector<std::size_t> columnsOfRows_;  // of each of the rows, with those of nested ones
+  std::size_t allColumns_ = 0;
 };
 
 }  // namespace

@@ -147,6 +147,9 @@ class Differ {
                                               : Layouts(options.newLayout, options.row)) {}
 
   int run() {
+    if (options_.files[0] == "-" && options_.files[1] == "-") {
+      throw Failure(statusUsage, "standard input can be one of the files only");
+    }
     ReadRules rules;
     if (options_.plain) rules.compression = Compression::none;
     RowFile older(options_.files[0], oldLayouts_, rules);
@@ -160,8 +163,12 @@ class Differ {
       const bool hasA = next(older, a);
       const bool hasB = next(newer, b);
       if (!hasA && !hasB) break;
-      if (hasA && hasB && options_.inOrder) {
-        compare(a, b);
+      if (options_.inOrder) {
+        if (hasA && hasB) {
+          compare(a, b);
+        } else {
+          tellOnly(hasA ? a : b, hasA ? "old" : "new");
+        }
         continue;
       }
       if (hasA) {

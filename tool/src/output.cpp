@@ -20,6 +20,8 @@ namespace {
   throw Failure(statusNoOutput, path + ": " + std::strerror(errno));  // NOLINT: one thread
 }
 
+constexpr const char* replacement = "\xEF\xBF\xBD";  // U+FFFD
+
 /// Bytes of the UTF-8 sequence at the front of `text`, or 0 if there is none.
 std::size_t sequenceLength(std::string_view text) {
   const auto byte = [&](std::size_t i) -> unsigned int {
@@ -128,7 +130,7 @@ Json& Json::addText(std::string_view text) {
       text_ += '\\';
       text_ += c;
     } else if (length == 0) {
-      text_ += "\xEF\xBF\xBD";
+      text_ += replacement;
     } else {
       text_ += text.substr(0, length);
     }
@@ -149,11 +151,18 @@ std::string printable(std::string_view text) {
     } else if (byte == 0xC2 && following >= 0x80 && following < 0xA0) {
       appendEscape(result, following);
       ++i;
+    } else if (const std::size_t length = sequenceLength(text.substr(i)); length == 0) {
+      result += replacement;  // alone, such a byte may be a command too
     } else {
-      result += text[i];
+      result += text.substr(i, length);
+      i += length - 1;
     }
   }
   return result;
+}
+
+void complain(std::string_view text) {
+  std::fprintf(stderr, "korvo: %s\n", printable(text).c_str());
 }
 
 std::string counted(std::uint64_t count, const char* what) {

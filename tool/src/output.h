@@ -29,6 +29,8 @@ class Output {
     write(text);
     return *this;
   }
+  /// Has all that was written reach standard output now.
+  void flush();
   /// To be called at the end; without it, what was written to a file is discarded.
   void finish();
   bool isTerminal() const;
@@ -36,13 +38,14 @@ class Output {
  private:
   static constexpr std::size_t bufferSize = std::size_t{1} << 16;
 
-  void flush();
-
   int fd_;
   std::string path_;       // as people know it
   std::string temporary_;  // empty for standard output, and for what is no plain file
   std::string buffer_;
 };
+
+/// One line on standard error, for people. What is no character of a line is made one.
+void complain(std::string_view text);
 
 /// When to use colours, as --color says.
 enum class ColourChoice { automatic, always, never };

@@ -5,12 +5,7 @@
 #include "commands.h"
 #include "rowFile.h"
 
-#include <string_view>
-
 namespace korvotool {
-
-/// One line on standard error.
-void complain(std::string_view text);
 
 /// Calls visit(piece) for each good row of each of the files, and tells of the others on standard
 /// error. False if there were others. `visit` gives false to end it.

@@ -201,7 +201,7 @@ void RowFile::progress() {
   constexpr std::uint64_t step = std::uint64_t{1} << 25;
   if (offset_ - told_ < step) return;
   told_ = offset_;
-  std::fprintf(stderr, "\r%s: %llu MiB\x1b[K", path_.c_str(),
+  std::fprintf(stderr, "\r%s: %llu MiB\x1b[K", printable(path_).c_str(),
                static_cast<unsigned long long>(offset_ >> 20));
 }
 

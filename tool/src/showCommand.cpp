@@ -6,7 +6,6 @@
 #include <Korvo/AnyRow.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <map>
 
 namespace korvotool {
@@ -76,10 +75,6 @@ std::string partJson(Korvo::AnyRow& row, const Piece& piece,
 }
 
 }  // namespace
-
-void complain(std::string_view text) {
-  std::fprintf(stderr, "korvo: %.*s\n", static_cast<int>(text.size()), text.data());
-}
 
 std::string rowJson(const Piece& piece) {
   // In place: the row has passed the check.

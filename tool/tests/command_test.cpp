@@ -4,6 +4,8 @@
 
 #include <Korvo/layoutText.h>
 
+#include <algorithm>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -208,6 +210,35 @@ TEST_F(Tool, PaintsOnATerminalOnly) {
       "Port oid 0, type 7, 42 bytes at byte 0\n  name  string_t  \"\\u001b[31m\\u009b31m\"\n");
 }
 
+TEST_F(Tool, NothingThatIsNamedIsACommandToTheTerminal) {
+  // In names of columns, of files, in texts, on either stream.
+  write("escape.layout", "row 7 base 12 { \"a\\x1b[31m\\x0a\" string_t @8 }");
+  write("twice.layout", "row 7 base 16 { \"\x7f\" bool @8 \"\x7f\" bool @9 }");
+  write("bytes.layout", "row 7 base 16 { \"\xC2\x9B\" bool @8 \"\xC2\x9B\" bool @9 }");
+  write("name\x1b[31m\xff\n.rows", std::string("\x0d\0\x07\0\x01\0\0\0\x0c\0\x09\0\0", 13));
+  write("escape.json", R"({"row":{"a\u001b[31m\n":"x","b":1}})");
+  for (const char* const arguments :
+       {"check -l escape.layout name*", "show -l escape.layout name*",
+        "annotate -l escape.layout name*", "stat -l escape.layout name*",
+        "diff -l escape.layout name* name*", "check -l twice.layout name*",
+        "check -l bytes.layout name*", "check -l name* name*", "layout print twice.layout",
+        "layout diff escape.layout port.korvo --row Port",
+        "convert -l escape.layout --from json escape.json", "show -l $'\\e[31m\\x9b' name*",
+        "check -l port.korvo --row $'\\e[31m\\n' good.rows",
+        "show -l port.korvo --columns $'\\e' good.rows", "query $'\\e[31m\\x9b into \\e'",
+        "address $'\\e[31m'", "prefix parse $'\\e/8'", "$'\\e'"}) {
+    const Outcome result = korvo(arguments);
+    for (const std::string& text : {result.out, result.err}) {
+      EXPECT_EQ(text.find_first_of("\x1b\x7f\xff\r"), std::string::npos) << arguments << text;
+      EXPECT_EQ(text.find("\x9b"), std::string::npos) << arguments << text;
+    }
+    // Each line is one that the program began.
+    for (std::size_t at = 0; at < result.err.size(); at = result.err.find('\n', at) + 1) {
+      EXPECT_EQ(result.err.substr(at, 7), "korvo: ") << arguments << result.err;
+    }
+  }
+}
+
 TEST_F(Tool, AnnotatesRows) {
   expectOut("annotate -l port.korvo --first 1 good.rows",
             "Port at byte 0, 80 bytes\n"
@@ -403,6 +434,39 @@ TEST_F(Tool, ComparesInOrderAndAcrossLayouts) {
             "    mtu: (no column) -> 1500\n"
             "0 same, 1 changed, 0 removed, 0 added\n",
             "");
+}
+
+TEST_F(Tool, ComparesInOrderWhatIsOfUnequalLength) {
+  write("long.json",
+        "{\"oid\":9,\"row\":{\"up\":true}}\n{\"oid\":5,\"row\":{\"up\":true}}\n"
+        "{\"oid\":7,\"row\":{}}\n{\"oid\":5,\"row\":{}}\n");
+  write("short.json", "{\"oid\":9,\"row\":{}}\n");
+  for (const std::string name : {"long", "short"}) {
+    ASSERT_EQ(
+        korvo("convert -l link.korvo --from json " + name + ".json -o " + name + ".rows").status,
+        0);
+  }
+  expectAll("diff -l link.korvo --in-order long.rows short.rows", 1,
+            "~ Link oid 9\n    up: true -> false\n- Link oid 5\n- Link oid 7\n- Link oid 5\n"
+            "0 same, 1 changed, 3 removed, 0 added\n",
+            "");
+  expectAll(
+      "diff -l link.korvo --in-order --json short.rows long.rows", 1,
+      R"({"change":"changed","type":2,"oid":9,"columns":[{"name":"up","old":false,"new":true}]})"
+      "\n"
+      R"({"change":"added","type":2,"oid":5})"
+      "\n"
+      R"({"change":"added","type":2,"oid":7})"
+      "\n"
+      R"({"change":"added","type":2,"oid":5})"
+      "\n"
+      R"({"same":0,"changed":1,"removed":0,"added":3})"
+      "\n",
+      "");
+  expectAll("diff -l link.korvo --in-order /dev/null short.rows", 1,
+            "+ Link oid 9\n0 same, 0 changed, 0 removed, 1 added\n", "");
+  expectAll("diff -l link.korvo - - <long.rows", 64, "",
+            "korvo: standard input can be one of the files only (see korvo diff --help)\n");
 }
 
 TEST_F(Tool, ConvertsToTextAndBack) {
@@ -625,6 +689,18 @@ TEST_F(Tool, TellsBadDefinitions) {
     return text;
   }());
   EXPECT_EQ(korvo("layout print wide.korvo").status, 65);
+  // Few words for more rows than anybody has time to look at.
+  write("many.korvo", [] {
+    std::string text = "row A0 0 { a bool }\n";
+    for (int i = 1; i < 4000; ++i) {
+      const std::string last = "A" + std::to_string(std::min(i - 1, 10));
+      text.append("row A").append(std::to_string(i)).append(" ").append(std::to_string(i));
+      text.append(" { a ").append(last).append(i < 11 ? " b " + last : "").append(" }\n");
+    }
+    return text;
+  }());
+  expectAll("layout print many.korvo", 65, "",
+            "korvo: many.korvo: line 95, column 21: too many columns in all rows\n");
 }
 
 TEST_F(Tool, PrintsLayouts) {
@@ -804,6 +880,129 @@ TEST_F(Tool, TellsMissingFiles) {
   }
   expectAll("check -l port.korvo .", 66, "", "korvo: .: is a directory\n");
   expectAll("check -l port.korvo good.rows /nowhere", 66, "good.rows: 3 good rows\n", missing);
+}
+
+/// Every command that reads rows or what becomes rows; {L} is the layout's file, {F} the input.
+struct Reading {
+  const char* arguments;
+  const char* form;  ///< of the input
+};
+constexpr Reading readings[] = {
+    {"check -l {L} {F}", "rows"},
+    {"check -l {L} --json {F}", "rows"},
+    {"show -l {L} {F}", "rows"},
+    {"show -l {L} --json {F}", "rows"},
+    {"annotate -l {L} {F}", "rows"},
+    {"annotate -l {L} --json {F}", "rows"},
+    {"diff -l {L} {F} good.rows", "rows"},
+    {"diff -l {L} good.rows {F}", "rows"},
+    {"diff -l {L} --in-order {F} good.rows", "rows"},
+    {"stat -l {L} {F}", "rows"},
+    {"stat -l {L} --json {F}", "rows"},
+    {"convert -l {L} {F}", "rows"},
+    {"convert -l {L} --as json {F}", "rows"},
+    {"convert -l {L} --as csv --row Port {F}", "rows"},
+    {"convert -l {L} --to {L} {F}", "rows"},
+    {"convert -l {L} --from json {F}", "json"},
+    {"convert -l {L} --from json --as json {F}", "json"},
+    {"convert -l {L} --from csv --row Port {F}", "csv"},
+};
+
+std::string with(std::string arguments, const std::string& layout, const std::string& file) {
+  for (const auto& [mark, name] : {std::pair("{L}", layout), std::pair("{F}", file)}) {
+    for (std::size_t at = arguments.find(mark); at != arguments.npos; at = arguments.find(mark)) {
+      arguments.replace(at, 3, name);
+    }
+  }
+  return arguments;
+}
+
+TEST_F(Tool, EveryReaderTellsBadInput) {
+  write("bad.korvo", "row Port 7 {\n  speed uint33_t\n}\n");
+  write("stranger.korvo", "row Port 8 {\n  up bool\n}\n");
+  write("later.korvo", "row Port 7 {\n  name string_t\n  more uint64_t @40\n}\nrow Link 2 {}\n");
+  write("torn.rows", contentOf("good.rows").substr(0, firstLength + secondLength + 10));
+  write("torn.json", std::string(rows).substr(0, std::string(rows).size() - 10));
+  write("good.csv", "oid,speed\n1,2\n");
+  write("torn.csv", "oid,name\n1,\"eth");
+  for (const Reading& reading : readings) {
+    const std::string form = reading.form;
+    const std::string good = form == "json" ? "rows.json" : "good." + form;
+    const auto run = [&](const char* layout, const std::string& file) {
+      const Outcome result = korvo(with(reading.arguments, layout, file));
+      EXPECT_NE(result.status, 0) << reading.arguments << ' ' << file;
+      return result;
+    };
+    const auto says = [&](const Outcome& result, int status, const std::string& text) {
+      EXPECT_EQ(result.status, status) << reading.arguments << result.err;
+      EXPECT_NE((result.out + result.err).find(text), std::string::npos)
+          << reading.arguments << result.out << result.err;
+    };
+    says(run("port.korvo", "/nowhere"), 66, "korvo: /nowhere: No such file or directory\n");
+    says(run("port.korvo", "."), 66, "korvo: .: is a directory\n");
+    says(run("/nowhere", good), 66, "korvo: /nowhere: No such file or directory\n");
+    says(run("bad.korvo", good), 65,
+         "korvo: bad.korvo: line 2, column 9: unknown type - (uint33_t)\n");
+    says(run("port.korvo", "- <&-"), 66, "korvo: standard input: Bad file descriptor\n");
+    const Outcome torn = run("port.korvo", "torn." + form);
+    const Outcome stranger = run("stranger.korvo", good);
+    const Outcome later = run("later.korvo", good);
+    if (form == "rows") {
+      says(torn, 1, "a row of 32 bytes begins, of which 10 are there");
+      says(stranger, 1, "no layout is known for this row type");
+      EXPECT_EQ(later.status, 1) << reading.arguments;
+    } else if (form == "json") {
+      says(torn, 65, "torn.json: line 3: no object of JSON");
+      says(stranger, 65, "rows.json: line 1: no layout is known for row type 7");
+      says(later, 65, "rows.json: line 1: column 26: unknown column - (speed)");
+    } else {
+      says(torn, 65, "torn.csv: line 2: a quote does not end");
+      says(stranger, 65, "good.csv: line 1: no column has the name speed");
+      says(later, 65, "good.csv: line 1: no column has the name speed");
+    }
+  }
+  for (const char* const arguments : {"layout print ", "layout diff port.korvo ", "generate "}) {
+    expectAll(std::string(arguments) + "bad.korvo", 65, "",
+              "korvo: bad.korvo: line 2, column 9: unknown type - (uint33_t)\n");
+    expectAll(std::string(arguments) + "good.rows", 65, "",
+              "korvo: good.rows: line 1, column 1: expected \"row\"\n");
+    expectAll(std::string(arguments) + ".", 66, "", "korvo: .: is a directory\n");
+    expectAll(std::string(arguments) + "- <&-", 66, "",
+              "korvo: standard input: Bad file descriptor\n");
+  }
+  expectAll("query - <&-", 66, "", "korvo: standard input: Bad file descriptor\n");
+}
+
+TEST_F(Tool, EndsWithItsReader) {
+  write("wide.layout", "row 7 base 16 { speed uint64_t @8 }");
+  for (const char* const arguments : {"check -l port.korvo good.rows",
+                                      "show -l port.korvo good.rows",
+                                      "annotate -l port.korvo good.rows",
+                                      "diff -l port.korvo good.rows good.rows",
+                                      "convert -l port.korvo good.rows",
+                                      "convert -l port.korvo --as json good.rows",
+                                      "convert -l port.korvo --row Port --as csv good.rows",
+                                      "convert -l port.korvo --row Port --to wide.layout good.rows",
+                                      "convert -l port.korvo --from json rows.json",
+                                      "stat -l port.korvo good.rows",
+                                      "layout print port.korvo",
+                                      "layout diff port.korvo port.korvo",
+                                      "generate link.korvo",
+                                      "address ::1",
+                                      "prefix parse ::/0",
+                                      "prefix contains ::/0 ::",
+                                      "prefix order ::/0",
+                                      "query x",
+                                      "--help",
+                                      "check --help"}) {
+    // A pipe that nobody reads any more: the signal ends it as it ends others; where it is ignored,
+    // it says so.
+    const std::string line = " exec 3> >(exec 3>&-); wait $!; korvo " + std::string(arguments);
+    EXPECT_EQ(shell(line + " >&3").status, 128 + 13) << arguments;
+    const Outcome ignored = shell("trap '' PIPE;" + line + " >&3");
+    EXPECT_EQ(ignored.status, 74) << arguments;
+    EXPECT_EQ(ignored.err.substr(0, 7), "korvo: ") << arguments << ignored.err;
+  }
 }
 
 TEST_F(Tool, TellsWhenItsOutputIsLost) {

@@ -108,8 +108,67 @@ TEST_F(Stream, TakesConstantMemory) {
   expectConstantMemory({"show", "-l", "rows.layout"});
   expectConstantMemory({"convert", "--as", "csv", "-l", "rows.layout"});
   expectConstantMemory({"diff", "-l", "rows.layout"});
+  write("wide.layout", "row 7 base 16 { name string_t @8 mtu uint32_t @12 }");
+  expectConstantMemory({"convert", "--to", "wide.layout", "-l", "rows.layout"});
 #endif
 }
+
+TEST_F(Stream, RowsWithoutAPartnerTakeConstantMemoryInOrder) {
+  const auto diff = [](const char* a, const char* b) {
+    return usageOf({"diff", "-l", "rows.layout", "--in-order", "--quiet", a, b});
+  };
+  const Usage few = diff("few.rows", "few.rows");
+  for (const Usage& many : {diff("many.rows", "few.rows"), diff("few.rows", "many.rows")}) {
+    EXPECT_EQ(many.status, 1);
+    EXPECT_LT(many.memory, few.memory + 2048);
+  }
+}
+
+TEST_F(Stream, TellsTheByteOfDamageInTheMiddle) {
+  std::string content = korvotest::contentOf("many.rows");
+  const std::size_t length = content.size() / manyRows;
+  constexpr std::size_t damagedRow = 500000;
+  const std::size_t offset = damagedRow * length;
+  content[offset] = 3;  // its length
+  write("damaged.rows", content);
+  const std::string place = std::to_string(offset);
+  korvotest::expectAll("check -l rows.layout damaged.rows", 1,
+                       "damaged.rows: byte " + place +
+                           ": a row of 3 bytes has no room for its header; " +
+                           std::to_string(length) + " bytes skipped, rows go on at byte " +
+                           std::to_string(offset + length) + "\ndamaged.rows: 999999 good rows, " +
+                           std::to_string(length) + " bytes skipped\n",
+                       "");
+  write("damaged.rows", "");
+}
+
+#ifdef KORVO_WITH_ARCHIVE
+
+TEST_F(Stream, PackedFilesTakeConstantMemoryToo) {
+  for (const std::string packer : {"gzip -1", "zstd -q -1"}) {
+    ASSERT_EQ(korvotest::shell(packer + " -c <few.rows >few.packed && " + packer +
+                               " -c <many.rows >many.packed")
+                  .status,
+              0);
+    ASSERT_LT(korvotest::contentOf("many.packed").size(),
+              korvotest::contentOf("many.rows").size() / 2);
+    for (const std::string command : {"check", "stat"}) {
+      const Usage few = usageOf({command, "-l", "rows.layout", "few.packed"});
+      const Usage many = usageOf({command, "-l", "rows.layout", "many.packed"});
+      EXPECT_EQ(few.status, 0) << packer;
+      EXPECT_EQ(many.status, 0) << packer;
+      // What unpacks it looks back as far as the file is long, up to its window.
+      constexpr long window = 10 * 1024;
+      EXPECT_LT(many.memory, few.memory + window) << packer << ' ' << command;
+      RecordProperty(packer + command, std::to_string(many.memory - few.memory));
+      std::cout << packer << ' ' << command << ": " << few.memory << " KiB, " << many.memory
+                << " KiB\n";
+    }
+  }
+  write("many.packed", "");
+}
+
+#endif
 
 TEST_F(Stream, DamageIsConstantMemoryToo) {
   // Bytes that are no row, for a long way.

@@ -60,26 +60,18 @@ class PrefixTrie::NewNode {
   Node* node_;
 };
 
-PrefixTrie::~PrefixTrie() {
-  const auto destroy = [](const auto& self, Node* node) -> void {
-    for (unsigned int i = 0; i < node->nodeCount; ++i) self(self, node->nodes()[i]);
-    ::operator delete(node);
-  };
-  if (root_ != nullptr) destroy(destroy, root_);
-}
-
 PrefixTrie::Node* PrefixTrie::newNode(std::size_t room) {
-  // What else would be lost to the allocator's rounding.
-  room = (room + 15) / 16 * 16;
-  Node* const node = new (::operator new(sizeof(Node) + room)) Node();
-  node->room = static_cast<std::uint16_t>(room);
-  bytes_ += sizeof(Node) + room;
+  const std::size_t size = (sizeof(Node) + room + line - 1) / line * line;
+  Node* const node = new (pool_.allocate(size, line)) Node();
+  node->room = static_cast<std::uint16_t>(size - sizeof(Node));
+  bytes_ += size;
   return node;
 }
 
 void PrefixTrie::giveBack(Node* node) noexcept {
-  bytes_ -= sizeof(Node) + node->room;
-  ::operator delete(node);
+  const std::size_t size = sizeof(Node) + node->room;
+  bytes_ -= size;
+  pool_.deallocate(node, size, line);
 }
 
 /// `fresh` takes over all of the node that `link` leads to, and its place.
@@ -95,11 +87,11 @@ void PrefixTrie::moveTo(Node*& link, Node* fresh) noexcept {
 /// Sees to it that the node has `room` more bytes behind it.
 void PrefixTrie::makeRoom(Node*& link, std::size_t room) {
   const std::size_t wanted = link->taken() + room;
-  if (wanted > link->room) moveTo(link, newNode(wanted + wanted / 4));
+  if (wanted > link->room) moveTo(link, newNode(wanted));
 }
 
 void PrefixTrie::shrink(Node*& link) noexcept {
-  if (link->taken() + 64 > link->room / 2) return;
+  if (link->taken() + line > link->room / 2U) return;
   try {
     moveTo(link, newNode(link->taken()));
   } catch (const std::bad_alloc&) {
@@ -107,12 +99,12 @@ void PrefixTrie::shrink(Node*& link) noexcept {
   }
 }
 
-const Slot* PrefixTrie::Node::longest(unsigned int most, unsigned int six) const {
-  if (most == stride && (sixth >> six & 1) != 0) return slots() + slotIndex(stride, six);
+unsigned int PrefixTrie::Node::longest(unsigned int most, unsigned int six) const {
+  if (most == stride && (sixth >> six & 1) != 0) return stride;
   std::uint64_t found = upper & upperPrefixes[six];
   if (most < stride) found &= (std::uint64_t{1} << ((2U << most) - 2)) - 1;
-  if (found == 0) return nullptr;
-  return slots() + countBelow(upper, 63 - static_cast<unsigned int>(std::countl_zero(found)));
+  // The prefixes of n bits begin at bit 2^n - 2.
+  return found == 0 ? 0 : static_cast<unsigned int>(std::bit_width(std::bit_width(found) + 1U)) - 1;
 }
 
 Slot& PrefixTrie::addSlot(Node& node, unsigned int more, unsigned int six) noexcept {
@@ -255,18 +247,31 @@ void PrefixTrie::removePlace(const Prefix& prefix) noexcept {
 }
 
 Slot PrefixTrie::mostSpecific(const Prefix& prefix) const {
-  const Slot* found = &all_;
-  for (const Node* at = root_; at != nullptr && isOn(*at, prefix);) {
-    const unsigned int six = prefix.bits.sixBits(at->depth);
-    const unsigned int most = moreThan(at->depth, prefix.length);
-    if (const Slot* const longer = at->longest(most, six); longer != nullptr) found = longer;
+  const Node* found = nullptr;
+  unsigned int foundMore = 0;
+  unsigned int decided = 0;  // bits that the way here has compared
+  for (const Node* at = root_; at != nullptr; decided += stride) {
+    if (at->depth != decided) {
+      if (!isOn(*at, prefix)) break;
+      decided = at->depth;
+    }
+    if (decided >= prefix.length) break;
+    const unsigned int six = prefix.bits.sixBits(decided);
+    const unsigned int most = moreThan(decided, prefix.length);
+    if (const unsigned int more = at->longest(most, six); more != 0) {
+      found = at;
+      foundMore = more;
+    }
     if (most < stride || !at->hasNode(six)) break;
     at = &at->node(six);
   }
-  if (*found != noSlot || found == &all_) return *found;
+  if (found == nullptr) return all_;
+  const unsigned int six = prefix.bits.sixBits(found->depth);
+  const Slot slot = found->slots()[found->slotIndex(foundMore, six)];
+  if (slot != noSlot) return slot;
   // Its row has not come yet.
   Slot last = noSlot;
-  covering(prefix, [&last](Slot slot) { last = slot; });
+  covering(prefix, [&last](Slot wider) { last = wider; });
   return last;
 }
 

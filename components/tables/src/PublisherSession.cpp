@@ -71,6 +71,9 @@ bool PublisherSession::take(const Frame& frame) {
     case FrameType::refuse:
       walk_.drop(frame.table);
       return true;
+    case FrameType::ask:
+      if (mayAsk_) answer_.ask();
+      return true;
     case FrameType::bye: {
       const Bye bye = Bye::decode(frame.body);
       isOver_ = true;
@@ -97,6 +100,9 @@ void PublisherSession::takeHello(const Hello& hello) {
 
   Welcome welcome;
   welcome.protocol = std::min(protocolMax, hello.protocolMax);
+  welcome.features = hello.features & featureAsk;
+  mayAsk_ = welcome.features != 0;
+  wantsTables_ = !hello.tables.empty();
   welcome.heartbeat = static_cast<std::uint32_t>(heartbeat_.count());
   welcome.name = publication_.name;
   welcome.epoch = publication_.epoch;
@@ -153,7 +159,9 @@ void PublisherSession::fill(std::size_t most) {
   if (!isWelcome_) return;
   while (!isOver_ && out_.size() < most) {
     if (walk_.hasLostATable()) return end(ByeReason::changed, "a table is gone");
-    if (capturedMark_) {
+    if (answer_.isDue()) {
+      out_.push(answer_.next());
+    } else if (capturedMark_) {
       sendCaptured();
     } else if (walk_.isBehind() || !gone_.empty()) {
       if (isStarved())
@@ -169,6 +177,7 @@ void PublisherSession::fill(std::size_t most) {
 }
 
 void PublisherSession::sendNext() {
+  if (frames_ == 0) roundHead_ = walk_.head();
   TableSender::Change change;
   if (walk_.next(change)) {
     send(std::move(change));
@@ -203,10 +212,11 @@ void PublisherSession::sendGone() {
   ++frames_;
 }
 
-/// A table that changes faster than it is sent would never come to a mark.
+/// A table that changes faster than it is sent would never come to a mark. One that does not change
+/// comes to it by itself.
 bool PublisherSession::isStarved() const {
-  if (!publication_.isComplete) return false;
-  return rows_ > 2 * walk_.rows() || (roundAge_ >= roundLimit && frames_ != 0);
+  if (!publication_.isComplete || frames_ == 0 || walk_.head() == roundHead_) return false;
+  return rows_ > 2 * walk_.rows() || roundAge_ >= roundLimit;
 }
 
 /// Keeps what is left to tell as it stands now: no more than all rows, and their bytes are shared.

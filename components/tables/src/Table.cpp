@@ -372,11 +372,20 @@ struct detail::ChangeSource::Reading : TableStore::Cursor {
     if (!pending) pending = nextMatching();
     return pending.has_value();
   }
+  /// Nothing when telling the table as a whole begins: that is for another turn.
   std::optional<Told> nextTold() {
     begin();
-    if (pending && known.ofWhole == wholes()) return std::exchange(pending, std::nullopt);
-    pending.reset();
+    if (wholes() != wholesTold) return std::nullopt;
+    if (pending) return std::exchange(pending, std::nullopt);
     return nextMatching();
+  }
+  /// Begins a turn; tells whether the table is told as a whole from here on.
+  bool beginsWhole() {
+    begin();
+    if (std::exchange(wholesTold, wholes()) == wholes()) return false;
+    known.clear();
+    pending.reset();
+    return true;
   }
 
   AnyTableReader* reader;  // null once it is gone
@@ -387,7 +396,6 @@ struct detail::ChangeSource::Reading : TableStore::Cursor {
 
  private:
   std::optional<Told> nextMatching() {
-    if (known.ofWhole != wholes()) known = {wholes(), {}};
     Told told;
     while (next(told)) {
       if (!matches || isNews(told)) return told;
@@ -397,19 +405,16 @@ struct detail::ChangeSource::Reading : TableStore::Cursor {
   /// Makes of a change of the table what it is to one who knows the rows that match only.
   bool isNews(Told& told) {
     const bool isIn = told.after != nullptr && matches(HeldRow(told.after));
-    const bool wasIn = isIn ? !known.oids.insert(told.oid).second : known.oids.erase(told.oid) != 0;
+    const bool wasIn = isIn ? !known.insert(told.oid).second : known.erase(told.oid) != 0;
     told.wasKnown = wasIn;
     if (!isIn) told.after = nullptr;
     if (!wasIn) told.before = nullptr;
     return isIn || wasIn;
   }
 
-  struct Known {
-    std::uint64_t ofWhole = 0;  ///< cleared when the table is told as a whole
-    std::unordered_set<oid_t> oids;
-  };
-  RowFilter::Matches matches;  ///< empty: all rows
-  Known known;
+  RowFilter::Matches matches;       ///< empty: all rows
+  std::unordered_set<oid_t> known;  ///< which matched when they were told
+  std::uint64_t wholesTold = 0;     ///< how often telling the table as a whole was begun
 };
 
 detail::ChangeSource::ChangeSource(std::shared_ptr<Reading> reading)
@@ -438,7 +443,7 @@ std::uint64_t detail::ChangeSource::merged() const {
 }
 
 bool detail::ChangeSource::first() const {
-  return reading_->isFirst || reading_->isWhole();
+  return reading_->isFirst;
 }
 
 AnyTableReader::AnyTableReader(AnyTable& table, const KoPtr<Scheduler>& scheduler, Before before)
@@ -482,7 +487,7 @@ void AnyTableReader::run(bool) {
   detail::ChangeSource::Reading& reading = *kept;
   if (reading.store() == nullptr) return;
   if (reading.store()->hasFirstRows && reading.hasNews()) {
-    reading.isFirst = reading.isWhole();
+    reading.isFirst = reading.beginsWhole();
     detail::ChangeSource source(kept);
     tell(source);
     if (reading.reader == nullptr || reading.store() == nullptr) return;

@@ -102,9 +102,10 @@ void TableStore::sourceIs(std::shared_ptr<SequenceSource> source) noexcept {
 
 void TableStore::historyIs(std::uint64_t sequence) noexcept {
   for (Slot slot = slotFrom(0); slot != noSlot; slot = slotFrom(slot + 1)) {
-    entries_[slot].sequence = sequence;
-    entries_[slot].added = sequence;
+    entries_[slot].sequence = 0;
+    entries_[slot].added = 0;
   }
+  base_ = sequence;
   deletionsDropped_ = deletionsEnd();
   deletions_.clear();
   deletionsBegin_ = 0;
@@ -117,7 +118,7 @@ void TableStore::keepDigest() noexcept {
   if (keepsDigest_) return;
   keepsDigest_ = true;
   for (Slot slot = slotFrom(0); slot != noSlot; slot = slotFrom(slot + 1)) {
-    digest_ ^= rowHash(entries_[slot].buffer->buf_);
+    digest_ ^= rowHash(buffers_[slot]->buf_);
   }
 }
 
@@ -192,8 +193,23 @@ void TableStore::unmapOid(Slot slot) noexcept {
 }
 
 Slot TableStore::slotFrom(Slot slot) const {
-  while (slot < entries_.size() && entries_[slot].buffer == nullptr) ++slot;
-  return slot < entries_.size() ? slot : noSlot;
+  const std::size_t end = buffers_.size();
+  while (slot < end && buffers_[slot] == nullptr) ++slot;
+  return slot < end ? slot : noSlot;
+}
+
+void TableStore::addSlot() {
+  const std::size_t slot = entries_.size();
+  if (slot >= noSlot) throw std::bad_alloc();
+  entries_.grow();
+  try {
+    buffers_.grow();
+  } catch (...) {
+    entries_.shrink();
+    throw;
+  }
+  entries_[slot].next = std::exchange(free_, static_cast<Slot>(slot));
+  ++freeCount_;
 }
 
 Slot TableStore::takeSlot() noexcept {
@@ -235,9 +251,28 @@ void TableStore::moveCursors(Slot slot) noexcept {
   }
 }
 
+/// What happened up to `base` counts as having happened then: who stood before it is told all anew.
+void TableStore::countFrom(std::uint64_t base) noexcept {
+  const auto moved = [&](std::uint64_t relativeToFormer) {
+    const std::uint64_t sequence = base_ + relativeToFormer;
+    return static_cast<std::uint32_t>(sequence <= base ? 0 : sequence - base);
+  };
+  while (!deletions().empty() && base_ + deletions().front().sequence <= base) ++deletionsBegin_;
+  for (std::size_t i = deletionsBegin_; i < deletions_.size(); ++i) {
+    deletions_[i] = {moved(deletions_[i].sequence), moved(deletions_[i].added), deletions_[i].oid};
+  }
+  for (Slot slot = slotFrom(0); slot != noSlot; slot = slotFrom(slot + 1)) {
+    Entry& entry = entries_[slot];
+    entry.sequence = moved(entry.sequence);
+    entry.added = moved(entry.added) & mostRelative;
+  }
+  base_ = base;
+  floor_ = std::max(floor_, base);
+}
+
 void TableStore::forgetDeletions() noexcept {
   const std::size_t most = std::max(deletionLimit, size_);
-  while (deletions().size() > most) floor_ = deletions_[deletionsBegin_++].sequence;
+  while (deletions().size() > most) floor_ = base_ + deletions_[deletionsBegin_++].sequence;
   if (deletionsBegin_ * 2 < deletions_.size()) return;
   deletions_.erase(deletions_.begin(),
                    deletions_.begin() + static_cast<std::ptrdiff_t>(deletionsBegin_));
@@ -340,7 +375,8 @@ void TableStore::Cursor::begin() {
     position_ = noSlot;
     told_ = seen_;
     const std::span<const Deletion> deletions = store_->deletions();
-    const auto first = std::ranges::upper_bound(deletions, seen_, {}, &Deletion::sequence);
+    const auto first =
+        std::ranges::upper_bound(deletions, store_->relative(seen_), {}, &Deletion::sequence);
     deletion_ = store_->firstDeletion() + static_cast<std::uint64_t>(first - deletions.begin());
   }
   returned_.clear();
@@ -364,7 +400,7 @@ bool TableStore::Cursor::nextDeletion(Told& told) {
   while (deletion_ < store_->deletionsEnd()) {
     const Deletion& deletion =
         store_->deletions_[static_cast<std::size_t>(deletion_ - store_->deletionsDropped_)];
-    const bool wasKnown = !isWhole_ && deletion.added <= seen_;
+    const bool wasKnown = !isWhole_ && store_->base_ + deletion.added <= seen_;
     if (store_->find(deletion.oid) != noSlot) {
       if (wasKnown) returned_.insert(deletion.oid);
       ++deletion_;
@@ -372,7 +408,7 @@ bool TableStore::Cursor::nextDeletion(Told& told) {
     }
     ++deletion_;
     // A row that came during the round may have been told in it.
-    bool isNews = wasKnown || deletion.sequence > roundHead_;
+    bool isNews = wasKnown || store_->base_ + deletion.sequence > roundHead_;
     told = {deletion.oid, nullptr, nullptr, wasKnown};
     if (keepsBefore_ && !isWhole_) {
       const auto before = before_.extract(deletion.oid);
@@ -388,21 +424,22 @@ bool TableStore::Cursor::nextRow(Told& told) {
   if (position_ == noSlot) {
     // All was told up to here: what came since stands at the end.
     for (Slot slot = store_->latest_; slot != noSlot; slot = store_->entries_[slot].previous) {
-      if (store_->entries_[slot].sequence <= told_) break;
+      if (store_->base_ + store_->entries_[slot].sequence <= told_) break;
       position_ = slot;
     }
     if (position_ == noSlot) return false;
   }
   const Entry& entry = store_->entries_[position_];
-  const bool wasKnown = !isWhole_ && (entry.added <= seen_ || returned_.contains(entry.oid));
-  told = {entry.oid, entry.buffer, nullptr, wasKnown};
+  const bool wasKnown =
+      !isWhole_ && (store_->base_ + entry.added <= seen_ || returned_.contains(entry.oid));
+  told = {entry.oid, store_->buffers_[position_], nullptr, wasKnown};
   if (keepsBefore_) {
     if (const auto before = before_.extract(entry.oid); !before.empty()) {
       told.before = before.mapped();
       told.wasKnown = told.before != nullptr;
     }
   }
-  told_ = entry.sequence;
+  told_ = store_->base_ + entry.sequence;
   position_ = entry.next;
   if (position_ != noSlot) store_->entries_[position_].isWatched = true;
   return true;
@@ -547,12 +584,7 @@ void TableStore::Commit::reserve() {
     }
   }
   store_.reserveOids(added);
-  while (store_.freeCount_ < added) {
-    if (store_.entries_.size() >= noSlot) throw std::bad_alloc();
-    Entry& entry = store_.entries_.emplace_back();
-    entry.next = std::exchange(store_.free_, static_cast<Slot>(store_.entries_.size() - 1));
-    ++store_.freeCount_;
-  }
+  while (store_.freeCount_ < added) store_.addSlot();
   for (const KnownIndex& known : store_.indexes_) {
     known.index->reserve(store_.entries_.size(), touches_.size());
   }
@@ -575,6 +607,8 @@ void TableStore::Commit::reserve() {
 /// In two passes over the indexes, so that rows may swap their keys.
 void TableStore::Commit::apply(std::uint64_t sequence) noexcept {
   if (changesNothing()) return;
+  if (sequence - store_.base_ > mostRelative) store_.countFrom(sequence - mostRelative / 2);
+  const std::uint32_t now = store_.relative(sequence);
   forEachKey([](const Touch& touch, const KnownIndex& known, std::string&, bool moves) {
     if (moves && touch.slot != noSlot) known.index->takeOut(touch.slot);
   });
@@ -583,7 +617,7 @@ void TableStore::Commit::apply(std::uint64_t sequence) noexcept {
     if (isNew) {
       touch.slot = store_.takeSlot();
       store_.entries_[touch.slot].oid = touch.oid;
-      store_.entries_[touch.slot].added = sequence;
+      store_.entries_[touch.slot].added = now & mostRelative;
       store_.mapOid(touch.slot);
       ++store_.size_;
     } else {
@@ -591,20 +625,21 @@ void TableStore::Commit::apply(std::uint64_t sequence) noexcept {
     }
     Entry& entry = store_.entries_[touch.slot];
     if (touch.isRemoval) {
-      store_.deletions_.push_back({sequence, entry.added, touch.oid});
+      store_.deletions_.push_back({now, entry.added, touch.oid});
       store_.unmapOid(touch.slot);
       --store_.size_;
       entry.next = std::exchange(store_.free_, touch.slot);
       ++store_.freeCount_;
     } else {
-      entry.sequence = sequence;
+      entry.sequence = now;
       store_.link(touch.slot);
     }
+    KoPtr<KoRowBuf>& buffer = store_.buffers_[touch.slot];
     if (store_.keepsDigest_) {
-      if (!isNew) store_.digest_ ^= rowHash(entry.buffer->buf_);
+      if (!isNew) store_.digest_ ^= rowHash(buffer->buf_);
       if (!touch.isRemoval) store_.digest_ ^= rowHash(touch.buffer->buf_);
     }
-    entry.buffer.swap(touch.buffer);
+    buffer.swap(touch.buffer);
   }
   forEachKey([](const Touch& touch, const KnownIndex& known, std::string& computed, bool moves) {
     if (moves && !touch.isRemoval) known.index->put(touch.slot, computed);

@@ -16,7 +16,6 @@
 #include <Korvo/Table.h>
 
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <span>
 #include <string>
@@ -25,6 +24,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "Chunked.h"
 #include "TableIndexes.h"
 
 namespace Korvo::detail {
@@ -89,8 +89,8 @@ class TableStore {
   void keepDigest() noexcept;
 
   Slot find(oid_t oid) const;
-  const KoPtr<KoRowBuf>& buffer(Slot slot) const { return entries_[slot].buffer; }
-  SubRowReference row(Slot slot) const { return SubRowReference(entries_[slot].buffer->buf_); }
+  const KoPtr<KoRowBuf>& buffer(Slot slot) const { return buffers_[slot]; }
+  SubRowReference row(Slot slot) const { return SubRowReference(buffers_[slot]->buf_); }
   oid_t oid(Slot slot) const { return entries_[slot].oid; }
   /// The rows, in no order: the first slot in use at or behind `slot`, or noSlot.
   Slot slotFrom(Slot slot) const;
@@ -123,18 +123,18 @@ class TableStore {
   void checkThread() const;
 
  private:
+  // A million rows stand in a table: each byte of these counts. Sequences are counted from `base_`.
   struct Entry {
-    KoPtr<KoRowBuf> buffer;  ///< null: the slot is free
-    std::uint64_t sequence = 0;
-    std::uint64_t added = 0;  ///< the sequence at which the oid came
     oid_t oid = 0;
     Slot previous = noSlot;
     Slot next = noSlot;
-    bool isWatched = false;  ///< a cursor may stand here
+    std::uint32_t sequence = 0;
+    std::uint32_t added : 31 = 0;     ///< when the oid came
+    std::uint32_t isWatched : 1 = 0;  ///< a cursor may stand here
   };
   struct Deletion {
-    std::uint64_t sequence;
-    std::uint64_t added;
+    std::uint32_t sequence;
+    std::uint32_t added;
     oid_t oid;
   };
   struct KnownIndex {
@@ -153,7 +153,12 @@ class TableStore {
   void mapOid(Slot slot) noexcept;
   void unmapOid(Slot slot) noexcept;
   void reserveOids(std::size_t count);
+  void addSlot();
   Slot takeSlot() noexcept;
+  std::uint32_t relative(std::uint64_t sequence) const {
+    return sequence <= base_ ? 0 : static_cast<std::uint32_t>(sequence - base_);
+  }
+  void countFrom(std::uint64_t base) noexcept;
   void forgetDeletions() noexcept;
   std::span<const Deletion> deletions() const {
     return std::span(deletions_).subspan(deletionsBegin_);
@@ -170,7 +175,10 @@ class TableStore {
   std::uint64_t batches_ = 0;  ///< that changed something here
   std::size_t size_ = 0;
 
-  std::deque<Entry> entries_;
+  static constexpr std::uint64_t mostRelative = (std::uint64_t{1} << 31) - 1;
+  std::uint64_t base_ = 0;
+  Chunked<KoPtr<KoRowBuf>> buffers_;  ///< null: the slot is free
+  Chunked<Entry> entries_;
   std::vector<Slot> buckets_;  ///< by oid, linear probing; a power of two
   Slot free_ = noSlot;
   std::size_t freeCount_ = 0;

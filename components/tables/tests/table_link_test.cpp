@@ -176,6 +176,26 @@ TEST_F(LinkTest, ResumesWithWhatChangedMeanwhile) {
   EXPECT_LT(link.bytesToSubscriber() - before, 1500U);
 }
 
+TEST_F(LinkTest, ResumingAfterManyChangesSendsEachRowOnce) {
+  agent->putMany(1, 20001);
+  connect();
+  loop->runUntilQuiet();
+  for (const auto& [changed, most] : {std::pair{10000U, 10000U}, std::pair{300U, 300U}}) {
+    link.isDownIs(true);
+    link.cut();
+    loop->runUntilQuiet();
+    for (oid_t i = 0; i < 10000; ++i) {
+      agent->put(port(i % changed + 1, std::to_string(100000 + i + changed)));
+    }
+    const std::uint64_t before = link.bytesToSubscriber();
+    link.isDownIs(false);
+    loop->advance(seconds(20));
+    expectSame();
+    const std::size_t frame = 8 + port(1, "100000").rowLength();
+    EXPECT_LE(link.bytesToSubscriber() - before, most * frame + 2000);
+  }
+}
+
 // Lesson: "I cannot continue from there" is a normal answer.
 TEST_F(LinkTest, ForgottenDeletionsMeanAllRowsAndNoEnd) {
   agent->putMany(1, 70000, "");
@@ -649,6 +669,48 @@ TEST_F(LinkTest, RowOfFullSizeGoesThrough) {
   agent->put(port(1, name), port(2, "b"));
   connect();
   loop->runUntilQuiet();
+  expectSame();
+}
+
+struct LongLayout : Korvo::RowLayout<9, Korvo::Column<"first", std::string>,
+                                     Korvo::Column<"second", std::string>> {};
+
+// Each limit holds a row of the greatest length.
+TEST_F(LinkTest, RowOfTheGreatestLengthGoesThrough) {
+  using Long = Korvo::TableRow<LongLayout>;
+  Table<Long> rows("net/long");
+  Table<Long> copy("net/long");
+  Long row;
+  row.create(1);
+  row.set<"first">(std::string(32767, 'a'));
+  row.set<"second">(std::string(Korvo::maxRowLength - row.rowLength(), 'b'));
+  ASSERT_EQ(row.rowLength(), Korvo::maxRowLength);
+  Batch batch(rows);
+  batch.put(row);
+  batch.commit();
+  agent->publisher.add(rows);
+  viewer->subscriber.add(copy);
+  link.roomIs(1000);
+  connect();
+  loop->runUntilQuiet();
+  EXPECT_EQ(contents(copy), contents(rows));
+  EXPECT_EQ(copy.state(), TableState::current);
+}
+
+TEST_F(LinkTest, SubscriptionHas256TablesAtTheMost) {
+  std::vector<std::unique_ptr<Table<Link>>> tables;
+  for (int i = 2; i < 257; ++i) {
+    tables.push_back(std::make_unique<Table<Link>>("net/" + std::to_string(i)));
+    if (i < 256) viewer->subscriber.add(*tables.back());
+  }
+  EXPECT_THROW(viewer->subscriber.add(*tables.back()), Korvo::KoInvalidArgument);
+  connect();
+  loop->runUntilQuiet();
+  expectSame();
+  tables.front().reset();  // makes room
+  viewer->subscriber.add(*tables.back());
+  loop->advance(seconds(20));
+  EXPECT_EQ(tables.back()->state(), TableState::refused);  // as the publisher has no such table
   expectSame();
 }
 

@@ -162,13 +162,11 @@ class SlowReader : public TableReader<Port> {
 
  protected:
   void changed(Changes<Port>& changes) override {
-    if (changes.first() && !inFirst_) copy.clear();
-    inFirst_ = changes.first();
+    if (changes.first()) copy.clear();
     for (std::size_t i = 0; i < mostInATurn; ++i) {
       const Change<Port>* const change = changes.next();
       if (change == nullptr) {
         ++rounds;
-        inFirst_ = false;
         return;
       }
       if (change->kind() == Korvo::ChangeKind::removed) {
@@ -178,9 +176,6 @@ class SlowReader : public TableReader<Port> {
       }
     }
   }
-
- private:
-  bool inFirst_ = false;
 };
 
 TEST_F(TableReaderTest, WhatATurnLeavesIsToldInTheNext) {

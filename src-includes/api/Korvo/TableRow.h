@@ -571,6 +571,69 @@ class ColumnReaders {
   const Row& row() const { return static_cast<const Row&>(*this); }
 };
 
+/// The writers that rows and their Writers have in common. Their guarantees and exceptions are
+/// those of BaseRow's writers, and KoOutOfRange names the column. Arrays of more than 4,095
+/// elements are refused, too: BaseRow's operations write them with a count that readers do not see.
+template <typename Self, typename Layout>
+class ColumnWriters {
+  template <ColumnName Name>
+  using Type = typename Layout::template Type<Name>;
+
+ public:
+  /// A number, a fixed-width address or an array.
+  template <ColumnName Name>
+  requires(takesItsType<Type<Name>>) void set(const Type<Name>& value) {
+    if constexpr (isVector<Type<Name>>) {
+      checkArrayCount(self().writtenRow(), Name.view(), value);
+      self().template writeColumn<Name>(EncodedArray(value));
+    } else {
+      self().writeField(Layout::template offset<Name>, value);
+    }
+  }
+  /// Text: whatever converts to std::string_view. An address or a prefix: the value or its
+  /// reference. A nested row: any row of its layout.
+  template <ColumnName Name, typename Value>
+  requires(!takesItsType<Type<Name>> &&
+           isWrittenFrom<Type<Name>, Value>) void set(const Value& value) {
+    using T = Type<Name>;
+    const auto write = [this](const EncodedValue& encoded) {
+      self().template writeColumn<Name>(encoded);
+    };
+    if constexpr (std::is_same_v<T, std::string>) {
+      write(encoded(std::string_view(value)));
+    } else if constexpr (!isArrayElement<T>) {
+      write(encodedNested(value, std::type_identity<T>()));
+    } else if constexpr (std::is_same_v<Value, typename ColumnTraits<T>::View>) {
+      write(encoded(value));
+    } else {
+      write(encoded(static_cast<const T&>(value)));
+    }
+  }
+  template <ColumnName Name, typename Value>
+  requires(!isWrittenFrom<Type<Name>, Value>) void set(const Value&) {
+    refuseValue<Type<Name>, Value>();
+  }
+  template <ColumnName Name>
+  requires(!Layout::template has<Name>) void set(const Anything&) {
+    static_assert(layoutHasColumn<Layout, Name>, "the layout has no column of this name");
+  }
+
+ private:
+  /// The rows whose bytes a column of nested rows takes.
+  template <typename NestedLayout>
+  static EncodedValue encodedNested(const TableRow<NestedLayout>& row,
+                                    std::type_identity<Nested<NestedLayout>>) {
+    return encodedRow(row.rowBuf());
+  }
+  template <typename NestedLayout>
+  static EncodedValue encodedNested(const SubRow<NestedLayout>& row,
+                                    std::type_identity<Nested<NestedLayout>>) {
+    return encodedRow(row.rowBuf());
+  }
+
+  Self& self() { return static_cast<Self&>(*this); }
+};
+
 /// Whether two rows of a layout have the same values, or both are null.
 template <typename Layout, typename Row, typename Other>
 bool sameColumns(const Row& row, const Other& other);
@@ -635,7 +698,8 @@ class SubRow final : public SubRowReference, public detail::ColumnReaders<SubRow
 /// A row of a table. It begins as a null row; create() and adopt() give it a buffer of its own.
 template <typename RowLayoutType>
 class TableRow : public BaseRow,
-                 public detail::ColumnReaders<TableRow<RowLayoutType>, RowLayoutType> {
+                 public detail::ColumnReaders<TableRow<RowLayoutType>, RowLayoutType>,
+                 public detail::ColumnWriters<TableRow<RowLayoutType>, RowLayoutType> {
  public:
   using Layout = RowLayoutType;  ///< the columns
   template <ColumnName Name>
@@ -683,38 +747,6 @@ class TableRow : public BaseRow,
     return Readers::template view<Name>();
   }
 
-  // Writers of one column; their guarantees and exceptions are those of BaseRow's writers, and
-  // KoOutOfRange names the column. Arrays of more than 4,095 elements are refused, too: BaseRow's
-  // operations write them with a count that readers do not see.
-
-  /// A number, a fixed-width address or an array.
-  template <ColumnName Name>
-  requires(detail::takesItsType<ColumnType<Name>>) void set(const ColumnType<Name>& value) {
-    using T = ColumnType<Name>;
-    if constexpr (detail::isVector<T>) {
-      detail::checkArrayCount(*this, Name.view(), value);
-      writeColumn<Name>(detail::EncodedArray(value));
-    } else {
-      setOwnField(slot<Name>, value);
-    }
-  }
-  /// Text: whatever converts to std::string_view. An address or a prefix: the value or its
-  /// reference. A nested row: any row of its layout.
-  template <ColumnName Name, typename Value>
-  requires(!detail::takesItsType<ColumnType<Name>> &&
-           detail::isWrittenFrom<ColumnType<Name>, Value>) void set(const Value& value) {
-    writeEncoded<ColumnType<Name>>(
-        value, [this](const detail::EncodedValue& encoded) { writeColumn<Name>(encoded); });
-  }
-  template <ColumnName Name, typename Value>
-  requires(!detail::isWrittenFrom<ColumnType<Name>, Value>) void set(const Value&) {
-    detail::refuseValue<ColumnType<Name>, Value>();
-  }
-  template <ColumnName Name>
-  requires(!Layout::template has<Name>) void set(const detail::Anything&) {
-    static_assert(detail::layoutHasColumn<Layout, Name>, "the layout has no column of this name");
-  }
-
   class Writer;
   /// Fills rows of many columns: `auto writer = row.writer(); writer.set<"name">("eth0");`. See
   /// RowWriter.
@@ -752,83 +784,44 @@ class TableRow : public BaseRow,
   }
 
  private:
-  template <ColumnName Name>
-  static constexpr len_t slot = Layout::template offset<Name>;
+  friend detail::ColumnWriters<TableRow, Layout>;
 
+  const BaseRow& writtenRow() const { return *this; }
+  template <typename T>
+  void writeField(len_t offset, const T& value) {
+    setOwnField(offset, value);
+  }
   template <ColumnName Name, typename Encoded>
   [[gnu::always_inline]] void writeColumn(const Encoded& encoded) {
     try {
-      writeOwn<Layout>(slot<Name>, encoded);
+      writeOwn<Layout>(Layout::template offset<Name>, encoded);
     } catch (const KoOutOfRange& e) {
       detail::throwForColumn(Name.view(), e.what());
     }
-  }
-
-  /// Gives `write` what a column of type T takes from `value`, while it lives.
-  template <typename T, typename Value, typename Write>
-  static void writeEncoded(const Value& value, Write write) {
-    if constexpr (std::is_same_v<T, std::string>) {
-      write(detail::encoded(std::string_view(value)));
-    } else if constexpr (!detail::isArrayElement<T>) {
-      write(encodedNested(value, std::type_identity<T>()));
-    } else if constexpr (std::is_same_v<Value, typename detail::ColumnTraits<T>::View>) {
-      write(detail::encoded(value));
-    } else {
-      write(detail::encoded(static_cast<const T&>(value)));
-    }
-  }
-
-  /// The rows whose bytes a column of nested rows takes.
-  template <typename NestedLayout>
-  static detail::EncodedValue encodedNested(const TableRow<NestedLayout>& row,
-                                            std::type_identity<Nested<NestedLayout>>) {
-    return detail::encodedRow(row.rowBuf());
-  }
-  template <typename NestedLayout>
-  static detail::EncodedValue encodedNested(const SubRow<NestedLayout>& row,
-                                            std::type_identity<Nested<NestedLayout>>) {
-    return detail::encodedRow(row.rowBuf());
   }
 };
 
 /// A RowWriter that knows the columns by name.
 template <typename RowLayoutType>
-class TableRow<RowLayoutType>::Writer : public RowWriter {
+class TableRow<RowLayoutType>::Writer
+    : public RowWriter,
+      public detail::ColumnWriters<typename TableRow<RowLayoutType>::Writer, RowLayoutType> {
  public:
   /// Of a row that outlives it; changes nothing yet.
   explicit Writer(TableRow& row)
       : RowWriter(row, Layout::baseLength, Layout::slots), tableRow_(row) {}
 
-  /// As the row's.
-  template <ColumnName Name>
-  requires(detail::takesItsType<ColumnType<Name>>) void set(const ColumnType<Name>& value) {
-    if constexpr (detail::isVector<ColumnType<Name>>) {
-      detail::checkArrayCount(tableRow_, Name.view(), value);
-      writeColumn<Name>(detail::EncodedArray(value));
-    } else {
-      setFixedColumn(slot<Name>, value);
-    }
-  }
-  /// As the row's.
-  template <ColumnName Name, typename Value>
-  requires(!detail::takesItsType<ColumnType<Name>> &&
-           detail::isWrittenFrom<ColumnType<Name>, Value>) void set(const Value& value) {
-    writeEncoded<ColumnType<Name>>(
-        value, [this](const detail::EncodedValue& encoded) { writeColumn<Name>(encoded); });
-  }
-  template <ColumnName Name, typename Value>
-  requires(!detail::isWrittenFrom<ColumnType<Name>, Value>) void set(const Value&) {
-    detail::refuseValue<ColumnType<Name>, Value>();
-  }
-  template <ColumnName Name>
-  requires(!Layout::template has<Name>) void set(const detail::Anything&) {
-    static_assert(detail::layoutHasColumn<Layout, Name>, "the layout has no column of this name");
-  }
-
  private:
+  friend detail::ColumnWriters<Writer, Layout>;
+
+  const BaseRow& writtenRow() const { return tableRow_; }
+  template <typename T>
+  void writeField(len_t offset, const T& value) {
+    setFixedColumn(offset, value);
+  }
   template <ColumnName Name, typename Encoded>
   void writeColumn(const Encoded& encoded) {
-    detail::namingColumn(Name.view(), [&] { write(slot<Name>, encoded); });
+    detail::namingColumn(Name.view(), [&] { write(Layout::template offset<Name>, encoded); });
   }
 
   const TableRow& tableRow_;

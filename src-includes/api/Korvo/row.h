@@ -231,7 +231,6 @@ class KORVO_API BaseRow {
   struct Known {
     std::span<const len_t> slots = {};       ///< all of them; where empty, vcd() has them
     const detail::Extent* others = nullptr;  ///< the place that the other columns' values take
-    RowWriter* writer = nullptr;             ///< keeps that place, and room for growth
   };
   /// Where a value goes. While it lives, the value's source stays as it is.
   struct Place {
@@ -253,7 +252,7 @@ class KORVO_API BaseRow {
   Place makePlace(const Demand& demand, const Known& known);
   Room findRoom(const byte_t* buf, const Demand& demand, const Known& known) const;
   len_t takeRoom(byte_t*& buf, const Room& room, const Demand& demand, const Known& known);
-  byte_t* grow(byte_t* buf, len_t newLength, RowWriter* writer);
+  byte_t* grow(byte_t* buf, len_t newLength);
   static byte_t* resized(byte_t* buf, std::size_t size);
   byte_t* install(byte_t* block);
   std::span<const len_t> slotsOf(const Known& known) const;

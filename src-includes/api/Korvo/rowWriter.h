@@ -52,28 +52,24 @@ class KORVO_API RowWriter {
   void write(len_t slotOffset, const detail::EncodedValue& value);
 
  private:
-  friend BaseRow;
-
   BaseRow::Place makePlace(len_t slotOffset, std::size_t length, std::span<const byte_t> source);
   void clearColumn(len_t slotOffset);
-  void forgetFormerBlock() noexcept;
-  bool isOwnBlock(const byte_t* buf) const noexcept;
-  void giveBack();
 
-  // Asked by the row while it makes room.
-  const detail::Extent& extentBeside(const byte_t* buf, len_t slotOffset);
-  void forgetExtent() noexcept { extent_.reset(); }
-  byte_t* enlargeBlock(byte_t* buf, len_t newLength);
-  bool isListedOnce(len_t slotOffset) const;
+  std::span<const len_t> slots() const {
+    return declaredSlots_.empty() ? listedSlots_ : declaredSlots_;
+  }
+  std::size_t endOfValues(const byte_t* buf, std::size_t length);
+  void count(len_t slotOffset, len_t offset, len_t length);
+
+  bool isOwnBlock(const byte_t* buf) const noexcept;
+  byte_t* lengthenRow(byte_t* buf, std::size_t newLength);
+  void forgetFormerBlock() noexcept;
 
   BaseRow& row_;
   const len_t baseLength_;
   const std::span<const len_t> declaredSlots_;
-  std::vector<len_t> listedSlots_;  ///< of a row whose class may list them as it likes; sorted
-
-  /// The place that all values take, where it is known.
-  std::optional<detail::Extent> extent_;
-  detail::Extent extentBeside_{0};  ///< without a column's that is written
+  std::vector<len_t> listedSlots_;        ///< where none are declared: what the row lists, sorted
+  std::optional<detail::Extent> extent_;  ///< the place that all values take, where it is known
 
   /// A block that this writer made larger than the row.
   struct Block {

@@ -33,9 +33,9 @@ namespace Korvo {
 /// How far a table can be trusted. One that this process owns is always current.
 enum class TableState : byte_t {
   loading,  ///< the first rows have not all come
-  current,
-  stale,   ///< the rows are those of before the link was lost
-  refused  ///< the owner's rows cannot be taken
+  current,  ///< the rows are the owner's
+  stale,    ///< the rows are those of before the link was lost
+  refused   ///< the owner's rows cannot be taken
 };
 
 /// A table of rows whose layout is known at run time.
@@ -48,10 +48,15 @@ class KORVO_API AnyTable {
   /// Readers end with it; batches and indexes must not be used any more.
   ~AnyTable();
 
+  /// As it was given to the constructor.
   const std::string& name() const;
+  /// As it was given to the constructor.
   const LayoutInfo& layout() const;
+  /// How many rows there are.
   std::size_t size() const;
+  /// Whether there is no row.
   bool empty() const { return size() == 0; }
+  /// Whether there is a row of this oid.
   bool contains(oid_t oid) const;
 
   /// Makes `row` share the buffer of the table's row, or null if there is none; tells which.
@@ -69,6 +74,7 @@ class KORVO_API AnyTable {
   /// written in one batch go on counting from the same one.
   std::uint64_t sequence() const;
 
+  /// How far the rows can be trusted.
   TableState state() const;
   /// Why it is so, for people; empty for a current table.
   const std::string& stateText() const;
@@ -82,12 +88,17 @@ class KORVO_API AnyTable {
 template <typename RowType>
 class Table : public AnyTable {
  public:
+  /// The class of its rows.
   using Row = RowType;
+  /// What it says of the columns.
   using Layout = typename Row::Layout;
+  /// Goes through the rows.
   using const_iterator = RowIterator<Row>;
+  /// The type of a column.
   template <ColumnName Name>
   using TypeOf = typename Layout::template Type<Name>;
 
+  /// An empty table.
   explicit Table(const std::string& name) : AnyTable(name, Layout::info) {}
 
   /// The row, which shares the table's buffer, or a null row.
@@ -102,6 +113,7 @@ class Table : public AnyTable {
     const detail::TableStore& store = detail::TableAccess::store(*this);
     return {store, &store, detail::TableAccess::nextSlot, detail::TableAccess::slotFrom(store, 0)};
   }
+  /// Behind the last row.
   const_iterator end() const { return {}; }
 
   // Indexes are made when they are first asked for, are kept up to date from then on, and live as
@@ -137,14 +149,17 @@ class Table : public AnyTable {
   //   auto& byBegin = ports.equalBy([](const Port& port) { return port.get<"name">().substr(0, 3);
   //   });
 
+  /// Rows by a computed key.
   template <typename Function>
   auto& equalBy(Function function) {
     return indexBy<EqualIndex>(std::move(function));
   }
+  /// Rows by a computed key that no two of them may have.
   template <typename Function>
   auto& uniqueBy(Function function) {
     return indexBy<UniqueIndex>(std::move(function));
   }
+  /// Rows in the order of a computed key.
   template <typename Function>
   auto& orderedBy(Function function) {
     return indexBy<OrderedIndex>(std::move(function));

@@ -41,26 +41,27 @@
 
 namespace Korvo {
 
+struct PublisherInfo;
 struct PublisherOptions;
 struct SubscriberOptions;
 
 /// Where a state of the tables stands in a history.
 struct TablePosition {
-  std::uint64_t history = 0;  ///< its name; 0: no position
-  std::uint64_t sequence = 0;
+  std::uint64_t history = 0;   ///< its name; 0: no position
+  std::uint64_t sequence = 0;  ///< of the last batch
 };
 
 /// A state of all tables: what a round leads to.
 struct TableMark {
   /// One of the tables. Of no two tables that differ the digest is expected to be the same.
   struct Table {
-    std::uint16_t number = 0;
-    std::uint64_t rows = 0;
-    std::uint64_t digest = 0;
+    std::uint16_t number = 0;  ///< of the table
+    std::uint64_t rows = 0;    ///< how many there are
+    std::uint64_t digest = 0;  ///< of the rows' bytes
   };
-  std::uint64_t sequence = 0;
-  std::uint64_t merged = 0;  ///< batches that were told together with the last one
-  std::vector<Table> tables;
+  std::uint64_t sequence = 0;  ///< of the last batch
+  std::uint64_t merged = 0;    ///< batches that were told together with the last one
+  std::vector<Table> tables;   ///< all that are taken
 };
 
 /// What came is not what may come; the text tells what.
@@ -103,6 +104,7 @@ class KORVO_API TableReceiver {
   /// The link is gone; what no mark followed is forgotten. Tables become stale, with the reason.
   virtual void end(const std::string& reason) = 0;
 
+  /// How many tables there are.
   virtual std::size_t size() const = 0;
   /// Null once the table is destroyed.
   virtual const AnyTable* table(std::size_t number) const = 0;
@@ -125,6 +127,7 @@ class KORVO_API TableReceiver {
   /// A row as the publisher has it; the last word on an oid counts. Throws TableFault if the bytes
   /// are not as many as they say. A row that cannot be taken is refused, and counts in the digest.
   virtual void row(std::size_t number, std::span<const byte_t> bytes) = 0;
+  /// The publisher has no row of this oid any more.
   virtual void remove(std::size_t number, oid_t oid) = 0;
   /// Takes all that was told since the last mark, in one batch over all tables. Empty: done.
   /// Otherwise nothing changed but that the position of a table is forgotten, and the text tells
@@ -141,6 +144,7 @@ class KORVO_API TableReceiver {
 /// A subscriber's connection. What it needs outlives it.
 class KORVO_API TableLink {
  public:
+  /// The subscriber; outlives the link.
   class KORVO_API User {
    public:
     /// There is work: work() is called in the subscriber's turn, later. On the scheduler's thread.
@@ -187,21 +191,24 @@ class KORVO_API TableSource {
 /// of changes and no queue: what changes twice before the outlet asks is told once.
 class KORVO_API TableSender {
  public:
+  /// A table of the publisher's.
   struct Table {
-    std::string name;
-    LayoutFingerprint layout;
-    std::string layoutText;
-    bool isGone = false;  ///< it was destroyed; its number stays
+    std::string name;          ///< its name
+    LayoutFingerprint layout;  ///< its fingerprint
+    std::string layoutText;    ///< see layoutText()
+    bool isGone = false;       ///< it was destroyed; its number stays
   };
+  /// What a change is of.
   enum class Kind : byte_t {
     whole,   ///< all rows of the table follow; what was told of it counts no more
     row,     ///< it is new or changed
     removed  ///< it is gone
   };
+  /// What happened to a table.
   struct Change {
-    Kind kind = Kind::whole;
-    std::uint16_t table = 0;
-    oid_t oid = 0;
+    Kind kind = Kind::whole;        ///< what happened
+    std::uint16_t table = 0;        ///< its number
+    oid_t oid = 0;                  ///< of the row
     KoPtr<KoRowBuf> row = nullptr;  ///< of Kind::row; its bytes do not change while it is held
   };
 
@@ -239,6 +246,7 @@ class KORVO_API TableSender {
 /// Where a publisher's changes go, beside the subscribers that connect to it.
 class KORVO_API TableOutlet {
  public:
+  /// The publisher; outlives the outlet.
   class KORVO_API User {
    public:
     /// There is work: work() is called in the publisher's turn, later. On the scheduler's thread.
@@ -269,7 +277,28 @@ class KORVO_API TableOutlet {
   virtual void work() = 0;
   /// So much time has passed; called a few times each heartbeat. work() follows.
   virtual void timePasses(std::chrono::milliseconds time) = 0;
+  /// How it goes.
   virtual Status status() const = 0;
+};
+
+/// A question that waits for its answer, see TableEngine::ask(). Its end takes it back.
+class KORVO_API TableQuestion {
+ public:
+  class KORVO_API User {
+   public:
+    // One of them is called, once, on the scheduler's thread, and may destroy the question.
+
+    virtual void answerComes(const PublisherInfo& info) = 0;
+    virtual void questionFails(const std::string& reason) = 0;
+
+   protected:
+    ~User() = default;
+  };
+
+  TableQuestion() = default;
+  TableQuestion(const TableQuestion&) = delete;
+  TableQuestion& operator=(const TableQuestion&) = delete;
+  virtual ~TableQuestion();
 };
 
 /// One kind of carrier.
@@ -284,13 +313,21 @@ class KORVO_API TableEngine {
   // resources. The scheduler has timers and descriptors. Nothing blocks: whether there is anybody
   // turns out later. Sender and user outlive the outlet.
 
+  /// Where subscribers' links lead for this address.
   virtual std::shared_ptr<TableSource> source(const std::string& address,
                                               const KoPtr<Scheduler>& scheduler,
                                               const SubscriberOptions& options) = 0;
+  /// What passes a publisher's rows on.
   virtual std::unique_ptr<TableOutlet> outlet(const std::string& address,
                                               const KoPtr<Scheduler>& scheduler,
                                               const PublisherOptions& options, TableSender& sender,
                                               TableOutlet::User& user) = 0;
+  /// Asks what is published there, for TableBrowser, which waits no longer than it wants. The user
+  /// outlives the question, and is told later, not from here. An engine that does not override it
+  /// cannot tell.
+  virtual std::unique_ptr<TableQuestion> ask(const std::string& address,
+                                             const KoPtr<Scheduler>& scheduler,
+                                             TableQuestion::User& user);
 
   /// Addresses that begin with `scheme` and a colon are this engine's from now on. From every
   /// thread. Throws KoInvalidArgument for a scheme that is no word of small letters and digits, is

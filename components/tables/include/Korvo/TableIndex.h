@@ -172,6 +172,7 @@ struct ComputedKey {
 /// Which rows of a table a reader is told of; see AnyTableReader::only(). Indexes make them.
 class RowFilter {
  public:
+  /// Tells whether a row is one of them.
   using Matches = std::function<bool(const BaseRow& row)>;
 
  private:
@@ -188,20 +189,27 @@ class RowFilter {
 template <typename Row>
 class RowIterator {
  public:
+  /// As iterators have it.
   using value_type = Row;
+  /// As iterators have it.
   using difference_type = std::ptrdiff_t;
+  /// As iterators have it.
   using iterator_category = std::input_iterator_tag;
+  /// Steps from a row to the next one.
   using Next = detail::Slot (*)(const void* source, detail::Slot slot);
 
   RowIterator() = default;
+  /// Behind the last row.
   RowIterator(const detail::TableStore& store, const void* source, Next next, detail::Slot slot)
       : store_(&store), source_(source), next_(next), slot_(slot) {}
 
+  /// The row, which shares the table's buffer.
   Row operator*() const {
     Row row;
     detail::TableAccess::share(*store_, slot_, row);
     return row;
   }
+  /// To the next row.
   RowIterator& operator++() {
     slot_ = next_(source_, slot_);
     return *this;
@@ -211,6 +219,7 @@ class RowIterator {
     ++*this;
     return before;
   }
+  /// Whether both stand on one row, or behind the last one.
   friend bool operator==(const RowIterator& a, const RowIterator& b) { return a.slot_ == b.slot_; }
 
  private:
@@ -224,9 +233,13 @@ class RowIterator {
 template <typename Row>
 class RowRange {
  public:
+  /// From one row up to another.
   RowRange(RowIterator<Row> begin, RowIterator<Row> end) : begin_(begin), end_(end) {}
+  /// Its first row.
   RowIterator<Row> begin() const { return begin_; }
+  /// Behind its last row.
   RowIterator<Row> end() const { return end_; }
+  /// Whether there is no row.
   bool empty() const { return begin_ == end_; }
   /// The first row, or a null row.
   Row front() const { return empty() ? Row() : *begin_; }
@@ -242,6 +255,7 @@ namespace detail {
 template <typename Row>
 class IndexHandle {
  public:
+  /// For the table, which makes it.
   IndexHandle(const TableStore& store, const TableIndex& index) : store_(store), index_(index) {}
   IndexHandle(const IndexHandle&) = delete;
   IndexHandle& operator=(const IndexHandle&) = delete;
@@ -249,23 +263,26 @@ class IndexHandle {
  protected:
   ~IndexHandle() = default;
 
+  /// The row of a place, or a null row.
   Row rowAt(Slot slot) const {
     Row row;
     if (slot != noSlot) TableAccess::share(store_, slot, row);
     return row;
   }
+  /// The rows of these places.
   std::vector<Row> rowsAt(const std::vector<Slot>& slots) const {
     std::vector<Row> rows;
     rows.reserve(slots.size());
     for (const Slot slot : slots) rows.push_back(rowAt(slot));
     return rows;
   }
+  /// Rows from one place up to another.
   RowRange<Row> range(typename RowIterator<Row>::Next next, Slot begin, Slot end) const {
     return {{store_, &index_, next, begin}, {store_, &index_, next, end}};
   }
 
-  const TableStore& store_;
-  const TableIndex& index_;
+  const TableStore& store_;  ///< where the rows are
+  const TableIndex& index_;  ///< what the rows are found by
 };
 
 }  // namespace detail
@@ -274,6 +291,7 @@ class IndexHandle {
 template <typename Row, typename... Keys>
 class EqualIndex : public detail::IndexHandle<Row> {
  public:
+  /// For the table, which makes it.
   static constexpr detail::IndexKind kind = detail::IndexKind::equal;
   using detail::IndexHandle<Row>::IndexHandle;
 
@@ -297,6 +315,7 @@ class EqualIndex : public detail::IndexHandle<Row> {
 template <typename Row, typename... Keys>
 class UniqueIndex : public detail::IndexHandle<Row> {
  public:
+  /// For the table, which makes it.
   static constexpr detail::IndexKind kind = detail::IndexKind::unique;
   using detail::IndexHandle<Row>::IndexHandle;
 
@@ -320,16 +339,21 @@ class UniqueIndex : public detail::IndexHandle<Row> {
 template <typename Row, typename... Keys>
 class OrderedIndex : public detail::IndexHandle<Row> {
  public:
+  /// For the table, which makes it.
   static constexpr detail::IndexKind kind = detail::IndexKind::ordered;
   using detail::IndexHandle<Row>::IndexHandle;
 
+  /// The first row of all.
   RowIterator<Row> begin() const { return all().begin(); }
+  /// Behind the last row.
   RowIterator<Row> end() const { return all().end(); }
+  /// All rows.
   RowRange<Row> all() const {
     return range(detail::TableAccess::first(this->index_), detail::noSlot);
   }
   /// The first row and the last one, or null rows.
   Row first() const { return this->rowAt(detail::TableAccess::first(this->index_)); }
+  /// The last row, or a null row.
   Row last() const { return this->rowAt(detail::TableAccess::last(this->index_)); }
 
   // Bounds may be values of the first columns alone.
@@ -394,6 +418,7 @@ class OrderedIndex : public detail::IndexHandle<Row> {
 template <typename Row>
 class PrefixIndex : public detail::IndexHandle<Row> {
  public:
+  /// For the table, which makes it.
   static constexpr detail::IndexKind kind = detail::IndexKind::longestPrefix;
   using detail::IndexHandle<Row>::IndexHandle;
 
@@ -452,10 +477,12 @@ class KORVO_API AnyPrefixIndex {
   /// prefix.
   std::optional<oid_t> find(const IpGenAddr& addr) const;
   std::optional<oid_t> find(const IpGenPrefix& prefix) const;
+  /// The rows of exactly this prefix.
   std::vector<oid_t> exact(const IpGenPrefix& prefix) const;
   /// The widest first.
   std::vector<oid_t> covering(const IpGenAddr& addr) const;
   std::vector<oid_t> covering(const IpGenPrefix& prefix) const;
+  /// The rows of all prefixes that lie in this one, itself included.
   std::vector<oid_t> inside(const IpGenPrefix& prefix) const;
 
  private:

@@ -42,7 +42,12 @@ namespace Korvo {
 
 class AnyTableReader;
 
-enum class ChangeKind : byte_t { added, changed, removed };
+/// What became of a row since its reader looked last.
+enum class ChangeKind : byte_t {
+  added,    ///< it was not there
+  changed,  ///< it was there with another value
+  removed   ///< it is not there any more
+};
 
 /// "added", "changed" or "removed".
 KORVO_API std::ostream& operator<<(std::ostream& os, ChangeKind kind);
@@ -73,13 +78,14 @@ class KORVO_API ChangeSource {
 
 /// What to tell a reader beyond the rows as they stand.
 enum class Before : byte_t {
-  unknown,
-  kept  ///< rows are told with what the reader saw last, for a shared pointer a changed row
+  unknown,  ///< nothing
+  kept      ///< rows are told with what the reader saw last, for a shared pointer a changed row
 };
 
 /// What readers of all tables have in common.
 class KORVO_API AnyTableReader : public Schedulable {
  public:
+  /// Gets the state and its text for people.
   using StateCallback = std::function<void(TableState state, const std::string& text)>;
 
   ~AnyTableReader() override;
@@ -103,6 +109,7 @@ class KORVO_API AnyTableReader : public Schedulable {
   void only(RowFilter filter);
 
  protected:
+  /// For readers of rows of a declared class, see TableReader.
   AnyTableReader(AnyTable& table, const KoPtr<Scheduler>& scheduler, Before before);
 
   /// Tells the changes. What it leaves is told in the next turn.
@@ -117,7 +124,9 @@ class KORVO_API AnyTableReader : public Schedulable {
 template <typename Row>
 class Change {
  public:
+  /// Which row it is.
   oid_t oid() const { return change_.oid; }
+  /// What became of it.
   ChangeKind kind() const { return change_.kind; }
   /// The row as it stands; a null row if it was removed.
   const Row& after() const { return after_; }
@@ -138,6 +147,7 @@ class Change {
 template <typename Row>
 class Changes {
  public:
+  /// For readers, which get one ready made.
   explicit Changes(detail::ChangeSource& source) : source_(&source) {}
 
   /// The next change, valid until the next call; null when the reader knows the table as it stands.
@@ -145,35 +155,47 @@ class Changes {
     return source_->next(change_.change_, change_.after_, change_.before_) ? &change_ : nullptr;
   }
 
-  /// Whether the table is told as a whole: its first rows, of which there may be none, or all of
-  /// them anew. What was told before counts no more.
+  /// Whether the table is told as a whole from here on: its first rows, of which there may be none,
+  /// or all of them anew. What was told before counts no more. True in the turn in which that
+  /// begins; the turns that go on with it are not.
   bool first() const { return source_->first(); }
   /// The table's sequence.
   std::uint64_t sequence() const { return source_->sequence(); }
   /// How many batches are told together with the last one.
   std::uint64_t merged() const { return source_->merged(); }
 
+  /// Pulls change after change.
   class iterator {
    public:
+    /// As iterators have it.
     using value_type = Change<Row>;
+    /// As iterators have it.
     using difference_type = std::ptrdiff_t;
+    /// As iterators have it.
     using iterator_category = std::input_iterator_tag;
 
+    /// Pulls the first change.
     explicit iterator(const Changes* changes) : changes_(changes) { ++*this; }
+    /// The change, valid until the next step.
     const Change<Row>& operator*() const { return *change_; }
+    /// The change, valid until the next step.
     const Change<Row>* operator->() const { return change_; }
+    /// Pulls the next change.
     iterator& operator++() {
       change_ = changes_->next();
       return *this;
     }
     void operator++(int) { ++*this; }
+    /// Whether there is no further change.
     bool operator==(std::default_sentinel_t) const { return change_ == nullptr; }
 
    private:
     const Changes* changes_;
     const Change<Row>* change_ = nullptr;
   };
+  /// Pulls the first change; what was pulled is not told again.
   iterator begin() const { return iterator(this); }
+  /// Behind the last change.
   std::default_sentinel_t end() const { return {}; }
 
  private:
@@ -185,6 +207,7 @@ class Changes {
 template <typename Row>
 class TableReader : public AnyTableReader {
  public:
+  /// Gets what changed.
   using Callback = std::function<void(const Changes<Row>& changes)>;
 
   /// The short form: `told` gets the changes in one call, and what it does not look at is passed
