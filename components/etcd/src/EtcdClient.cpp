@@ -217,6 +217,11 @@ class EtcdClient::Impl final : public Schedulable, public std::enable_shared_fro
     while (!ended_.empty()) endNext();
   }
 
+  void abandonAll() {
+    const std::vector<Conversation*> all(conversations_.begin(), conversations_.end());
+    for (Conversation* const conversation : all) conversation->abandon();
+  }
+
   void begin(std::function<void(const EtcdFault&)> done) {
     abandonAll();
     member_ = (member_ + 1) % channels_.size();
@@ -263,7 +268,9 @@ class EtcdClient::Impl final : public Schedulable, public std::enable_shared_fro
    private:
     void ended(bool) override {
       const std::unique_ptr<Call> self(this);
-      if (done_) done_(faultOf(status_), response_);
+      // What is called may abandon all calls.
+      const Done<Response> done = std::exchange(done_, nullptr);
+      if (done) done(faultOf(status_), response_);
     }
 
     Done<Response> done_;
@@ -468,11 +475,6 @@ class EtcdClient::Impl final : public Schedulable, public std::enable_shared_fro
     if (!isGone_ && (!ended_.empty() || begun_)) runnableIs(true);
   }
 
-  void abandonAll() {
-    const std::vector<Conversation*> all(conversations_.begin(), conversations_.end());
-    for (Conversation* const conversation : all) conversation->abandon();
-  }
-
   void identify(grpc::ClientContext& context) const {
     if (!token_.empty()) context.AddMetadata("token", token_);
   }
@@ -497,6 +499,10 @@ EtcdClient::EtcdClient(const EtcdAddress& address, const EtcdSettings& settings,
 
 EtcdClient::~EtcdClient() {
   impl_->end();
+}
+
+void EtcdClient::cancel() {
+  impl_->abandonAll();
 }
 
 void EtcdClient::begin(std::function<void(const EtcdFault& fault)> done) {

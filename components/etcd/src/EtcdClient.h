@@ -89,6 +89,8 @@ class EtcdClient {
   /// Goes on to the next member, and shows it user and password if there are any. Calls under way
   /// are cancelled, and those who asked are not told. Streams are ended by their users before.
   void begin(std::function<void(const EtcdFault& fault)> done);
+  /// Ends the conversation: calls under way are cancelled, and those who asked are not told.
+  void cancel();
   /// The member that is asked.
   const std::string& member() const;
 

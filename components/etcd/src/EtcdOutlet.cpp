@@ -111,6 +111,7 @@ void EtcdOutlet::lose(const Fault& fault) {
   stage_ = Stage::paused;
   isSending_ = false;
   keepAlive_.reset();
+  client_.cancel();
   if (fault.kind == Fault::Kind::denied) backoff_.slowDown();
   if (fault.kind == Fault::Kind::noLease) lease_ = 0;
   pauseFor(backoff_.next());
