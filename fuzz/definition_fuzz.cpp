@@ -40,6 +40,8 @@ void requireSound(const Definition& definition, std::size_t index) {
   // Columns apart and within the row, names once, limits: whatever is asked of a layout's text.
   const DynamicLayout layout(row.info);
   const std::string text = layout.text();
+  constexpr std::size_t longText = 1 << 14;
+  if (text.size() > longText) return;  // of rows that hold one another, again and again
   const Definition again(text);
   FUZZ_REQUIRE(DynamicLayout(again.rows.back().info).text() == text);
   FUZZ_REQUIRE(DynamicLayout(text).fingerprint() == layout.fingerprint());

@@ -1,5 +1,5 @@
-// A publisher whose subscriber sends anything behind a good hello. It must keep its tables, bound
-// what waits for that subscriber, and go on serving another one.
+// A publisher whose subscriber sends anything behind a good hello, questions too. It must keep its
+// tables, bound what waits for that subscriber, and go on serving another one.
 
 #include <Korvo/Batch.h>
 #include <Korvo/TablePublisher.h>
@@ -36,6 +36,8 @@ std::string fuzzedFrame(fuzz::Input& input) {
       const std::string body = input.text(input.below(64));
       return wire::frame(input.byte(), input.word(), body);
     }
+    case 5:
+      return wire::frame(0x81, input.byte(), input.text(input.below(4)));  // a question
     default:
       return input.text(input.below(32));
   }
@@ -59,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   subscriber.connect(good.subscriberEnd());
 
   const std::unique_ptr<Korvo::ByteStream> stream = bad.subscriberEnd()->connect();
-  if (!input.flag()) send(*stream, wire::helloFrame<PortLayout>());
+  if (!input.flag()) send(*stream, wire::helloFrame<PortLayout>(1, 1, 1));
   bad.pieceIs(1 + input.below(100));
   while (!input.empty()) {
     send(*stream, fuzzedFrame(input));

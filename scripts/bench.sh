@@ -9,7 +9,8 @@
 #
 # BENCH_FILTER=REGEX takes only the benchmarks whose name it matches. Results: a table in
 # build/bench/results/table.md, and one .json beside it for each program. The full form also puts
-# the demonstration's table beside SQLite, in netdb_sqlite.md.
+# the demonstration's table beside its peers, in netdb_peers.md, and measures what published tables
+# cost over sockets, in table_links.md.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -63,9 +64,13 @@ if [ "$mode" = --publish ]; then
   python3 scripts/bench-pictures.py
 fi
 if [ "$mode" = --full ] || [ "$mode" = --publish ]; then
-  echo "== netdb_sqlite"
+  echo "== netdb_peers"
   data=build/demo-data/usr/share/tor
   [ -e $data/geoip6 ] || data=examples/netdb/sample
-  build/bench/benchmarks/netdb_sqlite $data/geoip $data/geoip6 >$results/netdb_sqlite.md
+  build/bench/benchmarks/netdb_peers $data/geoip $data/geoip6 >$results/netdb_peers.md
+  echo "== table_links"
+  for run in latency fanout churn; do
+    build/bench/benchmarks/table_links $run
+  done >$results/table_links.md
 fi
 cat $results/*.md

@@ -1,7 +1,8 @@
 #!/bin/bash
 # Installs what is missing of the Debian packages that the other scripts need:
 #
-#   scripts/install-deps.sh test          the packages of a profile: test, demo, bench, docs or ci
+#   scripts/install-deps.sh test          the packages of a profile: test, demo, etcd, bench, docs
+#                                         or ci
 #   scripts/install-deps.sh clang-14 ...  or packages by name
 #
 # Works on Debian 12 and Ubuntu 24.04 or newer, as root or with sudo; where nothing is missing it
@@ -9,13 +10,14 @@
 set -euo pipefail
 
 build_packages=(g++ cmake ninja-build libssl-dev libuv1-dev pkgconf)
-test_packages=("${build_packages[@]}" googletest librapidcheck-dev libcli11-dev libarchive-dev libmnl-dev
-  iproute2 zstd locales
-  gdb)
+# What tables across machines are built with, and the servers that they are tested on.
+etcd_packages=(libgrpc++-dev libprotobuf-dev protobuf-compiler etcd-server etcd-client openssl)
+test_packages=("${build_packages[@]}" "${etcd_packages[@]}" googletest librapidcheck-dev libcli11-dev
+  libarchive-dev libmnl-dev iproute2 zstd locales gdb)
 demo_packages=("${build_packages[@]}" libcli11-dev)
 bench_packages=("${demo_packages[@]}" libbenchmark-dev libflatbuffers-dev flatbuffers-compiler
   libcapnp-dev capnproto libprotobuf-dev protobuf-compiler libevent-dev libboost-dev libabsl-dev
-  libre2-dev rapidjson-dev libsqlite3-dev libndpi-dev python3)
+  libre2-dev rapidjson-dev libsqlite3-dev libndpi-dev libhiredis-dev redis-server python3)
 docs_packages=(doxygen doxygen-awesome-css python3)
 ci_packages=("${test_packages[@]}" "${demo_packages[@]}" "${docs_packages[@]}" clang-14 libclang-rt-14-dev g++-multilib
   clang-format-14 clang-tidy-14 shellcheck gcovr python3-clang-14 valgrind abigail-tools ccache git
@@ -26,6 +28,7 @@ for word in "$@"; do
   case $word in
     test) wanted+=("${test_packages[@]}") ;;
     demo) wanted+=("${demo_packages[@]}") ;;
+    etcd) wanted+=("${demo_packages[@]}" "${etcd_packages[@]}") ;;
     bench) wanted+=("${bench_packages[@]}") ;;
     docs) wanted+=("${docs_packages[@]}") ;;
     ci) wanted+=("${ci_packages[@]}") ;;

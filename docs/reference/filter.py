@@ -125,7 +125,7 @@ def header(text):
         text = text.replace(head.group(), "\n".join(lines) + "\n")
         text = text.replace("#pragma once\n\n", "#pragma once\n", 1)  # one line was added
 
-    names = "(Column(?:Readers|Writers)|IndexHandle)"
+    names = "(ColumnReaders|ColumnWriters|IndexHandle)"
     inherited = rf"(?<=\n)((?:///[^\n]*\n)+template <[^\n]*\nclass {names} \{{.*?\n\}};)"
     text = re.sub(inherited, r"} \1 namespace detail {", text, flags=re.DOTALL)
     return with_texts_of_names(re.sub(rf"detail::{names}", r"\1", text))

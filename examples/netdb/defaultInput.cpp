@@ -1,5 +1,8 @@
 #include "defaultInput.h"
 
+#include <unistd.h>
+
+#include <cstdlib>
 #include <filesystem>
 
 namespace netdb {
@@ -23,6 +26,15 @@ std::vector<std::string> defaultInput(const std::string& programFolder) {
     return {ipv4.lexically_normal().string(), ipv6.lexically_normal().string()};
   }
   return {};
+}
+
+std::string defaultServer() {
+  const char* const named = std::getenv("XDG_RUNTIME_DIR");
+  const fs::path folder = named != nullptr && *named != 0
+                              ? fs::path(named)
+                              : fs::path("/run/user") / std::to_string(::getuid());
+  std::error_code error;
+  return fs::is_directory(folder, error) ? "unix:" + (folder / "netdb").string() : "";
 }
 
 }  // namespace netdb

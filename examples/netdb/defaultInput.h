@@ -13,4 +13,8 @@ std::string programFolder();
 /// none.
 std::vector<std::string> defaultInput(const std::string& programFolder);
 
+/// Where this user's server listens if no place is named: in the folder that the system keeps for
+/// the user's sockets. Empty if it keeps none.
+std::string defaultServer();
+
 }  // namespace netdb

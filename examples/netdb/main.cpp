@@ -6,20 +6,23 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
-#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "agent.h"
+#include "client.h"
 #include "defaultInput.h"
+#include "loader.h"
+#include "lookups.h"
 #include "progress.h"
 #include "report.h"
-#include "rowOps.h"
-#include "transfer.h"
+#include "server.h"
 
 namespace {
 
@@ -27,7 +30,7 @@ using Korvo::IpGenAddr;
 using netdb::Agent;
 using netdb::grouped;
 using netdb::PrefixRow;
-using netdb::RowTable;
+using netdb::PrefixTable;
 
 /// A user's mistake: one line on standard error and exit status 2.
 class UsageError : public std::runtime_error {
@@ -57,9 +60,10 @@ IpGenAddr parseAddress(const std::string& text) {
 }
 
 struct Options {
-  netdb::TransferOptions transfer;
+  std::vector<std::string> inputs;
+  std::string server;
+  bool quiet = false;  // no progress
   std::string system = "netdb";
-  bool blocking = false;
   bool trace = false;
   std::vector<std::string> addresses;
   std::string country;
@@ -67,11 +71,42 @@ struct Options {
   bool json = false;
 };
 
-/// The table with all rows of the input, indexed; those that came before if the stream broke.
-netdb::TransferResult loadTable(const Options& options, RowTable& table, Agent* agent) {
-  const netdb::TransferResult result = netdb::transferRows(options.transfer, table, agent);
-  table.index();
-  return result;
+/// The files that are named, or those that can be found.
+std::vector<std::string> inputsOf(const Options& options) {
+  std::vector<std::string> inputs = options.inputs;
+  if (inputs.empty()) inputs = netdb::defaultInput(netdb::programFolder());
+  if (inputs.empty()) throw UsageError("no data: name files with --input");
+  return inputs;
+}
+
+std::uint64_t readFiles(const std::vector<std::string>& inputs, bool quiet, Agent& agent,
+                        PrefixTable& table) {
+  netdb::ProgressDisplay display(quiet);
+  std::uint64_t malformedLines = 0;
+  std::string fault;
+  const netdb::Loader loader(
+      agent, table, inputs,
+      {.malformed =
+           [&](const std::string& file, std::uint32_t line, const std::string& reason) {
+             ++malformedLines;
+             netdb::complain(file + ':' + std::to_string(line) + ": " + reason + "; line skipped");
+           },
+       .read = [&](double progress, std::uint64_t rows) { display.show(progress, rows); },
+       .ended = [&](const netdb::Loader::Result& result) { fault = result.fault; }});
+  agent.run(true);
+  if (!fault.empty()) throw netdb::InputError(fault);
+  return malformedLines;
+}
+
+/// The rows of the server, if there is one, or of the files; returns how many lines of them are
+/// malformed. Files that are named come before a server that is not.
+std::uint64_t fillTable(const Options& options, Agent& agent, PrefixTable& table) {
+  const bool isServerNamed = !options.server.empty();
+  const std::string server =
+      isServerNamed || !options.inputs.empty() ? options.server : netdb::defaultServer();
+  if (!server.empty() && netdb::takeRows(agent, table, server)) return 0;
+  if (isServerNamed) netdb::complain("netdb: no server at " + server + "; the files are read");
+  return readFiles(inputsOf(options), options.quiet, agent, table);
 }
 
 void printFigure(const char* name, const std::string& value) {
@@ -84,36 +119,41 @@ std::string seconds(double value) {
   return text;
 }
 
-int load(const Options& options, Agent* agent) {
+int load(const Options& options, Agent& agent) {
   const std::uint64_t before = residentBytes();
   const auto begin = std::chrono::steady_clock::now();
-  RowTable table;
-  const netdb::TransferResult result = loadTable(options, table, agent);
-  const std::chrono::duration<double> whole = std::chrono::steady_clock::now() - begin;
+  PrefixTable table(netdb::prefixTable);
+  const std::uint64_t malformedLines = fillTable(options, agent, table);
+  const auto loaded = std::chrono::steady_clock::now();
+  table.longestPrefix<"prefix">();
+  table.equal<"country">();
+  const auto indexed = std::chrono::steady_clock::now();
   const std::uint64_t memory = residentBytes() - before;
-  const std::uint64_t rows = table.rows().size();
+  const std::uint64_t rows = table.size();
+  std::uint64_t bytes = 0;
+  for (const PrefixRow& row : table) bytes += row.rowLength();
   const auto withShare = [&](std::uint64_t n) {
     return grouped(n) + (rows == 0 ? "" : " (" + grouped(n / rows) + " per row)");
   };
+  const double loadSeconds = std::chrono::duration<double>(loaded - begin).count();
   printFigure("rows", grouped(rows));
-  printFigure("bytes", withShare(result.rowBytes));
+  printFigure("bytes", withShare(bytes));
   printFigure("memory", withShare(memory));
   printFigure("rows per second",
-              grouped(static_cast<std::uint64_t>(static_cast<double>(rows) / result.seconds)));
-  printFigure("load time", seconds(result.seconds));
-  printFigure("index time", seconds(whole.count() - result.seconds));
-  if (result.malformedLines != 0) printFigure("malformed lines", grouped(result.malformedLines));
-  if (result.refusedRows != 0) printFigure("refused rows", grouped(result.refusedRows));
-  return result.complete ? 0 : 1;
+              grouped(static_cast<std::uint64_t>(static_cast<double>(rows) / loadSeconds)));
+  printFigure("load time", seconds(loadSeconds));
+  printFigure("index time", seconds(std::chrono::duration<double>(indexed - loaded).count()));
+  if (malformedLines != 0) printFigure("malformed lines", grouped(malformedLines));
+  return 0;
 }
 
-int lookup(const Options& options, Agent* agent) {
+int lookup(const Options& options, Agent& agent) {
   std::vector<IpGenAddr> addrs;
   for (const std::string& text : options.addresses) addrs.push_back(parseAddress(text));
-  RowTable table;
-  const netdb::TransferResult result = loadTable(options, table, agent);
+  PrefixTable table(netdb::prefixTable);
+  fillTable(options, agent, table);
   bool allFound = true;
-  const auto found = [&](std::size_t i, const PrefixRow& row) {
+  netdb::lookUp(agent, table, addrs, [&](std::size_t i, const PrefixRow& row) {
     if (row.isNull()) {
       std::fprintf(stderr, "netdb: no prefix contains %s\n", options.addresses[i].c_str());
       allFound = false;
@@ -123,31 +163,45 @@ int lookup(const Options& options, Agent* agent) {
       if (i != 0) std::cout << '\n';
       netdb::printRow(std::cout, row);
     }
-  };
-  if (agent == nullptr) {
-    for (std::size_t i = 0; i < addrs.size(); ++i) found(i, table.lookup(addrs[i]));
-  } else {
-    agent->lookUp(table, addrs, found);
-  }
-  return result.complete && allFound ? 0 : 1;
+  });
+  return allFound ? 0 : 1;
 }
 
-int country(const Options& options, Agent* agent) {
-  RowTable table;
-  const netdb::TransferResult result = loadTable(options, table, agent);
+int country(const Options& options, Agent& agent) {
+  PrefixTable table(netdb::prefixTable);
+  fillTable(options, agent, table);
   std::string code = options.country;
   std::transform(code.begin(), code.end(), code.begin(), [](char c) {
     return 'a' <= c && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
   });
-  netdb::printCountry(std::cout, table, code, options.limit);
-  return result.complete && !table.ofCountry(code).empty() ? 0 : 1;
+  return netdb::printCountry(std::cout, table, code, options.limit) != 0 ? 0 : 1;
 }
 
-int stats(const Options& options, Agent* agent) {
-  RowTable table;
-  const netdb::TransferResult result = loadTable(options, table, agent);
+int stats(const Options& options, Agent& agent) {
+  PrefixTable table(netdb::prefixTable);
+  fillTable(options, agent, table);
   netdb::printStats(std::cout, table, options.limit);
-  return result.complete ? 0 : 1;
+  return 0;
+}
+
+/// Where the server of this command listens.
+std::string serverOf(const Options& options) {
+  const std::string server = options.server.empty() ? netdb::defaultServer() : options.server;
+  if (server.empty()) throw UsageError("no place for the server's socket: name it with --server");
+  return server;
+}
+
+int serve(const Options& options, Agent& agent) {
+  agent.loop()->stopOnSignals({SIGINT, SIGTERM});
+  const netdb::Server server(agent, inputsOf(options), serverOf(options), std::cout);
+  agent.run();
+  std::cout << "stopped" << std::endl;
+  return 0;
+}
+
+int watch(const Options& options, Agent& agent) {
+  netdb::watchRows(agent, serverOf(options), std::cout);
+  return 0;
 }
 
 /// What the command line asks for, as far as the parser cannot tell by itself.
@@ -162,21 +216,23 @@ void checkCommandLine(const CLI::App& app, Options& options) {
   if (app.got_subcommand("country") && country.size() != 2) {
     throw UsageError("not a country of two letters: " + country);
   }
-  if (options.transfer.inputs.empty())
-    options.transfer.inputs = netdb::defaultInput(netdb::programFolder());
-  if (options.transfer.inputs.empty()) throw UsageError("no data: name files with --input");
+  if (!options.server.empty() && !options.server.starts_with("unix:")) {
+    options.server.insert(0, "unix:");
+  }
 }
 
 int runCommand(const CLI::App& app, const Options& options) {
+  constexpr std::pair<const char*, int (*)(const Options&, Agent&)> commands[] = {
+      {"serve", serve},   {"watch", watch},     {"load", load},
+      {"lookup", lookup}, {"country", country}, {"stats", stats},
+  };
   Korvo::sysnameIs(options.system);
-  Korvo::rowOpsFactoryIs(netdb::makeRowOps);
-  std::optional<Agent> units;
-  if (!options.blocking) units.emplace("subscriber", options.trace);
-  Agent* const agent = units ? &*units : nullptr;
-  if (app.got_subcommand("load")) return load(options, agent);
-  if (app.got_subcommand("lookup")) return lookup(options, agent);
-  if (app.got_subcommand("country")) return country(options, agent);
-  return stats(options, agent);
+  for (const auto& [name, run] : commands) {
+    if (!app.got_subcommand(name)) continue;
+    Agent agent(name, options.trace);
+    return run(options, agent);
+  }
+  return 2;  // the command line was checked
 }
 
 /// Without it, the parser takes -1 for a very large number.
@@ -196,24 +252,28 @@ int main(int argc, char** argv) {
   Options options;
   CLI::App app(
       "Holds the world's network prefixes in rows, and tells which one an address is in.\n"
-      "A publisher process reads the input and sends its rows to this one.",
+      "netdb serve keeps them up to date for all others, which read the files where it does not "
+      "run.",
       "netdb");
   app.require_subcommand(0, 1);
   app.fallthrough();
   app.allow_extras();
   app.get_formatter()->column_width(34);
-  app.add_option("--input", options.transfer.inputs,
+  app.add_option("--input", options.inputs,
                  "Files of lines first,last,country. If none is named: those of the\n"
                  "demo, of the package tor-geoipdb, or a small sample")
       ->type_name("FILE");
-  app.add_flag("--quiet", options.transfer.quiet, "Show no progress");
-  app.add_option("--system", options.system, "Name of the system that the processes belong to")
+  app.add_option("--server", options.server,
+                 "The server's socket, like unix:/run/netdb. If none is named: in the\n"
+                 "user's folder for such, where no files are named")
+      ->type_name("ADDRESS");
+  app.add_flag("--quiet", options.quiet, "Show no progress");
+  app.add_option("--system", options.system, "Name of the system that the process belongs to")
       ->type_name("NAME")
       ->capture_default_str();
-  CLI::Option* const trace =
-      app.add_flag("--trace", options.trace, "Write the schedulers' traces to standard error");
-  app.add_flag("--blocking", options.blocking, "Work in plain loops, not in units")
-      ->excludes(trace);
+  app.add_flag("--trace", options.trace, "Write the scheduler's traces to standard error");
+  app.add_subcommand("serve", "Publish the rows of the files, and what changes in them");
+  app.add_subcommand("watch", "Tell what changes at the server");
   app.add_subcommand("load", "Load the rows and tell how many, how fast, in how much memory");
   CLI::App* const lookupCommand =
       app.add_subcommand("lookup", "Show the row of the most specific prefix of each address");

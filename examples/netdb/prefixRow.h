@@ -2,7 +2,7 @@
 
 // The rows of this agent: one for each network prefix.
 
-#include <Korvo/TableRow.h>
+#include <Korvo/Table.h>
 
 #include <string>
 
@@ -25,10 +25,9 @@ struct PrefixLayout : Korvo::RowLayout<1,                                       
                                        Korvo::Column<"tags", std::vector<std::string>>,
                                        Korvo::Column<"origin", Korvo::Nested<OriginLayout>>> {};
 using PrefixRow = Korvo::TableRow<PrefixLayout>;
-/// A row that is read where its bytes lie, and owns none of them.
-using PrefixView = Korvo::SubRow<PrefixLayout>;
 
-/// The row type of the row that ends a stream; it has a header and nothing else.
-inline constexpr std::uint16_t endOfRowsType = 0xFFFF;
+/// All rows, as they are published.
+using PrefixTable = Korvo::Table<PrefixRow>;
+inline constexpr const char* prefixTable = "netdb/prefix";
 
 }  // namespace netdb

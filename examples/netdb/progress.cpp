@@ -20,8 +20,9 @@ void complain(const std::string& line) {
 
 ProgressDisplay::ProgressDisplay(bool quiet) : quiet_(quiet), terminal_(::isatty(2) != 0) {}
 
-void ProgressDisplay::show(std::uint32_t permille, std::uint64_t rows) {
+void ProgressDisplay::show(double progress, std::uint64_t rows) {
   if (quiet_) return;
+  const auto permille = static_cast<unsigned int>(1000 * progress);
   if (!terminal_) {
     for (; nextTenth_ <= permille / 100; ++nextTenth_) {
       std::fprintf(stderr, "loading: %u %%, %s rows\n", 10 * nextTenth_, grouped(rows).c_str());

@@ -2,7 +2,6 @@
 
 // What a load shows while it runs, and the numbers that it shows afterwards.
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -12,15 +11,9 @@ namespace netdb {
 /// 1234567 as "1,234,567".
 std::string grouped(std::uint64_t number);
 
-/// Writes a line to standard error in one piece, so that lines of both processes stay whole, and
+/// Writes a line to standard error in one piece, so that lines of several processes stay whole, and
 /// over the progress bar if there may be one.
 void complain(const std::string& line);
-
-/// How far the publisher is; in memory that both processes share.
-struct SharedProgress {
-  std::atomic<std::uint32_t> permille;
-  std::atomic<std::uint32_t> malformedLines;
-};
 
 /// Lines on standard error while a load runs: a bar on a terminal, otherwise a line for each tenth.
 class ProgressDisplay {
@@ -30,8 +23,9 @@ class ProgressDisplay {
   ProgressDisplay(const ProgressDisplay&) = delete;
   ProgressDisplay& operator=(const ProgressDisplay&) = delete;
 
-  /// May be called as often as there is news; it draws at most 20 times a second.
-  void show(std::uint32_t permille, std::uint64_t rows);
+  /// `progress` is from 0 to 1. May be called as often as there is news; it draws at most 20 times
+  /// a second.
+  void show(double progress, std::uint64_t rows);
   /// Removes the bar, so that another line can be written.
   void clear();
 

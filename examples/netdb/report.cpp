@@ -4,6 +4,7 @@
 #include <array>
 #include <iomanip>
 #include <map>
+#include <vector>
 
 #include "progress.h"
 
@@ -53,21 +54,24 @@ void printRow(std::ostream& out, const PrefixRow& row) {
   printField(out, "origin", origin.get<"file">() + ":" + std::to_string(origin.get<"line">()));
 }
 
-void printCountry(std::ostream& out, const RowTable& table, const std::string& country,
-                  std::size_t limit) {
-  const auto& rows = table.ofCountry(country);
-  const std::size_t shown = limit == 0 ? rows.size() : std::min(limit, rows.size());
-  for (std::size_t i = 0; i < shown; ++i) {
-    out << table.rows()[rows[i]].view<"prefix">() << '\n';
+std::size_t printCountry(std::ostream& out, PrefixTable& table, const std::string& country,
+                         std::size_t limit) {
+  std::vector<Korvo::IpGenPrefix> prefixes;
+  for (const PrefixRow& row : table.equal<"country">().find(country)) {
+    prefixes.push_back(row.get<"prefix">());
   }
-  if (shown < rows.size()) out << "... and " << grouped(rows.size() - shown) << " more\n";
-  out << grouped(rows.size()) << " rows of " << country << '\n';
+  std::sort(prefixes.begin(), prefixes.end());
+  const std::size_t shown = limit == 0 ? prefixes.size() : std::min(limit, prefixes.size());
+  for (std::size_t i = 0; i < shown; ++i) out << prefixes[i] << '\n';
+  if (shown < prefixes.size()) out << "... and " << grouped(prefixes.size() - shown) << " more\n";
+  out << grouped(prefixes.size()) << " rows of " << country << '\n';
+  return prefixes.size();
 }
 
-void printStats(std::ostream& out, const RowTable& table, std::size_t limit) {
+void printStats(std::ostream& out, const PrefixTable& table, std::size_t limit) {
   std::map<std::string, Counts> byCountry;
   std::array<Counts, 129> lengths;
-  for (const PrefixView row : table.rows()) {
+  for (const PrefixRow& row : table) {
     for (Counts* const counts :
          {&byCountry[row.get<"country">()], &lengths.at(row.view<"prefix">().mask())}) {
       ++(row.view<"ipv6">() ? counts->ipv6 : counts->ipv4);

@@ -46,10 +46,20 @@ bool RowSource::nextRange() {
   return false;
 }
 
+/// FNV-1a, which a million prefixes pass with less than 200 of them in each other's way.
+Korvo::oid_t RowSource::newOid(const Korvo::IpGenPrefix& prefix) {
+  std::uint32_t hash = 2166136261;
+  const auto add = [&](unsigned int byte) { hash = (hash ^ byte) * 16777619; };
+  add(prefix.mask());
+  for (int i = 0; i < prefix.addr().addressLengthBytes(); ++i) add(prefix.addr().bytes()[i]);
+  while (hash == 0 || !oids_.insert(hash).second) ++hash;
+  return hash;
+}
+
 bool RowSource::next(PrefixRow& row) {
   if (nextPrefix_ == prefixes_.size() && !nextRange()) return false;
-  row = makeRow(prefixes_[nextPrefix_++], range_.country, files_[current_]->name(), range_.line,
-                ++lastOid_);
+  const Korvo::IpGenPrefix& prefix = prefixes_[nextPrefix_++];
+  row = makeRow(prefix, range_.country, files_[current_]->name(), range_.line, newOid(prefix));
   return true;
 }
 

@@ -95,4 +95,50 @@ int containsPrefixes(const TextOptions& options);
 int orderPrefixes(const TextOptions& options);
 int describeQuery(const TextOptions& options);
 
+// ---------------------------------------------------------------------------------------------
+// Tables of other processes. A build without Korvo::Tables says so.
+
+struct PublisherOptions : CommonOptions {
+  std::string address;
+  std::uint32_t patience = 10;  ///< seconds that an answer may take
+};
+
+struct TablesOptions : PublisherOptions {
+  bool layouts = false;  ///< with their texts
+};
+int listTables(const TablesOptions& options);
+
+struct GetOptions : PublisherOptions {
+  std::string table;
+  std::optional<std::uint32_t> oid;
+  std::string where;   ///< column=value
+  std::string covers;  ///< an address or a prefix
+};
+int getRows(const GetOptions& options);
+
+struct WatchOptions : PublisherOptions {
+  std::string table;
+  bool changesOnly = false;  ///< not the rows that are there
+  bool lines = false;        ///< on a terminal, too
+  std::uint64_t limit = 0;   ///< 0 for all
+};
+int watchTable(const WatchOptions& options);
+
+struct RecordOptions : PublisherOptions {
+  std::vector<std::string> tables;  ///< empty for all
+  std::string output;
+  std::uint64_t limit = 0;  ///< batches; 0 for all
+};
+int recordTables(const RecordOptions& options);
+
+struct ReplayOptions : CommonOptions {
+  std::string file;
+  std::string address;  ///< empty: its changes are printed
+  double speed = 1;
+  bool asFastAsPossible = false;
+  std::uint32_t subscribers = 0;  ///< it begins when so many are there
+  bool ends = false;              ///< and not on a signal alone
+};
+int replayTables(const ReplayOptions& options);
+
 }  // namespace korvotool

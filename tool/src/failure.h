@@ -15,6 +15,7 @@ enum ExitStatus : int {
   statusUsage = 64,
   statusBadData = 65,
   statusNoInput = 66,
+  statusUnavailable = 69,  ///< a publisher is not there, or does not give a table
   statusNoOutput = 74
 };
 

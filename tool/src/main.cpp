@@ -73,13 +73,17 @@ CLI::Option* addFiles(CLI::App& command, RowOptions& options) {
 class CommandLine {
  public:
   CommandLine()
-      : app_("Shows, checks, compares and converts rows, and generates row classes.", "korvo") {
+      : app_(
+            "Shows, checks, compares and converts rows, generates row classes, and looks into "
+            "tables of other processes.",
+            "korvo") {
     app_.require_subcommand(0, 1);
     app_.get_formatter()->column_width(30);
     app_.set_version_flag("--version", "korvo " KORVO_TOOL_VERSION);
     addRowCommands();
     addLayoutCommands();
     addTextCommands();
+    addTableCommands();
   }
 
   int run(int argc, char** argv) {
@@ -269,6 +273,87 @@ class CommandLine {
     runs(query, describeQuery, query_);
   }
 
+  /// A publisher's address, and how long to wait for it.
+  static void addPublisher(CLI::App& command, PublisherOptions& options) {
+    command.add_option("ADDRESS", options.address, "Where the publisher is: unix:/run/korvo/agent")
+        ->required()
+        ->type_name("");
+    command
+        .add_option("--timeout", options.patience, "How long an answer may take; 10 if not said")
+        ->check(CLI::Range(1U, 86400U))
+        ->type_name("SECONDS");
+  }
+  static void addTable(CLI::App& command, std::string& table) {
+    command.add_option("TABLE", table, "The table's name")->required()->type_name("");
+  }
+
+  void addTableCommands() {
+    CLI::App& list =
+        *app_.add_subcommand("tables", "Tell what tables a process publishes, and to whom");
+    addPublisher(list, tables_);
+    list.add_flag("--layouts", tables_.layouts, "Print the texts of the layouts, too");
+    addJson(list, tables_);
+    addColour(list, tables_);
+    runs(list, listTables, tables_);
+
+    CLI::App& get = *app_.add_subcommand("get", "Show rows of a published table as they are now");
+    addPublisher(get, get_);
+    addTable(get, get_.table);
+    get.add_option("OID", get_.oid, "The row of this oid only")->type_name("");
+    get.add_option("--where", get_.where, "Rows with this value only")->type_name("COLUMN=VALUE");
+    get.add_option("--covers", get_.covers,
+                   "Rows whose prefix covers this address or prefix, the widest first")
+        ->type_name("ADDRESS");
+    addJson(get, get_);
+    addColour(get, get_);
+    runs(get, getRows, get_);
+
+    CLI::App& watch = *app_.add_subcommand(
+        "watch", "Show the changes of a published table as they come, on a terminal the table");
+    addPublisher(watch, watch_);
+    addTable(watch, watch_.table);
+    watch.add_flag("--changes", watch_.changesOnly, "Leave out the rows that are there at first");
+    watch.add_flag("--lines", watch_.lines, "Print lines on a terminal, too");
+    watch.add_option("--first", watch_.limit, "End after that many lines")->type_name("N");
+    addJson(watch, watch_);
+    addColour(watch, watch_);
+    runs(watch, watchTable, watch_);
+
+    CLI::App& record = *app_.add_subcommand(
+        "record", "Write what a process publishes to a file, with the times, until a signal comes");
+    addPublisher(record, record_);
+    record.add_option("TABLE", record_.tables, "These tables; else all")->type_name("");
+    record
+        .add_option("-o,--output", record_.output,
+                    "The file, which must not be there yet; - is standard output")
+        ->required()
+        ->type_name("FILE");
+    record.add_option("--first", record_.limit, "End after that many batches")->type_name("N");
+    runs(record, recordTables, record_);
+
+    CLI::App& replay =
+        *app_.add_subcommand("replay", "Publish what was recorded, or print it with its times");
+    replay.add_option("FILE", replay_.file, "The recording; - is standard input")
+        ->required()
+        ->type_name("");
+    replay
+        .add_option("ADDRESS", replay_.address,
+                    "Where to publish: unix:/run/korvo/agent. Without it changes are printed")
+        ->type_name("");
+    CLI::Option* const speed =
+        replay.add_option("--speed", replay_.speed, "So many times as fast as it was recorded")
+            ->type_name("N");
+    replay.add_flag("--as-fast-as-possible", replay_.asFastAsPossible, "Without pauses")
+        ->excludes(speed);
+    replay
+        .add_option("--subscribers", replay_.subscribers,
+                    "Publish the first batch, and go on once there are that many")
+        ->type_name("N");
+    replay.add_flag("--end", replay_.ends, "End when all subscribers have all");
+    addJson(replay, replay_);
+    runs(replay, replayTables, replay_);
+  }
+
   CLI::App app_;
   std::function<int()> chosen_;
   CheckOptions check_;
@@ -285,6 +370,11 @@ class CommandLine {
   TextOptions contains_;
   TextOptions order_;
   TextOptions query_;
+  TablesOptions tables_;
+  GetOptions get_;
+  WatchOptions watch_;
+  RecordOptions record_;
+  ReplayOptions replay_;
 };
 
 /// Otherwise the first file that is opened would take a closed output's place.

@@ -29,14 +29,14 @@ class Output {
     write(text);
     return *this;
   }
+  /// Has all that was written reach standard output now.
+  void flush();
   /// To be called at the end; without it, what was written to a file is discarded.
   void finish();
   bool isTerminal() const;
 
  private:
   static constexpr std::size_t bufferSize = std::size_t{1} << 16;
-
-  void flush();
 
   int fd_;
   std::string path_;       // as people know it

@@ -3,6 +3,7 @@
 #include "commands.h"
 #include "failure.h"
 #include "layouts.h"
+#include "prefixText.h"
 
 #include <Korvo/KoStrUtils.h>
 #include <Korvo/korvo_types.h>
@@ -86,14 +87,18 @@ class Answer {
   std::string text_;
 };
 
-/// An address is taken for the prefix of all its bits.
+}  // namespace
+
 IpGenPrefix parsedPrefixOrAddress(const std::string& text) {
   if (text.find('/') != text.npos) return parsed<IpGenPrefix>(text);
   const auto addr = parsed<IpGenAddr>(text);
   return {addr, 8 * static_cast<unsigned int>(addr.addressLengthBytes())};
 }
 
-}  // namespace
+bool containsAll(const IpGenPrefix& prefix, const IpGenPrefix& other) {
+  // The library looks at the address alone; a shorter prefix has more than this one.
+  return prefix.contains(other) && prefix.mask() <= other.mask();
+}
 
 int parseAddresses(const TextOptions& options) {
   Output out;
@@ -133,8 +138,7 @@ int containsPrefixes(const TextOptions& options) {
   bool all = true;
   for (std::size_t i = 1; i < options.texts.size(); ++i) {
     const IpGenPrefix other = parsedPrefixOrAddress(options.texts[i]);
-    // The library looks at the address alone; a shorter prefix has more than this one.
-    const bool contains = prefix.contains(other) && prefix.mask() <= other.mask();
+    const bool contains = containsAll(prefix, other);
     all = all && contains;
     if (options.json) {
       Json json = Json::object();

@@ -700,7 +700,7 @@ TEST_F(Tool, TellsBadDefinitions) {
     return text;
   }());
   expectAll("layout print many.korvo", 65, "",
-            "korvo: many.korvo: line 137, column 20: too many columns in all rows\n");
+            "korvo: many.korvo: line 95, column 21: too many columns in all rows\n");
 }
 
 TEST_F(Tool, PrintsLayouts) {

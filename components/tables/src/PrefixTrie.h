@@ -14,6 +14,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <memory_resource>
 #include <utility>
 
 namespace Korvo::detail {
@@ -50,7 +51,6 @@ class PrefixTrie {
   PrefixTrie() = default;
   PrefixTrie(const PrefixTrie&) = delete;
   PrefixTrie& operator=(const PrefixTrie&) = delete;
-  ~PrefixTrie();
 
   /// The place of the prefix, an empty one if it is new. Valid until places are made or given back.
   /// Throws std::bad_alloc with the trie as before.
@@ -77,6 +77,9 @@ class PrefixTrie {
 
  private:
   static constexpr unsigned int stride = 6;
+  /// Nodes begin where a line of the caches does, and fill it: a node of up to four slots is read
+  /// with one look at the memory.
+  static constexpr std::size_t line = 64;
 
   /// Behind the node stand the nodes below it, then the slots.
   struct Node {
@@ -145,6 +148,7 @@ class PrefixTrie {
   Slot all_ = noSlot;  ///< of the prefix of no bits
   bool hasAll_ = false;
   std::size_t bytes_ = 0;
+  std::pmr::unsynchronized_pool_resource pool_;
 };
 
 template <typename Use>

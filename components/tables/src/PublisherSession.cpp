@@ -71,6 +71,9 @@ bool PublisherSession::take(const Frame& frame) {
     case FrameType::refuse:
       walk_.drop(frame.table);
       return true;
+    case FrameType::ask:
+      if (mayAsk_) answer_.ask();
+      return true;
     case FrameType::bye: {
       const Bye bye = Bye::decode(frame.body);
       isOver_ = true;
@@ -97,6 +100,9 @@ void PublisherSession::takeHello(const Hello& hello) {
 
   Welcome welcome;
   welcome.protocol = std::min(protocolMax, hello.protocolMax);
+  welcome.features = hello.features & featureAsk;
+  mayAsk_ = welcome.features != 0;
+  wantsTables_ = !hello.tables.empty();
   welcome.heartbeat = static_cast<std::uint32_t>(heartbeat_.count());
   welcome.name = publication_.name;
   welcome.epoch = publication_.epoch;
@@ -153,7 +159,9 @@ void PublisherSession::fill(std::size_t most) {
   if (!isWelcome_) return;
   while (!isOver_ && out_.size() < most) {
     if (walk_.hasLostATable()) return end(ByeReason::changed, "a table is gone");
-    if (capturedMark_) {
+    if (answer_.isDue()) {
+      out_.push(answer_.next());
+    } else if (capturedMark_) {
       sendCaptured();
     } else if (walk_.isBehind() || !gone_.empty()) {
       if (isStarved())

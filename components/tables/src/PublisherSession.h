@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "PublisherAnswer.h"
 #include "TableWalk.h"
 #include "TableWire.h"
 
@@ -47,6 +48,7 @@ class PublisherSession final : private TableWalk::User {
   /// Puts what there is to tell into out(), until that holds `most` bytes or more.
   void fill(std::size_t most);
   OutQueue& out() { return out_; }
+  const OutQueue& out() const { return out_; }
   void sent(std::size_t count);
   /// Says goodbye; nothing else is sent after it.
   void end(ByeReason reason, const std::string& text);
@@ -63,6 +65,8 @@ class PublisherSession final : private TableWalk::User {
   std::uint64_t merged() const { return merged_; }
   std::uint64_t refused() const { return refused_; }
   bool isWelcome() const { return isWelcome_; }
+  /// Whether it came for rows, and not to ask alone.
+  bool wantsTables() const { return wantsTables_; }
   /// What was strange about its HELLO, once.
   std::string takeWarning() { return std::exchange(warning_, {}); }
   /// What the subscriber refused since the last call.
@@ -89,6 +93,9 @@ class PublisherSession final : private TableWalk::User {
   FrameReader reader_;
   OutQueue out_;
   TableWalk walk_;
+  PublisherAnswer answer_{publication_, user_};
+  bool mayAsk_ = false;
+  bool wantsTables_ = false;
 
   bool isWelcome_ = false;
   bool isOver_ = false;

@@ -216,6 +216,10 @@ bool TableCopies::accept(std::size_t number, const LayoutFingerprint& layout,
     return false;
   }
   copy.isSame_ = copy.plan_->comparison().conversion() == Conversion::same;
+  if (!copy.isSame_ && !takesOtherLayouts_) {
+    refuseTable(number, table->name() + " has another layout at " + publisher_);
+    return false;
+  }
   note(table->name() + " comes from " + publisher_ +
        (copy.isSame_ ? "" : ", another layout: " + copy.plan_->comparison().text()));
   table->stateIs(table->hasFirstRows ? TableState::stale : TableState::loading,

@@ -86,7 +86,8 @@ class TableCopies final : public TableReceiver {
     std::uint64_t digestFaults = 0;
   };
 
-  explicit TableCopies(std::size_t mostWaiting) : mostWaiting_(mostWaiting) {}
+  TableCopies(std::size_t mostWaiting, bool takesOtherLayouts)
+      : mostWaiting_(mostWaiting), takesOtherLayouts_(takesOtherLayouts) {}
 
   /// The table becomes a copy, in the next link. Throws KoInvalidArgument, and what
   /// LayoutComparison throws for the rules.
@@ -136,6 +137,7 @@ class TableCopies final : public TableReceiver {
   void weigh(std::size_t number);
 
   const std::size_t mostWaiting_;
+  const bool takesOtherLayouts_;
   std::shared_ptr<SequenceSource> source_ = std::make_shared<SequenceSource>();
   std::vector<std::unique_ptr<TableCopy>> copies_;  ///< by their numbers
   Counts counts_;

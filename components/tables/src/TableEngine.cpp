@@ -20,7 +20,14 @@ TableLink::~TableLink() = default;
 TableSource::~TableSource() = default;
 TableSender::~TableSender() = default;
 TableOutlet::~TableOutlet() = default;
+TableQuestion::~TableQuestion() = default;
 TableEngine::~TableEngine() = default;
+
+std::unique_ptr<TableQuestion> TableEngine::ask(const std::string& address,
+                                                const KoPtr<Scheduler>& /*scheduler*/,
+                                                TableQuestion::User& /*user*/) {
+  throw KoInvalidArgument("Not told what is published there - (" + address + ")");
+}
 
 // ---------------------------------------------------------------------------------------------
 // Engines by scheme

@@ -42,7 +42,8 @@ std::uint64_t randomEpoch() {
 }  // namespace
 
 class TablePublisher::Impl final : public std::enable_shared_from_this<Impl>,
-                                   private Velto::Platform::TimeoutHandler {
+                                   private Velto::Platform::TimeoutHandler,
+                                   private detail::SubscriberList {
  public:
   class Connection;
   class Outlet;
@@ -62,6 +63,10 @@ class TablePublisher::Impl final : public std::enable_shared_from_this<Impl>,
   /// Sets the timer, if it is not. Without memory that is tried again in the next turn of anybody.
   void keepTime() noexcept;
   void onTimeout() override;
+  /// Nothing: it is about to end, or has not begun.
+  std::optional<Subscriber> statusOf(const PublisherSession& session) const;
+  std::optional<Subscriber> subscriberBehind(std::uint64_t& number) const override;
+  std::string lastReasonOfAll() const override { return lastReason; }
 
   const KoPtr<Scheduler> scheduler;
   const Options options;
@@ -82,6 +87,7 @@ class TablePublisher::Impl final : public std::enable_shared_from_this<Impl>,
   std::uint64_t welcomes = 0;
   std::string lastReason;
   std::function<void(const RefusedRow&)> refusedRowTold;
+  std::uint64_t lastNumber = 0;  ///< of a connection
   Velto::DebugSupport debug;
   bool isGone = false;
 };
@@ -105,6 +111,7 @@ class TablePublisher::Impl::Connection final : public Schedulable,
  public:
   Connection(Impl& impl, std::unique_ptr<ByteStream> stream, std::optional<uid_t> user)
       : Schedulable(impl.publication.name, impl.scheduler),
+        number(++impl.lastNumber),
         session(impl.publication, *this, user),
         impl_(impl),
         stream_(std::move(stream)) {
@@ -132,6 +139,7 @@ class TablePublisher::Impl::Connection final : public Schedulable,
     guarded([&] { write(); });
   }
 
+  const std::uint64_t number;
   PublisherSession session;
 
  private:
@@ -299,6 +307,7 @@ TablePublisher::Impl::Impl(const std::string& name, const KoPtr<Scheduler>& sche
   publication.name = name;
   publication.epoch = randomEpoch();
   publication.heartbeat = options.heartbeat;
+  publication.subscribers = this;
   publication.mayHave = options.mayHave;
 }
 
@@ -406,6 +415,7 @@ void TablePublisher::Impl::take(std::unique_ptr<ByteStream> stream) {
 
 /// Names are the subscribers' own choice: of too many, the ones seen longest ago are forgotten.
 void TablePublisher::Impl::subscriberComes(PublisherSession& session) {
+  if (!session.wantsTables()) return;
   Former& former = formers[session.subscriber()];
   ++former.connections;
   former.last = ++welcomes;
@@ -422,9 +432,10 @@ void TablePublisher::Impl::subscriberComes(PublisherSession& session) {
 }
 
 void TablePublisher::Impl::drop(Connection& connection, const std::string& reason) {
-  lastReason = reason;
   const std::string& name = connection.session.subscriber();
-  if (const auto former = formers.find(name); former != formers.end()) {
+  const bool isQuestion = connection.session.isWelcome() && !connection.session.wantsTables();
+  if (!isQuestion) lastReason = reason;
+  if (const auto former = formers.find(name); !isQuestion && former != formers.end()) {
     former->second.reason = reason;
   }
   detail::trace(debug, detail::linkLevel, thisFile, "drop", [&](std::ostream& out) {
@@ -450,6 +461,36 @@ void TablePublisher::Impl::onTimeout() {
   keepTime();
   for (const auto& connection : connections) connection->timePasses(step);
   for (const auto& outlet : outlets) outlet->timePasses(step);
+}
+
+std::optional<TablePublisher::Subscriber> TablePublisher::Impl::statusOf(
+    const PublisherSession& session) const {
+  if (!session.isWelcome() || session.isOver() || !session.wantsTables()) return std::nullopt;
+  Subscriber status{session.subscriber(),
+                    session.tables(),
+                    publication.source->last - session.acked(),
+                    session.merged(),
+                    session.refused(),
+                    session.out().size(),
+                    session.unackedRows(),
+                    0,
+                    ""};
+  const auto former = formers.find(session.subscriber());
+  if (former != formers.end()) {
+    status.reconnects = former->second.connections - 1;
+    status.lastReason = former->second.reason;
+  }
+  return status;
+}
+
+std::optional<TablePublisher::Subscriber> TablePublisher::Impl::subscriberBehind(
+    std::uint64_t& number) const {
+  for (const auto& connection : connections) {
+    if (connection->number <= number) continue;
+    number = connection->number;
+    if (auto status = statusOf(connection->session)) return status;
+  }
+  return std::nullopt;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -509,15 +550,7 @@ void TablePublisher::historyIs(std::uint64_t epoch, std::uint64_t sequence) {
 std::vector<TablePublisher::Subscriber> TablePublisher::subscribers() const {
   std::vector<Subscriber> all;
   for (const auto& connection : impl_->connections) {
-    PublisherSession& session = connection->session;
-    if (!session.isWelcome() || session.isOver()) continue;
-    all.push_back({session.subscriber(), session.tables(), sequence() - session.acked(),
-                   session.merged(), session.refused(), session.out().size(), session.unackedRows(),
-                   0, ""});
-    const auto former = impl_->formers.find(session.subscriber());
-    if (former == impl_->formers.end()) continue;
-    all.back().reconnects = former->second.connections - 1;
-    all.back().lastReason = former->second.reason;
+    if (auto status = impl_->statusOf(connection->session)) all.push_back(std::move(*status));
   }
   for (const auto& outlet : impl_->outlets) all.push_back(outlet->status());
   return all;

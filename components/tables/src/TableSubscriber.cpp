@@ -92,7 +92,7 @@ class TableSubscriber::Impl final : public Schedulable,
 TableSubscriber::Impl::Impl(const KoPtr<Scheduler>& loop, const Options& options)
     : Schedulable(options.name.empty() && loop != nullptr ? loop->name() : options.name, loop),
       options_(options),
-      copies_(options.mostWaitingBytes),
+      copies_(options.mostWaitingBytes, options.takesOtherLayouts),
       step_(std::min(longestStep, options.heartbeat / 5)) {
   if (name().size() > detail::maxText) {
     throw KoInvalidArgument("Name exceeds 255 bytes - (" + name() + ")");

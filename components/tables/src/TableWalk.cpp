@@ -97,6 +97,14 @@ bool TableWalk::resume(const TablePosition& position) {
   return isResumed;
 }
 
+void TableWalk::restart() {
+  for (auto& feed : feeds_) {
+    if (TableStore* const store = feed->store()) {
+      feed = std::make_unique<Feed>(*this, *store, feed->number);
+    }
+  }
+}
+
 /// Told once for each table of a batch, and of batches that are not made in the end.
 void TableWalk::batchComes() {
   const std::uint64_t batch = head() + 1;

@@ -18,6 +18,8 @@ namespace Korvo::detail {
 
 using std::chrono::milliseconds;
 
+class SubscriberList;
+
 /// What the walks of a publisher have in common.
 struct Publication {
   std::string name;
@@ -26,6 +28,7 @@ struct Publication {
   bool isComplete = true;
   milliseconds heartbeat{5000};
   std::vector<TableStore*> tables;
+  const SubscriberList* subscribers = nullptr;
   /// Whether a user may have a table; none: every user may.
   std::function<bool(const std::string& table, std::optional<uid_t> user)> mayHave = nullptr;
 };
@@ -73,6 +76,7 @@ class TableWalk final : public TableSender {
   bool isComplete() const override { return publication_.isComplete; }
   std::vector<Table> tables() const override;
   bool resume(const TablePosition& position) override;
+  void restart() override;
   bool isBehind() const override;
   bool next(Change& change) override;
   TableMark mark() override;

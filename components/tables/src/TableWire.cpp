@@ -14,7 +14,8 @@ std::size_t FrameReader::frameLength(const byte_t* head) {
   const auto length = loadField<std::uint32_t>(head);
   const byte_t type = head[lengthFieldLength];
   const bool isLong = type == static_cast<byte_t>(FrameType::hello) ||
-                      type == static_cast<byte_t>(FrameType::welcome);
+                      type == static_cast<byte_t>(FrameType::welcome) ||
+                      type == static_cast<byte_t>(FrameType::tableInfo);
   if (length < frameHeadLength - lengthFieldLength || length > (isLong ? maxLongFrame : maxFrame)) {
     throw ProtocolError("frame of " + std::to_string(length) + " bytes");
   }

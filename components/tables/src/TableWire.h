@@ -18,6 +18,14 @@
 //   NOTE, REFUSE                   ->
 //   BYE                            <->                      the last frame
 //
+// Who said in the HELLO that he may ask, and was told in the WELCOME that he will be answered:
+//
+//   ASK                            ->
+//                                  <- TABLE_INFO, SUBSCRIBER_INFO ...   one each
+//                                  <- PUBLISHER_INFO                    the answer is complete
+//
+// The bodies of these four may grow at their ends: what is not known there is passed over.
+//
 // Numbers are little-endian, texts a length and their bytes.
 
 #include <Korvo/TableEngine.h>
@@ -46,7 +54,11 @@ enum class FrameType : byte_t {
   ack,
   note,
   refuse,
-  bye
+  bye,
+  ask = 0x81,
+  tableInfo,
+  subscriberInfo,
+  publisherInfo
 };
 /// Frames with this bit of the type are skipped by those who do not know it.
 inline constexpr byte_t mayBeSkipped = 0x80;
@@ -54,12 +66,14 @@ inline constexpr byte_t mayBeSkipped = 0x80;
 inline constexpr std::string_view wireMagic = "KORVOTAB";
 inline constexpr std::uint16_t protocolMin = 1;
 inline constexpr std::uint16_t protocolMax = 1;
+/// Of HELLO: it may ask. Of WELCOME: it is answered.
+inline constexpr std::uint32_t featureAsk = 1;
 
 inline constexpr std::size_t frameHeadLength = 8;
 inline constexpr std::size_t lengthFieldLength = 4;
 // Values of the length field.
 inline constexpr std::size_t maxFrame = maxRowLength + 16;
-inline constexpr std::size_t maxLongFrame = std::size_t{1} << 20;  ///< HELLO and WELCOME
+inline constexpr std::size_t maxLongFrame = std::size_t{1} << 20;  ///< HELLO, WELCOME, TABLE_INFO
 inline constexpr std::size_t maxText = 255;
 inline constexpr std::size_t maxTables = 256;  ///< of a connection
 inline constexpr std::size_t maxOidsOfDel = 4096;

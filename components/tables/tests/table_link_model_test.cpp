@@ -6,6 +6,8 @@
 
 #include <random>
 
+#include "table_states.h"
+
 namespace {
 
 using namespace tabletest;
@@ -112,16 +114,11 @@ class Story {
   std::string copyState() const { return stateOf(ports, links, wide); }
 
   void remember() {
-    if (agent_->publisher.complete()) history_.push_back(state());
+    if (agent_->publisher.complete()) states_.remember(state());
   }
 
   void look() {
-    const std::string now = copyState();
-    for (std::size_t i = seen_; i < history_.size(); ++i) {
-      if (history_[i] != now) continue;
-      seen_ = i;
-      return;
-    }
+    if (states_.isNext(copyState(), seen_)) return;
     ADD_FAILURE() << "a state that never was, or an older one";
   }
 
@@ -210,7 +207,7 @@ class Story {
 
   std::mt19937 random_;
   std::optional<Tables> agent_;
-  std::vector<std::string> history_{""};
+  States states_;
   std::size_t seen_ = 0;
 
  public:

@@ -672,6 +672,48 @@ TEST_F(LinkTest, RowOfFullSizeGoesThrough) {
   expectSame();
 }
 
+struct LongLayout : Korvo::RowLayout<9, Korvo::Column<"first", std::string>,
+                                     Korvo::Column<"second", std::string>> {};
+
+// Each limit holds a row of the greatest length.
+TEST_F(LinkTest, RowOfTheGreatestLengthGoesThrough) {
+  using Long = Korvo::TableRow<LongLayout>;
+  Table<Long> rows("net/long");
+  Table<Long> copy("net/long");
+  Long row;
+  row.create(1);
+  row.set<"first">(std::string(32767, 'a'));
+  row.set<"second">(std::string(Korvo::maxRowLength - row.rowLength(), 'b'));
+  ASSERT_EQ(row.rowLength(), Korvo::maxRowLength);
+  Batch batch(rows);
+  batch.put(row);
+  batch.commit();
+  agent->publisher.add(rows);
+  viewer->subscriber.add(copy);
+  link.roomIs(1000);
+  connect();
+  loop->runUntilQuiet();
+  EXPECT_EQ(contents(copy), contents(rows));
+  EXPECT_EQ(copy.state(), TableState::current);
+}
+
+TEST_F(LinkTest, SubscriptionHas256TablesAtTheMost) {
+  std::vector<std::unique_ptr<Table<Link>>> tables;
+  for (int i = 2; i < 257; ++i) {
+    tables.push_back(std::make_unique<Table<Link>>("net/" + std::to_string(i)));
+    if (i < 256) viewer->subscriber.add(*tables.back());
+  }
+  EXPECT_THROW(viewer->subscriber.add(*tables.back()), Korvo::KoInvalidArgument);
+  connect();
+  loop->runUntilQuiet();
+  expectSame();
+  tables.front().reset();  // makes room
+  viewer->subscriber.add(*tables.back());
+  loop->advance(seconds(20));
+  EXPECT_EQ(tables.back()->state(), TableState::refused);  // as the publisher has no such table
+  expectSame();
+}
+
 TEST_F(LinkTest, PeopleAreToldOfSubscribers) {
   viewer.emplace(loop, Korvo::SubscriberOptions{.name = "viewer"});
   agent->putMany(1, 10);

@@ -211,6 +211,26 @@ TEST(TableSocketTest, SubscriberWaitsForItsPublisher) {
   EXPECT_TRUE(runUntil(*copy.loop, [&] { return copy.ports.size() == 200; }));
 }
 
+// A process that was held up looks at what came meanwhile before it calls the other side silent.
+TEST(TableSocketTest, OwnStallsDoNotCount) {
+  const Folder folder;
+  const auto loop = std::make_shared<EventLoop>("both");
+  Table<Port> ports("net/port");
+  Table<Port> copy("net/port");
+  TablePublisher publisher("agent", loop, {.heartbeat = milliseconds(100)});
+  publisher.add(ports);
+  publisher.listen(folder.address());
+  TableSubscriber subscriber(folder.address(), loop,
+                             {.name = "both", .heartbeat = milliseconds(100)});
+  subscriber.add(copy);
+  putGeneration(ports, 1);
+  ASSERT_TRUE(runUntil(*loop, [&] { return contents(copy) == contents(ports); }));
+  usleep(1'500'000);
+  loop->run(0, 0.5, false);
+  EXPECT_EQ(subscriber.status().connections, 1U) << subscriber.status().lastReason;
+  EXPECT_EQ(copy.state(), TableState::current);
+}
+
 TEST(TableSocketTest, OtherUsersAreRefusedInWords) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
   const Folder folder;

@@ -55,13 +55,13 @@ inline std::string bytesOf(const Korvo::LayoutFingerprint& print) {
 }
 
 template <typename Layout>
-std::string helloFrame(unsigned from = 1, unsigned to = 1) {
+std::string helloFrame(unsigned from = 1, unsigned to = 1, unsigned features = 0) {
   return frame(hello, 0,
                Bytes()
                    .raw("KORVOTAB")
                    .u16(from)
                    .u16(to)
-                   .u32(0)
+                   .u32(features)
                    .u32(5000)
                    .text("raw")
                    .u16(1)

@@ -1,21 +1,20 @@
-// Rows over a socket, the table's indexes, and lookups against a scan of the ranges.
+// Files become a table: its rows and their object ids, what a second reading changes, and lookups
+// against a scan of the ranges.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <memory>
+#include <map>
 #include <random>
+#include <set>
 
-#include "agent.h"
 #include "defaultInput.h"
-#include "rowLink.h"
-#include "rowSource.h"
-#include "rowTable.h"
-#include "transfer.h"
+#include "loader.h"
+#include "lookups.h"
 
 namespace {
 
@@ -23,28 +22,52 @@ using namespace netdb;
 using Korvo::byte_t;
 using Korvo::IpGenAddr;
 using Korvo::IpGenPrefix;
-using Korvo::len_t;
-
-/// As the program does at its start.
-[[maybe_unused]] const bool registered = (Korvo::rowOpsFactoryIs(makeRowOps), true);
+using Korvo::oid_t;
 
 std::vector<std::string> sampleFiles() {
   return {NETDB_SAMPLE "/geoip", NETDB_SAMPLE "/geoip6"};
 }
 
-RowSource sampleSource() {
-  return RowSource(sampleFiles(),
-                   [](const std::string& file, std::uint32_t line, const std::string& reason) {
-                     ADD_FAILURE() << file << ":" << line << ": " << reason;
-                   });
+void expectWellFormed(const std::string& file, std::uint32_t line, const std::string& reason) {
+  ADD_FAILURE() << file << ":" << line << ": " << reason;
 }
 
-std::vector<byte_t> bytesOf(const Korvo::BaseRow& row) {
-  return {row.rowBuf(), row.rowBuf() + row.rowLength()};
+Loader::Result load(Agent& agent, PrefixTable& table, const std::vector<std::string>& paths,
+                    const RowSource::Complaint& malformed = expectWellFormed) {
+  Loader::Result told;
+  const Loader loader(agent, table, paths,
+                      {.malformed = malformed,
+                       .read = [](double, std::uint64_t) {},
+                       .ended = [&](const Loader::Result& result) { told = result; }});
+  agent.run(true);
+  return told;
 }
 
-PrefixRow row(const std::string& prefix, const std::string& country = "AU") {
-  return makeRow(IpGenPrefix(prefix), country, "file", 1, 1);
+/// A file of ranges, removed at the end.
+class RangesFile {
+ public:
+  explicit RangesFile(const std::string& content) { contentIs(content); }
+  RangesFile(const RangesFile&) = delete;
+  RangesFile& operator=(const RangesFile&) = delete;
+  ~RangesFile() { std::remove(path_.c_str()); }
+
+  void contentIs(const std::string& content) const { std::ofstream(path_) << content; }
+  std::vector<std::string> paths() const { return {path_}; }
+
+ private:
+  std::string path_ = testing::TempDir() + "netdb_ranges." + std::to_string(getpid());
+};
+
+/// The object ids of the file's prefixes; of a prefix that stands there several times, in order.
+std::map<std::string, std::vector<oid_t>> oidsOf(const std::string& content) {
+  const RangesFile file(content);
+  RowSource source(file.paths(), expectWellFormed);
+  std::map<std::string, std::vector<oid_t>> result;
+  for (PrefixRow row; source.next(row);) {
+    result[row.get<"prefix">().toString()].push_back(row.rowOid());
+    EXPECT_TRUE(source.made(row.rowOid()));
+  }
+  return result;
 }
 
 TEST(MakeRow, FillsEveryColumn) {
@@ -55,95 +78,112 @@ TEST(MakeRow, FillsEveryColumn) {
                            R"("tags":["geoip","private"],"origin":{"file":"geoip","line":42}})");
 }
 
-TEST(RowTable, FindsTheMostSpecificOfNestedPrefixes) {
-  RowTable table;
-  for (const char* prefix : {"10.0.0.0/8", "10.1.0.0/16", "10.1.2.0/24", "10.200.0.0/16",
-                             "11.0.0.0/8", "10.1.2.3/32", "2001:db8::/32", "::/0"}) {
-    table.add(row(prefix));
-  }
-  table.index();
-  const auto found = [&](const char* addr) {
-    return table.lookup(IpGenAddr(addr)).get<"prefix">();
+// ---------------------------------------------------------------------------------------------
+// Object ids
+
+TEST(RowSource, GivesAPrefixTheSameObjectIdWhereverItStands) {
+  const auto once = oidsOf("16777216,16777471,AU\n2001:db8::,2001:db8::ffff,JP\n");
+  const auto moved =
+      oidsOf("# later\n1,1,US\n2001:db8::,2001:db8::ffff,DE\n16777216,16777471,AU\n");
+  ASSERT_EQ(once.size(), 2U);
+  for (const auto& [prefix, oids] : once) EXPECT_EQ(moved.at(prefix), oids) << prefix;
+}
+
+TEST(RowSource, GivesObjectIdsThatAreTheSameOnEveryHost) {
+  const auto oids = oidsOf("16777216,16777471,AU\n2001:db8::,2001:db8::ffff,JP\n");
+  // FNV-1a of the length and the address.
+  EXPECT_EQ(oids.at("1.0.0.0/24"), std::vector<oid_t>{1637043014});
+  EXPECT_EQ(oids.at("2001:0db8:0000:0000:0000:0000:0000:0000/112"), std::vector<oid_t>{1069057353});
+}
+
+TEST(RowSource, NeverGivesAnObjectIdTwice) {
+  const auto oids = oidsOf("1,1,AU\n1,1,DE\n2,2,AU\n1,1,AU\n");
+  const oid_t first = oids.at("0.0.0.1/32").front();
+  EXPECT_EQ(oids.at("0.0.0.1/32"), (std::vector<oid_t>{first, first + 1, first + 2}));
+
+  RowSource source(sampleFiles(), expectWellFormed);
+  std::set<oid_t> all;
+  std::size_t rows = 0;
+  for (PrefixRow row; source.next(row); ++rows) all.insert(row.rowOid());
+  EXPECT_GT(rows, 300U);
+  EXPECT_EQ(all.size(), rows);
+  EXPECT_FALSE(all.contains(0));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Loading
+
+TEST(Loader, ChangesWhatDiffers) {
+  Agent agent("loader", false);
+  PrefixTable table(prefixTable);
+  const RangesFile file("1,1,AU\n2,2,AU\n3,3,AU\n");
+  const Loader::Result first = load(agent, table, file.paths());
+  EXPECT_EQ(first.fault, "");
+  EXPECT_EQ(first.added, 3U);
+  EXPECT_EQ(table.size(), 3U);
+  const std::uint64_t sequence = table.sequence();
+
+  const Loader::Result same = load(agent, table, file.paths());
+  EXPECT_EQ(same.rows, 3U);
+  EXPECT_EQ(same.added + same.changed + same.removed, 0U);
+  EXPECT_EQ(table.sequence(), sequence);
+
+  file.contentIs("1,1,AU\n2,2,DE\n4,4,AU\n");
+  const Loader::Result second = load(agent, table, file.paths());
+  EXPECT_EQ(second.added, 1U);
+  EXPECT_EQ(second.changed, 1U);
+  EXPECT_EQ(second.removed, 1U);
+  EXPECT_EQ(table.sequence(), sequence + 1);  // one batch
+  EXPECT_EQ(table.size(), 3U);
+  const auto& byPrefix = table.longestPrefix<"prefix">();
+  EXPECT_EQ(byPrefix.find(IpGenAddr("0.0.0.2")).get<"country">(), "DE");
+  EXPECT_TRUE(byPrefix.find(IpGenAddr("0.0.0.3")).isNull());
+}
+
+TEST(Loader, ChangesNothingIfAFileHasAFault) {
+  Agent agent("loader", false);
+  PrefixTable table(prefixTable);
+  const RangesFile file("1,1,AU\n2,2,AU\n");
+  load(agent, table, file.paths());
+  const std::uint64_t sequence = table.sequence();
+  EXPECT_EQ(load(agent, table, {"/nowhere/geoip"}).fault,
+            "/nowhere/geoip: No such file or directory");
+  file.contentIs("5,5,AU\n6,6\n");
+  const auto refuse = [](const std::string&, std::uint32_t line, const std::string& reason) {
+    throw InputError(std::to_string(line) + " " + reason);
   };
-  EXPECT_EQ(found("10.1.2.3"), IpGenPrefix("10.1.2.3/32"));
-  EXPECT_EQ(found("10.1.2.4"), IpGenPrefix("10.1.2.0/24"));
-  EXPECT_EQ(found("10.1.3.0"), IpGenPrefix("10.1.0.0/16"));
-  EXPECT_EQ(found("10.0.0.0"), IpGenPrefix("10.0.0.0/8"));
-  EXPECT_EQ(found("10.2.0.0"), IpGenPrefix("10.0.0.0/8"));
-  EXPECT_EQ(found("10.255.255.255"), IpGenPrefix("10.0.0.0/8"));
-  EXPECT_EQ(found("11.5.5.5"), IpGenPrefix("11.0.0.0/8"));
-  EXPECT_EQ(found("9.255.255.255"), IpGenPrefix());
-  EXPECT_EQ(found("12.0.0.0"), IpGenPrefix());
-  EXPECT_EQ(found("2001:db8::1"), IpGenPrefix("2001:db8::/32"));
-  EXPECT_EQ(found("::1"), IpGenPrefix("::/0"));
+  EXPECT_EQ(load(agent, table, file.paths(), refuse).fault, "2 not three fields");
+  EXPECT_EQ(table.sequence(), sequence);
+  EXPECT_EQ(table.size(), 2U);
 }
 
-TEST(RowTable, RandomNestedPrefixesAgreeWithAScan) {
-  std::mt19937 random(11);
-  RowTable table;
-  std::vector<IpGenPrefix> all;
-  for (int i = 0; i < 3000; ++i) {
-    const byte_t bytes[] = {static_cast<byte_t>(random() % 4), static_cast<byte_t>(random() % 4),
-                            static_cast<byte_t>(random() % 8), static_cast<byte_t>(random() % 16)};
-    IpGenPrefix prefix(IpGenAddr(Korvo::ipv4_, bytes), static_cast<unsigned int>(random() % 33));
-    prefix.clearLowerAddrBits();
-    all.push_back(prefix);
-    table.add(makeRow(prefix, "AU", "f", 1, 1));
+TEST(Loader, ThatIsDestroyedChangesNothing) {
+  Agent agent("loader", false);
+  PrefixTable table(prefixTable);
+  {
+    const Loader loader(agent, table, sampleFiles(),
+                        {.malformed = expectWellFormed,
+                         .read = [](double, std::uint64_t) {},
+                         .ended = [](const Loader::Result&) { FAIL(); }});
+    agent.loop()->activeIs(true);
+    agent.loop()->run(0, 1e-9, false);
   }
-  table.index();
-  for (int i = 0; i < 5000; ++i) {
-    const byte_t bytes[] = {static_cast<byte_t>(random() % 5), static_cast<byte_t>(random() % 5),
-                            static_cast<byte_t>(random() % 9), static_cast<byte_t>(random() % 17)};
-    const IpGenAddr addr(Korvo::ipv4_, bytes);
-    int expected = -1;
-    for (const IpGenPrefix& prefix : all) {
-      if (prefix.contains(IpGenPrefix(addr, 32))) {
-        expected = std::max(expected, static_cast<int>(prefix.mask()));
-      }
-    }
-    const PrefixRow hit = table.lookup(addr);
-    ASSERT_EQ(hit.isNull() ? -1 : static_cast<int>(hit.view<"prefix">().mask()), expected);
-  }
+  agent.run(true);
+  EXPECT_TRUE(table.empty());
 }
 
-TEST(RowTable, KeepsItsRowsInTheOrderOfTheirPrefixesWhenMoreAreAdded) {
-  const auto made = [](const char* prefix, const char* country, Korvo::oid_t oid) {
-    return makeRow(IpGenPrefix(prefix), country, "file", 1, oid);
-  };
-  RowTable table;
-  table.index();
-  EXPECT_TRUE(table.rows().empty());
-  EXPECT_TRUE(table.lookup(IpGenAddr("10.0.0.0")).isNull());
-
-  const PrefixRow second = made("2001:db8::/32", "JP", 1);
-  const PrefixRow first = made("10.1.0.0/16", "AU", 2);
-  const PrefixRow sameAsFirst = made("10.1.0.0/16", "JP", 3);
-  for (const PrefixRow& each : {second, first, sameAsFirst}) table.add(each);
-  table.index();
-  const PrefixRow wider = made("10.0.0.0/8", "AU", 4);
-  table.add(wider);
-  table.index();
-
-  const std::vector<PrefixRow> expected = {first, sameAsFirst, wider, second};
-  ASSERT_EQ(table.rows().size(), expected.size());
-  for (RowTable::RowNumber i = 0; i < expected.size(); ++i) {
-    EXPECT_EQ(bytesOf(table.rows()[i]), bytesOf(expected[i])) << i;
-  }
-  EXPECT_EQ(bytesOf(table.lookup(IpGenAddr("10.1.0.0"))), bytesOf(first));
-  EXPECT_EQ(bytesOf(table.lookup(IpGenAddr("10.2.0.0"))), bytesOf(wider));
-  EXPECT_EQ(table.ofCountry("AU"), (std::vector<RowTable::RowNumber>{0, 2}));
-  EXPECT_EQ(table.ofCountry("JP"), (std::vector<RowTable::RowNumber>{1, 3}));
-  EXPECT_TRUE(table.ofCountry("DE").empty());
-}
+// ---------------------------------------------------------------------------------------------
+// Lookups
 
 /// Looks up thousands of addresses of both families and scans the ranges for each.
-void compareWithScan(const std::vector<std::string>& files, const RowTable& table, int count) {
+void compareWithScan(const std::vector<std::string>& files, PrefixTable& table, int count) {
   std::vector<RangeLine> ranges;
   for (const std::string& path : files) {
     RangeFile file(path, [](std::uint32_t, const std::string&) {});
     for (RangeLine line; file.next(line);) ranges.push_back(line);
   }
   ASSERT_FALSE(ranges.empty());
+  const auto& byPrefix = table.longestPrefix<"prefix">();
   std::mt19937 random(5);
   int hits = 0;
   for (int i = 0; i < count; ++i) {
@@ -166,7 +206,7 @@ void compareWithScan(const std::vector<std::string>& files, const RowTable& tabl
       expected = &line;
       break;
     }
-    const PrefixRow hit = table.lookup(addr);
+    const PrefixRow hit = byPrefix.find(addr);
     ASSERT_EQ(hit.isNull(), expected == nullptr);
     if (hit.isNull()) continue;
     ++hits;
@@ -177,23 +217,14 @@ void compareWithScan(const std::vector<std::string>& files, const RowTable& tabl
   EXPECT_GT(hits, count / 10);
 }
 
-TEST(Transfer, OfTheSampleAgreesWithAScanOfTheRanges) {
-  Agent agent("subscriber", false);
-  for (const bool blocking : {true, false}) {
-    RowTable table;
-    TransferOptions options;
-    options.inputs = sampleFiles();
-    options.quiet = true;
-    const TransferResult result = transferRows(options, table, blocking ? nullptr : &agent);
-    EXPECT_TRUE(result.complete);
-    EXPECT_EQ(result.refusedRows, 0U);
-    EXPECT_EQ(result.malformedLines, 0U);
-    table.index();
-    compareWithScan(sampleFiles(), table, 20000);
-  }
+TEST(Lookups, InTheSampleAgreeWithAScanOfTheRanges) {
+  Agent agent("loader", false);
+  PrefixTable table(prefixTable);
+  load(agent, table, sampleFiles());
+  compareWithScan(sampleFiles(), table, 20000);
 }
 
-TEST(Transfer, OfTheFullDataAgreesWithAScanOfTheRanges) {
+TEST(Lookups, InTheFullDataAgreeWithAScanOfTheRanges) {
   const char* const folder = std::getenv("NETDB_FULL_DATA");
   if (folder == nullptr) {
     std::puts("NETDB_FULL_DATA names no folder with the full data: the sample alone is tested");
@@ -201,132 +232,14 @@ TEST(Transfer, OfTheFullDataAgreesWithAScanOfTheRanges) {
   }
   const std::vector<std::string> files = {std::string(folder) + "/geoip",
                                           std::string(folder) + "/geoip6"};
-  RowTable table;
-  TransferOptions options;
-  options.inputs = files;
-  options.quiet = true;
-  Agent agent("subscriber", false);
-  ASSERT_TRUE(transferRows(options, table, &agent).complete);
-  table.index();
-  EXPECT_GT(table.rows().size(), 500000U);
+  Agent agent("loader", false);
+  PrefixTable table(prefixTable);
+  load(agent, table, files);
+  EXPECT_GT(table.size(), 500000U);
   compareWithScan(files, table, 4000);
 }
 
-TEST(Transfer, RowsArriveByteForByte) {
-  Agent agent("subscriber", false);
-  for (const bool blocking : {true, false}) {
-    RowSource source = sampleSource();
-    std::vector<std::vector<byte_t>> sent;
-    for (PrefixRow made; source.next(made);) sent.push_back(bytesOf(made));
-    ASSERT_GT(sent.size(), 300U);
-    RowTable table;
-    TransferOptions options;
-    options.inputs = sampleFiles();
-    options.quiet = true;
-    ASSERT_TRUE(transferRows(options, table, blocking ? nullptr : &agent).complete);
-    ASSERT_EQ(table.rows().size(), sent.size());
-    auto expected = sent.begin();
-    for (const PrefixView received : table.rows()) ASSERT_EQ(bytesOf(received), *expected++);
-  }
-}
-
-/// What a subscriber makes of packets that a test sends.
-struct Reception {
-  RowTable table;
-  std::vector<std::string> refusals;
-  std::uint64_t received = 0;
-  bool complete = false;
-
-  explicit Reception(const std::vector<std::vector<byte_t>>& packets) {
-    RowSockets sockets;
-    Subscriber subscriber(table, [&](std::uint64_t number, const std::string& reason) {
-      refusals.push_back(std::to_string(number) + ": " + reason);
-    });
-    RowReceiver receiver(sockets.subscriber.get());
-    for (const std::vector<byte_t>& packet : packets) {
-      EXPECT_EQ(::send(sockets.publisher.get(), packet.data(), packet.size(), 0),
-                static_cast<ssize_t>(packet.size()));
-      EXPECT_EQ(receiver.receive(true), RowReceiver::Result::received);
-      for (const RowReceiver::Packet& got : receiver.packets()) {
-        subscriber.take(got.bytes, got.length);
-      }
-    }
-    sockets.publisher.close();
-    EXPECT_EQ(receiver.receive(true), RowReceiver::Result::closed);
-    received = subscriber.received();
-    complete = subscriber.complete();
-  }
-};
-
-const std::vector<byte_t> endMark = {8, 0, 0xFF, 0xFF, 0, 0, 0, 0};
-
-TEST(Subscriber, RefusesBadRowsAndGoesOn) {
-  const std::vector<byte_t> good = bytesOf(row("10.0.0.0/8"));
-  std::vector<byte_t> torn(good.begin(), good.end() - 5);
-  std::vector<byte_t> shortRow(good.begin(), good.begin() + 5);
-  std::vector<byte_t> lying = good;
-  Korvo::VColType::at(lying.data(), PrefixLayout::offset<"country">).valueIs(60000, 2, false);
-  std::vector<byte_t> otherType = good;
-  otherType[2] = 9;
-  std::vector<byte_t> trailing = good;
-  trailing.push_back(0);
-  std::vector<byte_t> tooLong(65536, 0);
-  const std::vector<byte_t> empty;
-  PrefixRow noPrefix;
-  noPrefix.create();
-  PrefixRow hostBits = row("10.0.0.0/8");
-  hostBits.set<"prefix">(IpGenPrefix(IpGenAddr("10.0.0.1"), 8));
-  const Reception reception({good, torn, shortRow, lying, otherType, trailing, tooLong,
-                             bytesOf(noPrefix), bytesOf(hostBits), empty, good, endMark});
-  EXPECT_TRUE(reception.complete);
-  EXPECT_EQ(reception.received, 11U);
-  EXPECT_EQ(reception.table.rows().size(), 2U);
-  ASSERT_EQ(reception.refusals.size(), 9U);
-  EXPECT_EQ(reception.refusals[0], "2: the row is longer than what was received (at byte 0)");
-  EXPECT_EQ(reception.refusals[1], "3: fewer bytes than a row header (at byte 5)");
-  EXPECT_EQ(reception.refusals[2], "4: a value lies beyond the row's end (country, at byte " +
-                                       std::to_string(PrefixLayout::offset<"country">) + ")");
-  EXPECT_EQ(reception.refusals[3], "5: Invalid Row - (another row type)");
-  EXPECT_EQ(reception.refusals[4],
-            "6: bytes follow the row (at byte " + std::to_string(good.size()) + ")");
-  EXPECT_EQ(reception.refusals[6], "8: a row without a prefix");
-  EXPECT_EQ(reception.refusals[7].substr(0, 27), "9: a prefix has host bits s");
-  EXPECT_EQ(reception.refusals[8], "10: fewer bytes than a row header (at byte 0)");
-}
-
-TEST(Subscriber, RefusesRowsAfterTheEnd) {
-  const std::vector<byte_t> good = bytesOf(row("10.0.0.0/8"));
-  const Reception reception({good, endMark, good});
-  EXPECT_TRUE(reception.complete);
-  EXPECT_EQ(reception.refusals, std::vector<std::string>{"2: a row after the end of the rows"});
-}
-
-TEST(Subscriber, KnowsThatTheStreamBroke) {
-  const Reception reception({bytesOf(row("10.0.0.0/8")), bytesOf(row("11.0.0.0/8"))});
-  EXPECT_FALSE(reception.complete);
-  EXPECT_EQ(reception.table.rows().size(), 2U);
-}
-
-TEST(RowReceiver, TakesEmptyPacketsForRowsAndEndsWhenTheSocketIsClosed) {
-  RowSockets sockets;
-  RowReceiver receiver(sockets.subscriber.get());
-  for (const std::size_t length : {0U, 3U, 0U}) {
-    ASSERT_EQ(::send(sockets.publisher.get(), "abc", length, 0), static_cast<ssize_t>(length));
-  }
-  ASSERT_EQ(receiver.receive(false), RowReceiver::Result::received);
-  ASSERT_EQ(receiver.packets().size(), 3U);
-  EXPECT_EQ(receiver.packets()[0].length, 0U);
-  EXPECT_EQ(receiver.packets()[1].length, 3U);
-  EXPECT_EQ(receiver.packets()[2].length, 0U);
-  EXPECT_EQ(receiver.receive(false), RowReceiver::Result::wouldBlock);
-
-  ASSERT_EQ(::send(sockets.publisher.get(), "abc", 3, 0), 3);
-  sockets.publisher.close();
-  ASSERT_EQ(receiver.receive(true), RowReceiver::Result::received);
-  EXPECT_EQ(receiver.packets().size(), 1U);
-  EXPECT_EQ(receiver.receive(true), RowReceiver::Result::closed);
-  EXPECT_EQ(receiver.receive(false), RowReceiver::Result::closed);
-}
+// ---------------------------------------------------------------------------------------------
 
 TEST(DefaultInput, PrefersTheDataOfTheDemo) {
   namespace fs = std::filesystem;
@@ -352,31 +265,12 @@ TEST(DefaultInput, PrefersTheDataOfTheDemo) {
   for (auto path = made.rbegin(); path != made.rend(); ++path) fs::remove(*path);
 }
 
-TEST(RowSender, ThrowsWhenTheSubscriberIsGone) {
-  RowSockets sockets;
-  sockets.subscriber.close();
-  RowSender sender(sockets.publisher.get());
-  sender.add(row("10.0.0.0/8"));
-  EXPECT_THROW(sender.send(true), std::system_error);
-  EXPECT_THROW(sender.sendEnd(true), std::system_error);
-}
-
-TEST(RowSender, SendsAPartWhenItMustNotWait) {
-  RowSockets sockets;
-  RowSender sender(sockets.publisher.get());
-  const PrefixRow one = row("10.0.0.0/8");
-  for (int i = 0; i < 5000; ++i) sender.add(one);
-  ASSERT_FALSE(sender.send(false));  // the socket is full
-  RowReceiver receiver(sockets.subscriber.get());
-  std::size_t received = 0;
-  bool sent = false;
-  while (received < 5000) {
-    if (!sent) sent = sender.send(false);
-    if (receiver.receive(false) != RowReceiver::Result::received) continue;
-    received += receiver.packets().size();
-  }
-  EXPECT_EQ(received, 5000U);
-  EXPECT_EQ(receiver.receive(false), RowReceiver::Result::wouldBlock);
+TEST(DefaultServer, LiesInTheUsersFolder) {
+  ASSERT_EQ(setenv("XDG_RUNTIME_DIR", "/tmp", 1), 0);
+  EXPECT_EQ(defaultServer(), "unix:/tmp/netdb");
+  ASSERT_EQ(setenv("XDG_RUNTIME_DIR", "/nowhere", 1), 0);
+  EXPECT_EQ(defaultServer(), "");
+  unsetenv("XDG_RUNTIME_DIR");
 }
 
 }  // namespace

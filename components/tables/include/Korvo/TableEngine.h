@@ -41,6 +41,7 @@
 
 namespace Korvo {
 
+struct PublisherInfo;
 struct PublisherOptions;
 struct SubscriberOptions;
 
@@ -230,6 +231,8 @@ class KORVO_API TableSender {
   /// What happened up to `position` counts as told. False: of some tables that cannot be, and these
   /// are told as a whole. To be called before next().
   virtual bool resume(const TablePosition& position) = 0;
+  /// From here on each table is told as a whole, whatever was told before. Throws std::bad_alloc.
+  virtual void restart() = 0;
   /// Whether there is anything to tell.
   virtual bool isBehind() const = 0;
   /// The next change, of one table after the other. False: all was told up to head(), and what was
@@ -278,6 +281,26 @@ class KORVO_API TableOutlet {
   virtual Status status() const = 0;
 };
 
+/// A question that waits for its answer, see TableEngine::ask(). Its end takes it back.
+class KORVO_API TableQuestion {
+ public:
+  class KORVO_API User {
+   public:
+    // One of them is called, once, on the scheduler's thread, and may destroy the question.
+
+    virtual void answerComes(const PublisherInfo& info) = 0;
+    virtual void questionFails(const std::string& reason) = 0;
+
+   protected:
+    ~User() = default;
+  };
+
+  TableQuestion() = default;
+  TableQuestion(const TableQuestion&) = delete;
+  TableQuestion& operator=(const TableQuestion&) = delete;
+  virtual ~TableQuestion();
+};
+
 /// One kind of carrier.
 class KORVO_API TableEngine {
  public:
@@ -299,6 +322,12 @@ class KORVO_API TableEngine {
                                               const KoPtr<Scheduler>& scheduler,
                                               const PublisherOptions& options, TableSender& sender,
                                               TableOutlet::User& user) = 0;
+  /// Asks what is published there, for TableBrowser, which waits no longer than it wants. The user
+  /// outlives the question, and is told later, not from here. An engine that does not override it
+  /// cannot tell.
+  virtual std::unique_ptr<TableQuestion> ask(const std::string& address,
+                                             const KoPtr<Scheduler>& scheduler,
+                                             TableQuestion::User& user);
 
   /// Addresses that begin with `scheme` and a colon are this engine's from now on. From every
   /// thread. Throws KoInvalidArgument for a scheme that is no word of small letters and digits, is

@@ -64,7 +64,8 @@ class KORVO_API TablePublisher {
     std::size_t unsent = 0;           ///< bytes
     std::uint64_t lagRows = 0;        ///< rows that changed since what it has acknowledged
     std::uint64_t reconnects = 0;     ///< connections that one of its name had before
-    std::string lastReason;           ///< why the last one of these ended
+    /// Why the last one of these ended; of a cluster, why nothing is written there, if so.
+    std::string lastReason;
   };
 
   /// A row that a subscriber could not take.

@@ -36,13 +36,16 @@ namespace Korvo {
 /// How a subscriber treats its publisher.
 struct SubscriberOptions {
   /// What the publisher knows this subscriber by; the scheduler's name if it is empty.
-  std::string name;
+  std::string name = {};
   /// As PublisherOptions::heartbeat; the longer one of both counts.
   std::chrono::milliseconds heartbeat{5000};
   /// How long rows of a lost link are kept, if not for ever. They are then removed in one batch.
   std::optional<std::chrono::milliseconds> staleLimit = std::nullopt;
   /// A table whose rows take more before they can appear is refused.
   std::size_t mostWaitingBytes = std::size_t{1} << 30;
+  /// Without it a table is refused whose layout at the publisher is another one: rows are then the
+  /// publisher's own bytes.
+  bool takesOtherLayouts = true;
 };
 
 /// Keeps the tables that are added to it as their publisher has them.

@@ -1,0 +1,54 @@
+#include <Korvo/EtcdTables.h>
+#include <Korvo/TablePublisher.h>
+#include <Korvo/TableSubscriber.h>
+
+#include "EtcdOutlet.h"
+#include "EtcdSource.h"
+
+namespace Korvo {
+
+namespace {
+constexpr std::chrono::seconds shortestLease{2};
+constexpr std::chrono::seconds longestLease{3600};
+}  // namespace
+
+EtcdEngine::EtcdEngine(const Options& options)
+    : options_(options), counters_(std::make_shared<detail::EtcdCounters>()) {
+  if (options.lease < shortestLease || options.lease > longestLease) {
+    throw KoInvalidArgument("Lease out of range - (" + std::to_string(options.lease.count()) + ")");
+  }
+  if (options.mostOperations < 2) {
+    throw KoInvalidArgument("Operations out of range - (" + std::to_string(options.mostOperations) +
+                            ")");
+  }
+}
+
+EtcdEngine::~EtcdEngine() = default;
+
+std::shared_ptr<TableSource> EtcdEngine::source(const std::string& address,
+                                                const KoPtr<Scheduler>& scheduler,
+                                                const SubscriberOptions& options) {
+  return std::make_shared<detail::EtcdSource>(detail::EtcdAddress(address),
+                                              detail::EtcdSettings::fromEnvironment(), scheduler,
+                                              options.heartbeat);
+}
+
+std::unique_ptr<TableOutlet> EtcdEngine::outlet(const std::string& address,
+                                                const KoPtr<Scheduler>& scheduler,
+                                                const PublisherOptions&, TableSender& sender,
+                                                TableOutlet::User& user) {
+  return std::make_unique<detail::EtcdOutlet>(detail::EtcdAddress(address),
+                                              detail::EtcdSettings::fromEnvironment(), scheduler,
+                                              options_, sender, user, counters_);
+}
+
+EtcdEngine::Counters EtcdEngine::counters() const {
+  return {counters_->transactions, counters_->rows, counters_->retried, counters_->recognised};
+}
+
+void EtcdEngine::add() {
+  static const std::shared_ptr<EtcdEngine> engine = std::make_shared<EtcdEngine>();
+  TableEngine::add("etcd", engine);
+}
+
+}  // namespace Korvo

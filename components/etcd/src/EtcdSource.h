@@ -1,0 +1,38 @@
+#pragma once
+
+// The subscriber's side: what stands in the cluster at one revision, and then what changes.
+
+#include <Korvo/TableEngine.h>
+
+#include "EtcdClient.h"
+#include "EtcdKeys.h"
+#include "EtcdPage.h"
+
+namespace Korvo::detail {
+
+class EtcdSource final : public TableSource, public std::enable_shared_from_this<EtcdSource> {
+ public:
+  EtcdSource(const EtcdAddress& address, const EtcdSettings& settings,
+             const KoPtr<Scheduler>& scheduler, milliseconds heartbeat);
+
+  std::unique_ptr<TableLink> connect(TableReceiver& receiver, TableLink::User& user) override;
+
+ private:
+  friend class EtcdLink;
+
+  /// The last mark that was taken, and where it stood.
+  struct Position {
+    std::uint64_t cluster = 0;
+    std::int64_t revision = 0;
+    std::string text;
+    EtcdMark mark;
+  };
+
+  const EtcdAddress address_;
+  const EtcdKeys keys_;
+  const milliseconds heartbeat_;
+  EtcdClient client_;
+  std::optional<Position> position_;
+};
+
+}  // namespace Korvo::detail

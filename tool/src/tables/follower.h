@@ -1,0 +1,104 @@
+#pragma once
+
+// Being a subscriber without knowing layouts.
+
+#include "../commands.h"
+#include "../failure.h"
+
+#include <Korvo/EventLoop.h>
+#include <Korvo/LearnedTable.h>
+#include <Korvo/TableBrowser.h>
+#include <Korvo/TableSubscriber.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace korvotool {
+
+/// An event loop that SIGINT and SIGTERM end.
+class Work {
+ public:
+  Work();
+
+  const std::shared_ptr<Korvo::EventLoop>& loop() { return loop_; }
+  /// Until done() or failIs() was called, or a signal came: it is false then. Throws Failure if
+  /// that is what failIs() was told.
+  bool run();
+  void done();
+  /// Ends it with a failure.
+  void failIs(Failure failure);
+  /// Calls `work`, and what it throws ends the run.
+  void guard(const std::function<void()>& work);
+
+ private:
+  std::shared_ptr<Korvo::EventLoop> loop_;
+  bool isDone_ = false;
+  std::exception_ptr failure_;
+};
+
+/// Calls something at a time.
+class Alarm final : private Velto::Platform::TimeoutHandler {
+ public:
+  Alarm(Work& work, std::function<void()> told);
+  void after(std::chrono::nanoseconds delay) { control_->timeoutIs(delay); }
+  void cancel() { control_->cancel(); }
+
+ private:
+  void onTimeout() override;
+
+  Work& work_;
+  std::function<void()> told_;
+  std::unique_ptr<Velto::Platform::TimerControl> control_;
+};
+
+/// Asks the publisher what it has. Throws Failure.
+Korvo::PublisherInfo askPublisher(Work& work, const PublisherOptions& options);
+
+/// Its tables of these names, or all of them. Throws Failure if it does not have one.
+std::vector<Korvo::PublisherInfo::Table> tablesOf(const Korvo::PublisherInfo& publisher,
+                                                  const std::vector<std::string>& names);
+
+/// Follows tables of a publisher. When one of them gets another layout, all begin anew.
+class Follower {
+ public:
+  class User {
+   public:
+    /// The tables have these layouts from now on; all rows of them come.
+    virtual void begins() = 0;
+    /// Pulls changes of a table.
+    virtual void changes(std::size_t number, Korvo::LearnedChanges& changes) = 0;
+    /// A table's state is another one; what was told of it before counts until then.
+    virtual void state(std::size_t number, Korvo::TableState state, const std::string& text) = 0;
+
+   protected:
+    ~User() = default;
+  };
+
+  /// Throws Failure for an address that is none.
+  Follower(Work& work, const std::string& address, User& user);
+
+  /// Begins to follow these tables. Throws Failure for a layout that is none.
+  void follow(const std::vector<Korvo::PublisherInfo::Table>& tables);
+
+  std::size_t size() const { return tables_.size(); }
+  const Korvo::LearnedTable& table(std::size_t number) const { return *tables_[number]; }
+
+ private:
+  void learn(const Korvo::PublisherInfo& info);
+
+  Work& work_;
+  std::string address_;
+  User& user_;
+  std::vector<Korvo::LayoutFingerprint> fingerprints_;
+  std::vector<std::unique_ptr<Korvo::LearnedTable>> tables_;
+  std::unique_ptr<Korvo::TableSubscriber> subscriber_;
+  std::vector<std::unique_ptr<Korvo::LearnedReader>> readers_;
+  Korvo::TableBrowser browser_;
+  Alarm again_;
+};
+
+}  // namespace korvotool
