@@ -313,7 +313,10 @@ class Driver {
   }
 
   void run(std::chrono::seconds time) {
-    std::signal(SIGUSR1, SIG_IGN);  // inherited: it may reach a publisher that is not listening yet
+    // Inherited by all: the first may reach a publisher that is not listening yet, the second comes
+    // where the shell that started this ends while a process is stopped.
+    std::signal(SIGUSR1, SIG_IGN);
+    std::signal(SIGHUP, SIG_IGN);
     startPublisher();
     for (std::size_t i = 1; i <= subscribers; ++i) startSubscriber(i);
     const auto end = steady_clock::now() + time;
