@@ -60,18 +60,26 @@ class PrefixTrie::NewNode {
   Node* node_;
 };
 
+PrefixTrie::~PrefixTrie() {
+  const auto destroy = [](const auto& self, Node* node) -> void {
+    for (unsigned int i = 0; i < node->nodeCount; ++i) self(self, node->nodes()[i]);
+    ::operator delete(node);
+  };
+  if (root_ != nullptr) destroy(destroy, root_);
+}
+
 PrefixTrie::Node* PrefixTrie::newNode(std::size_t room) {
-  const std::size_t size = (sizeof(Node) + room + line - 1) / line * line;
-  Node* const node = new (pool_.allocate(size, line)) Node();
-  node->room = static_cast<std::uint16_t>(size - sizeof(Node));
-  bytes_ += size;
+  // What else would be lost to the allocator's rounding.
+  room = (room + 15) / 16 * 16;
+  Node* const node = new (::operator new(sizeof(Node) + room)) Node();
+  node->room = static_cast<std::uint16_t>(room);
+  bytes_ += sizeof(Node) + room;
   return node;
 }
 
 void PrefixTrie::giveBack(Node* node) noexcept {
-  const std::size_t size = sizeof(Node) + node->room;
-  bytes_ -= size;
-  pool_.deallocate(node, size, line);
+  bytes_ -= sizeof(Node) + node->room;
+  ::operator delete(node);
 }
 
 /// `fresh` takes over all of the node that `link` leads to, and its place.
@@ -87,11 +95,11 @@ void PrefixTrie::moveTo(Node*& link, Node* fresh) noexcept {
 /// Sees to it that the node has `room` more bytes behind it.
 void PrefixTrie::makeRoom(Node*& link, std::size_t room) {
   const std::size_t wanted = link->taken() + room;
-  if (wanted > link->room) moveTo(link, newNode(wanted));
+  if (wanted > link->room) moveTo(link, newNode(wanted + wanted / 4));
 }
 
 void PrefixTrie::shrink(Node*& link) noexcept {
-  if (link->taken() + line > link->room / 2U) return;
+  if (link->taken() + 64 > link->room / 2) return;
   try {
     moveTo(link, newNode(link->taken()));
   } catch (const std::bad_alloc&) {

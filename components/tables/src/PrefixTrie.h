@@ -14,7 +14,6 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
-#include <memory_resource>
 #include <utility>
 
 namespace Korvo::detail {
@@ -51,6 +50,7 @@ class PrefixTrie {
   PrefixTrie() = default;
   PrefixTrie(const PrefixTrie&) = delete;
   PrefixTrie& operator=(const PrefixTrie&) = delete;
+  ~PrefixTrie();
 
   /// The place of the prefix, an empty one if it is new. Valid until places are made or given back.
   /// Throws std::bad_alloc with the trie as before.
@@ -77,9 +77,6 @@ class PrefixTrie {
 
  private:
   static constexpr unsigned int stride = 6;
-  /// Nodes begin where a line of the caches does, and fill it: a node of up to four slots is read
-  /// with one look at the memory.
-  static constexpr std::size_t line = 64;
 
   /// Behind the node stand the nodes below it, then the slots.
   struct Node {
@@ -109,8 +106,8 @@ class PrefixTrie {
       if (more != stride) return countBelow(upper, bitOf(more, six));
       return static_cast<unsigned int>(std::popcount(upper)) + countBelow(sixth, six);
     }
-    /// Of the prefixes here that contain all of the first `most` bits of `six`, the number of bits
-    /// of the most specific one; 0 if there is none.
+    /// Of the prefixes here that contain all of the first `most` bits of `six`, the number of bits of
+    /// the most specific one; 0 if there is none.
     unsigned int longest(unsigned int most, unsigned int six) const;
   };
   class NewNode;
@@ -148,7 +145,6 @@ class PrefixTrie {
   Slot all_ = noSlot;  ///< of the prefix of no bits
   bool hasAll_ = false;
   std::size_t bytes_ = 0;
-  std::pmr::unsynchronized_pool_resource pool_;
 };
 
 template <typename Use>
