@@ -3,10 +3,10 @@
 //   netlink ADDRESS [RECEIVE_BUFFER]     unix:/run/korvo/netlink, say
 
 #include <csignal>
-#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <string>
 
 #include "agent.h"
 
@@ -18,7 +18,7 @@ int main(int argc, char** argv) {
   try {
     const auto loop = std::make_shared<Korvo::EventLoop>("netlink");
     loop->stopOnSignals({SIGINT, SIGTERM});
-    const netlink::Agent agent(loop, argv[1], argc > 2 ? std::atoi(argv[2]) : 0);
+    const netlink::Agent agent(loop, argv[1], argc > 2 ? std::stoi(argv[2]) : 0);
     loop->run();
   } catch (const std::exception& error) {
     std::cerr << "netlink: " << error.what() << '\n';
