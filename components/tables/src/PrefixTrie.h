@@ -106,8 +106,8 @@ class PrefixTrie {
       if (more != stride) return countBelow(upper, bitOf(more, six));
       return static_cast<unsigned int>(std::popcount(upper)) + countBelow(sixth, six);
     }
-    /// Of the prefixes here that contain all of the first `most` bits of `six`, the number of bits of
-    /// the most specific one; 0 if there is none.
+    /// Of the prefixes here that contain all of the first `most` bits of `six`, the number of bits
+    /// of the most specific one; 0 if there is none.
     unsigned int longest(unsigned int most, unsigned int six) const;
   };
   class NewNode;

@@ -30,6 +30,7 @@ namespace detail {
 struct EtcdCounters;
 }
 
+/// How tables are carried over etcd.
 struct EtcdOptions {
   /// How long the name of a publisher is held after it was last heard of; at least 2 seconds.
   std::chrono::seconds lease{10};
@@ -41,6 +42,7 @@ struct EtcdOptions {
 /// Carries tables over etcd. Its functions may be called from every thread.
 class KORVO_API EtcdEngine final : public TableEngine {
  public:
+  /// For short.
   using Options = EtcdOptions;
 
   /// Of all publishers of this engine.
@@ -60,6 +62,7 @@ class KORVO_API EtcdEngine final : public TableEngine {
   std::unique_ptr<TableOutlet> outlet(const std::string& address, const KoPtr<Scheduler>& scheduler,
                                       const PublisherOptions& options, TableSender& sender,
                                       TableOutlet::User& user) override;
+  /// What its publishers have done until now.
   Counters counters() const;
 
   using TableEngine::add;

@@ -45,6 +45,7 @@ class KORVO_API LearnedTable : private detail::LearnedLayout, public AnyTable {
   explicit LearnedTable(const PublisherInfo::Table& told)
       : LearnedTable(told.name, DynamicLayout(told.layoutText)) {}
 
+  /// The layout with what it was made of; lives as long as the table.
   const DynamicLayout& rowLayout() const { return learned; }
 
   /// The row, which shares the table's buffer, or a null row.
@@ -60,21 +61,30 @@ class KORVO_API LearnedTable : private detail::LearnedLayout, public AnyTable {
 /// What changed in a table since its reader looked last; see Changes.
 class KORVO_API LearnedChanges {
  public:
+  /// Made by the reader for its call.
   LearnedChanges(detail::ChangeSource& source, const DynamicLayout& layout)
       : source_(source), after_(layout), before_(layout) {}
 
   /// Goes on to the next change; false when the reader knows the table as it stands.
   bool next() { return source_.next(change_, after_, before_); }
+  // As Change's; rows are valid until the next call of next().
+
+  /// Of the row.
   oid_t oid() const { return change_.oid; }
+  /// Whether it came, changed or went.
   ChangeKind kind() const { return change_.kind; }
-  /// As Change's; valid until the next call of next().
+  /// The row as it stands; a null row if it was removed.
   const AnyRow& after() const { return after_; }
+  /// The row as this reader saw it last, if it asked for that; otherwise a null row.
   const AnyRow& before() const { return before_; }
 
   // As Changes'.
 
+  /// Whether the table is told as a whole.
   bool first() const { return source_.first(); }
+  /// The table's sequence.
   std::uint64_t sequence() const { return source_.sequence(); }
+  /// How many batches are told together with the last one.
   std::uint64_t merged() const { return source_.merged(); }
 
  private:
@@ -87,8 +97,10 @@ class KORVO_API LearnedChanges {
 /// Is told the changes in one call; what it does not look at is told again in the next one.
 class KORVO_API LearnedReader : public AnyTableReader {
  public:
+  /// What is told the changes.
   using Callback = std::function<void(LearnedChanges& changes)>;
 
+  /// As TableReader's short form. Throws std::bad_alloc.
   LearnedReader(LearnedTable& table, const KoPtr<Scheduler>& scheduler, Callback told,
                 Before before = Before::unknown);
 

@@ -31,25 +31,27 @@ namespace Korvo {
 
 /// What a publisher told.
 struct PublisherInfo {
+  /// One of its tables.
   struct Table {
-    std::string name;
-    LayoutFingerprint fingerprint;
+    std::string name;               ///< as it is subscribed by
+    LayoutFingerprint fingerprint;  ///< of its layout
     /// As layoutText() writes it, not yet read by anybody; empty if it is too long to be told.
     std::string layoutText;
-    std::uint64_t rows = 0;
+    std::uint64_t rows = 0;      ///< that it has
     std::uint64_t sequence = 0;  ///< of the last batch that changed something in it
   };
 
-  std::string name;
-  std::uint64_t epoch = 0;     ///< see TablePublisher::epoch()
-  std::uint64_t sequence = 0;  ///< of the last batch
-  bool isComplete = false;     ///< see TablePublisher::completeIs()
-  std::vector<Table> tables;
-  std::vector<TablePublisher::Subscriber> subscribers;
+  std::string name;                                     ///< the publisher's
+  std::uint64_t epoch = 0;                              ///< see TablePublisher::epoch()
+  std::uint64_t sequence = 0;                           ///< of the last batch
+  bool isComplete = false;                              ///< see TablePublisher::completeIs()
+  std::vector<Table> tables;                            ///< those that may be subscribed
+  std::vector<TablePublisher::Subscriber> subscribers;  ///< that are connected
   /// Why the last connection that ended did so.
   std::string lastReason;
 };
 
+/// How a publisher is asked.
 struct BrowserOptions {
   /// What the publisher knows this one by; the scheduler's name if it is empty.
   std::string name = {};
@@ -61,6 +63,7 @@ struct BrowserOptions {
 /// callbacks may end each other in any order.
 class KORVO_API TableBrowser {
  public:
+  /// For short.
   using Options = BrowserOptions;
 
   /// Throws KoInvalidArgument for an address that is none, or a name of more than 255 bytes.

@@ -284,11 +284,14 @@ class KORVO_API TableOutlet {
 /// A question that waits for its answer, see TableEngine::ask(). Its end takes it back.
 class KORVO_API TableQuestion {
  public:
+  /// Who asks.
   class KORVO_API User {
    public:
     // One of them is called, once, on the scheduler's thread, and may destroy the question.
 
+    /// What the publisher told.
     virtual void answerComes(const PublisherInfo& info) = 0;
+    /// Why there is no answer.
     virtual void questionFails(const std::string& reason) = 0;
 
    protected:
