@@ -86,8 +86,7 @@ constexpr std::chrono::milliseconds markTime{1500};
 class LiveTable final : public Follower::User {
  public:
   LiveTable(Work& work, const WatchOptions& options, std::string publisher)
-      : options_(options),
-        publisher_(std::move(publisher)),
+      : publisher_(std::move(publisher)),
         style_(options.colour, true),
         screen_(out_),
         ticks_(work, [this] { tick(); }) {
@@ -163,7 +162,6 @@ class LiveTable final : public Follower::User {
     return lines;
   }
 
-  const WatchOptions& options_;
   std::string publisher_;
   Style style_;
   Output out_;
