@@ -59,7 +59,11 @@ std::string changeLine(const Korvo::LearnedChanges& change) {
       if (former == now) continue;
       former += " -> ";
     }
-    line += "  " + printable(column.name) + '=' + former + now;
+    line += "  ";
+    line += printable(column.name);
+    line += '=';
+    line += former;
+    line += now;
   }
   return line;
 }

@@ -67,15 +67,17 @@ class Follower {
  public:
   class User {
    public:
+    User() = default;
+    User(const User&) = delete;
+    User& operator=(const User&) = delete;
+    virtual ~User() = default;
+
     /// The tables have these layouts from now on; all rows of them come.
     virtual void begins() = 0;
     /// Pulls changes of a table.
     virtual void changes(std::size_t number, Korvo::LearnedChanges& changes) = 0;
     /// A table's state is another one; what was told of it before counts until then.
     virtual void state(std::size_t number, Korvo::TableState state, const std::string& text) = 0;
-
-   protected:
-    ~User() = default;
   };
 
   /// Throws Failure for an address that is none.

@@ -28,11 +28,13 @@ class Player {
  public:
   class User {
    public:
+    User() = default;
+    User(const User&) = delete;
+    User& operator=(const User&) = delete;
+    virtual ~User() = default;
+
     virtual void tableComes(LearnedTable& table) = 0;
     virtual void tableGoes(LearnedTable& table) = 0;
-
-   protected:
-    ~User() = default;
   };
   Player(RecordingReader& reader, User& user) : reader_(reader), user_(user) {}
 
