@@ -28,7 +28,7 @@ class InputWatch : private Velto::Platform::FdEventHandler,
              Told told);
   InputWatch(const InputWatch&) = delete;
   InputWatch& operator=(const InputWatch&) = delete;
-  ~InputWatch();
+  ~InputWatch() override;
 
  private:
   struct File {

@@ -186,7 +186,7 @@ int stats(const Options& options, Agent& agent) {
 
 /// Where the server of this command listens.
 std::string serverOf(const Options& options) {
-  const std::string server = options.server.empty() ? netdb::defaultServer() : options.server;
+  std::string server = options.server.empty() ? netdb::defaultServer() : options.server;
   if (server.empty()) throw UsageError("no place for the server's socket: name it with --server");
   return server;
 }

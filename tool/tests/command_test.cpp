@@ -230,7 +230,7 @@ TEST_F(Tool, NothingThatIsNamedIsACommandToTheTerminal) {
     const Outcome result = korvo(arguments);
     for (const std::string& text : {result.out, result.err}) {
       EXPECT_EQ(text.find_first_of("\x1b\x7f\xff\r"), std::string::npos) << arguments << text;
-      EXPECT_EQ(text.find("\x9b"), std::string::npos) << arguments << text;
+      EXPECT_EQ(text.find('\x9b'), std::string::npos) << arguments << text;
     }
     // Each line is one that the program began.
     for (std::size_t at = 0; at < result.err.size(); at = result.err.find('\n', at) + 1) {
@@ -442,9 +442,9 @@ TEST_F(Tool, ComparesInOrderWhatIsOfUnequalLength) {
         "{\"oid\":7,\"row\":{}}\n{\"oid\":5,\"row\":{}}\n");
   write("short.json", "{\"oid\":9,\"row\":{}}\n");
   for (const std::string name : {"long", "short"}) {
-    ASSERT_EQ(
-        korvo("convert -l link.korvo --from json " + name + ".json -o " + name + ".rows").status,
-        0);
+    std::string words = "convert -l link.korvo --from json ";
+    words.append(name).append(".json -o ").append(name).append(".rows");
+    ASSERT_EQ(korvo(words).status, 0);
   }
   expectAll("diff -l link.korvo --in-order long.rows short.rows", 1,
             "~ Link oid 9\n    up: true -> false\n- Link oid 5\n- Link oid 7\n- Link oid 5\n"
@@ -978,7 +978,7 @@ TEST_F(Tool, EveryReaderTellsBadInput) {
     const std::string form = reading.form;
     const std::string good = form == "json" ? "rows.json" : "good." + form;
     const auto run = [&](const char* layout, const std::string& file) {
-      const Outcome result = korvo(with(reading.arguments, layout, file));
+      Outcome result = korvo(with(reading.arguments, layout, file));
       EXPECT_NE(result.status, 0) << reading.arguments << ' ' << file;
       return result;
     };

@@ -146,10 +146,8 @@ TEST_F(Stream, TellsTheByteOfDamageInTheMiddle) {
 
 TEST_F(Stream, PackedFilesTakeConstantMemoryToo) {
   for (const std::string packer : {"gzip -1", "zstd -q -1"}) {
-    ASSERT_EQ(korvotest::shell(packer + " -c <few.rows >few.packed && " + packer +
-                               " -c <many.rows >many.packed")
-                  .status,
-              0);
+    ASSERT_EQ(korvotest::shell(packer + " -c <few.rows >few.packed").status, 0);
+    ASSERT_EQ(korvotest::shell(packer + " -c <many.rows >many.packed").status, 0);
     ASSERT_LT(korvotest::contentOf("many.packed").size(),
               korvotest::contentOf("many.rows").size() / 2);
     for (const std::string command : {"check", "stat"}) {

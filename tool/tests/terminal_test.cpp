@@ -75,10 +75,9 @@ class Terminal : public testing::Test {
     write("one.json", R"({"oid":1,"row":{"speed":1}})");
     write("two.json", R"({"oid":1,"row":{"speed":2}})");
     for (const std::string name : {"one", "two"}) {
-      ASSERT_EQ(korvotest::korvo("convert -l port.korvo --from json " + name + ".json -o " + name +
-                                 ".rows")
-                    .status,
-                0);
+      std::string words = "convert -l port.korvo --from json ";
+      words.append(name).append(".json -o ").append(name).append(".rows");
+      ASSERT_EQ(korvotest::korvo(words).status, 0);
     }
   }
 };

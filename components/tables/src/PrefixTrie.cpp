@@ -128,7 +128,7 @@ void PrefixTrie::addNode(Node& node, Node* added) noexcept {
   const unsigned int six = added->bits.sixBits(node.depth);
   const unsigned int index = node.nodeIndex(six);
   Node** const at = node.nodes() + index;
-  std::memmove(at + 1, at, node.taken() - index * sizeof(Node*));
+  std::memmove(at + 1, at, node.taken() - index * linkLength);
   ++node.nodeCount;
   node.below |= std::uint64_t{1} << six;
   *at = added;
@@ -139,7 +139,7 @@ void PrefixTrie::removeNode(Node*& link, unsigned int six) noexcept {
   const unsigned int index = node.nodeIndex(six);
   Node** const at = node.nodes() + index;
   giveBack(*at);
-  std::memmove(at, at + 1, node.taken() - (index + 1) * sizeof(Node*));
+  std::memmove(at, at + 1, node.taken() - (index + 1) * linkLength);
   --node.nodeCount;
   node.below &= ~(std::uint64_t{1} << six);
 }
@@ -184,7 +184,7 @@ Slot& PrefixTrie::makePlace(const Prefix& prefix) {
     if (common < at.depth || depth < at.depth) {
       // It parts from what is here above this node.
       const unsigned int parting = std::min(depth, common / stride * stride);
-      NewNode fork(*this, 2 * sizeof(Node*));
+      NewNode fork(*this, 2 * linkLength);
       fork->depth = static_cast<std::uint8_t>(parting);
       fork->bits = prefix.bits.cutTo(parting);
       Node* const leaf = parting == depth ? nullptr : makeLeaf();
@@ -199,7 +199,7 @@ Slot& PrefixTrie::makePlace(const Prefix& prefix) {
     }
     const unsigned int six = prefix.bits.sixBits(at.depth);
     if (!at.hasNode(six)) {
-      makeRoom(*link, sizeof(Node*));
+      makeRoom(*link, linkLength);
       Node* const leaf = makeLeaf();
       addNode(**link, leaf);
       return slotIn(*leaf);

@@ -77,6 +77,7 @@ class PrefixTrie {
 
  private:
   static constexpr unsigned int stride = 6;
+  static constexpr std::size_t linkLength = sizeof(void*);  ///< of a node to one below it
 
   /// Behind the node stand the nodes below it, then the slots.
   struct Node {
@@ -93,7 +94,7 @@ class PrefixTrie {
     Node* const* nodes() const { return reinterpret_cast<Node* const*>(this + 1); }
     Slot* slots() { return reinterpret_cast<Slot*>(nodes() + nodeCount); }
     const Slot* slots() const { return reinterpret_cast<const Slot*>(nodes() + nodeCount); }
-    std::size_t taken() const { return nodeCount * sizeof(Node*) + slotCount * sizeof(Slot); }
+    std::size_t taken() const { return nodeCount * linkLength + slotCount * sizeof(Slot); }
 
     bool hasNode(unsigned int six) const { return (below >> six & 1) != 0; }
     unsigned int nodeIndex(unsigned int six) const { return countBelow(below, six); }
@@ -131,7 +132,7 @@ class PrefixTrie {
 
   Node* newNode(std::size_t room);
   void giveBack(Node* node) noexcept;
-  void moveTo(Node*& link, Node* larger) noexcept;
+  void moveTo(Node*& link, Node* fresh) noexcept;
   void makeRoom(Node*& link, std::size_t room);
   void shrink(Node*& link) noexcept;
   static Slot& addSlot(Node& node, unsigned int more, unsigned int six) noexcept;
@@ -139,7 +140,7 @@ class PrefixTrie {
   void removeNode(Node*& link, unsigned int six) noexcept;
   bool skipIfIdle(Node*& link) noexcept;
   template <typename Use>
-  static void visit(const Node& node, unsigned int more, unsigned int six, const Use& use);
+  static void visit(const Node& node, unsigned int more, unsigned int first, const Use& use);
 
   Node* root_ = nullptr;
   Slot all_ = noSlot;  ///< of the prefix of no bits

@@ -18,6 +18,7 @@
 
 namespace Korvo::detail {
 
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): nobody deletes it as its base
 class PublisherSession final : private TableWalk::User {
  public:
   /// Told when there may be something to send.
@@ -85,7 +86,7 @@ class PublisherSession final : private TableWalk::User {
   void sendGone();
   bool isStarved() const;
   void capture();
-  void sendMark(const TableMark& mark);
+  void sendMark(const TableMark& counted);
 
   const Publication& publication_;
   Owner& owner_;

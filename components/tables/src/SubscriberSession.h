@@ -13,6 +13,7 @@ namespace Korvo::detail {
 
 using std::chrono::milliseconds;
 
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): nobody deletes it as its base
 class SubscriberSession final : private TableReceiver::User {
  public:
   /// `copies` outlives it. Throws std::bad_alloc.

@@ -256,6 +256,7 @@ std::vector<oid_t> oidsAt(const TableStore& store, const std::vector<detail::Slo
 
 AnyEqualIndex AnyTable::equal(const std::vector<std::string>& columns) {
   std::vector<std::size_t> numbers;
+  numbers.reserve(columns.size());
   for (const std::string& name : columns) numbers.push_back(columnOf(layout(), name));
   return {*store_, store_->index(detail::IndexKind::equal, numbers)};
 }

@@ -357,7 +357,7 @@ std::string TableCopies::mark(const TableMark& mark) {
     }
     ++counts_.digestFaults;
     copy.forgetPosition();
-    const std::string text = "the rows of " + copy.store()->name() + " are not the publisher's";
+    std::string text = "the rows of " + copy.store()->name() + " are not the publisher's";
     tell({copy.store()->name(), std::nullopt, text});
     return text;
   }

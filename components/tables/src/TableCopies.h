@@ -131,7 +131,7 @@ class TableCopies final : public TableReceiver {
   void note(std::string event);
   void refuseTable(std::size_t number, const std::string& text);
   void refuseRow(std::size_t number, oid_t oid, const std::string& text);
-  void takeRow(std::size_t number, std::span<const byte_t> bytes);
+  void takeRow(std::size_t number, std::span<const byte_t> row);
   void forgetRound(TableCopy& copy);
   /// Refuses the table if too much waits.
   void weigh(std::size_t number);

@@ -118,7 +118,7 @@ class ThreadSignal::Impl final : private Velto::Platform::FdEventHandler {
   }
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
-  ~Impl() {
+  ~Impl() override {
     watch_.reset();
     close(fd_);
   }

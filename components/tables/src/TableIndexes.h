@@ -132,8 +132,8 @@ class OrderedIndex final : public TableIndex {
   Slot last() const;
   Slot next(Slot slot) const { return neighbour(slot, 1); }
   Slot previous(Slot slot) const { return neighbour(slot, 0); }
-  /// The first row that is not before the key; `key` may have fewer parts than the index.
-  Slot lowerBound(std::span<const KeyPart> key) const;
+  /// The first row that is not before `wanted`, which may have fewer parts than the index.
+  Slot lowerBound(std::span<const KeyPart> wanted) const;
 
  private:
   struct Node {
