@@ -218,6 +218,7 @@ TEST(EtcdFaults, AnotherClusterAtTheAddressIsAnotherHistory) {
   const std::size_t told = copy.changes;
   ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy))
       << copy.text() << publisher.problem();
+  runFor(milliseconds(100), publisher, copy);  // readers are told in their own turns
   EXPECT_EQ(copy.changes, told + 1);
   EXPECT_EQ(copy.subscriber.status().digestFaults, 0U);
 }
