@@ -1,5 +1,6 @@
 // What stands in the cluster, and addresses and settings. Without a server.
 
+#include <Korvo/EtcdTables.h>
 #include <Korvo/korvo_types.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -18,6 +19,16 @@ using Korvo::detail::EtcdAddress;
 using Korvo::detail::EtcdKeys;
 using Korvo::detail::EtcdMark;
 using Korvo::detail::EtcdSettings;
+
+TEST(EtcdEngine, RefusesOptionsOutOfRange) {
+  using std::chrono::seconds;
+  for (const seconds lease : {seconds(1), seconds(3601)}) {
+    EXPECT_THROW(Korvo::EtcdEngine({.lease = lease}), Korvo::KoInvalidArgument);
+  }
+  EXPECT_THROW(Korvo::EtcdEngine({.mostOperations = 1}), Korvo::KoInvalidArgument);
+  const Korvo::EtcdEngine engine({.lease = seconds(2), .mostOperations = 2});
+  EXPECT_EQ(engine.counters().transactions, 0U);
+}
 
 TEST(EtcdKeys, RowsStandUnderTheirTablesAndOids) {
   const EtcdKeys keys("korvo/net/agent/");

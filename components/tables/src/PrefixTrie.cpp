@@ -73,12 +73,10 @@ PrefixTrie::Node* PrefixTrie::newNode(std::size_t room) {
   room = (room + 15) / 16 * 16;
   Node* const node = new (::operator new(sizeof(Node) + room)) Node();
   node->room = static_cast<std::uint16_t>(room);
-  bytes_ += sizeof(Node) + room;
   return node;
 }
 
 void PrefixTrie::giveBack(Node* node) noexcept {
-  bytes_ -= sizeof(Node) + node->room;
   ::operator delete(node);
 }
 

@@ -72,9 +72,6 @@ class PrefixTrie {
   template <typename Use>
   void inside(const Prefix& prefix, const Use& use) const;
 
-  /// The memory that the nodes take.
-  std::size_t bytes() const { return bytes_; }
-
  private:
   static constexpr unsigned int stride = 6;
   static constexpr std::size_t linkLength = sizeof(void*);  ///< of a node to one below it
@@ -130,8 +127,8 @@ class PrefixTrie {
     return node.depth < prefix.length && node.bits.commonBits(prefix.bits) >= node.depth;
   }
 
-  Node* newNode(std::size_t room);
-  void giveBack(Node* node) noexcept;
+  static Node* newNode(std::size_t room);
+  static void giveBack(Node* node) noexcept;
   void moveTo(Node*& link, Node* fresh) noexcept;
   void makeRoom(Node*& link, std::size_t room);
   void shrink(Node*& link) noexcept;
@@ -145,7 +142,6 @@ class PrefixTrie {
   Node* root_ = nullptr;
   Slot all_ = noSlot;  ///< of the prefix of no bits
   bool hasAll_ = false;
-  std::size_t bytes_ = 0;
 };
 
 template <typename Use>

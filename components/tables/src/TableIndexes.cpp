@@ -167,10 +167,6 @@ void EqualIndex::reserve(std::size_t slots, std::size_t count) {
   }
 }
 
-std::size_t EqualIndex::bytes() const {
-  return buckets_.capacity() * sizeof(Slot) + links_.capacity() * sizeof(Link);
-}
-
 Slot EqualIndex::find(std::uint32_t hash, std::span<const KeyPart> wanted) const {
   Slot slot = buckets_[bucketOf(hash)];
   while (slot != noSlot &&
@@ -242,10 +238,6 @@ std::uint64_t OrderedIndex::leadingBytesOf(const KeyPart& part) {
 void OrderedIndex::reserve(std::size_t slots, std::size_t count) {
   TableIndex::reserve(slots, count);
   growTo(nodes_, slots);
-}
-
-std::size_t OrderedIndex::bytes() const {
-  return nodes_.capacity() * sizeof(Node);
 }
 
 bool OrderedIndex::isBefore(Slot a, Slot b) const {
@@ -373,10 +365,6 @@ void PrefixIndex::release(std::span<const KeyPart> key) noexcept {
   if (place.trie == nullptr) return;
   const Slot* const first = place.trie->place(place.prefix);
   if (first != nullptr && *first == noSlot) place.trie->removePlace(place.prefix);
-}
-
-std::size_t PrefixIndex::bytes() const {
-  return tries_[0].bytes() + tries_[1].bytes() + same_.capacity() * sizeof(Same);
 }
 
 void PrefixIndex::insert(Slot slot) noexcept {

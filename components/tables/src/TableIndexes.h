@@ -65,9 +65,6 @@ class TableIndex {
   void put(Slot slot, std::string& computed) noexcept;
   void takeOut(Slot slot) noexcept;
 
-  /// The memory that the index takes.
-  virtual std::size_t bytes() const = 0;
-
  protected:
   virtual void insert(Slot slot) noexcept = 0;
   virtual void erase(Slot slot) noexcept = 0;
@@ -94,7 +91,6 @@ class EqualIndex final : public TableIndex {
   using TableIndex::TableIndex;
 
   void reserve(std::size_t slots, std::size_t count) override;
-  std::size_t bytes() const override;
 
   /// The first row of the key, and the next one of the same key; noSlot when there is none.
   Slot find(std::span<const KeyPart> wanted) const;
@@ -126,7 +122,6 @@ class OrderedIndex final : public TableIndex {
   using TableIndex::TableIndex;
 
   void reserve(std::size_t slots, std::size_t count) override;
-  std::size_t bytes() const override;
 
   Slot first() const;
   Slot last() const;
@@ -163,7 +158,6 @@ class PrefixIndex final : public TableIndex {
   void reserve(std::size_t slots, std::size_t count) override;
   void prepare(std::span<const KeyPart> key) override;
   void release(std::span<const KeyPart> key) noexcept override;
-  std::size_t bytes() const override;
 
   // Rows of one prefix hang together: what is found is the first one.
 

@@ -11,6 +11,38 @@ using Korvo::Table;
 using Korvo::TableReader;
 using Korvo::TableState;
 
+TEST(TablePublisherTest, RefusesWhatCannotBePublished) {
+  const auto loop = std::make_shared<Korvo::TestLoop>();
+  const std::string longName(256, 'n');
+  EXPECT_THROW(Korvo::TablePublisher(longName, loop), Korvo::KoInvalidArgument);
+  EXPECT_NO_THROW(Korvo::TablePublisher(longName.substr(1), loop));
+  for (const milliseconds heartbeat : {milliseconds(99), milliseconds(60001)}) {
+    EXPECT_THROW(Korvo::TablePublisher("agent", loop, {.heartbeat = heartbeat}),
+                 Korvo::KoInvalidArgument);
+  }
+
+  Korvo::Table<Port> ports("net/port");
+  Korvo::Table<Port> others("net/port");
+  Korvo::Table<Port> longNamed(longName);
+  Korvo::TablePublisher publisher("agent", loop);
+  publisher.add(ports);
+  EXPECT_THROW(publisher.add(ports), Korvo::KoInvalidArgument);
+  EXPECT_THROW(publisher.add(others), Korvo::KoInvalidArgument);
+  EXPECT_THROW(publisher.add(longNamed), Korvo::KoInvalidArgument);
+  Korvo::TablePublisher another("another", loop);
+  EXPECT_THROW(another.add(ports), Korvo::KoInvalidArgument) << "it is published already";
+  EXPECT_NO_THROW(another.add(others));
+
+  Korvo::Batch batch(ports);
+  batch.put(port(1, "one"));
+  batch.commit();
+  EXPECT_THROW(publisher.historyIs(0, 5), Korvo::KoInvalidArgument);
+  EXPECT_THROW(publisher.historyIs(1, 0), Korvo::KoInvalidArgument);
+  publisher.historyIs(1, 5);
+  EXPECT_EQ(publisher.epoch(), 1U);
+  EXPECT_EQ(publisher.sequence(), 5U);
+}
+
 TEST_F(LinkTest, RowsComeAndChangesFollow) {
   agent->put(port(1, "eth0", 10, "10.0.0.0/8"), port(2, "eth1"), tabletest::link(7, true));
   connect();
