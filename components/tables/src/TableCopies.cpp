@@ -308,7 +308,7 @@ void TableCopies::takeRow(std::size_t number, std::span<const byte_t> row) {
   }
   const Slot present = table.find(oid);
   const auto equalsPresent = [&](const byte_t* other) {
-    return present != noSlot && rowsEqual(other, table.buffer(present)->buf_, table.layout());
+    return present != noSlot && rowsEqual(other, table.bytes(present), table.layout());
   };
   if (copy.isSame_ && equalsPresent(bytes)) return;
   KoPtr<KoRowBuf> buffer = newBuffer(length);
@@ -374,7 +374,11 @@ std::string TableCopies::mark(const TableMark& mark) {
   }
   const std::uint64_t sequence = source_->last + 1;
   for (const auto& commit : commits) commit->apply(sequence);
-  for (const Part& part : parts) part.copy->adopt(part.outcome, {history_, mark.sequence});
+  for (Part& part : parts) {
+    part.copy->adopt(part.outcome, {history_, mark.sequence});
+    part.outcome.operations.clear();
+    part.copy->store()->settle();
+  }
 
   waiting_ = 0;
   marked_ = mark.sequence;

@@ -118,7 +118,7 @@ void TableStore::keepDigest() noexcept {
   if (keepsDigest_) return;
   keepsDigest_ = true;
   for (Slot slot = slotFrom(0); slot != noSlot; slot = slotFrom(slot + 1)) {
-    digest_ ^= rowHash(buffers_[slot]->buf_);
+    digest_ ^= rowHash(bytes(slot));
   }
 }
 
@@ -193,8 +193,8 @@ void TableStore::unmapOid(Slot slot) noexcept {
 }
 
 Slot TableStore::slotFrom(Slot slot) const {
-  const std::size_t end = buffers_.size();
-  while (slot < end && buffers_[slot] == nullptr) ++slot;
+  const std::size_t end = rows_.size();
+  while (slot < end && rows_.isFree(slot)) ++slot;
   return slot < end ? slot : noSlot;
 }
 
@@ -203,7 +203,7 @@ void TableStore::addSlot() {
   if (slot >= noSlot) throw std::bad_alloc();
   entries_.grow();
   try {
-    buffers_.grow();
+    rows_.grow();
   } catch (...) {
     entries_.shrink();
     throw;
@@ -300,9 +300,8 @@ TableIndex& TableStore::addIndex(IndexKind kind, IndexKey key) {
   TableIndex& index = *added.index;
   index.reserve(entries_.size(), size_);
   for (Slot slot = slotFrom(0); slot != noSlot; slot = slotFrom(slot + 1)) {
-    const HeldRow held(buffer(slot));
-    std::string computed = index.compute(held);
-    const TableIndex::Key of = index.key(held, computed);
+    std::string computed = index.computes() ? index.compute(HeldRow(buffer(slot))) : std::string();
+    const TableIndex::Key of = index.key(row(slot), computed);
     if (kind == IndexKind::unique && !isSubscribed) {
       const Slot other = static_cast<EqualIndex&>(index).find(of.parts());
       if (other != noSlot) refuse(oid(other), oid(slot));
@@ -432,7 +431,7 @@ bool TableStore::Cursor::nextRow(Told& told) {
   const Entry& entry = store_->entries_[position_];
   const bool wasKnown =
       !isWhole_ && (store_->base_ + entry.added <= seen_ || returned_.contains(entry.oid));
-  told = {entry.oid, store_->buffers_[position_], nullptr, wasKnown};
+  told = {entry.oid, store_->buffer(position_), nullptr, wasKnown};
   if (keepsBefore_) {
     if (const auto before = before_.extract(entry.oid); !before.empty()) {
       told.before = before.mapped();
@@ -457,7 +456,7 @@ TableStore::Commit::Commit(TableStore& store, std::vector<RowOperation>& operati
     for (const KnownIndex& known : store_.indexes_) {
       if (!known.index->computes()) continue;
       computed_.push_back(touch.isRemoval ? std::string()
-                                          : known.index->compute(HeldRow(touch.buffer)));
+                                          : known.index->compute(HeldRow(touch.row.owner)));
     }
   }
   // A copy is as its owner has it.
@@ -470,6 +469,7 @@ TableStore::Commit::Commit(TableStore& store, std::vector<RowOperation>& operati
 
 TableStore::Commit::~Commit() {
   releaseIndexes();
+  store_.rows_.settle(2 * touches_.size());
 }
 
 template <typename Use>
@@ -488,7 +488,7 @@ void TableStore::Commit::prepareIndexes() {
   try {
     forEachKey([](const Touch& touch, const KnownIndex& known, std::string& computed, bool moves) {
       if (!moves || touch.isRemoval) return;
-      const SubRowReference row(touch.buffer->buf_);
+      const SubRowReference row(touch.row.bytes());
       known.index->prepare(known.index->key(row, computed).parts());
     });
   } catch (...) {
@@ -502,8 +502,9 @@ void TableStore::Commit::releaseIndexes() noexcept {
   if (moves_.empty()) return;
   forEachKey(
       [](const Touch& touch, const KnownIndex& known, const std::string& computed, bool moves) {
-        if (!moves || touch.buffer == nullptr || known.kind != IndexKind::longestPrefix) return;
-        const SubRowReference row(touch.buffer->buf_);
+        const byte_t* const bytes = touch.row.bytes();
+        if (!moves || bytes == nullptr || known.kind != IndexKind::longestPrefix) return;
+        const SubRowReference row(bytes);
         known.index->release(known.index->key(row, computed).parts());
       });
 }
@@ -522,10 +523,10 @@ void TableStore::Commit::select(std::vector<RowOperation>& operations) {
     const bool isRemoval = operation.buffer == nullptr;
     if (isRemoval && slot == noSlot) continue;
     if (!isRemoval && slot != noSlot) {
-      const KoPtr<KoRowBuf>& present = store_.buffer(slot);
-      if (rowsEqual(operation.buffer->buf_, present->buf_, store_.layout_)) continue;
+      if (rowsEqual(operation.buffer->buf_, store_.bytes(slot), store_.layout_)) continue;
     }
-    touches_.push_back({operation.oid, slot, operation.buffer, isRemoval});
+    const bool isHeld = operation.buffer.use_count() > 1;
+    touches_.push_back({operation.oid, slot, {operation.buffer, nullptr}, isRemoval, isHeld});
   }
 }
 
@@ -544,7 +545,7 @@ void TableStore::Commit::checkUnique() const {
       }
     }
     const auto keyOf = [&](std::size_t i) {
-      return index.key(SubRowReference(touches_[i].buffer->buf_),
+      return index.key(SubRowReference(touches_[i].row.bytes()),
                        index.computes() ? computed_[i * computing + ordinal] : std::string_view());
     };
     std::unordered_multimap<std::uint64_t, std::size_t> fresh;
@@ -571,23 +572,26 @@ void TableStore::Commit::checkUnique() const {
 void TableStore::Commit::reserve() {
   std::size_t added = 0;
   std::size_t removed = 0;
+  std::size_t held = 0;
   const std::string* computed = computed_.data();
   moves_.reserve(touches_.size() * store_.indexes_.size());
   for (const Touch& touch : touches_) {
     const bool isNew = touch.slot == noSlot;
     if (isNew) ++added;
     if (touch.isRemoval) ++removed;
+    if (touch.isHeld) ++held;
     for (const KnownIndex& known : store_.indexes_) {
       const TableIndex& index = *known.index;
       const std::string_view key = index.computes() ? *computed++ : std::string_view();
       moves_.push_back(isNew || touch.isRemoval ||
                        compareKeys(index.key(touch.slot).parts(),
-                                   index.key(SubRowReference(touch.buffer->buf_), key).parts()) !=
+                                   index.key(SubRowReference(touch.row.bytes()), key).parts()) !=
                            0);
     }
   }
   store_.reserveOids(added);
   while (store_.freeCount_ < added) store_.addSlot();
+  store_.rows_.reserveShared(held);
   for (const KnownIndex& known : store_.indexes_) {
     known.index->reserve(store_.entries_.size(), touches_.size());
   }
@@ -637,12 +641,11 @@ void TableStore::Commit::apply(std::uint64_t sequence) noexcept {
       entry.sequence = now;
       store_.link(touch.slot);
     }
-    KoPtr<KoRowBuf>& buffer = store_.buffers_[touch.slot];
     if (store_.keepsDigest_) {
-      if (!isNew) store_.digest_ ^= rowHash(buffer->buf_);
-      if (!touch.isRemoval) store_.digest_ ^= rowHash(touch.buffer->buf_);
+      if (!isNew) store_.digest_ ^= rowHash(store_.bytes(touch.slot));
+      if (!touch.isRemoval) store_.digest_ ^= rowHash(touch.row.bytes());
     }
-    buffer.swap(touch.buffer);
+    store_.rows_.exchange(touch.slot, touch.row, touch.isHeld);
   }
   forEachKey([](const Touch& touch, const KnownIndex& known, std::string& computed, bool moves) {
     if (moves && !touch.isRemoval) known.index->put(touch.slot, computed);

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "Chunked.h"
+#include "StoredRows.h"
 #include "TableIndexes.h"
 
 namespace Korvo::detail {
@@ -89,11 +90,19 @@ class TableStore {
   void keepDigest() noexcept;
 
   Slot find(oid_t oid) const;
-  const KoPtr<KoRowBuf>& buffer(Slot slot) const { return buffers_[slot]; }
-  SubRowReference row(Slot slot) const { return SubRowReference(buffers_[slot]->buf_); }
+  /// The row's owner, which it shares with whoever holds it. Throws std::bad_alloc.
+  KoPtr<KoRowBuf> buffer(Slot slot) const { return rows_.share(slot); }
+  /// The row where it lies, for as long as it is in the table.
+  const byte_t* bytes(Slot slot) const { return rows_.bytes(slot); }
+  SubRowReference row(Slot slot) const { return SubRowReference(bytes(slot)); }
   oid_t oid(Slot slot) const { return entries_[slot].oid; }
   /// The rows, in no order: the first slot in use at or behind `slot`, or noSlot.
   Slot slotFrom(Slot slot) const;
+  /// Looks for rows that others held, and hold no more: they take less memory then. To be called
+  /// when many have been let go of at once.
+  void settle() noexcept { rows_.settle(); }
+  /// How many rows are kept as if others held them.
+  std::size_t sharedCount() const { return rows_.sharedCount(); }
 
   /// An index of these columns; the same one when asked for again. Throws with the table as before.
   TableIndex& index(IndexKind kind, std::span<const std::size_t> columns);
@@ -177,7 +186,7 @@ class TableStore {
 
   static constexpr std::uint64_t mostRelative = (std::uint64_t{1} << 31) - 1;
   std::uint64_t base_ = 0;
-  Chunked<KoPtr<KoRowBuf>> buffers_;  ///< null: the slot is free
+  mutable StoredRows rows_;  ///< sharing a row changes how it is kept, not what it is
   Chunked<Entry> entries_;
   std::vector<Slot> buckets_;  ///< by oid, linear probing; a power of two
   Slot free_ = noSlot;
@@ -289,8 +298,9 @@ class TableStore::Commit {
   struct Touch {
     oid_t oid;
     Slot slot;               ///< noSlot: the row is new
-    KoPtr<KoRowBuf> buffer;  ///< after apply(): the former one
+    StoredRows::Row row;  ///< after apply(): the former one
     bool isRemoval;
+    bool isHeld;  ///< by others than the batch
   };
 
   void select(std::vector<RowOperation>& operations);
