@@ -27,10 +27,20 @@ bool StoredRows::isSole(const KoPtr<KoRowBuf>& owner) noexcept {
 KoPtr<KoRowBuf> StoredRows::share(Slot slot) {
   Word& word = words_[slot];
   if (isShared(word)) return shared_[placeOf(word)].owner;
+  byte_t* const bytes = bytesOf(word);
+  __builtin_prefetch(bytes);  // whoever asks for a row will look at it
+  // Who looks up row after row, and lets go of each, has one owner for all of them.
+  if (hand_ < shared_.size() && shared_[hand_].isOurs && isSole(shared_[hand_].owner)) {
+    Shared& free = shared_[hand_];
+    words_[free.slot] = wordOf(std::exchange(free.owner->buf_, bytes));
+    free.slot = slot;
+    word = wordOf(hand_);
+    return free.owner;
+  }
   // Two looks for one owner more: rows that were let go of do not pile up.
   settle(2);
-  shared_.push_back({std::make_shared<KoRowBuf>(), slot});
-  shared_.back().owner->buf_ = bytesOf(word);
+  shared_.push_back({std::make_shared<KoRowBuf>(), slot, true});
+  shared_.back().owner->buf_ = bytes;
   word = wordOf(shared_.size() - 1);
   return shared_.back().owner;
 }
@@ -64,7 +74,7 @@ void StoredRows::dropPlace(std::size_t place) noexcept {
 void StoredRows::exchange(Slot slot, Row& row, bool isHeld) noexcept {
   Row gone = takeOut(slot);
   if (isHeld) {
-    shared_.push_back({std::move(row.owner), slot});
+    shared_.push_back({std::move(row.owner), slot, false});
     words_[slot] = wordOf(shared_.size() - 1);
   } else if (row.owner != nullptr) {
     words_[slot] = wordOf(std::exchange(row.owner->buf_, nullptr));

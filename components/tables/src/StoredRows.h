@@ -72,6 +72,7 @@ class StoredRows {
   struct Shared {
     KoPtr<KoRowBuf> owner;
     Slot slot;
+    bool isOurs;  ///< made here, so that it may serve another row
   };
 
   static bool isShared(Word word) { return (word & 1) != 0; }
