@@ -19,7 +19,8 @@ constexpr std::uintptr_t hugePage = std::uintptr_t{2} << 20;
 void askForHugePages(void* begin, std::size_t length) {
   const auto from = (reinterpret_cast<std::uintptr_t>(begin) + hugePage - 1) & ~(hugePage - 1);
   const auto to = (reinterpret_cast<std::uintptr_t>(begin) + length) & ~(hugePage - 1);
-  if (from < to) static_cast<void>(madvise(reinterpret_cast<void*>(from), to - from, MADV_HUGEPAGE));
+  if (from < to)
+    static_cast<void>(madvise(reinterpret_cast<void*>(from), to - from, MADV_HUGEPAGE));
 }
 
 }  // namespace
@@ -42,7 +43,7 @@ void BlockPool::giveBack(void* block, std::size_t units) noexcept {
 void BlockPool::addPiece(std::size_t units) {
   const std::size_t most = std::clamp(allUnits_ / 4, leastUnits, largestUnits);
   const std::size_t wanted = std::max(most, units + 1);
-  auto* const memory = static_cast<std::byte*>(::operator new(wanted * unit));
+  auto* const memory = static_cast<std::byte*>(::operator new(wanted* unit));
   askForHugePages(memory, wanted * unit);
   if (restUnits_ != 0) {
     const std::size_t kept = std::min(restUnits_, mostUnits);

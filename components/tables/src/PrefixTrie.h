@@ -6,9 +6,9 @@
 // than its depth, a multiple of six: those of 19 to 24 bits for example, so that the lengths that
 // networks mostly have, 24 and 48, are the last ones of their nodes. Three bit maps tell which
 // prefixes and which nodes below there are. A node is one cache line, and the nodes below it stand
-// side by side, without gaps, in a block of memory, so that a step down is one look. Few slots stand
-// in the node, more of them in the block, behind the nodes. A node with nothing but one node below
-// it is left out, so there are fewer nodes than prefixes.
+// side by side, without gaps, in a block of memory, so that a step down is one look. Few slots
+// stand in the node, more of them in the block, behind the nodes. A node with nothing but one node
+// below it is left out, so there are fewer nodes than prefixes.
 
 #include <Korvo/TableIndex.h>
 
@@ -151,7 +151,7 @@ class PrefixTrie {
   static void visit(const Node& node, unsigned int more, unsigned int first, const Use& use);
 
   BlockPool blocks_;
-  Node root_;  ///< empty if there are no prefixes but that of no bits
+  Node root_;          ///< empty if there are no prefixes but that of no bits
   Slot all_ = noSlot;  ///< of the prefix of no bits
   bool hasAll_ = false;
 };

@@ -2,8 +2,9 @@
 
 // The bytes of a table's rows, by slot.
 //
-// Most rows are held by nobody but their table. Of such a row only the bytes are kept; an owner that
-// rows can share is made when somebody asks for it, and given up when all others have let go of it:
+// Most rows are held by nobody but their table. Of such a row only the bytes are kept; an owner
+// that rows can share is made when somebody asks for it, and given up when all others have let go
+// of it:
 //
 //   slot 0   | bytes ---------------------> [ row ]
 //   slot 1   | shared, place 0 --> owner -> [ row ] <- whoever holds it

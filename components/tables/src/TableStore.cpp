@@ -309,6 +309,7 @@ TableIndex& TableStore::addIndex(IndexKind kind, IndexKey key) {
     index.prepare(of.parts());
     index.put(slot, computed);
   }
+  index.settle();
   indexes_.push_back(std::move(added));
   return index;
 }
@@ -469,6 +470,7 @@ TableStore::Commit::Commit(TableStore& store, std::vector<RowOperation>& operati
 
 TableStore::Commit::~Commit() {
   releaseIndexes();
+  for (const KnownIndex& known : store_.indexes_) known.index->settle();
   store_.rows_.settle(2 * touches_.size());
 }
 

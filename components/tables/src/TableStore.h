@@ -297,7 +297,7 @@ class TableStore::Commit {
  private:
   struct Touch {
     oid_t oid;
-    Slot slot;               ///< noSlot: the row is new
+    Slot slot;            ///< noSlot: the row is new
     StoredRows::Row row;  ///< after apply(): the former one
     bool isRemoval;
     bool isHeld;  ///< by others than the batch
