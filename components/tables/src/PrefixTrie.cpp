@@ -86,14 +86,14 @@ unsigned int PrefixTrie::Node::longest(unsigned int most, unsigned int six) cons
   return found == 0 ? 0 : static_cast<unsigned int>(std::bit_width(std::bit_width(found) + 1U)) - 1;
 }
 
-Slot& PrefixTrie::addSlot(Node& node, unsigned int more, unsigned int six) noexcept {
+void PrefixTrie::addSlot(Node& node, unsigned int more, unsigned int six) noexcept {
   const unsigned int index = node.slotIndex(more, six);
   if (node.slotCount == fewSlots) std::memcpy(node.farSlots(), node.few, sizeof node.few);
   Slot* const at = (node.slotCount < fewSlots ? node.few : node.farSlots()) + index;
   std::memmove(at + 1, at, (node.slotCount - index) * sizeof(Slot));
   ++node.slotCount;
   (more == stride ? node.sixth : node.upper) |= std::uint64_t{1} << bitOf(more, six);
-  return *at = noSlot;
+  *at = noSlot;
 }
 
 void PrefixTrie::removeSlot(Node& node, unsigned int more, unsigned int six) noexcept {
@@ -136,10 +136,9 @@ bool PrefixTrie::skipIfIdle(Node& node) noexcept {
 // ---------------------------------------------------------------------------------------------
 // Places
 
-Slot& PrefixTrie::makePlace(const Prefix& prefix) {
+bool PrefixTrie::makePlace(const Prefix& prefix) {
   if (prefix.length == 0) {
-    hasAll_ = true;
-    return all_;
+    return !std::exchange(hasAll_, true);
   }
   const unsigned int depth = depthFor(prefix.length);
   const unsigned int more = prefix.length - depth;
@@ -160,17 +159,20 @@ Slot& PrefixTrie::makePlace(const Prefix& prefix) {
       makeRoom(fork, 2, 0);
       addNode(fork, *at);
       *at = fork;
-      return addSlot(parting == depth ? *at : addNode(*at, newNode(depth)), more, lastSix);
+      addSlot(parting == depth ? *at : addNode(*at, newNode(depth)), more, lastSix);
+      return true;
     }
     if (at->depth == depth) {
-      if (at->hasSlot(more, lastSix)) return at->slots()[at->slotIndex(more, lastSix)];
+      if (at->hasSlot(more, lastSix)) return false;
       makeRoom(*at, at->nodeCount, at->slotCount + 1U);
-      return addSlot(*at, more, lastSix);
+      addSlot(*at, more, lastSix);
+      return true;
     }
     const unsigned int six = prefix.bits.sixBits(at->depth);
     if (!at->hasNode(six)) {
       makeRoom(*at, at->nodeCount + 1U, at->slotCount);
-      return addSlot(addNode(*at, newNode(depth)), more, lastSix);
+      addSlot(addNode(*at, newNode(depth)), more, lastSix);
+      return true;
     }
     at = at->nodes() + at->nodeIndex(six);
   }

@@ -54,9 +54,9 @@ class PrefixTrie {
   PrefixTrie(const PrefixTrie&) = delete;
   PrefixTrie& operator=(const PrefixTrie&) = delete;
 
-  /// The place of the prefix, an empty one if it is new. Valid until places are made or given back.
-  /// Throws std::bad_alloc with the trie as before.
-  Slot& makePlace(const Prefix& prefix);
+  /// Makes an empty place for the prefix; false if it has one. Other places may move. Throws
+  /// std::bad_alloc with the trie as before.
+  bool makePlace(const Prefix& prefix);
   /// Null if the prefix has none.
   Slot* place(const Prefix& prefix) {
     return const_cast<Slot*>(std::as_const(*this).place(prefix));
@@ -142,7 +142,7 @@ class PrefixTrie {
   void moveTo(Node& node, std::size_t units);
   void makeRoom(Node& node, unsigned int nodes, unsigned int slots);
   void shrink(Node& node) noexcept;
-  static Slot& addSlot(Node& node, unsigned int more, unsigned int six) noexcept;
+  static void addSlot(Node& node, unsigned int more, unsigned int six) noexcept;
   static void removeSlot(Node& node, unsigned int more, unsigned int six) noexcept;
   static Node& addNode(Node& node, const Node& added) noexcept;
   static void removeNode(Node& node, unsigned int six) noexcept;

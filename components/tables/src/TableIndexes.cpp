@@ -423,8 +423,7 @@ void PrefixIndex::reserve(std::size_t slots, std::size_t count) {
 void PrefixIndex::prepare(std::span<const KeyPart> key) {
   const Place place = placeOf(key);
   if (place.trie == nullptr) return;
-  if (same_.empty() && place.trie->place(place.prefix) != nullptr) same_.resize(slots_);
-  place.trie->makePlace(place.prefix);
+  if (!place.trie->makePlace(place.prefix) && same_.empty()) same_.resize(slots_);
 }
 
 void PrefixIndex::release(std::span<const KeyPart> key) noexcept {
