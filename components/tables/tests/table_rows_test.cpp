@@ -68,12 +68,17 @@ TEST_F(TableRowsTest, RowsThatAreHeldAreSharedByAllWhoAskForThem) {
 
 TEST_F(TableRowsTest, BytesStayWhereTheyAreWhileTheRowIsInTheTable) {
   fill(50);
-  const Korvo::byte_t* const place = bytesOf(ports_.find(7));
-  const auto name = ports_.find(7).view<"name">();
+  const Korvo::byte_t* place = nullptr;
+  std::string_view name;
+  {
+    const Port row = ports_.find(7);
+    place = bytesOf(row);
+    name = row.view<"name">().view();
+  }
   for (const Port& row : ports_) EXPECT_FALSE(row.isNull());
   for (int i = 0; i < 20; ++i) putOne(8, "eth" + std::to_string(i));
   EXPECT_EQ(bytesOf(ports_.find(7)), place);
-  EXPECT_EQ(name.view(), "eth7");
+  EXPECT_EQ(name, "eth7");
 }
 
 TEST_F(TableRowsTest, RowsThatAreHeldStayAsTheyWere) {
