@@ -13,14 +13,15 @@ namespace {
 
 constexpr std::size_t leastUnits = 64;
 constexpr std::size_t largestUnits = std::size_t{16} << 20 >> 6;
-constexpr std::uintptr_t hugePage = std::uintptr_t{2} << 20;
+constexpr std::size_t hugePage = std::size_t{2} << 20;
 
 /// Asks for large pages where whole ones lie inside. A system without them is as good but slower.
-void askForHugePages(void* begin, std::size_t length) {
-  const auto from = (reinterpret_cast<std::uintptr_t>(begin) + hugePage - 1) & ~(hugePage - 1);
-  const auto to = (reinterpret_cast<std::uintptr_t>(begin) + length) & ~(hugePage - 1);
-  if (from < to)
-    static_cast<void>(madvise(reinterpret_cast<void*>(from), to - from, MADV_HUGEPAGE));
+void askForHugePages(std::byte* begin, std::size_t length) {
+  const auto address = reinterpret_cast<std::uintptr_t>(begin);
+  const std::size_t before = (hugePage - address % hugePage) % hugePage;
+  if (before >= length) return;
+  const std::size_t whole = (length - before) / hugePage * hugePage;
+  if (whole != 0) static_cast<void>(madvise(begin + before, whole, MADV_HUGEPAGE));
 }
 
 }  // namespace

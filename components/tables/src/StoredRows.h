@@ -78,7 +78,10 @@ class StoredRows {
 
   static bool isShared(Word word) { return (word & 1) != 0; }
   static std::size_t placeOf(Word word) { return word >> 1; }
-  static byte_t* bytesOf(Word word) { return reinterpret_cast<byte_t*>(word); }
+  static byte_t* bytesOf(Word word) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): it comes from wordOf()
+    return reinterpret_cast<byte_t*>(word);
+  }
   static Word wordOf(std::size_t place) { return place << 1 | 1; }
   static Word wordOf(const byte_t* bytes) { return reinterpret_cast<Word>(bytes); }
   static bool isSole(const KoPtr<KoRowBuf>& owner) noexcept;
