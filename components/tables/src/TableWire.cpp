@@ -147,6 +147,9 @@ Hello Hello::decode(std::span<const byte_t> body) {
     if (std::ranges::find(hello.tables, table.number, &Table::number) != hello.tables.end()) {
       throw ProtocolError("a table number twice");
     }
+    if (std::ranges::find(hello.tables, table.name, &Table::name) != hello.tables.end()) {
+      throw ProtocolError("a table twice");
+    }
     hello.tables.push_back(std::move(table));
   }
   reader.end();

@@ -4,6 +4,8 @@
 #include "table_link_support.h"
 #include "wire_frames.h"
 
+#include <algorithm>
+
 namespace {
 
 using namespace tabletest;
@@ -163,6 +165,26 @@ TEST_F(PublisherWireTest, RefusesAcksOfWhatWasNotSent) {
   EXPECT_EQ(answer(frame(ack, 0, Bytes().u64(99).u64(0).get())), "bye ACK of what was not sent ");
 }
 
+// Each of its numbers would cost a walk of its own through the table, and hold its rows.
+TEST_F(PublisherWireTest, RefusesATableThatIsAskedForTwice) {
+  Bytes tables;
+  for (unsigned number = 0; number < 2; ++number) {
+    tables.u16(number).text("net/port").u16(7).raw(std::string(20, 'f')).u64(0).u64(0);
+  }
+  EXPECT_EQ(answer(frame(hello, 0,
+                         Bytes()
+                             .raw("KORVOTAB")
+                             .u16(1)
+                             .u16(1)
+                             .u32(0)
+                             .u32(5000)
+                             .text("raw")
+                             .u16(2)
+                             .raw(tables.get())
+                             .get())),
+            "bye a table twice ");
+}
+
 TEST_F(PublisherWireTest, RefusedTableIsToldNoMore) {
   answer(helloFrame<PortLayout>());
   agent->put(port(1, "a"));
@@ -253,6 +275,25 @@ class SubscriberWireTest : public testing::Test {
 TEST_F(SubscriberWireTest, AcknowledgesMarks) {
   begin(port(1, "a"));
   EXPECT_EQ(raw.last, Bytes().u64(10).u64(0).get());
+}
+
+// However many marks it sends: one acknowledgement waits, and tells the last of them.
+TEST_F(SubscriberWireTest, PublisherThatReadsNothingMakesNothingGrow) {
+  begin(port(1, "a"));
+  constexpr std::uint64_t marks = 10000;
+  for (std::uint64_t i = 1; i <= marks; ++i) {
+    raw.send(markFrame(10 + i, 0, 1, digestOf(port(1, "a"))));
+    loop->runUntilQuiet();
+  }
+  EXPECT_EQ(subscriber.status().marks, 1 + marks);
+  std::size_t acks = 0;
+  for (int turn = 0; turn < 3; ++turn) {
+    const std::string types = raw.receive();
+    acks += static_cast<std::size_t>(std::ranges::count(types, ' '));
+    loop->runUntilQuiet();
+  }
+  EXPECT_LT(acks, 65536 / 24 + 10);  // what the link holds
+  EXPECT_EQ(raw.last, Bytes().u64(10 + marks).u64(0).get());
 }
 
 TEST_F(SubscriberWireTest, RowsAppearAtTheMarkOnly) {
