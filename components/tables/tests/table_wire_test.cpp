@@ -154,6 +154,17 @@ TEST_F(PublisherWireTest, LateHelloIsRefused) {
   EXPECT_EQ(raw.receive(), "bye no HELLO ");
 }
 
+TEST_F(PublisherWireTest, HelloOfAByteAWhileIsNotWaitedFor) {
+  std::string types;
+  for (const char each : helloFrame<PortLayout>().substr(0, 60)) {
+    raw.send({&each, 1});
+    loop->advance(milliseconds(100));
+    types += raw.receive();
+    if (!raw.isOpen) break;
+  }
+  EXPECT_EQ(types, "bye no HELLO ");
+}
+
 TEST_F(PublisherWireTest, SkipsUnknownFramesThatMayBeSkipped) {
   answer(helloFrame<PortLayout>());
   EXPECT_EQ(answer(frame(0x85, 9, "whatever")), "");
