@@ -231,6 +231,7 @@ TEST(TableSocketTest, OwnStallsDoNotCount) {
   EXPECT_EQ(copy.state(), TableState::current);
 }
 
+// Without the right to become another user: table_syscall_test.
 TEST(TableSocketTest, OtherUsersAreRefusedInWords) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
   const Folder folder;

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <functional>
+#include <optional>
 #include <random>
 #include <system_error>
 
@@ -47,6 +48,9 @@ struct Failing {
   bool isShort = false;  ///< writes and reads one byte at a time
 };
 Failing failing;
+
+/// Who connects, in place of the user that the kernel tells.
+std::optional<uid_t> peer;
 
 bool fails(Call call) {
   if (failing.call != call) return false;
@@ -98,7 +102,9 @@ ssize_t recv(int fd, void* to, size_t most, int flags) {
 }
 int getsockopt(int fd, int level, int option, void* value, socklen_t* length) noexcept {
   if (fails(Call::getsockopt)) return -1;
-  return static_cast<int>(syscall(SYS_getsockopt, fd, level, option, value, length));
+  const auto result = static_cast<int>(syscall(SYS_getsockopt, fd, level, option, value, length));
+  if (peer && result == 0 && option == SO_PEERCRED) static_cast<ucred*>(value)->uid = *peer;
+  return result;
 }
 int fchmod(int fd, mode_t mode) noexcept {
   if (fails(Call::fchmod)) return -1;
@@ -137,6 +143,7 @@ class TableSyscallTest : public testing::Test {
   }
   ~TableSyscallTest() override {
     failing = {};
+    peer.reset();
     subscriber_.reset();
     publisher_.reset();
     unlink(file_.c_str());
@@ -284,6 +291,26 @@ TEST_F(TableSyscallTest, PeerThatCannotBeAskedForIsRefused) {
   subscribe();
   EXPECT_TRUE(runUntil([&] { return failing.failed == 1 && !publisher_->lastReason().empty(); }));
   EXPECT_EQ(publisher_->lastReason(), "the user is not known");
+  EXPECT_TRUE(comesTogether());
+}
+
+// With another user's process: table_socket_test, if it may become one.
+TEST_F(TableSyscallTest, OtherUsersAreRefusedInWords) {
+  publish();
+  peer = geteuid() + 1;
+  subscribe();
+  const std::string text = "user " + std::to_string(*peer) + " may not subscribe";
+  EXPECT_TRUE(runUntil([&] { return subscriber_->status().lastReason.ends_with(text); }));
+  EXPECT_EQ(publisher_->lastReason(), text);
+  EXPECT_EQ(copy.state(), TableState::loading);
+  EXPECT_TRUE(copy.empty());
+  subscriber_.reset();
+  publisher_.reset();
+  publisher_ = std::make_unique<TablePublisher>(
+      "agent", loop, TablePublisher::Options{.users = {geteuid() + 7, *peer}});
+  publisher_->add(ports);
+  publisher_->listen(address_);
+  subscribe();
   EXPECT_TRUE(comesTogether());
 }
 
