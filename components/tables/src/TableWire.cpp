@@ -337,6 +337,12 @@ void OutQueue::sent(std::size_t count) {
   }
 }
 
+void OutQueue::clear() noexcept {
+  items_.clear();
+  begun_ = 0;
+  size_ = 0;
+}
+
 void OutQueue::dropUnbegun() {
   const std::size_t kept = begun_ == 0 ? 0 : 1;
   while (items_.size() > kept) {

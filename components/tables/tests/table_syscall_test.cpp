@@ -2,6 +2,7 @@
 // the C library are replaced in this program.
 
 #include <Korvo/EventLoop.h>
+#include <Korvo/TableBrowser.h>
 #include <Korvo/TablePublisher.h>
 #include <Korvo/TableSubscriber.h>
 #include <sys/socket.h>
@@ -349,6 +350,59 @@ TEST_F(TableSyscallTest, ShortReadsAndWritesAreGoneOnWith) {
     EXPECT_TRUE(comesTogether());
   }
   EXPECT_EQ(subscriber_->status().connections, 1U);
+}
+
+// A question ends once, whatever fails, and is answered when it is asked again.
+TEST_F(TableSyscallTest, QuestionsEndOnce) {
+  publish();
+  Korvo::TableBrowser browser(address_, loop,
+                              {.name = "asker", .patience = std::chrono::seconds(2)});
+  int answers = 0;
+  std::string failure;
+  int ends = 0;
+  browser.onAnswer([&](const Korvo::PublisherInfo& info) {
+    ++ends;
+    answers += info.tables.size() == 1 ? 1 : 0;
+  });
+  browser.onFailure([&](const std::string& text) {
+    ++ends;
+    failure = text;
+  });
+  const auto ask = [&] {
+    ends = 0;
+    browser.ask();
+    return runUntil([&] { return ends != 0; });
+  };
+  for (const auto& [call, error, skip] :
+       std::initializer_list<std::tuple<Call, int, int>>{{Call::socket, EMFILE, 0},
+                                                         {Call::connect, ECONNREFUSED, 0},
+                                                         {Call::connect, EAGAIN, 0},
+                                                         {Call::accept4, EMFILE, 0},
+                                                         {Call::accept4, ECONNABORTED, 0},
+                                                         {Call::getsockopt, ENOBUFS, 0},
+                                                         {Call::recv, EINTR, 0},
+                                                         {Call::recv, ECONNRESET, 0},
+                                                         {Call::recv, ECONNRESET, 1},
+                                                         {Call::recv, EBADF, 2},
+                                                         {Call::recv, ENOMEM, 3},
+                                                         {Call::sendmsg, EINTR, 0},
+                                                         {Call::sendmsg, EPIPE, 0},
+                                                         {Call::sendmsg, EPIPE, 1},
+                                                         {Call::sendmsg, ECONNRESET, 2},
+                                                         {Call::sendmsg, ENOBUFS, 3}}) {
+    SCOPED_TRACE(std::string(strerror(error)) + " " + std::to_string(skip));
+    failing = {.call = call, .error = error, .skip = skip};
+    failure.clear();
+    answers = 0;
+    EXPECT_TRUE(ask());
+    loop->run(0, 0.02, false);
+    EXPECT_EQ(ends, 1);
+    EXPECT_TRUE(answers == 1 || !failure.empty());
+    failing = {};
+    answers = 0;
+    EXPECT_TRUE(ask());
+    EXPECT_EQ(answers, 1) << failure;
+  }
 }
 
 // Random failures of every call, for a while; then all is well.
