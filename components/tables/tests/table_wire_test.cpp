@@ -228,6 +228,37 @@ TEST_F(PublisherWireTest, TellsOfRowsThatASubscriberRefused) {
   EXPECT_FALSE(agent.has_value());
 }
 
+// A subscriber that complains of every row: what does not fit is not told, and its number is known.
+TEST_F(PublisherWireTest, ThousandNotesWaitToBeTold) {
+  int told = 0;
+  agent->publisher.onRefusedRow([&](const auto&) { ++told; });
+  answer(helloFrame<PortLayout>());
+  std::string notes;
+  for (std::uint32_t oid = 0; oid < 1500; ++oid) {
+    notes += frame(note, 3, Bytes().u32(oid).text("").get());
+  }
+  EXPECT_EQ(answer(notes + frame(ack, 0, Bytes().u64(0).u64(1500).get())), "");
+  EXPECT_EQ(told, 1000);
+  EXPECT_EQ(agent->publisher.subscribers().at(0).refused, 1500U);
+}
+
+// Names are what subscribers choose: those that were seen last are remembered.
+TEST_F(PublisherWireTest, FourThousandNamesAreRemembered) {
+  const auto come = [&](int number) {
+    raw.streamIs(link.subscriberEnd()->connect());
+    const std::string name = std::to_string(100000 + number);
+    std::string hello = helloFrame<PortLayout>();
+    hello.replace(hello.find("\3raw"), 4, "\6" + name);
+    hello[0] = static_cast<char>(hello[0] + 3);
+    answer(hello);
+    return agent->publisher.subscribers().at(0).reconnects;
+  };
+  for (int number = 0; number < 4097; ++number) ASSERT_EQ(come(number), 0U);
+  EXPECT_EQ(come(1), 1U);
+  EXPECT_EQ(come(0), 0U);  // forgotten
+  EXPECT_EQ(come(4096), 1U);
+}
+
 TEST_F(PublisherWireTest, SubscriberThatTakesNothingIsClosedAndTheOthersBytesAreBounded) {
   agent->putMany(1, 5000);
   link.roomIs(1000);
