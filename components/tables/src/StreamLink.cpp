@@ -70,13 +70,12 @@ class StreamLink final : public TableLink, private ByteStream::User {
       count += result.count;
       if (result.count < buffer_.size() || user_.linkShouldYield()) break;
     }
-    session_.received();
     return std::nullopt;
   }
 
   End write() {
     std::array<iovec, OutQueue::mostParts> parts;
-    while (!session_.out().empty()) {
+    for (session_.received(); !session_.out().empty(); session_.received()) {
       const int count = session_.out().next(parts, turnBytes);
       std::size_t wanted = 0;
       for (int i = 0; i < count; ++i) wanted += parts[static_cast<std::size_t>(i)].iov_len;

@@ -147,6 +147,9 @@ Hello Hello::decode(std::span<const byte_t> body) {
     if (std::ranges::find(hello.tables, table.number, &Table::number) != hello.tables.end()) {
       throw ProtocolError("a table number twice");
     }
+    if (std::ranges::find(hello.tables, table.name, &Table::name) != hello.tables.end()) {
+      throw ProtocolError("a table twice");
+    }
     hello.tables.push_back(std::move(table));
   }
   reader.end();
@@ -332,6 +335,12 @@ void OutQueue::sent(std::size_t count) {
     begun_ -= items_.front().length();
     items_.pop_front();
   }
+}
+
+void OutQueue::clear() noexcept {
+  items_.clear();
+  begun_ = 0;
+  size_ = 0;
 }
 
 void OutQueue::dropUnbegun() {

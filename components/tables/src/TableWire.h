@@ -278,6 +278,8 @@ class OutQueue {
   void sent(std::size_t count);
   /// Drops the frames of which nothing was sent.
   void dropUnbegun();
+  /// Drops all. Takes no memory, which a new queue would.
+  void clear() noexcept;
 
  private:
   struct Item {

@@ -4,6 +4,8 @@
 #include "table_link_support.h"
 #include "wire_frames.h"
 
+#include <algorithm>
+
 namespace {
 
 using namespace tabletest;
@@ -152,6 +154,17 @@ TEST_F(PublisherWireTest, LateHelloIsRefused) {
   EXPECT_EQ(raw.receive(), "bye no HELLO ");
 }
 
+TEST_F(PublisherWireTest, HelloOfAByteAWhileIsNotWaitedFor) {
+  std::string types;
+  for (const char each : helloFrame<PortLayout>().substr(0, 60)) {
+    raw.send({&each, 1});
+    loop->advance(milliseconds(100));
+    types += raw.receive();
+    if (!raw.isOpen) break;
+  }
+  EXPECT_EQ(types, "bye no HELLO ");
+}
+
 TEST_F(PublisherWireTest, SkipsUnknownFramesThatMayBeSkipped) {
   answer(helloFrame<PortLayout>());
   EXPECT_EQ(answer(frame(0x85, 9, "whatever")), "");
@@ -161,6 +174,26 @@ TEST_F(PublisherWireTest, SkipsUnknownFramesThatMayBeSkipped) {
 TEST_F(PublisherWireTest, RefusesAcksOfWhatWasNotSent) {
   answer(helloFrame<PortLayout>());
   EXPECT_EQ(answer(frame(ack, 0, Bytes().u64(99).u64(0).get())), "bye ACK of what was not sent ");
+}
+
+// Each of its numbers would cost a walk of its own through the table, and hold its rows.
+TEST_F(PublisherWireTest, RefusesATableThatIsAskedForTwice) {
+  Bytes tables;
+  for (unsigned number = 0; number < 2; ++number) {
+    tables.u16(number).text("net/port").u16(7).raw(std::string(20, 'f')).u64(0).u64(0);
+  }
+  EXPECT_EQ(answer(frame(hello, 0,
+                         Bytes()
+                             .raw("KORVOTAB")
+                             .u16(1)
+                             .u16(1)
+                             .u32(0)
+                             .u32(5000)
+                             .text("raw")
+                             .u16(2)
+                             .raw(tables.get())
+                             .get())),
+            "bye a table twice ");
 }
 
 TEST_F(PublisherWireTest, RefusedTableIsToldNoMore) {
@@ -193,6 +226,37 @@ TEST_F(PublisherWireTest, TellsOfRowsThatASubscriberRefused) {
   EXPECT_EQ(told, "raw net/port 17 too long");
   EXPECT_EQ(traced, ": raw cannot take row 17 of net/port: too long");
   EXPECT_FALSE(agent.has_value());
+}
+
+// A subscriber that complains of every row: what does not fit is not told, and its number is known.
+TEST_F(PublisherWireTest, ThousandNotesWaitToBeTold) {
+  int told = 0;
+  agent->publisher.onRefusedRow([&](const auto&) { ++told; });
+  answer(helloFrame<PortLayout>());
+  std::string notes;
+  for (std::uint32_t oid = 0; oid < 1500; ++oid) {
+    notes += frame(note, 3, Bytes().u32(oid).text("").get());
+  }
+  EXPECT_EQ(answer(notes + frame(ack, 0, Bytes().u64(0).u64(1500).get())), "");
+  EXPECT_EQ(told, 1000);
+  EXPECT_EQ(agent->publisher.subscribers().at(0).refused, 1500U);
+}
+
+// Names are what subscribers choose: those that were seen last are remembered.
+TEST_F(PublisherWireTest, FourThousandNamesAreRemembered) {
+  const auto come = [&](int number) {
+    raw.streamIs(link.subscriberEnd()->connect());
+    const std::string name = std::to_string(100000 + number);
+    std::string hello = helloFrame<PortLayout>();
+    hello.replace(hello.find("\3raw"), 4, "\6" + name);
+    hello[0] = static_cast<char>(hello[0] + 3);
+    answer(hello);
+    return agent->publisher.subscribers().at(0).reconnects;
+  };
+  for (int number = 0; number < 4097; ++number) ASSERT_EQ(come(number), 0U);
+  EXPECT_EQ(come(1), 1U);
+  EXPECT_EQ(come(0), 0U);  // forgotten
+  EXPECT_EQ(come(4096), 1U);
 }
 
 TEST_F(PublisherWireTest, SubscriberThatTakesNothingIsClosedAndTheOthersBytesAreBounded) {
@@ -253,6 +317,25 @@ class SubscriberWireTest : public testing::Test {
 TEST_F(SubscriberWireTest, AcknowledgesMarks) {
   begin(port(1, "a"));
   EXPECT_EQ(raw.last, Bytes().u64(10).u64(0).get());
+}
+
+// However many marks it sends: one acknowledgement waits, and tells the last of them.
+TEST_F(SubscriberWireTest, PublisherThatReadsNothingMakesNothingGrow) {
+  begin(port(1, "a"));
+  constexpr std::uint64_t marks = 10000;
+  for (std::uint64_t i = 1; i <= marks; ++i) {
+    raw.send(markFrame(10 + i, 0, 1, digestOf(port(1, "a"))));
+    loop->runUntilQuiet();
+  }
+  EXPECT_EQ(subscriber.status().marks, 1 + marks);
+  std::size_t acks = 0;
+  for (int turn = 0; turn < 3; ++turn) {
+    const std::string types = raw.receive();
+    acks += static_cast<std::size_t>(std::ranges::count(types, ' '));
+    loop->runUntilQuiet();
+  }
+  EXPECT_LT(acks, 65536 / 24 + 10);  // what the link holds
+  EXPECT_EQ(raw.last, Bytes().u64(10 + marks).u64(0).get());
 }
 
 TEST_F(SubscriberWireTest, RowsAppearAtTheMarkOnly) {
