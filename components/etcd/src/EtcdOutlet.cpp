@@ -594,7 +594,8 @@ void EtcdOutlet::takeBack() {
 /// The transaction under way has been made.
 void EtcdOutlet::adoptMark(std::int64_t revision) {
   ++counters_->transactions;
-  counters_->rows += sent_.size();
+  counters_->rows += static_cast<std::uint64_t>(
+      std::ranges::count_if(sent_, [](const Change& change) { return !change.request; }));
   mark_ = sentMark_;
   markText_ = sentText_;
   readRevision_ = revision;

@@ -31,9 +31,9 @@ class EtcdReader::Impl final : public std::enable_shared_from_this<Impl>,
 
  private:
   enum class Stage {
-    idle,     ///< nobody asked yet, or nobody asks any more
-    paused,   ///< until the timer tells
-    greeting, ///< a member
+    idle,      ///< nobody asked yet, or nobody asks any more
+    paused,    ///< until the timer tells
+    greeting,  ///< a member
     talking
   };
 
@@ -127,11 +127,11 @@ class EtcdReader::Impl::Question final : public std::enable_shared_from_this<Que
     }
     const int answers = request.success_size();
     impl_.client_.transact(request, done<etcd::TxnResponse>([=, this](etcd::TxnResponse& response) {
-      if (response.responses_size() != answers) {
-        return impl_.lose({EtcdFault::Kind::other, "half an answer"});
-      }
-      work(response);
-    }));
+                             if (response.responses_size() != answers) {
+                               return impl_.lose({EtcdFault::Kind::other, "half an answer"});
+                             }
+                             work(response);
+                           }));
   }
 
   static const google::protobuf::RepeatedPtrField<etcd::KeyValue>& at(
@@ -179,10 +179,9 @@ class EtcdReader::Impl::Question final : public std::enable_shared_from_this<Que
   }
 
   void readPage() {
-    impl_.client_.range(page_->request(),
-                        done<etcd::RangeResponse>([this](etcd::RangeResponse& response) {
-                          takePage(response);
-                        }));
+    impl_.client_.range(
+        page_->request(),
+        done<etcd::RangeResponse>([this](etcd::RangeResponse& response) { takePage(response); }));
   }
 
   void takePage(const etcd::RangeResponse& response) {
