@@ -412,7 +412,11 @@ class Run {
 
  private:
   void turn() { loop_->run(0, 0.0005, false); }
-  bool isWritten() const { return publisher_.subscribers().at(0).lag == 0; }
+  /// The last batch that is written.
+  std::uint64_t written() const {
+    return publisher_.sequence() - publisher_.subscribers().at(0).lag;
+  }
+  bool isWritten() const { return written() == publisher_.sequence(); }
   void untilWritten() {
     while (!isWritten()) turn();
   }
@@ -429,16 +433,16 @@ class Run {
                              const std::function<void()>& inBetween, double* longest = nullptr) {
     report(copy);
     const auto begin = steady_clock::now();
-    auto isNew = begin;
+    auto last = begin;
+    std::uint64_t written = 0;
     for (oid_t i = 0; i < changes; ++i) {
       const auto due = begin + i * milliseconds(1);
       do {
         turn();
-        // How long nothing was written that had to be.
-        if (isWritten()) isNew = steady_clock::now();
-        if (longest != nullptr) {
-          *longest = std::max(*longest, Seconds(steady_clock::now() - isNew).count());
-        }
+        if (longest == nullptr || std::exchange(written, this->written()) == this->written())
+          continue;
+        *longest = std::max(*longest, Seconds(steady_clock::now() - last).count());
+        last = steady_clock::now();
       } while (steady_clock::now() < due);
       if (i == changes / 5) inBetween();
       Batch batch(entries_);
