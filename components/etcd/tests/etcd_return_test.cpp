@@ -340,6 +340,41 @@ TEST_F(EtcdMiddle, WhoHasRowsKeepsThemUntilTheNextState) {
   expectTheEnd(copy);
 }
 
+TEST(EtcdReturn, TransactionsGetAsSmallAsTheServerWantsThem) {
+  Cluster cluster(1, {"--max-request-bytes", "8000"});
+  cluster.waitUntilReady();
+  Publisher publisher(cluster.address());
+  Copy copy(cluster.address());
+  publisher.putGeneration(1, 1000);
+  ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy))
+      << copy.text() << publisher.problem();
+  EXPECT_TRUE(copy.isWhole);
+}
+
+TEST(EtcdReturn, AfterARowThatNoServerTakesAllGoesOn) {
+  Cluster cluster(1, {"--max-request-bytes", "20000"});
+  cluster.waitUntilReady();
+  Publisher publisher(cluster.address());
+  Copy copy(cluster.address());
+  publisher.put({port(1, "one"), port(2, "two")});
+  ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy)) << copy.text();
+  const std::uint64_t before = engine()->counters().retried;
+  publisher.put({port(1, "eins"), port(2, std::string(30000, 'x')), port(3, "three")});
+  ASSERT_TRUE(runUntil([&] { return publisher.problem().find("too large") != std::string::npos; },
+                       publisher, copy))
+      << publisher.problem();
+  runFor(milliseconds(500), publisher, copy);
+  EXPECT_EQ(copy.ports.find(1).get<"name">(), "one") << "half a batch is shown";
+  EXPECT_LT(engine()->counters().retried - before, 10U) << "asked in a tight loop";
+
+  publisher.put({port(2, "zwei")});
+  ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy))
+      << copy.text() << publisher.problem();
+  publisher.putGeneration(2, 300);
+  ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy))
+      << copy.text() << publisher.problem();
+}
+
 TEST(EtcdReturn, APublisherWithFewerTablesRemovesTheOthers) {
   Cluster cluster(1);
   cluster.waitUntilReady();
