@@ -386,7 +386,8 @@ class Run {
   }
 
   void measure() {
-    std::printf("%d server%s, %u rows\n", cluster_.size(), cluster_.size() == 1 ? "" : "s", rows_);
+    std::printf("%d server%s, %u rows of %u bytes\n", cluster_.size(),
+                cluster_.size() == 1 ? "" : "s", rows_, unsigned{entry(rows_, 1).rowLength()});
     const double written = bareWrite(cluster_.member(0), rows_);
     const double read = bareRead(cluster_.member(0), rows_);
     const double puts = barePuts(cluster_.member(0), Seconds(rows_ > 10000 ? 2 : 0.2));
