@@ -22,8 +22,7 @@ TEST(Etcd, ABuildWithoutItSaysSo) {
         "record etcd://a:1/b/c -o b", "replay any.rec etcd://a:1/b/c"}) {
     expectAll(command, 69, "",
               "korvo: this build of korvo knows no clusters of etcd: it was made without "
-              "Korvo::EtcdTables, which is for 64-bit systems and needs gRPC (package "
-              "libgrpc++-dev)\n");
+              "Korvo::EtcdTables, which needs gRPC (package libgrpc++-dev)\n");
   }
 }
 

@@ -15,8 +15,7 @@ void makeKnown(const std::string& address) {
 #else
   throw Failure(statusUnavailable,
                 "this build of korvo knows no clusters of etcd: it was made without "
-                "Korvo::EtcdTables, which is for 64-bit systems and needs gRPC (package "
-                "libgrpc++-dev)");
+                "Korvo::EtcdTables, which needs gRPC (package libgrpc++-dev)");
 #endif
 }
 
