@@ -8,7 +8,8 @@ cd "$(dirname "$0")/.."
 
 out=$PWD/build/packages
 architecture=${1:-}
-build_dependencies=(build-essential cmake debhelper libarchive-dev libcli11-dev libssl-dev libuv1-dev pkgconf)
+build_dependencies=(build-essential cmake debhelper libarchive-dev libcli11-dev libgrpc++-dev
+  libprotobuf-dev libssl-dev libuv1-dev pkgconf protobuf-compiler)
 
 # copy_sources FOLDER: what was built beside it before is gone.
 copy_sources() {

@@ -14,7 +14,8 @@ runs_as_expected() {
   "$1/readme" | diff expected.txt -
   [ "$("$1/event_loop")" = 'the timer ran out' ]
   [ "$("$1/tables")" = 'added eth0' ]
-  for program in "$1/readme" "$1/event_loop" "$1/tables"; do
+  [ "$("$1/etcd")" = 'nobody at 127.0.0.1:1' ]
+  for program in "$1/readme" "$1/event_loop" "$1/tables" "$1/etcd"; do
     if readelf -d "$program" | grep -E 'RPATH|RUNPATH'; then fail "$program has a path"; fi
     readelf -d "$program" | grep -q 'NEEDED.*libKorvo' || fail "$program has no library of ours"
   done
@@ -61,6 +62,8 @@ for architecture in "$@"; do
       -o "pkg-config-$architecture/event_loop"
     c++ -std=c++20 "$flags" tables.cpp $(pkg-config --cflags --libs KorvoTables) \
       -o "pkg-config-$architecture/tables"
+    c++ -std=c++20 "$flags" etcd.cpp $(pkg-config --cflags --libs KorvoEtcdTables) \
+      -o "pkg-config-$architecture/etcd"
   }
   runs_as_expected "pkg-config-$architecture"
 

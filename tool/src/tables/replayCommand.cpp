@@ -2,6 +2,7 @@
 
 #include "../reading.h"
 #include "changeText.h"
+#include "engines.h"
 #include "follower.h"
 #include "recording.h"
 
@@ -282,6 +283,7 @@ int replayTables(const ReplayOptions& options) {
   }
   RecordingReader reader(options.file);
   if (options.address.empty()) return printRecording(options, reader);
+  makeKnown(options.address);
   Work work;
   Replay replay(work, options, reader);
   try {
