@@ -27,6 +27,9 @@ from pathlib import Path
 
 SUBSCRIBERS = 5
 PREFIX = "korvo/soak/agent/"
+# What is proved is about processes and links, not disks: those that sync in time are not at hand.
+MEMORY = Path("/dev/shm")
+MEMORY_NEEDED = 4 << 30
 FAKETIME = Path("/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1")
 
 
@@ -369,9 +372,10 @@ class Soak:
         time.sleep(0.5)
         former.signal(signal.SIGCONT)
         time.sleep(1.5)
-        if not self.isOwner(self.publisher):
-            raise Failure("a publisher that was stopped has its name again: " + self.owner())
         former.end()
+        owner = self.owner()
+        if owner and f"process {self.publisher.program.pid}," not in owner:
+            raise Failure(f"a publisher lost the name that it took over: {owner}")
         return "names taken over"
 
     def killSubscriber(self):
@@ -599,7 +603,8 @@ def main():
         "each process has a network of its own" if networks else
         "no networks: those who would be cut off are stopped") + (
         "" if FAKETIME.exists() else "; clocks stay (package faketime)"), flush=True)
-    folder = Path(tempfile.mkdtemp(prefix="korvo_soak_"))
+    inMemory = MEMORY.is_dir() and shutil.disk_usage(MEMORY).free >= MEMORY_NEEDED
+    folder = Path(tempfile.mkdtemp(prefix="korvo_soak_", dir=MEMORY if inMemory else None))
     soak = Soak(program, seconds, seed, networks, folder)
     try:
         soak.run()

@@ -25,7 +25,7 @@ constexpr std::uint32_t generationOfRivals = 0;
 
 std::shared_ptr<Korvo::EtcdEngine> addEngine() {
   Korvo::EtcdOptions options;
-  options.lease = std::chrono::seconds(3);
+  options.lease = std::chrono::seconds(5);
   auto engine = std::make_shared<Korvo::EtcdEngine>(options);
   Korvo::TableEngine::add("etcd", engine);
   return engine;
