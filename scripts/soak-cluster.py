@@ -173,6 +173,10 @@ class Cluster:
 
     def waitUntilReady(self):
         for _ in range(300):
+            for member in self.members:
+                # One that was added may ask another that has not heard of it yet, and ends then.
+                if member.process.program.poll() is not None:
+                    member.start("existing")
             if all(self.status(member) for member in self.members) and self.leader():
                 return
             time.sleep(0.1)
@@ -209,6 +213,7 @@ class Soak:
         self.clock = folder / "clock"
         self.clock.write_text("+0")
         self.cluster = Cluster(folder, networks, self.random)
+        self.detail = ""  # for the diary
         self.heals = []  # (time, name, what to do), at most one for members and one for agents
         self.generation = 0
         self.layout = "new"
@@ -269,6 +274,7 @@ class Soak:
     # --- What is disturbed
 
     def later(self, kind, what, seconds):
+        self.detail += f" {seconds:.1f} s"
         self.heals.append((time.monotonic() + seconds, kind, what))
 
     def heal(self, isAll=False):
@@ -288,6 +294,7 @@ class Soak:
         if not leader:
             return None
         leader.kill()
+        self.detail += f" {leader.name}"
         self.later("members", leader.start, self.someTime(4))
         return "leaders killed"
 
@@ -295,6 +302,7 @@ class Soak:
         leader = self.cluster.leader()
         member = self.random.choice([m for m in self.cluster.members if m is not leader])
         member.kill()
+        self.detail += f" {member.name}"
         self.later("members", member.start, self.someTime(6))
         return "followers killed"
 
@@ -306,12 +314,14 @@ class Soak:
         return "whole clusters killed"
 
     def stop(self, kind, process, most):
+        self.detail += f" {process.log.stem}"
         process.signal(signal.SIGSTOP)
         self.later(kind, lambda: process.signal(signal.SIGCONT), self.someTime(most))
 
     def cut(self, kind, name, process, most):
         if not self.networks:
             return self.stop(kind, process, most)
+        self.detail += f" {name}"
         self.networks.cut(name, True)
         self.later(kind, lambda: self.networks.cut(name, False), self.someTime(most))
         return None
@@ -331,6 +341,7 @@ class Soak:
             return None
         one, two = self.random.sample(self.cluster.members, 2)
         self.networks.cutBetween(one.name, two.name, True)
+        self.detail += f" {one.name} {two.name}"
         self.later("members", lambda: self.networks.cutBetween(one.name, two.name, False),
                    self.someTime(8))
         return "links between two members cut"
@@ -381,6 +392,7 @@ class Soak:
     def killSubscriber(self):
         i = self.random.randrange(SUBSCRIBERS)
         self.subscribers[i].end()
+        self.detail += f" s{i}"
         self.startSubscriber(i)
         return "subscribers killed"
 
@@ -502,10 +514,11 @@ class Soak:
 
     def do(self, what):
         began = time.monotonic()
+        self.detail = ""
         done = what()
         if done:
             self.counts[done] += 1
-            print(f"{began - self.began:6.1f} {done}", file=self.diary, flush=True)
+            print(f"{began - self.began:6.1f} {done}:{self.detail}", file=self.diary, flush=True)
 
     def run(self):
         self.cluster.waitUntilReady()
@@ -546,6 +559,9 @@ class Soak:
                     raise Failure(f"{process.log.name} ended: {process.tail()}")
                 left.remove(process)
             if time.monotonic() > limit:
+                for process in left:
+                    process.signal(signal.SIGUSR2)
+                time.sleep(1)
                 raise Failure(f"{len(left)} subscribers did not converge: {left[0].tail()}")
             time.sleep(0.05)
         self.compare()

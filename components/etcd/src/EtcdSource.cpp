@@ -410,14 +410,20 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
 
   void startWatch(const std::string& key, const std::string& end, std::int64_t revision,
                   std::function<void(const etcd::WatchResponse&)> told) {
-    watch_ = source_->client_.watch(
-        ifAlive([this, told = std::move(told)](const Fault& fault, etcd::WatchResponse& response) {
-          if (fault) return lose(fault);
-          later([this, told, answer = std::make_shared<etcd::WatchResponse>(std::move(response))] {
-            if (answer->canceled()) return canceled(*answer);
-            told(*answer);
-          });
-        }));
+    watch_ = source_->client_.watch(ifAlive([this, revision, told = std::move(told)](
+                                                const Fault& fault, etcd::WatchResponse& response) {
+      if (fault) return lose(fault);
+      later([this, revision, told,
+             answer = std::make_shared<etcd::WatchResponse>(std::move(response))] {
+        if (answer->canceled()) return canceled(*answer);
+        // It would be silent until it came to that revision, with another history.
+        const etcd::ResponseHeader& header = answer->header();
+        if (header.cluster_id() != cluster_ || header.revision() < revision - 1) {
+          return this->end(source_->client_.member() + " is of another cluster than before");
+        }
+        told(*answer);
+      });
+    }));
     etcd::WatchRequest request;
     etcd::WatchCreateRequest& create = *request.mutable_create_request();
     create.set_key(key);

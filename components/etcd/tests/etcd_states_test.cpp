@@ -10,6 +10,10 @@ bool says(const std::string& text, const std::string& words) {
   return text.find(words) != std::string::npos;
 }
 
+bool isWritten(const Publisher& publisher) {
+  return publisher.publisher.subscribers().at(0).lag == 0;
+}
+
 class EtcdStates : public testing::Test {
  protected:
   EtcdStates() { cluster.waitUntilReady(); }
@@ -41,7 +45,9 @@ TEST_F(EtcdStates, ABatchThatFitsIsOneTransaction) {
   ASSERT_TRUE(runUntil([&] { return copy.isCurrent(); }, publisher, copy)) << copy.text();
   const auto before = engine()->counters();
   publisher.putGeneration(1, 100);
-  ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy)) << copy.text();
+  ASSERT_TRUE(
+      runUntil([&] { return copy.equals(publisher) && isWritten(publisher); }, publisher, copy))
+      << copy.text();
   EXPECT_EQ(engine()->counters().transactions - before.transactions, 1U);
   EXPECT_EQ(engine()->counters().rows - before.rows, 100U);
   std::vector<std::string> revisions = fields("ModRevision", "net/port/row/");
@@ -74,8 +80,7 @@ TEST_F(EtcdStates, ALargeBatchIsShownWhenItsLastPartHasCome) {
 TEST_F(EtcdStates, HalfOfABatchIsNotShownIfTheStateBeforeIsCompacted) {
   Publisher publisher(cluster.address());
   publisher.putGeneration(1, 2000);
-  ASSERT_TRUE(runUntil([&] { return publisher.publisher.subscribers().at(0).lag == 0; }, publisher))
-      << publisher.problem();
+  ASSERT_TRUE(runUntil([&] { return isWritten(publisher); }, publisher)) << publisher.problem();
   publisher.putGeneration(2, 2000);
   ASSERT_TRUE(runIntoABatch(publisher));
   cluster.compact();
@@ -90,13 +95,12 @@ TEST_F(EtcdStates, HalfOfABatchIsNotShownIfTheStateBeforeIsCompacted) {
 TEST_F(EtcdStates, ASnapshotIsOfOneStateWhateverIsWrittenMeanwhile) {
   Publisher publisher(cluster.address());
   publisher.putGeneration(1, 10000);
-  ASSERT_TRUE(runUntil([&] { return publisher.publisher.subscribers().at(0).lag == 0; }, publisher))
-      << publisher.problem();
+  ASSERT_TRUE(runUntil([&] { return isWritten(publisher); }, publisher)) << publisher.problem();
   for (int generation = 2; generation < 5; ++generation) {
     Copy copy(cluster.address());
     ASSERT_TRUE(runUntil(
         [&] {
-          if (publisher.publisher.subscribers().at(0).lag == 0) {
+          if (isWritten(publisher)) {
             publisher.putGeneration(++generation, 10000);
           }
           return copy.isCurrent() && copy.notices > 1;
@@ -210,6 +214,38 @@ TEST_F(EtcdStates, NobodyIsLedBackByARestoredCluster) {
   runFor(milliseconds(100), publisher, copy);
   EXPECT_EQ(copy.changes, told + 1) << "the difference only";
   EXPECT_EQ(copy.subscriber.status().digestFaults, 0U);
+}
+
+/// A cluster may be replaced while a subscriber is between two questions to it.
+TEST_F(EtcdStates, AClusterThatIsReplacedAtAnyTimeIsNoticed) {
+  Publisher publisher(cluster.address());
+  publisher.put({port(1, "one")});
+  ASSERT_TRUE(runUntil([&] { return isWritten(publisher); }, publisher)) << publisher.problem();
+  const std::string saved = cluster.folder().file("saved");
+  cluster.tool("snapshot save " + saved);
+  for (int i = 0; i < 20; ++i) {
+    publisher.put({port(1, "one", i)});
+    runFor(milliseconds(10), publisher);
+  }
+  for (int turns = 1; turns <= 6; ++turns) {
+    Copy copy(cluster.address());
+    for (int i = 0; i < turns; ++i) {
+      copy.loop->run(0, 0.001, false);
+      std::this_thread::sleep_for(milliseconds(10));
+    }
+    cluster.kill(0);
+    cluster.restore(0, saved);
+    cluster.start(0);
+    cluster.waitUntilReady();
+    publisher.put({port(1, "one", 1000 + turns)});
+    ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy))
+        << turns << ' ' << copy.text() << publisher.problem();
+    EXPECT_EQ(copy.subscriber.status().digestFaults, 0U) << turns;
+    for (int i = 0; i < 20; ++i) {
+      publisher.put({port(1, "one", i)});
+      runFor(milliseconds(10), publisher);
+    }
+  }
 }
 
 /// The publisher is gone for good, and the next one knows what the cluster knows.

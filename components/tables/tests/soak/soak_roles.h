@@ -47,6 +47,7 @@ using Head = Korvo::TableRow<
 constexpr oid_t mostPorts = 4000;
 
 inline std::atomic<bool> isEnding = false;
+inline std::atomic<bool> isAsked = false;  ///< how it goes
 
 inline void require(bool isSo, const std::string& text) {
   if (!isSo) throw std::runtime_error(text);
@@ -223,13 +224,16 @@ class Subscriber {
     });
   }
 
+  /// Tells how it goes when it gets SIGUSR2.
   void run() {
+    std::signal(SIGUSR2, [](int) { isAsked = true; });
     const Korvo::TableReader<Port> ports(
         ports_, loop_, [this](const Korvo::Changes<Port>& changes) { follow(changes); });
     const Korvo::TableReader<Head> heads(heads_, loop_,
                                          [this](const Korvo::Changes<Head>&) { check(); });
     // The end is looked for when both readers had their turn.
     const Timer timer(*loop_, milliseconds(20), [this] {
+      if (isAsked.exchange(false)) tell();
       const Head head = heads_.find(1);
       if (heads_.state() != Korvo::TableState::current || head.isNull()) return;
       if (head.template get<"last">() && told_.size() == ports_.size()) loop_->activeIs(false);
@@ -238,12 +242,21 @@ class Subscriber {
     const Korvo::TableSubscriber::Status status = subscriber_.status();
     require(status.digestFaults == 0, "a digest was another one");
     require(status.refusedRows == 0, "a row was refused");
-    std::cout << checks_ << " states seen, " << status.marks << " marks, " << status.merged
-              << " batches merged, " << status.connections << " connections" << std::endl;
+    tell();
     dumpTo(dump_, ports_);
   }
 
  private:
+  void tell() const {
+    const Korvo::TableSubscriber::Status status = subscriber_.status();
+    if (heads_.state() != Korvo::TableState::current) {
+      std::cout << heads_.stateText() << "; ports: " << ports_.stateText() << "; "
+                << status.lastReason << "; ";
+    }
+    std::cout << checks_ << " states seen, " << status.marks << " marks, " << status.merged
+              << " batches merged, " << status.connections << " connections" << std::endl;
+  }
+
   void follow(const Korvo::Changes<Port>& changes) {
     if (changes.first()) told_.clear();
     for (const Korvo::Change<Port>& change : changes) {
