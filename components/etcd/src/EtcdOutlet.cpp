@@ -163,6 +163,7 @@ void EtcdOutlet::haveName(const etcd::TxnResponse& response) {
   } else {
     const auto& owners = response.responses(0).response_range().kvs();
     if (owners.empty() || owners[0].value() != ownerText_ || owners[0].lease() != lease_) {
+      backoff_.keepUp();
       lose({Fault::Kind::other,
             "another publisher has the name " + address_.publisher + ": " +
                 (owners.empty() ? std::string("its lease just ended") : owners[0].value())});

@@ -40,7 +40,7 @@ for line in "${blocks[@]}"; do
     # Something to look at: it is done when the mark is there.
     printf '1,2,AA\n16777216,16777471,AU\n' >ranges
     setpriv --pdeathsig KILL "$program" publish \
-      "etcd://$ETCDCTL_ENDPOINTS/net/portAgent" ranges 1 >publisher.out 2>&1 &
+      "etcd://$ETCDCTL_ENDPOINTS/net/portAgent" 1 ranges >publisher.out 2>&1 &
     for ((attempt = 0; attempt < 100; ++attempt)); do
       ! grep -q sha1 publisher.out || break
       sleep 0.1
@@ -60,4 +60,4 @@ done
 kill -TERM $copy
 wait $copy
 cat copy.out
-grep -q '; 2 rows, sha1' copy.out
+grep -q '; 3 rows, sha1' copy.out
