@@ -237,7 +237,7 @@ class FailingModel : public Model {
 
  protected:
   void commit(Batch<Table<Port>>& batch) override {
-    for (unsigned int n = random_() % 40;; n += 1 + random_() % 20) {
+    for (unsigned int n = random_() % 20;; n += 1 + random_() % 10) {
       bool isDone = false;
       unsigned int failures = 0;
       {
