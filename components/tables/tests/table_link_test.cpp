@@ -418,6 +418,32 @@ TEST_F(LinkTest, StaleRowsAreRemovedAtTheLimit) {
   expectSame();
 }
 
+// What was told to be as it was counts as told, also when the old rows go before the mark.
+TEST_F(LinkTest, StaleRowsThatAreRemovedDuringARoundComeWithItsMark) {
+  viewer.emplace(loop,
+                 Korvo::SubscriberOptions{.name = "viewer", .staleLimit = milliseconds(30000)});
+  agent->putMany(1, 10);
+  connect();
+  loop->runUntilQuiet();
+  agent.reset();
+  agent.emplace(loop);
+  agent->publisher.completeIs(false);
+  agent->publisher.accept(link.publisherEnd());
+  agent->putMany(1, 8);
+  agent->put(port(8, "another"));
+  loop->advance(seconds(40));
+  EXPECT_EQ(viewer->ports.size(), 0U);
+  agent->publisher.completeIs(true);
+  loop->advance(seconds(1));
+  EXPECT_EQ(viewer->ports.size(), 8U);
+  expectSame();
+  agent->put(port(3, "changed"));
+  agent->remove(5);
+  loop->advance(seconds(1));
+  expectSame();
+  EXPECT_EQ(link.connections(), 2U);
+}
+
 /// A host's channel, which writes traces down.
 class Channel final : public Velto::DebugChannel {
  public:

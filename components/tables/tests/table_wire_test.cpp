@@ -242,6 +242,13 @@ class SubscriberWireTest : public testing::Test {
            markFrame(10, 2, 1, digestOf(first)));
     ASSERT_EQ(ports.state(), TableState::current) << subscriber.status().lastReason;
   }
+  std::string names() const {
+    std::map<oid_t, std::string> all;
+    for (const Port& row : ports) all[row.rowOid()] = row.get<"name">();
+    std::string text;
+    for (const auto& [oid, name] : all) text += std::to_string(oid) + ' ' + name + "; ";
+    return text;
+  }
   std::shared_ptr<Korvo::TestLoop> loop = std::make_shared<Korvo::TestLoop>();
   Korvo::TestLink link;
   RawEnd raw;
@@ -342,6 +349,37 @@ TEST_F(SubscriberWireTest, BadRowIsReportedAndTheOthersGoOn) {
   EXPECT_EQ(subscriber.status().refusedRows, 1U);
   EXPECT_NE(problems, "");
   EXPECT_EQ(ports.state(), TableState::current);
+}
+
+// The digest is of the bytes as they were sent, also where the table has others or none.
+TEST_F(SubscriberWireTest, DigestCountsRowsWhoseBytesAreNotInTheTable) {
+  const Port held = port(1, "eth1");
+  Port alike = port(1, "a longer name");
+  alike.set<"name">("eth1");  // where the longer one stood
+  const Port other = port(3, "c");
+  Port bad = port(2, "b");
+  bad.rowTypeIs(99);
+  begin(held);
+  EXPECT_EQ(answer(rowFrame(alike) + rowFrame(bad) + rowFrame(other) +
+                   markFrame(11, 3, 3, digestOf(alike) ^ digestOf(bad) ^ digestOf(other))),
+            "note another row type ack ");
+  EXPECT_EQ(names(), "1 eth1; 3 c; ");
+  // Both are told anew, one to be as it was in the table, and the other to be gone.
+  EXPECT_EQ(answer(rowFrame(held) + frame(del, 0, Bytes().u32(2).u32(4).get()) +
+                   markFrame(12, 2, 2, digestOf(held) ^ digestOf(other))),
+            "ack ");
+  Port better = port(2, "b");
+  EXPECT_EQ(answer(rowFrame(bad) + rowFrame(better) + rowFrame(alike) + rowFrame(port(4, "d")) +
+                   frame(del, 0, Bytes().u32(4).u32(3).get()) +
+                   markFrame(13, 5, 2, digestOf(alike) ^ digestOf(better))),
+            "note another row type ack ");
+  EXPECT_EQ(names(), "1 eth1; 2 b; ");
+  EXPECT_EQ(answer(rowFrame(bad) + markFrame(14, 1, 2, digestOf(alike) ^ digestOf(bad))),
+            "note another row type ack ");
+  EXPECT_EQ(names(), "1 eth1; 2 b; ") << "the former value stays";
+  EXPECT_EQ(answer(frame(del, 0, Bytes().u32(2).get()) + markFrame(15, 1, 1, digestOf(alike))),
+            "ack ");
+  EXPECT_EQ(names(), "1 eth1; ");
 }
 
 TEST_F(SubscriberWireTest, LayoutThatIsNotItsFingerprintsIsRefused) {
