@@ -195,7 +195,7 @@ void PublisherSession::send(TableSender::Change change) {
     return;
   }
   if (change.kind == TableSender::Kind::row) {
-    out_.pushRow(change.table, std::move(change.row));
+    out_.pushRow(change.table, change.row->buf_);
     ++rows_;
   } else {
     out_.push(FrameWriter(FrameType::whole, change.table).take());

@@ -1,6 +1,5 @@
 #include <Korvo/TableBrowser.h>
 
-#include <array>
 #include <system_error>
 #include <utility>
 
@@ -184,10 +183,8 @@ void TableBrowser::Impl::read() {
 }
 
 void TableBrowser::Impl::write() {
-  std::array<iovec, detail::OutQueue::mostParts> parts;
   while (!out_.empty()) {
-    const int count = out_.next(parts, turnBytes);
-    const ByteStream::Result result = stream_->write(parts.data(), count);
+    const ByteStream::Result result = detail::writeTo(*stream_, out_.next(turnBytes));
     out_.sent(result.count);
     // What it had to say may still be there to be read; that ends it.
     if (!result.isOpen || result.count == 0) return;

@@ -206,6 +206,34 @@ TEST_F(PublisherWireTest, SubscriberThatTakesNothingIsClosedAndTheOthersBytesAre
   EXPECT_EQ(agent->publisher.lastReason(), "nothing was received for 15 seconds");
 }
 
+// What has not been begun is not sent any more, and what has been is sent to its end.
+TEST_F(PublisherWireTest, GoodbyeFollowsTheFrameThatWasBegun) {
+  for (const std::size_t room : {0U, 1U, 7U, 8U, 9U, 777U, 1000U}) {
+    SCOPED_TRACE(room);
+    Korvo::TestLink narrow;
+    RawEnd end;
+    Agent sender(loop);
+    sender.putMany(1, 100, "a name of some length, ");
+    sender.publisher.accept(narrow.publisherEnd());
+    end.streamIs(narrow.subscriberEnd()->connect());
+    narrow.roomIs(room);
+    end.send(helloFrame<PortLayout>());
+    loop->runUntilQuiet();
+    Table<Link> another("net/another");
+    sender.publisher.add(another);
+    loop->runUntilQuiet();
+    narrow.roomIs(65536);
+    std::string told;
+    for (int turn = 0; turn < 3; ++turn) {
+      told += end.receive();
+      loop->runUntilQuiet();
+    }
+    EXPECT_TRUE(told.ends_with("bye there is another table ")) << told;
+    EXPECT_LT(std::ranges::count(told, ' '), 50) << told;
+    EXPECT_FALSE(end.isOpen);
+  }
+}
+
 TEST_F(PublisherWireTest, MoreSubscribersThanAllowedAreToldSo) {
   agent.emplace(loop, Korvo::PublisherOptions{.mostSubscribers = 1});
   agent->publisher.accept(link.publisherEnd());
