@@ -155,7 +155,8 @@ void TableCopies::add(TableStore& store, const ConversionRules& rules) {
   auto copy = std::make_unique<TableCopy>(store, rules);
   copies_.reserve(copies_.size() + 1);
   const bool hasRows = store.size() != 0;
-  store.stateIs(hasRows ? TableState::stale : TableState::loading, "not connected");
+  store.stateIs(hasRows ? TableState::stale : TableState::loading,
+                "nothing has come from the publisher yet");
   store.hasFirstRows = hasRows;
   store.sourceIs(source_);
   store.isSubscribed = true;

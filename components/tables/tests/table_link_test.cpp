@@ -349,6 +349,30 @@ TEST_F(LinkTest, IncompletePublisherDeletesNothing) {
 }
 
 // Lesson: no queue for a subscriber, so that none grows and none is cut off for being slow.
+// What is told of a table that waits for its first rows stays true when the publisher is found.
+TEST_F(LinkTest, TableOfAnIncompletePublisherIsNotSaidToBeUnconnected) {
+  agent->publisher.completeIs(false);
+  std::string states;
+  const auto write = [&](TableState state, const std::string& text) {
+    states += std::to_string(static_cast<int>(state)) + " " + text + "; ";
+  };
+  TableReader<Port> early(viewer->ports, loop, writeDown());
+  early.onState(write);
+  connect();
+  loop->advance(seconds(20));
+  EXPECT_TRUE(viewer->subscriber.status().isConnected);
+  EXPECT_EQ(states, "0 nothing has come from the publisher yet; ");
+  states.clear();
+  TableReader<Port> late(viewer->ports, loop, writeDown());
+  late.onState(write);
+  loop->runUntilQuiet();
+  EXPECT_EQ(states, "0 rows come from portAgent; ");
+  states.clear();
+  agent->publisher.completeIs(true);
+  loop->runUntilQuiet();
+  EXPECT_EQ(states, "1 ; 1 ; ");
+}
+
 TEST_F(LinkTest, SlowSubscriberIsToldTheLastValuesAndHowManyWereMerged) {
   connect();
   loop->runUntilQuiet();

@@ -206,6 +206,24 @@ TEST_F(PublisherWireTest, SubscriberThatTakesNothingIsClosedAndTheOthersBytesAre
   EXPECT_EQ(agent->publisher.lastReason(), "nothing was received for 15 seconds");
 }
 
+// It cannot say anything while it applies what it was told.
+TEST_F(PublisherWireTest, SubscriberMayBeSilentLongerForEachRowThatItApplies) {
+  agent->putMany(1, 20001);
+  std::string told = answer(helloFrame<PortLayout>());
+  for (std::string more = told; !more.empty(); told = more.empty() ? told : more) {
+    loop->runUntilQuiet();
+    more = raw.receive();
+  }
+  ASSERT_TRUE(told.ends_with("mark ")) << told;
+  loop->advance(milliseconds(15500));
+  EXPECT_EQ(agent->publisher.subscribers().size(), 1U);
+  answer(frame(ack, 0, Bytes().u64(raw.marked).u64(0).get()));
+  loop->advance(seconds(14));
+  EXPECT_EQ(agent->publisher.subscribers().size(), 1U);
+  loop->advance(milliseconds(1000));
+  EXPECT_EQ(agent->publisher.subscribers().size(), 0U);
+}
+
 // What has not been begun is not sent any more, and what has been is sent to its end.
 TEST_F(PublisherWireTest, GoodbyeFollowsTheFrameThatWasBegun) {
   for (const std::size_t room : {0U, 1U, 7U, 8U, 9U, 777U, 1000U}) {
