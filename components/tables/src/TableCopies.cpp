@@ -354,7 +354,8 @@ void TableCopies::takeRow(std::size_t number, std::span<const byte_t> row) {
     return present != noSlot && rowsEqual(other, table.buffer(present)->buf_, table.layout());
   };
   if (copy.isSame_ && equalsPresent(bytes)) {
-    told.isKept = std::memcmp(bytes, table.buffer(present)->buf_, length) == 0;
+    const byte_t* const own = table.buffer(present)->buf_;
+    told.isKept = loadField<len_t>(own) == length && std::memcmp(bytes, own, length) == 0;
     return;
   }
   KoPtr<KoRowBuf> buffer = newBuffer(length);
