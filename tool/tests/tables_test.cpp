@@ -234,7 +234,7 @@ TEST_F(Tables, ChangesAreWatched) {
 TEST_F(Tables, ChangesAloneAreWatchedAsJson) {
   const Agent agent(portRecording(), {"--subscribers", "1"});
   expectOut("watch --json --changes --first 2 unix:agent.sock net/port",
-            R"({"state":"loading","text":"not connected"})"
+            R"({"state":"loading","text":"nothing has come from the publisher yet"})"
             "\n"
             R"({"state":"current"})"
             "\n"

@@ -11,6 +11,8 @@ constexpr milliseconds helloLimit{5000};
 constexpr milliseconds roundLimit{2000};
 constexpr milliseconds longestWanted = std::chrono::minutes(1);  ///< heartbeat of a subscriber
 constexpr int heartbeatsOfSilence = 3;
+/// A subscriber says nothing while it applies a round: for each row it may be silent longer.
+constexpr std::chrono::microseconds applyingRow{20};
 constexpr std::size_t mostNotes = 1000;  ///< that wait for being told
 /// What a WELCOME holds beside layouts.
 constexpr std::size_t welcomeReserve = 1024 + maxTables * (2 * maxText + 64);
@@ -57,6 +59,7 @@ bool PublisherSession::take(const Frame& frame) {
       const Ack ack = Ack::decode(frame.body);
       if (ack.sequence > publication_.source->last) throw ProtocolError("ACK of what was not sent");
       acked_ = ack.sequence;
+      if (acked_ >= unappliedUntil_) unapplied_ = 0;
       refused_ = ack.refused;
       return true;
     }
@@ -195,7 +198,7 @@ void PublisherSession::send(TableSender::Change change) {
     return;
   }
   if (change.kind == TableSender::Kind::row) {
-    out_.pushRow(change.table, std::move(change.row));
+    out_.pushRow(change.table, change.row->buf_);
     ++rows_;
   } else {
     out_.push(FrameWriter(FrameType::whole, change.table).take());
@@ -247,6 +250,8 @@ void PublisherSession::sendMark(const TableMark& counted) {
   mark.frames = frames_;
   out_.push(mark.encode());
   merged_ += mark.merged;
+  if (rows_ != 0) unappliedUntil_ = mark.sequence;
+  unapplied_ += rows_;
   frames_ = 0;
   rows_ = 0;
   roundAge_ = milliseconds(0);
@@ -268,7 +273,7 @@ void PublisherSession::timePasses(milliseconds time) {
     return;
   }
   if (frames_ != 0 || walk_.isBehind()) roundAge_ += time;
-  if (silence_ >= heartbeatsOfSilence * heartbeat_) {
+  if (silence_ >= heartbeatsOfSilence * heartbeat_ + unapplied_ * applyingRow) {
     return end(ByeReason::silence,
                "nothing was received for " + std::to_string(silence_.count() / 1000) + " seconds");
   }

@@ -1,6 +1,5 @@
 #include <Korvo/TableBrowser.h>
 
-#include <array>
 #include <system_error>
 #include <utility>
 
@@ -187,10 +186,8 @@ void TableBrowser::Impl::read() {
 }
 
 void TableBrowser::Impl::write() {
-  std::array<iovec, detail::OutQueue::mostParts> parts;
   while (!out_.empty()) {
-    const int count = out_.next(parts, turnBytes);
-    const ByteStream::Result result = stream_->write(parts.data(), count);
+    const ByteStream::Result result = detail::writeTo(*stream_, out_.next(turnBytes));
     out_.sent(result.count);
     if (!result.isOpen) {  // what it had to say may still be there to be read
       lost_ = result.reason;

@@ -349,6 +349,30 @@ TEST_F(LinkTest, IncompletePublisherDeletesNothing) {
 }
 
 // Lesson: no queue for a subscriber, so that none grows and none is cut off for being slow.
+// What is told of a table that waits for its first rows stays true when the publisher is found.
+TEST_F(LinkTest, TableOfAnIncompletePublisherIsNotSaidToBeUnconnected) {
+  agent->publisher.completeIs(false);
+  std::string states;
+  const auto write = [&](TableState state, const std::string& text) {
+    states += std::to_string(static_cast<int>(state)) + " " + text + "; ";
+  };
+  TableReader<Port> early(viewer->ports, loop, writeDown());
+  early.onState(write);
+  connect();
+  loop->advance(seconds(20));
+  EXPECT_TRUE(viewer->subscriber.status().isConnected);
+  EXPECT_EQ(states, "0 nothing has come from the publisher yet; ");
+  states.clear();
+  TableReader<Port> late(viewer->ports, loop, writeDown());
+  late.onState(write);
+  loop->runUntilQuiet();
+  EXPECT_EQ(states, "0 rows come from portAgent; ");
+  states.clear();
+  agent->publisher.completeIs(true);
+  loop->runUntilQuiet();
+  EXPECT_EQ(states, "1 ; 1 ; ");
+}
+
 TEST_F(LinkTest, SlowSubscriberIsToldTheLastValuesAndHowManyWereMerged) {
   connect();
   loop->runUntilQuiet();
@@ -416,6 +440,32 @@ TEST_F(LinkTest, StaleRowsAreRemovedAtTheLimit) {
   link.isDownIs(false);
   loop->advance(seconds(20));
   expectSame();
+}
+
+// What was told to be as it was counts as told, also when the old rows go before the mark.
+TEST_F(LinkTest, StaleRowsThatAreRemovedDuringARoundComeWithItsMark) {
+  viewer.emplace(loop,
+                 Korvo::SubscriberOptions{.name = "viewer", .staleLimit = milliseconds(30000)});
+  agent->putMany(1, 10);
+  connect();
+  loop->runUntilQuiet();
+  agent.reset();
+  agent.emplace(loop);
+  agent->publisher.completeIs(false);
+  agent->publisher.accept(link.publisherEnd());
+  agent->putMany(1, 8);
+  agent->put(port(8, "another"));
+  loop->advance(seconds(40));
+  EXPECT_EQ(viewer->ports.size(), 0U);
+  agent->publisher.completeIs(true);
+  loop->advance(seconds(1));
+  EXPECT_EQ(viewer->ports.size(), 8U);
+  expectSame();
+  agent->put(port(3, "changed"));
+  agent->remove(5);
+  loop->advance(seconds(1));
+  expectSame();
+  EXPECT_EQ(link.connections(), 2U);
 }
 
 /// A host's channel, which writes traces down.

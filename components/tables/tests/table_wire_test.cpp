@@ -270,6 +270,52 @@ TEST_F(PublisherWireTest, SubscriberThatTakesNothingIsClosedAndTheOthersBytesAre
   EXPECT_EQ(agent->publisher.lastReason(), "nothing was received for 15 seconds");
 }
 
+// It cannot say anything while it applies what it was told.
+TEST_F(PublisherWireTest, SubscriberMayBeSilentLongerForEachRowThatItApplies) {
+  agent->putMany(1, 20001);
+  std::string told;
+  for (std::string more = answer(helloFrame<PortLayout>()); !more.empty(); more = raw.receive()) {
+    told = more;
+    loop->runUntilQuiet();
+  }
+  ASSERT_TRUE(told.ends_with("mark ")) << told;
+  loop->advance(milliseconds(15500));
+  EXPECT_EQ(agent->publisher.subscribers().size(), 1U);
+  answer(frame(ack, 0, Bytes().u64(raw.marked).u64(0).get()));
+  loop->advance(seconds(14));
+  EXPECT_EQ(agent->publisher.subscribers().size(), 1U);
+  loop->advance(seconds(1));
+  EXPECT_EQ(agent->publisher.subscribers().size(), 0U);
+}
+
+// What has not been begun is not sent any more, and what has been is sent to its end.
+TEST_F(PublisherWireTest, GoodbyeFollowsTheFrameThatWasBegun) {
+  for (const std::size_t room : {0U, 1U, 7U, 8U, 9U, 777U, 1000U}) {
+    SCOPED_TRACE(room);
+    Korvo::TestLink narrow;
+    RawEnd end;
+    Agent sender(loop);
+    sender.putMany(1, 100, "a name of some length, ");
+    sender.publisher.accept(narrow.publisherEnd());
+    end.streamIs(narrow.subscriberEnd()->connect());
+    narrow.roomIs(room);
+    end.send(helloFrame<PortLayout>());
+    loop->runUntilQuiet();
+    Table<Link> another("net/another");
+    sender.publisher.add(another);
+    loop->runUntilQuiet();
+    narrow.roomIs(65536);
+    std::string told;
+    for (int turn = 0; turn < 3; ++turn) {
+      told += end.receive();
+      loop->runUntilQuiet();
+    }
+    EXPECT_TRUE(told.ends_with("bye there is another table ")) << told;
+    EXPECT_LT(std::ranges::count(told, ' '), 50) << told;
+    EXPECT_FALSE(end.isOpen);
+  }
+}
+
 TEST_F(PublisherWireTest, MoreSubscribersThanAllowedAreToldSo) {
   agent.emplace(loop, Korvo::PublisherOptions{.mostSubscribers = 1});
   agent->publisher.accept(link.publisherEnd());
@@ -305,6 +351,13 @@ class SubscriberWireTest : public testing::Test {
     answer(welcomeFrame<PortLayout>() + frame(whole, 0, "") + rowFrame(first) +
            markFrame(10, 2, 1, digestOf(first)));
     ASSERT_EQ(ports.state(), TableState::current) << subscriber.status().lastReason;
+  }
+  std::string names() const {
+    std::map<oid_t, std::string> all;
+    for (const Port& row : ports) all[row.rowOid()] = row.get<"name">();
+    std::string text;
+    for (const auto& [oid, name] : all) text += std::to_string(oid) + ' ' + name + "; ";
+    return text;
   }
   std::shared_ptr<Korvo::TestLoop> loop = std::make_shared<Korvo::TestLoop>();
   Korvo::TestLink link;
@@ -425,6 +478,37 @@ TEST_F(SubscriberWireTest, BadRowIsReportedAndTheOthersGoOn) {
   EXPECT_EQ(subscriber.status().refusedRows, 1U);
   EXPECT_NE(problems, "");
   EXPECT_EQ(ports.state(), TableState::current);
+}
+
+// The digest is of the bytes as they were sent, also where the table has others or none.
+TEST_F(SubscriberWireTest, DigestCountsRowsWhoseBytesAreNotInTheTable) {
+  const Port held = port(1, "eth1");
+  Port alike = port(1, "a longer name");
+  alike.set<"name">("eth1");  // where the longer one stood
+  const Port other = port(3, "c");
+  Port bad = port(2, "b");
+  bad.rowTypeIs(99);
+  begin(held);
+  EXPECT_EQ(answer(rowFrame(alike) + rowFrame(bad) + rowFrame(other) +
+                   markFrame(11, 3, 3, digestOf(alike) ^ digestOf(bad) ^ digestOf(other))),
+            "note another row type ack ");
+  EXPECT_EQ(names(), "1 eth1; 3 c; ");
+  // Both are told anew, one to be as it was in the table, and the other to be gone.
+  EXPECT_EQ(answer(rowFrame(held) + frame(del, 0, Bytes().u32(2).u32(4).get()) +
+                   markFrame(12, 2, 2, digestOf(held) ^ digestOf(other))),
+            "ack ");
+  Port better = port(2, "b");
+  EXPECT_EQ(answer(rowFrame(bad) + rowFrame(better) + rowFrame(alike) + rowFrame(port(4, "d")) +
+                   frame(del, 0, Bytes().u32(4).u32(3).get()) +
+                   markFrame(13, 5, 2, digestOf(alike) ^ digestOf(better))),
+            "note another row type ack ");
+  EXPECT_EQ(names(), "1 eth1; 2 b; ");
+  EXPECT_EQ(answer(rowFrame(bad) + markFrame(14, 1, 2, digestOf(alike) ^ digestOf(bad))),
+            "note another row type ack ");
+  EXPECT_EQ(names(), "1 eth1; 2 b; ") << "the former value stays";
+  EXPECT_EQ(answer(frame(del, 0, Bytes().u32(2).get()) + markFrame(15, 1, 1, digestOf(alike))),
+            "ack ");
+  EXPECT_EQ(names(), "1 eth1; ");
 }
 
 TEST_F(SubscriberWireTest, LayoutThatIsNotItsFingerprintsIsRefused) {
