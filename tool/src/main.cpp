@@ -384,8 +384,8 @@ class CommandLine {
   ReplayOptions replay_;
 };
 
-/// Otherwise the first file that is opened would take a closed output's place.
-void openMissingStreams() {
+/// Otherwise the first file that is opened would take a closed stream's place.
+void openMissingStreams(int, char**, char**) {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
     if (fcntl(fd, F_GETFD) < 0 && errno == EBADF) {
       // Reading where one writes, and the other way round: every use of it fails.
@@ -393,6 +393,10 @@ void openMissingStreams() {
     }
   }
 }
+
+/// Before libraries are initialized, some of which open files then.
+[[gnu::section(".preinit_array"), gnu::used]] void (*const atStart)(int, char**,
+                                                                    char**) = openMissingStreams;
 
 int mistake(const CommandLine& commandLine, const std::string& what) {
   complain(what + " (see " + commandLine.name() + " --help)");
@@ -402,7 +406,6 @@ int mistake(const CommandLine& commandLine, const std::string& what) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  openMissingStreams();
   CommandLine commandLine;
   try {
     return commandLine.run(argc, argv);
