@@ -19,7 +19,8 @@ TEST(Etcd, ABuildWithoutItSaysSo) {
   korvotest::write("any.rec", korvotest::portRecording().bytes);
   for (const char* const command :
        {"tables etcd://a:1/b/c", "get etcd://a:1/b/c t", "watch etcd://a:1/b/c t",
-        "record etcd://a:1/b/c -o b", "replay any.rec etcd://a:1/b/c"}) {
+        "record etcd://a:1/b/c -o b", "replay any.rec etcd://a:1/b/c",
+        "bridge unix:a etcd://a:1/b/c", "bridge etcd://a:1/b/c unix:a"}) {
     expectAll(command, 69, "",
               "korvo: this build of korvo knows no clusters of etcd: it was made without "
               "Korvo::EtcdTables, which needs gRPC (package libgrpc++-dev)\n");
