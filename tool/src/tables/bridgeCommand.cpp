@@ -139,8 +139,8 @@ class Bridge final : public Follower::User {
       batch_.commit();
       ++batches_;
     }
-    const bool isCurrent = std::ranges::all_of(
-        states_, [](TableState state) { return state == TableState::current; });
+    const bool isCurrent =
+        std::ranges::all_of(states_, [](TableState state) { return state == TableState::current; });
     if (isCurrent == isCurrent_) return tellFault();
     isCurrent_ = isCurrent;
     if (!isCurrent) {
