@@ -322,11 +322,13 @@ class Bridges : public Etcd {
 };
 
 TEST_F(Bridges, LeadToAClusterAndBack) {
-  const Agent agent(portRecording(), {"--subscribers", "1"});
+  const Agent agent(portRecording(), {"--subscribers", "2"});
   Background there({"bridge", "unix:agent.sock", address}, "there");
   ASSERT_TRUE(says(there, "korvo: portAgent is current: 2 tables, 2 rows\n")) << there.err();
+  ASSERT_TRUE(waitFor([&] { return isPublished(); })) << there.err();
   Background back({"bridge", "--json", address, "unix:back.sock"}, "back");
   ASSERT_TRUE(says(back, "\"state\":\"current\"")) << back.out() << back.err();
+  const Background second({"watch", "unix:agent.sock", "net/port"}, "second");
   agent.waitForEnd();
   // All changes come along, and what is gone is gone.
   ASSERT_TRUE(waitFor([&] { return korvo("get unix:back.sock net/link 5").status == 0; }));
