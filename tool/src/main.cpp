@@ -282,9 +282,15 @@ class CommandLine {
 
   /// A publisher's address, and how long to wait for it.
   static void addPublisher(CLI::App& command, PublisherOptions& options) {
-    command.add_option("ADDRESS", options.address, "Where the publisher is: unix:/run/korvo/agent")
+    command
+        .add_option("ADDRESS", options.address,
+                    "Where the publisher is: unix:/run/korvo/agent, or on a cluster of etcd\n"
+                    "etcd://HOST:PORT,.../SYSTEM/PUBLISHER")
         ->required()
         ->type_name("");
+    addPatience(command, options);
+  }
+  static void addPatience(CLI::App& command, PublisherOptions& options) {
     command
         .add_option("--timeout", options.patience, "How long an answer may take; 10 if not said")
         ->check(CLI::Range(1U, 86400U))
@@ -359,6 +365,18 @@ class CommandLine {
     replay.add_flag("--end", replay_.ends, "End when all subscribers have all");
     addJson(replay, replay_);
     runs(replay, replayTables, replay_);
+
+    CLI::App& bridge = *app_.add_subcommand(
+        "bridge",
+        "Publish at TO what is published at FROM, as it is, until a signal comes. One of them is\n"
+        "a socket and the other a cluster, or both are either");
+    bridge.add_option("FROM", bridge_.address, "Where the publisher is")->required()->type_name("");
+    bridge.add_option("TO", bridge_.target, "Where to publish")->required()->type_name("");
+    bridge.add_option("TABLE", bridge_.tables, "These tables; else all")->type_name("");
+    addPatience(bridge, bridge_);
+    bridge.add_flag("-q,--quiet", bridge_.quiet, "Say nothing while it goes");
+    addJson(bridge, bridge_);
+    runs(bridge, bridgeTables, bridge_);
   }
 
   CLI::App app_;
@@ -382,6 +400,7 @@ class CommandLine {
   WatchOptions watch_;
   RecordOptions record_;
   ReplayOptions replay_;
+  BridgeOptions bridge_;
 };
 
 /// Otherwise the first file that is opened would take a closed stream's place.

@@ -19,7 +19,8 @@ TEST(Etcd, ABuildWithoutItSaysSo) {
   korvotest::write("any.rec", korvotest::portRecording().bytes);
   for (const char* const command :
        {"tables etcd://a:1/b/c", "get etcd://a:1/b/c t", "watch etcd://a:1/b/c t",
-        "record etcd://a:1/b/c -o b", "replay any.rec etcd://a:1/b/c"}) {
+        "record etcd://a:1/b/c -o b", "replay any.rec etcd://a:1/b/c",
+        "bridge unix:a etcd://a:1/b/c", "bridge etcd://a:1/b/c unix:a"}) {
     expectAll(command, 69, "",
               "korvo: this build of korvo knows no clusters of etcd: it was made without "
               "Korvo::EtcdTables, which needs gRPC (package libgrpc++-dev)\n");
@@ -40,6 +41,7 @@ using korvotest::linkLayout;
 using korvotest::Outcome;
 using korvotest::portLayout;
 using korvotest::portRecording;
+using korvotest::Recording;
 using korvotest::shell;
 using korvotest::waitFor;
 using korvotest::write;
@@ -59,7 +61,7 @@ class Etcd : public testing::Test {
   static void TearDownTestSuite() { one.reset(); }
 
   Etcd() {
-    shell("rm -f agent.sock *.rec");
+    shell("rm -f *.sock *.rec");
     write("ports.rec", portRecording().bytes);
   }
   ~Etcd() override { server.tool("del --prefix korvo/"); }
@@ -279,6 +281,184 @@ TEST_F(Etcd, UsersAreAskedForTheirPasswords) {
                 "file for it - (etcd://root:top@" +
                 server.member(0) + "/test/agent)\n");
   server.tool("--user root:top auth disable");
+}
+
+// ---------------------------------------------------------------------------------------------
+// Bridges
+
+/// What a recording tells of tables and rows, in no order.
+std::vector<std::string> recordsOf(const std::string& file) {
+  const std::string bytes = contentOf(file);
+  std::vector<std::string> records;
+  for (std::size_t at = 16; at + 8 <= bytes.size();) {
+    const std::size_t length = 4 + Korvo::loadField<std::uint32_t>(bytes.data() + at);
+    const int type = bytes[at + 4];
+    if (type == 2 || type == 4) records.push_back(bytes.substr(at, length));
+    at += length;
+  }
+  std::sort(records.begin(), records.end());
+  return records;
+}
+
+class Bridges : public Etcd {
+ protected:
+  static std::vector<std::string> published(const std::string& at) {
+    const std::string file = "bridged.rec";
+    shell("rm -f " + file);
+    EXPECT_EQ(korvo("record " + at + " net/port net/link -o " + file + " --first 1").status, 0);
+    return recordsOf(file);
+  }
+  static bool says(const Background& process, const std::string& text) {
+    return waitFor([&] { return (process.out() + process.err()).find(text) != std::string::npos; });
+  }
+  /// The revisions of all keys of rows.
+  std::string revisionsOfRows() const {
+    std::string all;
+    for (const char* const row : {"net/port/row/000003e9", "net/link/row/00000005"}) {
+      all += revisionOf(row) + ' ';
+    }
+    return all;
+  }
+};
+
+TEST_F(Bridges, LeadToAClusterAndBack) {
+  const Agent agent(portRecording(), {"--subscribers", "2"});
+  Background there({"bridge", "unix:agent.sock", address}, "there");
+  ASSERT_TRUE(says(there, "korvo: portAgent is current: 2 tables, 2 rows\n")) << there.err();
+  ASSERT_TRUE(waitFor([&] { return isPublished(); })) << there.err();
+  Background back({"bridge", "--json", address, "unix:back.sock"}, "back");
+  ASSERT_TRUE(says(back, "\"state\":\"current\"")) << back.out() << back.err();
+  const Background second({"watch", "unix:agent.sock", "net/port"}, "second");
+  agent.waitForEnd();
+  // All changes come along, and what is gone is gone.
+  ASSERT_TRUE(waitFor([&] { return korvo("get unix:back.sock net/link 5").status == 0; }));
+  const std::vector<std::string> expected = published("unix:agent.sock");
+  ASSERT_EQ(expected.size(), 4U);
+  EXPECT_EQ(published(address), expected);
+  EXPECT_EQ(published("unix:back.sock"), expected);
+  const std::string row = valueOf("net/port/row/000003e9");
+  EXPECT_TRUE(std::ranges::any_of(expected, [&](const auto& r) { return r.ends_with(row); }));
+  EXPECT_EQ(server.tool("get --keys-only " + key("net/port/row/000003ea")), "");
+
+  EXPECT_EQ(back.end(SIGINT), 0);
+  EXPECT_TRUE(back.out().ends_with("\"batches\":" + back.out().substr(back.out().rfind(':') + 1)));
+  EXPECT_EQ(there.end(SIGTERM), 0);
+  EXPECT_TRUE(there.err().ends_with(" batches\n")) << there.err();
+  // The name is free at once.
+  EXPECT_EQ(server.tool("get " + key("owner")), "");
+}
+
+TEST_F(Bridges, OutliveTheirSources) {
+  auto agent = std::make_unique<Agent>(portRecording(), std::vector<std::string>{});
+  agent->waitForEnd();
+  Background bridge({"bridge", "unix:agent.sock", address}, "bridge");
+  ASSERT_TRUE(says(bridge, "is current: 2 tables, 2 rows\n")) << bridge.err();
+  ASSERT_TRUE(waitFor(
+      [&] { return isPublished() && korvo("get " + address + " net/link 5").err.empty(); }));
+  const std::string revisions = revisionsOfRows();
+  Background watch({"watch", "--changes", address, "net/port"}, "watch");
+
+  // Nobody takes rows for current that the source does not tell any more.
+  agent->process->end(SIGKILL);
+  ASSERT_TRUE(says(bridge, "korvo: net/port is stale: ")) << bridge.err();
+  ASSERT_TRUE(waitFor([&] {
+    return korvo("get " + address + " net/link 5").err.starts_with("korvo: net/link is stale: ");
+  }));
+  agent =
+      std::make_unique<Agent>(portRecording(), std::vector<std::string>{"--as-fast-as-possible"});
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + address + " net/link 5").err.empty(); }))
+      << bridge.err();
+  EXPECT_EQ(watch.end(SIGTERM), 0);
+
+  // Nor is anything written twice by the next bridge.
+  EXPECT_EQ(bridge.end(SIGKILL), -SIGKILL);
+  const std::string before = revisionsOfRows();
+  Background second({"bridge", "unix:agent.sock", address}, "second");
+  ASSERT_TRUE(says(second, "another publisher has the name agent: portAgent on ")) << second.err();
+  server.tool("del " + key("owner"));  // as the end of its lease would
+  ASSERT_TRUE(says(second, address + ": goes on\n")) << second.err();
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + address + " net/link 5").err.empty(); }));
+  EXPECT_EQ(revisionsOfRows(), before);
+  EXPECT_EQ(second.end(SIGTERM), 0);
+  EXPECT_NE(revisions, "");
+}
+
+TEST_F(Bridges, OutliveTheirClusters) {
+  publishAllAndGo();
+  server.tool("put " + key("owner") + " nobody");
+  Background bridge({"bridge", address, "unix:copy.sock"}, "bridge");
+  // Rows that nobody publishes are passed on to nobody.
+  ASSERT_TRUE(says(bridge, "korvo: net/port is stale: ")) << bridge.err();
+  EXPECT_NE(korvo("tables unix:copy.sock").out.find("not all rows are there yet"),
+            std::string::npos);
+  EXPECT_EQ(korvo("get --timeout 1 unix:copy.sock net/port").status, 69);
+  server.tool("del " + key("owner"));
+  const Background publisher = publish({});
+  ASSERT_TRUE(says(bridge, "agent is current: 2 tables, ")) << bridge.err();
+  ASSERT_TRUE(waitFor([&] { return korvo("get unix:copy.sock net/link 5").status == 0; }));
+  Background watch({"watch", "--changes", "unix:copy.sock", "net/port"}, "watch");
+  ASSERT_TRUE(waitFor([&] {
+    return korvo("tables unix:copy.sock").out.find("1 subscriber") != std::string::npos;
+  }));
+
+  one->kill(0);
+  ASSERT_TRUE(says(watch, "net/port is stale: ")) << watch.err();
+  one->start(0);
+  one->waitUntilReady();
+  ASSERT_TRUE(says(watch, "net/port is current\n")) << watch.err() << bridge.err();
+  EXPECT_EQ(watch.out(), "");
+  EXPECT_EQ(watch.end(SIGTERM), 0);
+  EXPECT_EQ(bridge.end(SIGTERM), 0);
+}
+
+TEST_F(Bridges, FollowTheTablesOfTheirSources) {
+  auto agent = std::make_unique<Agent>(portRecording(), std::vector<std::string>{});
+  agent->waitForEnd();
+  Background bridge({"bridge", "-q", "unix:agent.sock", address}, "bridge");
+  Background ports({"bridge", "-q", "unix:agent.sock", "unix:ports.sock", "net/port"}, "ports");
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + address + " net/link 5").err.empty(); }));
+  ASSERT_TRUE(waitFor([&] { return korvo("get unix:ports.sock net/port").status == 0; }));
+  EXPECT_EQ(korvo("get unix:ports.sock net/link").status, 69);
+
+  agent->process->end(SIGKILL);
+  Recording other;
+  other.publisher("portAgent")
+      .table(0, "net/port", linkLayout)
+      .table(1, "net/more", linkLayout)
+      .row(0, 7, R"({"up":true})")
+      .row(1, 8, R"({"up":false})")
+      .mark(0);
+  agent = std::make_unique<Agent>(other, std::vector<std::string>{});
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + address + " net/more 8").err.empty(); }));
+  EXPECT_EQ(korvo("get --json " + address + " net/port").out,
+            R"({"type":2,"oid":7,"row":{"up":true,"peer":null}})"
+            "\n");
+  EXPECT_EQ(korvo("get " + address + " net/link").status, 69);
+  EXPECT_EQ(server.tool("get --prefix --keys-only " + key("net/link/")), "");
+  ASSERT_TRUE(waitFor([&] { return korvo("get unix:ports.sock net/port 7").status == 0; }));
+  EXPECT_EQ(bridge.end(SIGTERM), 0);
+  EXPECT_EQ(ports.end(SIGTERM), 0);
+  EXPECT_EQ(bridge.err() + bridge.out() + ports.err() + ports.out(), "");
+}
+
+TEST_F(Bridges, MistakesAreTold) {
+  const Agent agent(portRecording(), {"--subscribers", "9"});
+  expectAll("bridge unix:agent.sock unix:agent.sock", 64, "",
+            "korvo: a bridge leads from one address to another one (see korvo bridge --help)\n");
+  expectAll("bridge unix:nobody.sock " + address, 69, "",
+            "korvo: unix:nobody.sock: connect nobody.sock: No such file or directory\n");
+  expectAll("bridge unix:agent.sock " + address + " net/prt", 69, "",
+            "korvo: no table net/prt: portAgent has net/port, net/link\n");
+  expectAll("bridge unix:agent.sock nowhere", 64, "",
+            "korvo: Unknown address - (nowhere) (see korvo bridge --help)\n");
+  EXPECT_EQ(korvo("bridge unix:agent.sock etcd://nowhere").status, 64);
+  const Background first({"bridge", "unix:agent.sock", "unix:first.sock"}, "first");
+  ASSERT_TRUE(says(first, "is current")) << first.err();
+  expectAll("bridge unix:agent.sock unix:first.sock", 69, "",
+            "korvo: unix:first.sock: bind first.sock: Address already in use\n");
+  Background json({"bridge", "--json", "unix:agent.sock", "etcd://127.0.0.1:1/test/agent"}, "json");
+  ASSERT_TRUE(says(json, "{\"problem\":\"127.0.0.1:1: ")) << json.out() << json.err();
+  EXPECT_EQ(json.end(SIGTERM), 0);
 }
 
 #endif

@@ -30,8 +30,8 @@ using korvotest::write;
 #ifndef KORVO_WITH_TABLES
 
 TEST(Tables, ABuildWithoutThemSaysSo) {
-  for (const char* const command :
-       {"tables unix:a", "get unix:a t", "watch unix:a t", "record unix:a -o b", "replay a"}) {
+  for (const char* const command : {"tables unix:a", "get unix:a t", "watch unix:a t",
+                                    "record unix:a -o b", "replay a", "bridge unix:a unix:b"}) {
     expectAll(command, 69, "",
               "korvo: this build of korvo knows no tables of other processes: it was made without "
               "Korvo::Tables, which needs libuv (package libuv1-dev)\n");
