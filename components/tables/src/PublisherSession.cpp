@@ -12,7 +12,7 @@ constexpr milliseconds roundLimit{2000};
 constexpr milliseconds longestWanted = std::chrono::minutes(1);  ///< heartbeat of a subscriber
 constexpr int heartbeatsOfSilence = 3;
 /// A subscriber says nothing while it applies a round: for each row it may be silent longer.
-constexpr std::chrono::microseconds applyingRow{20};
+constexpr std::chrono::microseconds applyingRow{50};
 constexpr std::size_t mostNotes = 1000;  ///< that wait for being told
 /// What a WELCOME holds beside layouts.
 constexpr std::size_t welcomeReserve = 1024 + maxTables * (2 * maxText + 64);
