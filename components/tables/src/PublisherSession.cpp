@@ -12,7 +12,7 @@ constexpr milliseconds roundLimit{2000};
 constexpr milliseconds longestWanted = std::chrono::minutes(1);  ///< heartbeat of a subscriber
 constexpr int heartbeatsOfSilence = 3;
 /// A subscriber says nothing while it applies a round: for each row it may be silent longer.
-constexpr std::chrono::microseconds applyingRow{20};
+constexpr std::chrono::microseconds applyingRow{50};
 constexpr std::size_t mostNotes = 1000;  ///< that wait for being told
 /// What a WELCOME holds beside layouts.
 constexpr std::size_t welcomeReserve = 1024 + maxTables * (2 * maxText + 64);
@@ -183,13 +183,13 @@ void PublisherSession::sendNext() {
   if (frames_ == 0) roundHead_ = walk_.head();
   TableSender::Change change;
   if (walk_.next(change)) {
-    send(std::move(change));
+    send(change);
   } else {
     sendGone();
   }
 }
 
-void PublisherSession::send(TableSender::Change change) {
+void PublisherSession::send(const TableSender::Change& change) {
   const bool isRemoval = change.kind == TableSender::Kind::removed;
   if (!isRemoval || change.table != goneOf_ || gone_.size() >= maxOidsOfDel) sendGone();
   if (isRemoval) {
@@ -231,8 +231,8 @@ void PublisherSession::capture() {
 
 void PublisherSession::sendCaptured() {
   if (capturedSent_ < captured_.size()) {
-    TableSender::Change& change = captured_[capturedSent_++];
-    if (walk_.table(change.table) != nullptr) send(std::move(change));  // not refused meanwhile
+    const TableSender::Change change = std::move(captured_[capturedSent_++]);
+    if (walk_.table(change.table) != nullptr) send(change);  // not refused meanwhile
     return;
   }
   captured_ = {};

@@ -82,7 +82,7 @@ class PublisherSession final : private TableWalk::User {
   Welcome::Table admit(const Hello::Table& wanted, std::size_t& layoutBytes);
   void sendNext();
   void sendCaptured();
-  void send(TableSender::Change change);
+  void send(const TableSender::Change& change);
   void sendGone();
   bool isStarved() const;
   void capture();
