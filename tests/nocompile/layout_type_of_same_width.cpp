@@ -4,12 +4,14 @@
 
 #include <Korvo/TableRow.h>
 
+#include <type_traits>
+
 struct LinkLayout : Korvo::RowLayout<2, Korvo::Column<"up", bool>> {};
 using Link = Korvo::TableRow<LinkLayout>;
 #ifndef BAD_LINE
 using Type = std::int64_t;
 #else
-using Type = long long;
+using Type = std::conditional_t<std::is_same_v<std::int64_t, long>, long long, long>;
 #endif
 struct PortLayout
     : Korvo::RowLayout<7, Korvo::Column<"bad", Type>, Korvo::Column<"name", std::string>> {};
