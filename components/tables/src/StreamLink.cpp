@@ -81,7 +81,10 @@ class StreamLink final : public TableLink, private ByteStream::User {
       for (int i = 0; i < count; ++i) wanted += parts[static_cast<std::size_t>(i)].iov_len;
       const ByteStream::Result result = stream_->write(parts.data(), count);
       session_.sent(result.count);
-      if (!result.isOpen) return lost(result.reason);
+      if (!result.isOpen) {
+        End end = read();
+        return end ? end : lost(result.reason);
+      }
       if (result.count < wanted) return std::nullopt;
     }
     if (session_.isOver()) return session_.endText();
