@@ -77,7 +77,10 @@ class StreamLink final : public TableLink, private ByteStream::User {
       const std::span<const byte_t> bytes = session_.out().next(turnBytes);
       const ByteStream::Result result = writeTo(*stream_, bytes);
       session_.sent(result.count);
-      if (!result.isOpen) return lost(result.reason);
+      if (!result.isOpen) {
+        End end = read();
+        return end ? end : lost(result.reason);
+      }
       if (result.count < bytes.size()) return std::nullopt;
     }
     if (session_.isOver()) return session_.endText();

@@ -17,7 +17,9 @@
 #include <functional>
 #include <optional>
 #include <random>
+#include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "table_test_support.h"
 
@@ -52,6 +54,9 @@ Failing failing;
 
 /// Who connects, in place of the user that the kernel tells.
 std::optional<uid_t> peer;
+
+/// What happens just before the next write.
+std::function<void()> beforeSending;
 
 bool fails(Call call) {
   if (failing.call != call) return false;
@@ -88,6 +93,7 @@ int connect(int fd, const sockaddr* address, socklen_t length) {
   return static_cast<int>(syscall(SYS_connect, fd, address, length));
 }
 ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+  if (const auto now = std::exchange(beforeSending, nullptr)) now();
   if (fails(Call::sendmsg)) return -1;
   if (!failing.isShort) return syscall(SYS_sendmsg, fd, message, flags);
   iovec part = message->msg_iov[0];
@@ -403,6 +409,26 @@ TEST_F(TableSyscallTest, QuestionsEndOnce) {
     EXPECT_TRUE(ask());
     EXPECT_EQ(answers, 1) << failure;
   }
+}
+
+// What the publisher said before it closed is read, though nothing can be written any more.
+TEST_F(TableSyscallTest, LastWordsAreReadWhereAWriteFails) {
+  const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  file_.copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(listener, 1), 0);
+  beforeSending = [listener] {
+    const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    constexpr std::string_view bye("\x0e\0\0\0\x0b\0\0\0\x07\x08too many", 18);
+    ASSERT_EQ(write(fd, bye.data(), bye.size()), static_cast<ssize_t>(bye.size()));
+    close(fd);
+  };
+  subscribe();
+  EXPECT_TRUE(runUntil([&] { return !subscriber_->status().lastReason.empty(); }));
+  EXPECT_EQ(subscriber_->status().lastReason, "the publisher ended: too many");
+  close(listener);
 }
 
 // Random failures of every call, for a while; then all is well.

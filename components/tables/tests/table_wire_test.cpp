@@ -517,6 +517,57 @@ TEST_F(SubscriberWireTest, LayoutThatIsNotItsFingerprintsIsRefused) {
   EXPECT_EQ(ports.state(), TableState::refused);
 }
 
+TEST_F(SubscriberWireTest, WelcomesThatAreNoneEndTheConnection) {
+  std::string other = welcomeFrame<PortLayout>();
+  other[8] = 9;
+  std::string number = welcomeFrame<PortLayout>();
+  number[8 + 10 + 5 + 16 + 2] = 7;  // behind the versions, the name, the positions and the count
+  std::string none = welcomeFrame<PortLayout>().substr(0, 8 + 10 + 5 + 16) + std::string(2, '\0');
+  none[0] = static_cast<char>(none.size() - 4);
+  none[1] = 0;
+  for (const auto& [bytes, text] :
+       {std::pair(other, "protocol 9"), std::pair(number, "table number 7"),
+        std::pair(none, "a table is left out")}) {
+    EXPECT_EQ(answer(bytes), std::string("bye ") + text + ' ');
+    loop->advance(seconds(6));
+    EXPECT_EQ(raw.receive(), "hello ");
+  }
+  EXPECT_EQ(ports.state(), TableState::loading);
+}
+
+TEST_F(SubscriberWireTest, MarksOfTablesThatAreNotThereEndTheConnection) {
+  begin(port(1, "a"));
+  const auto markOf = [](unsigned first, unsigned second) {
+    Bytes body;
+    body.u64(11).u64(0).u64(0).u16(2);
+    for (const unsigned table : {first, second}) {
+      body.u16(table).u64(1).u64(digestOf(port(1, "a")));
+    }
+    return frame(mark, 0, body.get());
+  };
+  EXPECT_EQ(answer(markOf(0, 0)), "bye table number 0 ");
+  loop->advance(seconds(6));
+  begin(port(1, "a"));
+  EXPECT_EQ(answer(markOf(0, 5)), "bye table number 5 ");
+  loop->advance(seconds(6));
+  begin(port(1, "a"));
+  EXPECT_EQ(answer(frame(mark, 0, Bytes().u64(11).u64(0).u64(0).u16(0).get())),
+            "bye a mark without a table ");
+}
+
+// Its bytes pass the check, and it is another table's.
+TEST_F(SubscriberWireTest, RowOfAnotherTypeIsRefusedAlone) {
+  begin(port(1, "a"));
+  Port other = port(2, "b");
+  Korvo::storeField<std::uint16_t>(other.rwRowBuf() + Korvo::rowTypeOffset, 9);
+  const Port good = port(3, "c");
+  EXPECT_EQ(answer(rowFrame(other) + rowFrame(good) +
+                   markFrame(11, 2, 3, digestOf(port(1, "a")) ^ digestOf(other) ^ digestOf(good))),
+            "note another row type ack ");
+  EXPECT_EQ(ports.size(), 2U);
+  EXPECT_FALSE(ports.contains(2));
+}
+
 TEST_F(SubscriberWireTest, WholeForgetsWhatTheRoundTold) {
   begin(port(1, "a"));
   EXPECT_EQ(answer(rowFrame(port(3, "c")) + frame(whole, 0, "") + rowFrame(port(2, "b")) +
