@@ -4,6 +4,8 @@
 
 #include <Korvo/TableEngine.h>
 
+#include <set>
+
 #include "EtcdClient.h"
 #include "EtcdKeys.h"
 #include "EtcdPage.h"
@@ -33,6 +35,8 @@ class EtcdSource final : public TableSource, public std::enable_shared_from_this
   const milliseconds heartbeat_;
   EtcdClient client_;
   std::optional<Position> position_;
+  /// Tables that could not be taken there: they have no position, and need none to go on.
+  std::set<std::string, std::less<>> refused_;
 };
 
 }  // namespace Korvo::detail
