@@ -386,10 +386,10 @@ TEST(EtcdReturn, WhatDoesNotGoAwayIsNotAskedForInATightLoop) {
     const auto before = requests();
     runFor(time, tooLarge.side, first.side, second.side, broken.side, nothing.side, wrong.side);
     for (const auto& [what, number] : requests()) {
-      EXPECT_LT(number - before.at(what), 100) << what;
+      EXPECT_LT(number - before.at(what), 60) << what;
     }
   };
-  count(milliseconds(2000));
+  count(milliseconds(1200));
   const auto says = [](const std::string& text, const std::string& words) {
     return text.find(words) != std::string::npos;
   };
@@ -409,7 +409,7 @@ TEST(EtcdReturn, WhatDoesNotGoAwayIsNotAskedForInATightLoop) {
   for (Relay* const relay : {&second.relay, &broken.relay, &nothing.relay, &wrong.relay}) {
     relay->cut();
   }
-  count(milliseconds(2000));
+  count(milliseconds(1200));
   EXPECT_TRUE(says(first.side.problem(), "user name is empty")) << first.side.problem();
   EXPECT_TRUE(says(nothing.side.subscriber.status().lastReason, "user name is empty"))
       << nothing.side.text();
