@@ -37,7 +37,6 @@ using Entry = Korvo::TableRow<EntryLayout>;
 constexpr const char* tableName = "net/entry";
 constexpr oid_t operationsOfTransaction = 4000;
 constexpr int putsUnderWay = 64;
-constexpr oid_t changes = 5000;
 /// Its number asks copies for a report.
 constexpr oid_t reportOid = 0xF0000000;
 
@@ -380,6 +379,7 @@ class Run {
  public:
   Run(int members, oid_t rows)
       : rows_(rows),
+        changes_(rows < 10000 ? 1000 : 5000),
         cluster_(members, {"--max-txn-ops", "10000", "--quota-backend-bytes", "8000000000",
                            "--snapshot-count", "10000"}) {
     cluster_.waitUntilReady();
@@ -436,7 +436,7 @@ class Run {
     const auto begin = steady_clock::now();
     auto last = begin;
     std::uint64_t written = 0;
-    for (oid_t i = 0; i < changes; ++i) {
+    for (oid_t i = 0; i < changes_; ++i) {
       const auto due = begin + i * milliseconds(1);
       do {
         turn();
@@ -445,7 +445,7 @@ class Run {
         *longest = std::max(*longest, Seconds(steady_clock::now() - last).count());
         last = steady_clock::now();
       } while (steady_clock::now() < due);
-      if (i == changes / 5) inBetween();
+      if (i == changes_ / 5) inBetween();
       Batch batch(entries_);
       ++made_;
       batch.put(entry(rows_ + made_, made_, now()));
@@ -454,7 +454,7 @@ class Run {
     untilWritten();
     const auto told = report(copy);
     std::printf("  %-26s %9.2f ms (median), %.2f ms (99 of 100); %.0f lost, %.0f repeated of %u\n",
-                what.c_str(), told[2], told[3], changes - told[0], told[1], changes);
+                what.c_str(), told[2], told[3], changes_ - told[0], told[1], changes_);
     return told;
   }
 
@@ -486,6 +486,7 @@ class Run {
   }
 
   const oid_t rows_;
+  const oid_t changes_;
   Cluster cluster_;
   Folder folder_;
   double table_ = 0;

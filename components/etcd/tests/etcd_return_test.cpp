@@ -53,6 +53,8 @@ class Relay {
     const std::lock_guard lock(mutex_);
     for (Pair& pair : pairs_) closeEnd(pair.client);
   }
+  /// How often clients said anything.
+  int requests() const { return requests_; }
   /// How many connections are held up.
   std::size_t held() const {
     const std::lock_guard lock(mutex_);
@@ -140,6 +142,7 @@ class Relay {
     const ssize_t count = recv(from, bytes.data(), bytes.size(), 0);
     if (count <= 0) return closeEnd(from);
     bytes.resize(static_cast<std::size_t>(count));
+    if (isClient) ++requests_;
     if (!isClient) {
       if (rule_ != Rule::loseAnswers && pair.client != -1) sendAll(pair.client, bytes);
       return;
@@ -158,6 +161,7 @@ class Relay {
   int port_ = 0;
   std::atomic<bool> isOver_ = false;
   std::atomic<Rule> rule_ = Rule::pass;
+  std::atomic<int> requests_ = 0;
   mutable std::mutex mutex_;
   std::vector<Pair> pairs_;
   std::thread thread_;
@@ -226,6 +230,7 @@ TEST_F(EtcdRelay, ATransactionWhoseAnswerIsLostIsRecognisedByTheMark) {
 
 TEST_F(EtcdRelay, ATransactionThatArrivesTwiceIsMadeOnce) {
   ASSERT_TRUE(isSame()) << copy->text() << publisher->problem();
+  runFor(milliseconds(50), *publisher, *copy);  // readers are told in their own turns
   const int written = marks();
   const std::size_t told = copy->changes;
   relay->ruleIs(Relay::Rule::holdRows);
@@ -333,11 +338,127 @@ TEST_F(EtcdMiddle, WhoHasRowsKeepsThemUntilTheNextState) {
   cluster.waitUntilReady();
   beginBatch(2);
   cluster.compact();
-  runFor(milliseconds(300), copy);
+  runFor(milliseconds(1000), copy);
   EXPECT_EQ(copy.ports.state(), TableState::stale) << copy.text();
   EXPECT_EQ(copy.ports.size(), rows);
   EXPECT_EQ(generation(copy), 1);
   expectTheEnd(copy);
+}
+
+/// Who asks a server, and how often.
+template <typename Side>
+struct Asking {
+  Asking(std::string ofWhat, const Cluster& cluster, const std::string& publisher)
+      : what(std::move(ofWhat)), relay(cluster.member(0)), side(relay.address(publisher)) {}
+  std::string what;
+  Relay relay;
+  Side side;
+};
+
+TEST(EtcdReturn, WhatDoesNotGoAwayIsNotAskedForInATightLoop) {
+  Cluster cluster(1, {"--max-request-bytes", "20000"});
+  cluster.waitUntilReady();
+  Asking<Publisher> tooLarge("a row that no server takes", cluster, "large");
+  tooLarge.side.put({port(1, std::string(30000, 'x'))});
+  Asking<Publisher> first("a publisher", cluster, "agent");
+  first.side.put({port(1, "one")});
+  ASSERT_TRUE(
+      runUntil([&] { return first.side.publisher.subscribers().at(0).lag == 0; }, first.side));
+  Asking<Publisher> second("a second publisher", cluster, "agent");
+  cluster.tool("put korvo/test/broken/mark nonsense");
+  Asking<Copy> broken("a copy of what has another form", cluster, "broken");
+  Asking<Copy> nothing("a copy of what is not there", cluster, "nothing");
+  cluster.tool("put korvo/test/wrong/mark <" + [&] {
+    std::ofstream(cluster.folder().file("mark"))
+        << "korvo 1 history 0000000000000001 sequence 1 part 0 cut 0 batches 1\n"
+           "1 0000000000000001 net/port\n";
+    return cluster.folder().file("mark");
+  }());
+  Asking<Copy> wrong("a copy whose layout is missing", cluster, "wrong");
+
+  const auto count = [&](milliseconds time) {
+    const auto requests = [&] {
+      return std::map<std::string, int>{
+          {tooLarge.what, tooLarge.relay.requests()}, {first.what, first.relay.requests()},
+          {second.what, second.relay.requests()},     {broken.what, broken.relay.requests()},
+          {nothing.what, nothing.relay.requests()},   {wrong.what, wrong.relay.requests()}};
+    };
+    const auto before = requests();
+    runFor(time, tooLarge.side, first.side, second.side, broken.side, nothing.side, wrong.side);
+    for (const auto& [what, number] : requests()) {
+      EXPECT_LT(number - before.at(what), 60) << what;
+    }
+  };
+  count(milliseconds(1200));
+  const auto says = [](const std::string& text, const std::string& words) {
+    return text.find(words) != std::string::npos;
+  };
+  EXPECT_TRUE(says(tooLarge.side.problem(), "too large")) << tooLarge.side.problem();
+  EXPECT_EQ(first.side.problem(), "");
+  EXPECT_TRUE(says(second.side.problem(), "another publisher has the name"));
+  EXPECT_TRUE(says(broken.side.subscriber.status().lastReason, "another form"));
+  EXPECT_EQ(nothing.side.ports.state(), TableState::loading);
+  EXPECT_EQ(wrong.side.ports.state(), TableState::refused) << wrong.side.text();
+
+  // From now on nobody may do anything.
+  for (const std::string words :
+       {"user add root:top", "user grant-role root root", "auth enable"}) {
+    cluster.tool(words);
+  }
+  first.side.put({port(1, "eins")});
+  for (Relay* const relay : {&second.relay, &broken.relay, &nothing.relay, &wrong.relay}) {
+    relay->cut();
+  }
+  count(milliseconds(1200));
+  EXPECT_TRUE(says(first.side.problem(), "user name is empty")) << first.side.problem();
+  EXPECT_TRUE(says(nothing.side.subscriber.status().lastReason, "user name is empty"))
+      << nothing.side.text();
+}
+
+TEST(EtcdReturn, ARefusedTableIsTakenOnceItsLayoutIsAnother) {
+  Cluster cluster(1);
+  cluster.waitUntilReady();
+  Copy copy(cluster.address());
+  {
+    Publisher publisher(cluster.address("none"));
+    Table<Link> links("net/port");
+    TablePublisher other("agent", publisher.loop, {.heartbeat = milliseconds(500)});
+    other.add(links);
+    other.listen(cluster.address());
+    Batch batch(links);
+    batch.put(link(7, true));
+    batch.commit();
+    ASSERT_TRUE(
+        runUntil([&] { return copy.ports.state() == TableState::refused; }, publisher, copy))
+        << copy.text();
+  }
+  runFor(milliseconds(300), copy);
+  EXPECT_EQ(copy.ports.state(), TableState::refused) << copy.text();
+  Publisher publisher(cluster.address());
+  publisher.put({port(1, "one")});
+  ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy))
+      << copy.text() << publisher.problem();
+}
+
+TEST(EtcdReturn, ARefusedTableIsTakenOnceTheSubscriberHasAnother) {
+  Cluster cluster(1);
+  cluster.waitUntilReady();
+  Publisher publisher(cluster.address());
+  publisher.put({port(1, "one")});
+  auto links = std::make_unique<Table<Link>>("net/port");
+  struct {
+    std::shared_ptr<EventLoop> loop = std::make_shared<EventLoop>("copy");
+  } side;
+  TableSubscriber subscriber(cluster.address(), side.loop, {.heartbeat = milliseconds(500)});
+  subscriber.add(*links);
+  ASSERT_TRUE(runUntil([&] { return links->state() == TableState::refused; }, publisher, side));
+  runFor(milliseconds(100), publisher, side);
+  links.reset();
+  Table<Port> ports("net/port");
+  subscriber.add(ports);
+  ASSERT_TRUE(runUntil([&] { return ports.state() == TableState::current; }, publisher, side))
+      << ports.stateText() << subscriber.status().lastReason;
+  EXPECT_EQ(contents(ports), contents(publisher.ports));
 }
 
 TEST(EtcdReturn, TransactionsGetAsSmallAsTheServerWantsThem) {
