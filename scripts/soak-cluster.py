@@ -614,6 +614,9 @@ class Soak:
 
 def main():
     program, seconds, seed = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
+    # Inherited by all, for those who do not listen to it yet.
+    signal.signal(signal.SIGUSR1, signal.SIG_IGN)
+    signal.signal(signal.SIGUSR2, signal.SIG_IGN)
     networks = Networks() if sys.argv[4:] == ["networks"] else None
     print(f"{seconds} seconds, seed {seed}; " + (
         "each process has a network of its own" if networks else
