@@ -170,6 +170,8 @@ void EtcdOutlet::haveName(const etcd::TxnResponse& response) {
                 (owners.empty() ? std::string("its lease just ended") : owners[0].value())});
       return;
     }
+    // The answer to the claim may have been lost, and with it that it was new.
+    isMarkDue_ = isMarkDue_ || owners[0].create_revision() != owner_;
     owner_ = owners[0].create_revision();
   }
   readRevision_ = response.header().revision();
@@ -206,13 +208,14 @@ void EtcdOutlet::judgeMark(const etcd::RangeResponse& response) {
   }
   std::optional<EtcdMark> mark;
   if (isThere) mark = EtcdMark::decode(text);
-  // A history that another one wrote on is not ours any more: its states would be taken for ours.
-  const bool isNewHistory = isKnown_ || !mark;
+  // A history that another one wrote on, or that ends before our last state, is not ours any more:
+  // its states would be taken for ours. That stays so until a state of the new one is written.
+  beginsHistory_ = beginsHistory_ || !mark || isKnown_ || (hasWritten_ && text != markText_);
   markText_ = text;
   mark_ = mark.value_or(EtcdMark());
   cut_ = 0;
   if (mark) cut_ = mark->part == 0 ? response.kvs(0).mod_revision() : mark->cut;
-  if (isNewHistory) {
+  if (beginsHistory_) {
     mark_.history = randomNumber();
     cut_ = 0;
   }
@@ -598,6 +601,8 @@ void EtcdOutlet::adoptMark(std::int64_t revision) {
   counters_->rows += sent_.size();
   mark_ = sentMark_;
   markText_ = sentText_;
+  hasWritten_ = true;
+  beginsHistory_ = false;
   readRevision_ = revision;
   backoff_.reset();
   if (sentState_) {

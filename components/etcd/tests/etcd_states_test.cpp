@@ -248,6 +248,41 @@ TEST_F(EtcdStates, AClusterThatIsReplacedAtAnyTimeIsNoticed) {
   }
 }
 
+/// Whatever comes in between before its first state is written.
+TEST_F(EtcdStates, AHistoryThatACopyOfTheClusterEndedIsNotGoneOnWith) {
+  const auto history = [&] {
+    const std::string text = mark();
+    return text.substr(0, text.find(" sequence"));
+  };
+  Publisher publisher(cluster.address());
+  Copy copy(cluster.address());
+  publisher.putGeneration(1, 500);
+  ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy)) << copy.text();
+  const std::string saved = cluster.folder().file("saved");
+  cluster.tool("snapshot save " + saved);
+  const std::string first = history();
+  for (int turns = 2; turns < 8; ++turns) {
+    for (int i = 0; i < 10; ++i) {
+      publisher.put({port(1, "one", 1 + 10 * turns + i)});
+      runFor(milliseconds(10), publisher, copy);
+    }
+    cluster.kill(0);
+    cluster.restore(0, saved);
+    cluster.start(0);
+    cluster.waitUntilReady();
+    // It comes to know of it, and is interrupted.
+    ASSERT_TRUE(runUntil([&] { return publisher.problem().empty(); }, publisher));
+    for (int i = 0; i < turns; ++i) publisher.loop->run(0, 0.001, false);
+    cluster.kill(0);
+    cluster.start(0);
+    cluster.waitUntilReady();
+    ASSERT_TRUE(
+        runUntil([&] { return copy.equals(publisher) && isWritten(publisher); }, publisher, copy))
+        << turns << ' ' << copy.text() << publisher.problem();
+    EXPECT_NE(history(), first) << turns;
+  }
+}
+
 /// The publisher is gone for good, and the next one knows what the cluster knows.
 TEST_F(EtcdStates, AnotherPublisherLeadsOnFromARestoredCluster) {
   const std::string saved = cluster.folder().file("saved");
