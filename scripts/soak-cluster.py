@@ -572,7 +572,9 @@ class Soak:
                 for process in left:
                     process.signal(signal.SIGUSR2)
                 time.sleep(1)
-                raise Failure(f"{len(left)} subscribers did not converge: {left[0].tail()}")
+                there = self.cluster.tool("get", "--prefix", PREFIX + "mark", "-w", "fields")
+                raise Failure(f"{len(left)} subscribers did not converge: {left[0].tail()}"
+                              f"owner: {self.owner()}{there}")
             time.sleep(0.05)
         self.compare()
         self.publisher.end(signal.SIGTERM)
