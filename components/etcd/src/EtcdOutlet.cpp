@@ -181,13 +181,21 @@ void EtcdOutlet::haveName(const etcd::TxnResponse& response) {
 
 void EtcdOutlet::keepLease() {
   leaseSilence_ = milliseconds(0);
-  leaseIdle_ = milliseconds(0);
   keepAlive_ = client_.keepAlive([this](const Fault& fault, etcd::LeaseKeepAliveResponse& answer) {
     if (fault) return lose(fault);
     if (answer.ttl() <= 0) return lose({Fault::Kind::noLease, "the lease of the name ended"});
     leaseSilence_ = milliseconds(0);
     keepAlive_->next();
   });
+  // Who waited for the name has a lease that is about to end.
+  askForLease();
+}
+
+void EtcdOutlet::askForLease() {
+  leaseIdle_ = milliseconds(0);
+  etcd::LeaseKeepAliveRequest request;
+  request.set_id(lease_);
+  keepAlive_->send(request);
 }
 
 /// Tells by the mark whether what is in the cluster is what was written from here.
@@ -246,12 +254,7 @@ void EtcdOutlet::timePasses(milliseconds time) {
   if (leaseSilence_ > 2 * lease / 3) {
     return lose({Fault::Kind::unavailable, "the lease of the name was not kept in time"});
   }
-  if (leaseIdle_ >= lease / 4) {
-    leaseIdle_ = milliseconds(0);
-    etcd::LeaseKeepAliveRequest request;
-    request.set_id(lease_);
-    keepAlive_->send(request);
-  }
+  if (leaseIdle_ >= lease / 4) askForLease();
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -76,6 +76,7 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   void haveName(const etcd::TxnResponse& response);
   void judgeMark(const etcd::RangeResponse& response);
   void keepLease();
+  void askForLease();
   void startOver();
 
   void readTable();

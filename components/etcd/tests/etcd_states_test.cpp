@@ -123,6 +123,10 @@ TEST_F(EtcdStates, WhoLostTheNameWhileHeSleptWritesNothingMore) {
   second->put({port(1, "eins"), port(2, "zwei")});
   ASSERT_TRUE(runUntil([&] { return copy.equals(*second); }, *second, copy))
       << copy.text() << second->problem();
+  // It has waited with a lease, which is kept from now on.
+  const std::vector<std::string> owner = fields("CreateRevision", "owner");
+  runFor(milliseconds(1000), *second, copy);
+  EXPECT_EQ(fields("CreateRevision", "owner"), owner);
   const std::size_t told = copy.changes;
   first->put({port(1, "uno")});
   runFor(milliseconds(1000), *first, *second, copy);
