@@ -30,11 +30,20 @@ PREFIX = "korvo/soak/agent/"
 # What is proved is about processes and links, not disks: those that sync in time are not at hand.
 MEMORY = Path("/dev/shm")
 MEMORY_NEEDED = 4 << 30
-FAKETIME = Path("/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1")
 
 
 class Failure(Exception):
     pass
+
+
+def clockLibrary(program):
+    """The library that shifts a program's clock; none if it is not there or does not fit."""
+    for library in Path("/usr/lib").glob("*/faketime/libfaketime.so.1"):
+        tried = subprocess.run([program], capture_output=True, check=False,
+                               env={**os.environ, "LD_PRELOAD": str(library)})
+        if tried.returncode == 2 and tried.stderr.startswith(b"etcd_soak "):
+            return str(library)
+    return None
 
 
 class Networks:
@@ -210,6 +219,7 @@ class Soak:
         self.folder = folder
         self.networks = networks
         self.counts = collections.Counter()
+        self.clockLibrary = clockLibrary(program)
         self.clock = folder / "clock"
         self.clock.write_text("+0")
         self.cluster = Cluster(folder, networks, self.random)
@@ -237,9 +247,9 @@ class Soak:
 
     def agent(self, place, words, log):
         environment = {}
-        if FAKETIME.exists():
+        if self.clockLibrary:
             # The clock of the day, which may jump; not that which only goes forward.
-            environment = {"LD_PRELOAD": str(FAKETIME), "FAKETIME_NO_CACHE": "1",
+            environment = {"LD_PRELOAD": self.clockLibrary, "FAKETIME_NO_CACHE": "1",
                            "FAKETIME_TIMESTAMP_FILE": str(self.clock),
                            "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
         inside = self.networks.words(place) if self.networks else []
@@ -468,7 +478,7 @@ class Soak:
 
     def jump(self):
         """The agents' clock of the day goes to some other time within a month."""
-        if not FAKETIME.exists():
+        if not self.clockLibrary:
             return None
         new = self.clock.with_suffix(".new")
         new.write_text(f"{self.random.randrange(-10**6, 10**6):+d}")
@@ -562,7 +572,9 @@ class Soak:
                 for process in left:
                     process.signal(signal.SIGUSR2)
                 time.sleep(1)
-                raise Failure(f"{len(left)} subscribers did not converge: {left[0].tail()}")
+                there = self.cluster.tool("get", "--prefix", PREFIX + "mark", "-w", "fields")
+                raise Failure(f"{len(left)} subscribers did not converge: {left[0].tail()}"
+                              f"owner: {self.owner()}{there}")
             time.sleep(0.05)
         self.compare()
         self.publisher.end(signal.SIGTERM)
@@ -613,12 +625,16 @@ class Soak:
 
 
 def main():
-    program, seconds, seed = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
+    program = os.path.realpath(sys.argv[1])
+    seconds, seed = int(sys.argv[2]), int(sys.argv[3])
+    # Inherited by all, for those who do not listen to it yet.
+    signal.signal(signal.SIGUSR1, signal.SIG_IGN)
+    signal.signal(signal.SIGUSR2, signal.SIG_IGN)
     networks = Networks() if sys.argv[4:] == ["networks"] else None
     print(f"{seconds} seconds, seed {seed}; " + (
         "each process has a network of its own" if networks else
         "no networks: those who would be cut off are stopped") + (
-        "" if FAKETIME.exists() else "; clocks stay (package faketime)"), flush=True)
+        "" if clockLibrary(program) else "; clocks stay"), flush=True)
     inMemory = MEMORY.is_dir() and shutil.disk_usage(MEMORY).free >= MEMORY_NEEDED
     folder = Path(tempfile.mkdtemp(prefix="korvo_soak_", dir=MEMORY if inMemory else None))
     soak = Soak(program, seconds, seed, networks, folder)

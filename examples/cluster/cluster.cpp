@@ -73,7 +73,8 @@ int publish(const std::string& address, int seconds, const std::vector<std::stri
     if (now != problem) std::cout << "publisher: " << (now.empty() ? "writing" : now) << std::endl;
     problem = now;
   };
-  const auto isBehind = [&] { return publisher.subscribers().front().lag != 0; };
+  // Until it is told to end.
+  const auto isBehind = [&] { return loop->active() && publisher.subscribers().front().lag != 0; };
   while (isBehind()) run(0.01);
   std::cout << "publisher: " << prefixes.size() << " rows are written" << std::endl;
 
@@ -81,7 +82,7 @@ int publish(const std::string& address, int seconds, const std::vector<std::stri
   for (const PrefixRow& row : prefixes) oids.push_back(row.rowOid());
   const auto end = Clock::now() + std::chrono::seconds(seconds);
   std::uint32_t changes = 0;
-  while (Clock::now() < end) {
+  while (loop->active() && Clock::now() < end) {
     Korvo::Batch batch(prefixes);
     for (int i = 0; i < 3; ++i) {
       PrefixRow row = prefixes.find(oids[++changes * std::size_t{7919} % oids.size()]);
@@ -93,8 +94,7 @@ int publish(const std::string& address, int seconds, const std::vector<std::stri
   }
   while (isBehind()) run(0.01);
   std::cout << "publisher: " << changes << " changes; " << summary(prefixes) << std::endl;
-  loop->activeIs(true);
-  loop->run();
+  if (loop->active()) loop->run();
   return 0;
 }
 

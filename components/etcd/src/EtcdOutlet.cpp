@@ -169,6 +169,8 @@ void EtcdOutlet::haveName(const etcd::TxnResponse& response) {
                 (owners.empty() ? std::string("its lease just ended") : owners[0].value())});
       return;
     }
+    // The answer to the claim may have been lost, and with it that it was new.
+    isMarkDue_ = isMarkDue_ || owners[0].create_revision() != owner_;
     owner_ = owners[0].create_revision();
   }
   readRevision_ = response.header().revision();
@@ -178,13 +180,21 @@ void EtcdOutlet::haveName(const etcd::TxnResponse& response) {
 
 void EtcdOutlet::keepLease() {
   leaseSilence_ = milliseconds(0);
-  leaseIdle_ = milliseconds(0);
   keepAlive_ = client_.keepAlive([this](const Fault& fault, etcd::LeaseKeepAliveResponse& answer) {
     if (fault) return lose(fault);
     if (answer.ttl() <= 0) return lose({Fault::Kind::noLease, "the lease of the name ended"});
     leaseSilence_ = milliseconds(0);
     keepAlive_->next();
   });
+  // Who waited for the name has a lease that is about to end.
+  askForLease();
+}
+
+void EtcdOutlet::askForLease() {
+  leaseIdle_ = milliseconds(0);
+  etcd::LeaseKeepAliveRequest request;
+  request.set_id(lease_);
+  keepAlive_->send(request);
 }
 
 /// Tells by the mark whether what is in the cluster is what was written from here.
@@ -205,13 +215,14 @@ void EtcdOutlet::judgeMark(const etcd::RangeResponse& response) {
   }
   std::optional<EtcdMark> mark;
   if (isThere) mark = EtcdMark::decode(text);
-  // A history that another one wrote on is not ours any more: its states would be taken for ours.
-  const bool isNewHistory = isKnown_ || !mark;
+  // A history that another one wrote on, or that ends before our last state, is not ours any more:
+  // its states would be taken for ours. That stays so until a state of the new one is written.
+  beginsHistory_ = beginsHistory_ || !mark || isKnown_ || (hasWritten_ && text != markText_);
   markText_ = text;
   mark_ = mark.value_or(EtcdMark());
   cut_ = 0;
   if (mark) cut_ = mark->part == 0 ? response.kvs(0).mod_revision() : mark->cut;
-  if (isNewHistory) {
+  if (beginsHistory_) {
     mark_.history = randomNumber();
     cut_ = 0;
   }
@@ -243,12 +254,7 @@ void EtcdOutlet::timePasses(milliseconds time) {
   if (leaseSilence_ > 2 * lease / 3) {
     return lose({Fault::Kind::unavailable, "the lease of the name was not kept in time"});
   }
-  if (leaseIdle_ >= lease / 4) {
-    leaseIdle_ = milliseconds(0);
-    etcd::LeaseKeepAliveRequest request;
-    request.set_id(lease_);
-    keepAlive_->send(request);
-  }
+  if (leaseIdle_ >= lease / 4) askForLease();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -607,6 +613,8 @@ void EtcdOutlet::adoptMark(std::int64_t revision) {
       std::ranges::count_if(sent_, [](const Change& change) { return !change.request; }));
   mark_ = sentMark_;
   markText_ = sentText_;
+  hasWritten_ = true;
+  beginsHistory_ = false;
   readRevision_ = revision;
   backoff_.reset();
   if (sentState_) {

@@ -76,6 +76,7 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   void haveName(const etcd::TxnResponse& response);
   void judgeMark(const etcd::RangeResponse& response);
   void keepLease();
+  void askForLease();
   void startOver();
 
   void readTable();
@@ -113,10 +114,12 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   milliseconds leaseSilence_{0};
   milliseconds leaseIdle_{0};
 
-  bool isKnown_ = false;  ///< what is in the cluster is what was written from here
-  EtcdMark mark_;         ///< in the cluster
-  std::string markText_;  ///< empty: there is none
-  std::int64_t cut_ = 0;  ///< the revision of the last state
+  bool isKnown_ = false;        ///< what is in the cluster is what was written from here
+  bool hasWritten_ = false;     ///< the last mark that is known is ours
+  bool beginsHistory_ = false;  ///< with the next mark
+  EtcdMark mark_;               ///< in the cluster
+  std::string markText_;        ///< empty: there is none
+  std::int64_t cut_ = 0;        ///< the revision of the last state
   std::vector<TableSender::Table> tables_;
   std::vector<There> there_;
   std::size_t paged_ = 0;

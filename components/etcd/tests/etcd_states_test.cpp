@@ -123,6 +123,10 @@ TEST_F(EtcdStates, WhoLostTheNameWhileHeSleptWritesNothingMore) {
   second->put({port(1, "eins"), port(2, "zwei")});
   ASSERT_TRUE(runUntil([&] { return copy.equals(*second); }, *second, copy))
       << copy.text() << second->problem();
+  // It has waited with a lease, which is kept from now on.
+  const std::vector<std::string> owner = fields("CreateRevision", "owner");
+  runFor(milliseconds(1000), *second, copy);
+  EXPECT_EQ(fields("CreateRevision", "owner"), owner);
   const std::size_t told = copy.changes;
   first->put({port(1, "uno")});
   runFor(milliseconds(1000), *first, *second, copy);
@@ -227,7 +231,7 @@ TEST_F(EtcdStates, AClusterThatIsReplacedAtAnyTimeIsNoticed) {
     publisher.put({port(1, "one", i)});
     runFor(milliseconds(10), publisher);
   }
-  for (int turns = 1; turns <= 6; ++turns) {
+  for (int turns = 1; turns <= 6; turns += 2) {
     Copy copy(cluster.address());
     for (int i = 0; i < turns; ++i) {
       copy.loop->run(0, 0.001, false);
@@ -245,6 +249,43 @@ TEST_F(EtcdStates, AClusterThatIsReplacedAtAnyTimeIsNoticed) {
       publisher.put({port(1, "one", i)});
       runFor(milliseconds(10), publisher);
     }
+  }
+}
+
+/// Whatever comes in between before its first state is written.
+TEST_F(EtcdStates, AHistoryThatACopyOfTheClusterEndedIsNotGoneOnWith) {
+  const auto history = [&] {
+    const std::string text = mark();
+    return text.substr(0, text.find(" sequence"));
+  };
+  Publisher publisher(cluster.address());
+  Copy copy(cluster.address());
+  publisher.putGeneration(1, 500);
+  ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy)) << copy.text();
+  const std::string saved = cluster.folder().file("saved");
+  cluster.tool("snapshot save " + saved);
+  const std::string savedMark = mark();
+  const std::string first = history();
+  for (int turns = 2; turns < 8; turns += 2) {
+    for (int i = 0; i < 10; ++i) {
+      publisher.put({port(1, "one", 1 + 10 * turns + i)});
+      runFor(milliseconds(10), publisher, copy);
+    }
+    cluster.kill(0);
+    cluster.restore(0, saved);
+    cluster.start(0);
+    cluster.waitUntilReady();
+    // It comes to know of it, and is interrupted.
+    ASSERT_TRUE(runUntil([&] { return !publisher.problem().empty(); }, publisher));
+    ASSERT_TRUE(runUntil([&] { return publisher.problem().empty(); }, publisher));
+    for (int i = 0; i < turns; ++i) publisher.loop->run(0, 0.001, false);
+    cluster.kill(0);
+    cluster.start(0);
+    cluster.waitUntilReady();
+    ASSERT_TRUE(runUntil([&] { return mark() != savedMark; }, publisher, copy));
+    EXPECT_NE(history(), first) << turns;
+    ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy))
+        << turns << ' ' << copy.text() << publisher.problem();
   }
 }
 

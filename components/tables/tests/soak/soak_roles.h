@@ -250,8 +250,9 @@ class Subscriber {
   void tell() const {
     const Korvo::TableSubscriber::Status status = subscriber_.status();
     if (heads_.state() != Korvo::TableState::current) {
-      std::cout << heads_.stateText() << "; ports: " << ports_.stateText() << "; "
-                << status.lastReason << "; ";
+      std::cout << "heads: " << heads_.stateText() << "; ports: " << ports_.stateText()
+                << (status.isConnected ? "; connected" : "") << ", before: " << status.lastReason
+                << "; at batch " << last_.second << " of " << last_.first << "; ";
     }
     std::cout << checks_ << " states seen, " << status.marks << " marks, " << status.merged
               << " batches merged, " << status.connections << " connections" << std::endl;
