@@ -626,7 +626,7 @@ class ColumnWriters {
   requires(takesItsType<Type<Name>>) void set(const Type<Name>& value) {
     if constexpr (isVector<Type<Name>>) {
       checkArrayCount(self().writtenRow(), Name.view(), value);
-      self().template writeColumn<Name>(EncodedArray(value));
+      write<Name>(EncodedArray(value));
     } else {
       self().writeField(Layout::template offset<Name>, value);
     }
@@ -637,17 +637,14 @@ class ColumnWriters {
   requires(!takesItsType<Type<Name>> &&
            isWrittenFrom<Type<Name>, Value>) void set(const Value& value) {
     using T = Type<Name>;
-    const auto write = [this](const EncodedValue& encoded) {
-      self().template writeColumn<Name>(encoded);
-    };
     if constexpr (std::is_same_v<T, std::string>) {
-      write(encoded(std::string_view(value)));
+      write<Name>(encoded(std::string_view(value)));
     } else if constexpr (!isArrayElement<T>) {
-      write(encodedNested(value, std::type_identity<T>()));
+      write<Name>(encodedRow(value.rowBuf()));
     } else if constexpr (std::is_same_v<Value, typename ColumnTraits<T>::View>) {
-      write(encoded(value));
+      write<Name>(encoded(value));
     } else {
-      write(encoded(static_cast<const T&>(value)));
+      write<Name>(encoded(static_cast<const T&>(value)));
     }
   }
   template <ColumnName Name, typename Value>
@@ -664,26 +661,15 @@ class ColumnWriters {
   }
 
  private:
-  /// The rows whose bytes a column of nested rows takes.
-  template <typename NestedLayout>
-  static EncodedValue encodedNested(const TableRow<NestedLayout>& row,
-                                    std::type_identity<Nested<NestedLayout>>) {
-    return encodedRow(row.rowBuf());
-  }
-  template <typename NestedLayout>
-  static EncodedValue encodedNested(const SubRow<NestedLayout>& row,
-                                    std::type_identity<Nested<NestedLayout>>) {
-    return encodedRow(row.rowBuf());
+  template <ColumnName Name, typename Encoded>
+  [[gnu::always_inline]] void write(const Encoded& value) {
+    self().template writeColumn<Name>(value);
   }
 
   Self& self() { return static_cast<Self&>(*this); }
 };
 
-/// Whether two rows of a layout have the same values, or both are null.
-template <typename Layout, typename Row, typename Other>
-bool sameColumns(const Row& row, const Other& other);
-
-/// As sameColumns() for the values of two columns of type T in place.
+/// Whether two columns of type T have the same value.
 template <typename T, typename View>
 bool sameValues(const View& a, const View& b) {
   if constexpr (ColumnTraits<T>::isArray) {
@@ -695,6 +681,7 @@ bool sameValues(const View& a, const View& b) {
   }
 }
 
+/// Whether two rows of a layout have the same values, or both are null.
 template <typename Layout, typename Row, typename Other>
 bool sameColumns(const Row& row, const Other& other) {
   if (row.isNull() || other.isNull()) return row.isNull() && other.isNull();
@@ -834,7 +821,7 @@ class TableRow : public BaseRow,
   const BaseRow& writtenRow() const { return *this; }
   template <typename T>
   void writeField(len_t offset, const T& value) {
-    setOwnField(offset, value);
+    setFixedColumn(offset, value);
   }
   template <ColumnName Name, typename Encoded>
   [[gnu::always_inline]] void writeColumn(const Encoded& encoded) {
