@@ -95,10 +95,4 @@ void StoredRows::settle(std::size_t most) noexcept {
   }
 }
 
-void StoredRows::settle() noexcept {
-  hand_ = 0;
-  settle(shared_.size());
-  if (shared_.size() < shared_.capacity() / 4) shared_.shrink_to_fit();
-}
-
 }  // namespace Korvo::detail

@@ -62,8 +62,6 @@ class StoredRows {
   void exchange(Slot slot, Row& row, bool isHeld) noexcept;
   /// Looks at `most` rows that were shared, in turn, for such as nobody else holds any more.
   void settle(std::size_t most) noexcept;
-  /// Looks at all of them.
-  void settle() noexcept;
   /// How many rows are kept with owners.
   std::size_t sharedCount() const { return shared_.size(); }
 

@@ -98,9 +98,6 @@ class TableStore {
   oid_t oid(Slot slot) const { return entries_[slot].oid; }
   /// The rows, in no order: the first slot in use at or behind `slot`, or noSlot.
   Slot slotFrom(Slot slot) const;
-  /// Looks for rows that others held, and hold no more: they take less memory then. To be called
-  /// when many have been let go of at once.
-  void settle() noexcept { rows_.settle(); }
   /// How many rows are kept as if others held them.
   std::size_t sharedCount() const { return rows_.sharedCount(); }
 
@@ -282,9 +279,13 @@ class TableStore::Cursor {
 /// constructor, which leaves the table as it was.
 class TableStore::Commit {
  public:
-  /// Throws KoInvalidArgument if a unique index would have two rows of one key, std::bad_alloc, and
-  /// what changeComes() throws.
-  Commit(TableStore& store, std::vector<RowOperation>& operations);
+  // Both throw KoInvalidArgument if a unique index would have two rows of one key, std::bad_alloc,
+  // and what changeComes() throws.
+
+  /// The last word on each oid counts.
+  Commit(TableStore& store, const std::vector<RowOperation>& operations);
+  /// Each oid is there once. Takes the buffers, also when it throws.
+  Commit(TableStore& store, std::vector<RowOperation>&& operations);
   Commit(const Commit&) = delete;
   Commit& operator=(const Commit&) = delete;
 
@@ -303,7 +304,8 @@ class TableStore::Commit {
     bool isHeld;  ///< by others than the batch
   };
 
-  void select(std::vector<RowOperation>& operations);
+  void select(oid_t oid, KoPtr<KoRowBuf> buffer, bool isHeld);
+  void prepare();
   void checkUnique() const;
   void reserve();
   void prepareIndexes();
