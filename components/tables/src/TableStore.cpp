@@ -451,7 +451,7 @@ bool TableStore::Cursor::nextRow(Told& told) {
 // Commits
 
 TableStore::Commit::Commit(TableStore& store, const std::vector<RowOperation>& operations)
-    : store_(store) {
+    : store_(store), asked_(operations.size()) {
   OidMap last;
   if (operations.size() > 1) last.reserve(operations.size());
   std::uint32_t number = 0;
@@ -466,7 +466,7 @@ TableStore::Commit::Commit(TableStore& store, const std::vector<RowOperation>& o
 }
 
 TableStore::Commit::Commit(TableStore& store, std::vector<RowOperation>&& operations)
-    : store_(store) {
+    : store_(store), asked_(operations.size()) {
   touches_.reserve(operations.size());
   for (RowOperation& operation : operations) {
     const bool isHeld = operation.buffer.use_count() > 1;
@@ -496,7 +496,7 @@ void TableStore::Commit::prepare() {
 TableStore::Commit::~Commit() {
   releaseIndexes();
   for (const KnownIndex& known : store_.indexes_) known.index->settle();
-  store_.rows_.settle(2 * touches_.size());
+  store_.rows_.settle(2 * asked_);
 }
 
 template <typename Use>

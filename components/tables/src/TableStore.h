@@ -315,6 +315,7 @@ class TableStore::Commit {
   void forEachKey(const Use& use);
 
   TableStore& store_;
+  std::size_t asked_;  ///< how many operations there were
   std::vector<Touch> touches_;
   std::vector<bool> moves_;            ///< for each touch and index: whether the row's key changes
   std::vector<std::string> computed_;  ///< for each touch and index that computes its keys
