@@ -168,7 +168,7 @@ class FailingOrdered : public Ordered {
 
  protected:
   void commit() override {
-    for (unsigned int n = random() % 60;; n += 1 + random() % 40) {
+    for (unsigned int n = random() % 20;; n += 1 + random() % 8) {
       bool isDone = false;
       {
         const alloctest::FailureScope scope(n, alloctest::Failing::once);
