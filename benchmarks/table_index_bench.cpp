@@ -4,7 +4,8 @@
 // prefixes only.
 //
 // What has no index of prefixes is asked for one prefix after the other, the longest first, of
-// those lengths that there are.
+// those lengths that there are. SQLite is also asked in one statement, for the longest of all of
+// them.
 //
 // KORVO_BENCH_ROWS is the number of routes in place of the million.
 
@@ -175,6 +176,35 @@ struct RouteLayout
                        Korvo::Column<"name", std::string>, Korvo::Column<"net", IpGenPrefix>> {};
 using RouteRow = Korvo::TableRow<RouteLayout>;
 
+/// A table without indexes: what a row takes beyond its own length.
+class KorvoRows {
+ public:
+  void insert(const std::vector<Route>& routes) {
+    Korvo::Batch batch(table_);
+    for (std::size_t i = 0; i < routes.size(); ++i) {
+      const RouteRow row = rowOf(routes[i]);
+      lengths += row.rowLength();
+      batch.put(row);
+      if (i % batchSize == batchSize - 1) batch.commit();
+    }
+    batch.commit();
+  }
+  static RouteRow rowOf(const Route& route) {
+    RouteRow row;
+    row.create(route.oid);
+    row.set<"metric">(route.metric);
+    row.set<"name">(route.name);
+    row.set<"net">(IpGenPrefix(IpGenAddr(route.net.af(), route.net.addr()),
+                               static_cast<Korvo::byte_t>(route.net.length())));
+    return row;
+  }
+
+  std::size_t lengths = 0;
+
+ private:
+  Korvo::Table<RouteRow> table_{"net/route"};
+};
+
 class KorvoRoutes {
  public:
   KorvoRoutes() {
@@ -185,14 +215,7 @@ class KorvoRoutes {
   void insert(const std::vector<Route>& routes) {
     Korvo::Batch batch(table_);
     for (std::size_t i = 0; i < routes.size(); ++i) {
-      const Route& route = routes[i];
-      RouteRow row;
-      row.create(route.oid);
-      row.set<"metric">(route.metric);
-      row.set<"name">(route.name);
-      row.set<"net">(IpGenPrefix(IpGenAddr(route.net.af(), route.net.addr()),
-                                 static_cast<Korvo::byte_t>(route.net.length())));
-      batch.put(row);
+      batch.put(KorvoRows::rowOf(routes[i]));
       if (i % batchSize == batchSize - 1) batch.commit();
     }
     batch.commit();
@@ -206,6 +229,8 @@ class KorvoRoutes {
     batch.commit();
   }
   oid_t mostSpecific(const IpGenAddr& addr) { return oidOf(byNet_->find(addr)); }
+  /// The row itself, at which nobody looks.
+  oid_t mostSpecificRow(const IpGenAddr& addr) { return byNet_->find(addr).isNull() ? 0 : 1; }
   oid_t exact(const Net& net) {
     const IpGenPrefix prefix(IpGenAddr(net.af(), net.addr()),
                              static_cast<Korvo::byte_t>(net.length()));
@@ -309,7 +334,8 @@ class SqliteRoutes {
   SqliteRoutes(const SqliteRoutes&) = delete;
   SqliteRoutes& operator=(const SqliteRoutes&) = delete;
   ~SqliteRoutes() {
-    for (sqlite3_stmt* const statement : {insert_, remove_, exact_, byName_, range_}) {
+    for (sqlite3_stmt* const statement :
+         {insert_, remove_, exact_, byName_, range_, longest_[0], longest_[1]}) {
       sqlite3_finalize(statement);
     }
     sqlite3_close(db_);
@@ -337,6 +363,26 @@ class SqliteRoutes {
   }
   oid_t mostSpecific(const IpGenAddr& addr) {
     return longestOf(lengths_, addr, [this](const Net& net) { return exact(net); });
+  }
+  oid_t mostSpecificInOneStatement(const IpGenAddr& addr) {
+    const std::size_t family = addr.af() == Korvo::ipv6_ ? 1 : 0;
+    sqlite3_stmt*& statement = longest_[family];
+    if (statement == nullptr) {
+      std::string wanted = "?";
+      for (std::size_t i = 1; i < lengths_[family].size(); ++i) wanted += ", ?";
+      // The length is the last byte.
+      statement = prepare(("SELECT oid FROM route WHERE net IN (" + wanted +
+                           ") ORDER BY substr(net, 18) DESC LIMIT 1")
+                              .c_str());
+    }
+    std::vector<Net> nets;
+    for (const unsigned int length : lengths_[family]) {
+      nets.emplace_back(addr.af(), addr.bytes(), length);
+    }
+    for (std::size_t i = 0; i < nets.size(); ++i) {
+      bind(statement, static_cast<int>(i) + 1, nets[i]);
+    }
+    return step(statement);
   }
   oid_t exact(const Net& net) {
     bind(exact_, 1, net);
@@ -390,6 +436,7 @@ class SqliteRoutes {
   sqlite3_stmt* exact_ = nullptr;
   sqlite3_stmt* byName_ = nullptr;
   sqlite3_stmt* range_ = nullptr;
+  std::array<sqlite3_stmt*, 2> longest_{};  ///< by family, once all routes are in
   std::array<std::set<unsigned int, std::greater<>>, 2> lengths_;
 };
 
@@ -499,17 +546,22 @@ void addFilling(const std::string& contestant) {
 }
 
 template <typename Contestant>
-void addPrefixes(const std::string& contestant) {
+void addMostSpecific(const std::string& contestant, oid_t (Contestant::*find)(const IpGenAddr&)) {
   for (const std::size_t family : {0U, 1U}) {
     add((family == 0 ? "routes_most_specific_v4/" : "routes_most_specific_v6/") + contestant,
-        [family] {
-          return [&routes = filled<Contestant>(), &some = Routes::get().addresses[family],
+        [family, find] {
+          return [&routes = filled<Contestant>(), &some = Routes::get().addresses[family], find,
                   at = std::size_t{0}]() mutable {
-            DoNotOptimize(routes.mostSpecific(some[at]));
+            DoNotOptimize((routes.*find)(some[at]));
             if (++at == some.size()) at = 0;
           };
         });
   }
+}
+
+template <typename Contestant>
+void addPrefixes(const std::string& contestant) {
+  addMostSpecific(contestant, &Contestant::mostSpecific);
   add("routes_exact/" + contestant, [] {
     return [&routes = filled<Contestant>(), &all = Routes::get(), at = std::size_t{0}]() mutable {
       DoNotOptimize(routes.exact(all.all[all.shuffled[at]].net));
@@ -533,6 +585,28 @@ void addOthers(const std::string& contestant) {
   });
 }
 
+/// Rows without indexes, and the bytes that each takes beyond its own.
+void addRows() {
+  benchmark::RegisterBenchmark(
+      "rows_insert/korvo",
+      [](benchmark::State& state) {
+        const Routes& routes = Routes::get();
+        const auto count = static_cast<double>(routes.all.size());
+        for (auto _ : state) {
+          const std::size_t before = memoryTaken();
+          KorvoRows rows;
+          const double start = threadSeconds();
+          rows.insert(routes.all);
+          state.SetIterationTime(threadSeconds() - start);
+          const std::size_t taken = memoryTaken() - before;
+          state.counters["length"] = static_cast<double>(rows.lengths) / count;
+          state.counters["bytes_beyond_length"] = static_cast<double>(taken - rows.lengths) / count;
+        }
+      })
+      ->UseManualTime()
+      ->Unit(benchmark::kMillisecond);
+}
+
 void checkContestants() {
   const Routes& routes = Routes::get();
   KorvoRoutes& korvo = filled<KorvoRoutes>();
@@ -545,7 +619,9 @@ void checkContestants() {
       if (i >= some.size()) continue;
       const oid_t oid = korvo.mostSpecific(some[i]);
       require(oid != 0 && oid == multi.mostSpecific(some[i]) &&
-                  oid == sqlite.mostSpecific(some[i]) && oid == patricia.mostSpecific(some[i]),
+                  oid == sqlite.mostSpecific(some[i]) &&
+                  oid == sqlite.mostSpecificInOneStatement(some[i]) &&
+                  oid == patricia.mostSpecific(some[i]),
               "most specific prefix");
     }
     const Route& route = routes.all[routes.shuffled[i]];
@@ -571,12 +647,15 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   checkContestants();
   addPrefixes<KorvoRoutes>("korvo");
+  addMostSpecific("korvo_row", &KorvoRoutes::mostSpecificRow);
   addPrefixes<PatriciaRoutes>("patricia");
   addPrefixes<MultiIndexRoutes>("multi_index");
   addPrefixes<SqliteRoutes>("sqlite");
+  addMostSpecific("sqlite_one_statement", &SqliteRoutes::mostSpecificInOneStatement);
   addOthers<KorvoRoutes>("korvo");
   addOthers<MultiIndexRoutes>("multi_index");
   addOthers<SqliteRoutes>("sqlite");
+  addRows();
   addFilling<KorvoRoutes>("korvo");
   addFilling<MultiIndexRoutes>("multi_index");
   addFilling<SqliteRoutes>("sqlite");

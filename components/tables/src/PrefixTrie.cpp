@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <memory>
 #include <new>
 
 namespace Korvo::detail {
@@ -37,69 +36,43 @@ constexpr std::array<std::uint64_t, sixBitValues> upperPrefixes = [] {
   return maps;
 }();
 
+std::size_t unitsFor(std::size_t bytes) {
+  return (bytes + BlockPool::unit - 1) / BlockPool::unit;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
 // Nodes
 
-/// A node that is not in the trie yet.
-class PrefixTrie::NewNode {
- public:
-  NewNode(PrefixTrie& trie, std::size_t room) : trie_(trie), node_(trie.newNode(room)) {}
-  NewNode(const NewNode&) = delete;
-  NewNode& operator=(const NewNode&) = delete;
-  ~NewNode() {
-    if (node_ != nullptr) trie_.giveBack(node_);
-  }
-  Node* operator->() const { return node_; }
-  Node& operator*() const { return *node_; }
-  Node* release() noexcept { return std::exchange(node_, nullptr); }
-
- private:
-  PrefixTrie& trie_;
-  Node* node_;
-};
-
-PrefixTrie::~PrefixTrie() {
-  const auto destroy = [](const auto& self, Node* node) -> void {
-    for (unsigned int i = 0; i < node->nodeCount; ++i) self(self, node->nodes()[i]);
-    ::operator delete(node);
-  };
-  if (root_ != nullptr) destroy(destroy, root_);
+/// Gives the node's block back.
+void PrefixTrie::giveBack(Node& node) noexcept {
+  if (node.room != 0) blocks_.giveBack(node.block, node.room);
+  node.block = nullptr;
+  node.room = 0;
 }
 
-PrefixTrie::Node* PrefixTrie::newNode(std::size_t room) {
-  // What else would be lost to the allocator's rounding.
-  room = (room + 15) / 16 * 16;
-  Node* const node = new (::operator new(sizeof(Node) + room)) Node();
-  node->room = static_cast<std::uint16_t>(room);
-  return node;
+/// Gives the node a block of so many units.
+void PrefixTrie::moveTo(Node& node, std::size_t units) {
+  void* const fresh = blocks_.allocate(units);
+  if (node.taken() != 0) std::memcpy(fresh, node.block, node.taken());
+  giveBack(node);
+  node.block = fresh;
+  node.room = static_cast<std::uint8_t>(units);
 }
 
-void PrefixTrie::giveBack(Node* node) noexcept {
-  ::operator delete(node);
+/// Sees to it that there is room for so many nodes and slots. Throws std::bad_alloc.
+void PrefixTrie::makeRoom(Node& node, unsigned int nodes, unsigned int slots) {
+  const std::size_t units = unitsFor(Node::lengthOf(nodes, slots));
+  if (units > node.room) moveTo(node, units + units / 4);
 }
 
-/// `fresh` takes over all of the node that `link` leads to, and its place.
-void PrefixTrie::moveTo(Node*& link, Node* fresh) noexcept {
-  Node* const former = std::exchange(link, fresh);
-  const std::uint16_t room = fresh->room;
-  *fresh = *former;
-  fresh->room = room;
-  std::memcpy(fresh->nodes(), former->nodes(), former->taken());
-  giveBack(former);
-}
-
-/// Sees to it that the node has `room` more bytes behind it.
-void PrefixTrie::makeRoom(Node*& link, std::size_t room) {
-  const std::size_t wanted = link->taken() + room;
-  if (wanted > link->room) moveTo(link, newNode(wanted + wanted / 4));
-}
-
-void PrefixTrie::shrink(Node*& link) noexcept {
-  if (link->taken() + 64 > link->room / 2) return;
+void PrefixTrie::shrink(Node& node) noexcept {
+  const std::size_t units = unitsFor(node.taken());
+  if (units == 0) return giveBack(node);
+  if (units + 1 > node.room / 2U) return;
   try {
-    moveTo(link, newNode(link->taken()));
+    moveTo(node, units);
   } catch (const std::bad_alloc&) {
     // It stays as large as it is.
   }
@@ -113,103 +86,102 @@ unsigned int PrefixTrie::Node::longest(unsigned int most, unsigned int six) cons
   return found == 0 ? 0 : static_cast<unsigned int>(std::bit_width(std::bit_width(found) + 1U)) - 1;
 }
 
-Slot& PrefixTrie::addSlot(Node& node, unsigned int more, unsigned int six) noexcept {
+void PrefixTrie::addSlot(Node& node, unsigned int more, unsigned int six) noexcept {
   const unsigned int index = node.slotIndex(more, six);
-  Slot* const at = node.slots() + index;
+  if (node.slotCount == fewSlots) std::memcpy(node.farSlots(), node.few, sizeof node.few);
+  Slot* const at = (node.slotCount < fewSlots ? node.few : node.farSlots()) + index;
   std::memmove(at + 1, at, (node.slotCount - index) * sizeof(Slot));
   ++node.slotCount;
   (more == stride ? node.sixth : node.upper) |= std::uint64_t{1} << bitOf(more, six);
-  return *at = noSlot;
+  *at = noSlot;
 }
 
-void PrefixTrie::addNode(Node& node, Node* added) noexcept {
-  const unsigned int six = added->bits.sixBits(node.depth);
+void PrefixTrie::removeSlot(Node& node, unsigned int more, unsigned int six) noexcept {
+  const unsigned int index = node.slotIndex(more, six);
+  Slot* const at = node.slots() + index;
+  std::memmove(at, at + 1, (node.slotCount - index - 1) * sizeof(Slot));
+  --node.slotCount;
+  if (node.slotCount == fewSlots) std::memcpy(node.few, node.farSlots(), sizeof node.few);
+  (more == stride ? node.sixth : node.upper) &= ~(std::uint64_t{1} << bitOf(more, six));
+}
+
+PrefixTrie::Node& PrefixTrie::addNode(Node& node, const Node& added) noexcept {
+  const unsigned int six = added.bits.sixBits(node.depth);
   const unsigned int index = node.nodeIndex(six);
-  Node** const at = node.nodes() + index;
-  std::memmove(at + 1, at, node.taken() - index * linkLength);
+  Node* const at = node.nodes() + index;
+  std::memmove(static_cast<void*>(at + 1), at, node.taken() - index * sizeof(Node));
   ++node.nodeCount;
   node.below |= std::uint64_t{1} << six;
-  *at = added;
+  return *new (at) Node(added);
 }
 
-void PrefixTrie::removeNode(Node*& link, unsigned int six) noexcept {
-  Node& node = *link;
+/// Of a node below that is empty and has given its block back.
+void PrefixTrie::removeNode(Node& node, unsigned int six) noexcept {
   const unsigned int index = node.nodeIndex(six);
-  Node** const at = node.nodes() + index;
-  giveBack(*at);
-  std::memmove(at, at + 1, node.taken() - (index + 1) * linkLength);
+  Node* const at = node.nodes() + index;
+  std::memmove(static_cast<void*>(at), at + 1, node.taken() - (index + 1) * sizeof(Node));
   --node.nodeCount;
   node.below &= ~(std::uint64_t{1} << six);
 }
 
 /// A node without slots that leads to one node only is left out.
-bool PrefixTrie::skipIfIdle(Node*& link) noexcept {
-  if (link->slotCount != 0 || link->nodeCount != 1) return false;
-  Node* const only = link->nodes()[0];
-  giveBack(link);
-  link = only;
+bool PrefixTrie::skipIfIdle(Node& node) noexcept {
+  if (node.slotCount != 0 || node.nodeCount != 1) return false;
+  const Node only = node.nodes()[0];
+  giveBack(node);
+  node = only;
   return true;
 }
 
 // ---------------------------------------------------------------------------------------------
 // Places
 
-Slot& PrefixTrie::makePlace(const Prefix& prefix) {
+bool PrefixTrie::makePlace(const Prefix& prefix) {
   if (prefix.length == 0) {
-    hasAll_ = true;
-    return all_;
+    return !std::exchange(hasAll_, true);
   }
   const unsigned int depth = depthFor(prefix.length);
   const unsigned int more = prefix.length - depth;
-  const auto makeLeaf = [&] {
-    NewNode leaf(*this, sizeof(Slot));
-    leaf->depth = static_cast<std::uint8_t>(depth);
-    leaf->bits = prefix.bits.cutTo(depth);
-    return leaf.release();
+  const unsigned int lastSix = prefix.bits.sixBits(depth);
+  const auto newNode = [&prefix](unsigned int ofDepth) {
+    Node node;
+    node.bits = prefix.bits.cutTo(ofDepth);
+    node.depth = static_cast<std::uint8_t>(ofDepth);
+    return node;
   };
-  const auto slotIn = [&](Node& node) -> Slot& {
-    const unsigned int six = prefix.bits.sixBits(depth);
-    if (node.hasSlot(more, six)) return node.slots()[node.slotIndex(more, six)];
-    return addSlot(node, more, six);
-  };
-  if (root_ == nullptr) {
-    root_ = makeLeaf();
-    return slotIn(*root_);
-  }
-  for (Node** link = &root_;;) {
-    Node& at = **link;
-    const unsigned int common = at.bits.commonBits(prefix.bits);
-    if (common < at.depth || depth < at.depth) {
+  if (root_.isEmpty()) root_ = newNode(depth);
+  for (Node* at = &root_;;) {
+    const unsigned int common = at->bits.commonBits(prefix.bits);
+    if (common < at->depth || depth < at->depth) {
       // It parts from what is here above this node.
       const unsigned int parting = std::min(depth, common / stride * stride);
-      NewNode fork(*this, 2 * linkLength);
-      fork->depth = static_cast<std::uint8_t>(parting);
-      fork->bits = prefix.bits.cutTo(parting);
-      Node* const leaf = parting == depth ? nullptr : makeLeaf();
-      addNode(*fork, &at);
-      if (leaf != nullptr) addNode(*fork, leaf);
-      *link = fork.release();
-      return slotIn(leaf != nullptr ? *leaf : **link);
+      Node fork = newNode(parting);
+      makeRoom(fork, 2, 0);
+      addNode(fork, *at);
+      *at = fork;
+      addSlot(parting == depth ? *at : addNode(*at, newNode(depth)), more, lastSix);
+      return true;
     }
-    if (at.depth == depth) {
-      if (!at.hasSlot(more, prefix.bits.sixBits(depth))) makeRoom(*link, sizeof(Slot));
-      return slotIn(**link);
+    if (at->depth == depth) {
+      if (at->hasSlot(more, lastSix)) return false;
+      makeRoom(*at, at->nodeCount, at->slotCount + 1U);
+      addSlot(*at, more, lastSix);
+      return true;
     }
-    const unsigned int six = prefix.bits.sixBits(at.depth);
-    if (!at.hasNode(six)) {
-      makeRoom(*link, linkLength);
-      Node* const leaf = makeLeaf();
-      addNode(**link, leaf);
-      return slotIn(*leaf);
+    const unsigned int six = prefix.bits.sixBits(at->depth);
+    if (!at->hasNode(six)) {
+      makeRoom(*at, at->nodeCount + 1U, at->slotCount);
+      addSlot(addNode(*at, newNode(depth)), more, lastSix);
+      return true;
     }
-    link = at.nodes() + at.nodeIndex(six);
+    at = at->nodes() + at->nodeIndex(six);
   }
 }
 
 const Slot* PrefixTrie::place(const Prefix& prefix) const {
   if (prefix.length == 0) return hasAll_ ? &all_ : nullptr;
   const unsigned int depth = depthFor(prefix.length);
-  for (const Node* at = root_; at != nullptr && isOn(*at, prefix);) {
+  for (const Node* at = &root_; isOn(*at, prefix);) {
     const unsigned int six = prefix.bits.sixBits(at->depth);
     if (at->depth == depth) {
       const unsigned int more = prefix.length - depth;
@@ -228,27 +200,24 @@ void PrefixTrie::removePlace(const Prefix& prefix) noexcept {
     return;
   }
   const unsigned int depth = depthFor(prefix.length);
-  Node** above = nullptr;
-  Node** link = &root_;
-  while ((*link)->depth != depth) {
-    above = link;
-    link = (*link)->nodes() + (*link)->nodeIndex(prefix.bits.sixBits((*link)->depth));
+  Node* above = nullptr;
+  Node* at = &root_;
+  while (at->depth != depth) {
+    above = at;
+    at = at->nodes() + at->nodeIndex(prefix.bits.sixBits(at->depth));
   }
-  Node& node = **link;
-  const unsigned int more = prefix.length - depth;
-  const unsigned int six = prefix.bits.sixBits(depth);
-  const unsigned int index = node.slotIndex(more, six);
-  Slot* const at = node.slots() + index;
-  std::memmove(at, at + 1, (node.slotCount - index - 1) * sizeof(Slot));
-  --node.slotCount;
-  (more == stride ? node.sixth : node.upper) &= ~(std::uint64_t{1} << bitOf(more, six));
-  if (node.slotCount != 0 || node.nodeCount > 1) return shrink(*link);
-  if (skipIfIdle(*link)) return;
-  if (above == nullptr) {
-    giveBack(std::exchange(root_, nullptr));
+  removeSlot(*at, prefix.length - depth, prefix.bits.sixBits(depth));
+  if (!at->isEmpty()) {
+    if (!skipIfIdle(*at)) shrink(*at);
     return;
   }
-  removeNode(*above, prefix.bits.sixBits((*above)->depth));
+  giveBack(*at);
+  if (above == nullptr) {
+    root_ = {};
+    blocks_.clear();
+    return;
+  }
+  removeNode(*above, prefix.bits.sixBits(above->depth));
   if (!skipIfIdle(*above)) shrink(*above);
 }
 
@@ -256,7 +225,7 @@ Slot PrefixTrie::mostSpecific(const Prefix& prefix) const {
   const Node* found = nullptr;
   unsigned int foundMore = 0;
   unsigned int decided = 0;  // bits that the way here has compared
-  for (const Node* at = root_; at != nullptr; decided += stride) {
+  for (const Node* at = &root_;; decided += stride) {
     if (at->depth != decided) {
       if (!isOn(*at, prefix)) break;
       decided = at->depth;

@@ -5,9 +5,10 @@
 // A node decides six bits of the address at once. It is for all prefixes of one to six bits more
 // than its depth, a multiple of six: those of 19 to 24 bits for example, so that the lengths that
 // networks mostly have, 24 and 48, are the last ones of their nodes. Three bit maps tell which
-// prefixes and which nodes below there are; their slots and pointers stand behind the maps, without
-// gaps, in the same block of memory. A node with nothing but one node below it is left out, so
-// there are fewer nodes than prefixes.
+// prefixes and which nodes below there are. A node is one cache line, and the nodes below it stand
+// side by side, without gaps, in a block of memory, so that a step down is one look. Few slots
+// stand in the node, more of them in the block, behind the nodes. A node with nothing but one node
+// below it is left out, so there are fewer nodes than prefixes.
 
 #include <Korvo/TableIndex.h>
 
@@ -15,6 +16,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <utility>
+
+#include "BlockPool.h"
 
 namespace Korvo::detail {
 
@@ -50,11 +53,10 @@ class PrefixTrie {
   PrefixTrie() = default;
   PrefixTrie(const PrefixTrie&) = delete;
   PrefixTrie& operator=(const PrefixTrie&) = delete;
-  ~PrefixTrie();
 
-  /// The place of the prefix, an empty one if it is new. Valid until places are made or given back.
-  /// Throws std::bad_alloc with the trie as before.
-  Slot& makePlace(const Prefix& prefix);
+  /// Makes an empty place for the prefix; false if it has one. Other places may move. Throws
+  /// std::bad_alloc with the trie as before.
+  bool makePlace(const Prefix& prefix);
   /// Null if the prefix has none.
   Slot* place(const Prefix& prefix) {
     return const_cast<Slot*>(std::as_const(*this).place(prefix));
@@ -74,28 +76,37 @@ class PrefixTrie {
 
  private:
   static constexpr unsigned int stride = 6;
-  static constexpr std::size_t linkLength = sizeof(void*);  ///< of a node to one below it
+  static constexpr unsigned int fewSlots = 3;  ///< that stand in a node
 
-  /// Behind the node stand the nodes below it, then the slots.
   struct Node {
     std::uint64_t below = 0;  ///< which of the 64 nodes below there are
     std::uint64_t sixth = 0;  ///< which prefixes of six bits more than the depth
     std::uint64_t upper = 0;  ///< and which of one to five bits more
     AddressBits bits;         ///< of all that is here, as far as the depth
+    void* block = nullptr;    ///< the nodes below, then the slots if they are more than few
+    Slot few[fewSlots] = {};
     std::uint8_t depth = 0;
     std::uint8_t nodeCount = 0;
     std::uint8_t slotCount = 0;
-    std::uint16_t room = 0;  ///< in bytes, for what stands behind
+    std::uint8_t room = 0;  ///< of the block, in units
 
-    Node** nodes() { return reinterpret_cast<Node**>(this + 1); }
-    Node* const* nodes() const { return reinterpret_cast<Node* const*>(this + 1); }
-    Slot* slots() { return reinterpret_cast<Slot*>(nodes() + nodeCount); }
-    const Slot* slots() const { return reinterpret_cast<const Slot*>(nodes() + nodeCount); }
-    std::size_t taken() const { return nodeCount * linkLength + slotCount * sizeof(Slot); }
+    bool isEmpty() const { return nodeCount == 0 && slotCount == 0; }
+    Node* nodes() { return static_cast<Node*>(block); }
+    const Node* nodes() const { return static_cast<const Node*>(block); }
+    Slot* farSlots() { return reinterpret_cast<Slot*>(nodes() + nodeCount); }
+    Slot* slots() { return slotCount <= fewSlots ? few : farSlots(); }
+    const Slot* slots() const {
+      return slotCount <= fewSlots ? few : reinterpret_cast<const Slot*>(nodes() + nodeCount);
+    }
+    /// The bytes of the block that so many nodes and slots take.
+    static std::size_t lengthOf(unsigned int nodes, unsigned int slots) {
+      return nodes * sizeof(Node) + (slots > fewSlots ? slots * sizeof(Slot) : 0);
+    }
+    std::size_t taken() const { return lengthOf(nodeCount, slotCount); }
 
     bool hasNode(unsigned int six) const { return (below >> six & 1) != 0; }
     unsigned int nodeIndex(unsigned int six) const { return countBelow(below, six); }
-    const Node& node(unsigned int six) const { return *nodes()[nodeIndex(six)]; }
+    const Node& node(unsigned int six) const { return nodes()[nodeIndex(six)]; }
     /// The place of the prefix of `more` bits than the depth, whose bits are the first of `six`.
     bool hasSlot(unsigned int more, unsigned int six) const {
       return ((more == stride ? sixth : upper) >> bitOf(more, six) & 1) != 0;
@@ -108,7 +119,7 @@ class PrefixTrie {
     /// of the most specific one; 0 if there is none.
     unsigned int longest(unsigned int most, unsigned int six) const;
   };
-  class NewNode;
+  static_assert(sizeof(Node) <= BlockPool::unit);
 
   static unsigned int countBelow(std::uint64_t map, unsigned int bit) {
     return static_cast<unsigned int>(std::popcount(map & ((std::uint64_t{1} << bit) - 1)));
@@ -127,19 +138,20 @@ class PrefixTrie {
     return node.depth < prefix.length && node.bits.commonBits(prefix.bits) >= node.depth;
   }
 
-  static Node* newNode(std::size_t room);
-  static void giveBack(Node* node) noexcept;
-  void moveTo(Node*& link, Node* fresh) noexcept;
-  void makeRoom(Node*& link, std::size_t room);
-  void shrink(Node*& link) noexcept;
-  static Slot& addSlot(Node& node, unsigned int more, unsigned int six) noexcept;
-  static void addNode(Node& node, Node* added) noexcept;
-  void removeNode(Node*& link, unsigned int six) noexcept;
-  bool skipIfIdle(Node*& link) noexcept;
+  void giveBack(Node& node) noexcept;
+  void moveTo(Node& node, std::size_t units);
+  void makeRoom(Node& node, unsigned int nodes, unsigned int slots);
+  void shrink(Node& node) noexcept;
+  static void addSlot(Node& node, unsigned int more, unsigned int six) noexcept;
+  static void removeSlot(Node& node, unsigned int more, unsigned int six) noexcept;
+  static Node& addNode(Node& node, const Node& added) noexcept;
+  static void removeNode(Node& node, unsigned int six) noexcept;
+  bool skipIfIdle(Node& node) noexcept;
   template <typename Use>
   static void visit(const Node& node, unsigned int more, unsigned int first, const Use& use);
 
-  Node* root_ = nullptr;
+  BlockPool blocks_;
+  Node root_;          ///< empty if there are no prefixes but that of no bits
   Slot all_ = noSlot;  ///< of the prefix of no bits
   bool hasAll_ = false;
 };
@@ -147,7 +159,7 @@ class PrefixTrie {
 template <typename Use>
 void PrefixTrie::covering(const Prefix& prefix, const Use& use) const {
   if (all_ != noSlot) use(all_);
-  for (const Node* at = root_; at != nullptr && isOn(*at, prefix);) {
+  for (const Node* at = &root_; isOn(*at, prefix);) {
     const unsigned int six = prefix.bits.sixBits(at->depth);
     const unsigned int most = moreThan(at->depth, prefix.length);
     for (unsigned int more = 1; more <= most; ++more) {
@@ -162,7 +174,7 @@ void PrefixTrie::covering(const Prefix& prefix, const Use& use) const {
 template <typename Use>
 void PrefixTrie::inside(const Prefix& prefix, const Use& use) const {
   if (prefix.length == 0 && all_ != noSlot) use(all_);
-  const Node* at = root_;
+  const Node* at = &root_;
   while (at != nullptr && isOn(*at, prefix)) {
     const unsigned int six = prefix.bits.sixBits(at->depth);
     if (prefix.length <= at->depth + stride) {

@@ -518,7 +518,13 @@ void AnyTableReader::run(bool) {
   if (reading.store()->hasFirstRows && reading.hasNews()) {
     reading.isFirst = reading.beginsWhole();
     detail::ChangeSource source(kept);
-    tell(source);
+    try {
+      tell(source);
+    } catch (...) {
+      // What was not told, as a row that could not be shared, is told in another turn.
+      if (reading.reader != nullptr) runnableIs(true);
+      throw;
+    }
     if (reading.reader == nullptr || reading.store() == nullptr) return;
     if (reading.isBehind() || reading.pending) {
       runnableIs(true);

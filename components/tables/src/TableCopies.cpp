@@ -85,7 +85,7 @@ TableCopy::Round::Row& TableCopy::tell(oid_t oid, Slot present) {
     if (other != otherwise_.end()) {
       forget(other->second);
     } else if (present != noSlot) {
-      forget(rowHash(store()->buffer(present)->buf_));
+      forget(rowHash(store()->bytes(present)));
     }
   }
   return round_.rows.back();
@@ -351,10 +351,10 @@ void TableCopies::takeRow(std::size_t number, std::span<const byte_t> row) {
     }
   }
   const auto equalsPresent = [&](const byte_t* other) {
-    return present != noSlot && rowsEqual(other, table.buffer(present)->buf_, table.layout());
+    return present != noSlot && rowsEqual(other, table.bytes(present), table.layout());
   };
   if (copy.isSame_ && equalsPresent(bytes)) {
-    const byte_t* const own = table.buffer(present)->buf_;
+    const byte_t* const own = table.bytes(present);
     told.isKept = loadField<len_t>(own) == length && std::memcmp(bytes, own, length) == 0;
     return;
   }

@@ -219,120 +219,187 @@ void EqualIndex::erase(Slot slot) noexcept {
 // ---------------------------------------------------------------------------------------------
 // By order
 
-namespace {
-
-/// As good as random, and not stored.
-std::uint32_t priorityOf(Slot slot) {
-  std::uint32_t mixed = slot + 0x9E3779B9U;
-  mixed = (mixed ^ mixed >> 16) * 0x85EBCA6BU;
-  mixed = (mixed ^ mixed >> 13) * 0xC2B2AE35U;
-  return mixed ^ mixed >> 16;
-}
-
-}  // namespace
-
 std::uint64_t OrderedIndex::leadingBytesOf(const KeyPart& part) {
   return leadingBytes(part.bytes().data(), part.bytes().size());
 }
 
+/// A leaf is added where a full one gets another row. It then takes as many rows as a half holds to
+/// fill either, so that few leaves are added for many rows; but each leaf may be full now.
 void OrderedIndex::reserve(std::size_t slots, std::size_t count) {
   TableIndex::reserve(slots, count);
-  growTo(nodes_, slots);
+  growTo(leafOf_, slots);
+  const std::size_t most = std::min(count, order_.size() + count / (leafSize / 8)) + 2;
+  const auto makeRoomFor = [](auto& some, std::size_t wanted) {
+    if (some.capacity() < wanted) some.reserve(wanted + wanted / 2);
+  };
+  makeRoomFor(order_, order_.size() + most);
+  makeRoomFor(leaves_, leaves_.size() + most);
+  makeRoomFor(freeNumbers_, leaves_.size() + most);
+  makeRoomFor(spare_, most);
+  while (spare_.size() < most) spare_.push_back(std::make_unique<Leaf>());
 }
 
-bool OrderedIndex::isBefore(Slot a, Slot b) const {
-  if (nodes_[a].key != nodes_[b].key) return nodes_[a].key < nodes_[b].key;
-  const int order = compareKeys(key(a).parts(), key(b).parts());
-  return order != 0 ? order < 0 : store_.oid(a) < store_.oid(b);
+void OrderedIndex::settle() noexcept {
+  const std::size_t most = std::max<std::size_t>(order_.size() / 16, 2);
+  if (spare_.size() > most) spare_.resize(most);
+}
+
+template <typename Before>
+OrderedIndex::Place OrderedIndex::placeBehind(const Before& before) const {
+  const auto behind = std::ranges::partition_point(order_, [&](LeafNumber number) {
+    return before(leaves_[number]->keys[0], leaves_[number]->slots[0]);
+  });
+  if (behind == order_.begin()) return {0, 0};
+  const auto ordinal = static_cast<std::size_t>(behind - order_.begin()) - 1;
+  const Leaf& leaf = leafAt(ordinal);
+  std::size_t at = 0;
+  for (std::size_t end = leaf.count; at != end;) {
+    const std::size_t middle = at + (end - at) / 2;
+    if (before(leaf.keys[middle], leaf.slots[middle])) {
+      at = middle + 1;
+    } else {
+      end = middle;
+    }
+  }
+  return {ordinal, at};
+}
+
+/// The place of a row that is here, or would be.
+OrderedIndex::Place OrderedIndex::placeOf(Slot slot) const {
+  const Key wanted = key(slot);
+  const std::uint64_t leading = leadingBytesOf(wanted.parts().front());
+  return placeBehind([&](std::uint64_t other, Slot of) {
+    if (other != leading) return other < leading;
+    if (of == slot) return false;
+    const int order = compareKeys(key(of).parts(), wanted.parts());
+    return order != 0 ? order < 0 : store_.oid(of) < store_.oid(slot);
+  });
+}
+
+/// Which entry of its leaf is the slot's.
+std::size_t OrderedIndex::entryOf(const Leaf& leaf, Slot slot) const {
+  if (lookedAt_ >= leaf.count || leaf.slots[lookedAt_] != slot) {
+    lookedAt_ =
+        static_cast<std::size_t>(std::find(leaf.slots, leaf.slots + leaf.count, slot) - leaf.slots);
+  }
+  return lookedAt_;
+}
+
+void OrderedIndex::addLeaf(std::size_t ordinal) noexcept {
+  LeafNumber number = static_cast<LeafNumber>(leaves_.size());
+  if (freeNumbers_.empty()) {
+    leaves_.push_back(std::move(spare_.back()));
+  } else {
+    number = freeNumbers_.back();
+    freeNumbers_.pop_back();
+    leaves_[number] = std::move(spare_.back());
+  }
+  spare_.pop_back();
+  Leaf& leaf = *leaves_[number];
+  leaf.count = 0;
+  leaf.next = ordinal < order_.size() ? order_[ordinal] : noSlot;
+  if (ordinal != 0) leafAt(ordinal - 1).next = number;
+  order_.insert(order_.begin() + static_cast<std::ptrdiff_t>(ordinal), number);
+}
+
+void OrderedIndex::removeLeaf(std::size_t ordinal) noexcept {
+  const LeafNumber number = order_[ordinal];
+  if (ordinal != 0) leafAt(ordinal - 1).next = leaves_[number]->next;
+  order_.erase(order_.begin() + static_cast<std::ptrdiff_t>(ordinal));
+  leaves_[number].reset();
+  freeNumbers_.push_back(number);
+}
+
+/// From `begin` on, to the end of another leaf.
+void OrderedIndex::moveEntries(Leaf& from, std::size_t begin,
+                               std::size_t ordinalOfTarget) noexcept {
+  const LeafNumber number = order_[ordinalOfTarget];
+  Leaf& to = *leaves_[number];
+  for (std::size_t i = begin; i < from.count; ++i, ++to.count) {
+    to.keys[to.count] = from.keys[i];
+    to.slots[to.count] = from.slots[i];
+    leafOf_[from.slots[i]] = number;
+  }
+  from.count = static_cast<std::uint32_t>(begin);
 }
 
 void OrderedIndex::insert(Slot slot) noexcept {
-  nodes_[slot] = {leadingBytesOf(key(slot).parts().front()), {noSlot, noSlot}, noSlot};
-  Slot parent = noSlot;
-  int side = 0;
-  for (Slot at = root_; at != noSlot; at = nodes_[at].child[side]) {
-    parent = at;
-    side = isBefore(slot, at) ? 0 : 1;
+  if (order_.empty()) addLeaf(0);
+  auto [ordinal, at] = placeOf(slot);
+  if (leafAt(ordinal).count == leafSize) {
+    // Rows that come in order fill one leaf after the other.
+    const bool isLast = ordinal + 1 == order_.size() && at == leafSize;
+    const std::size_t kept = isLast ? leafSize : leafSize / 2;
+    addLeaf(ordinal + 1);
+    moveEntries(leafAt(ordinal), kept, ordinal + 1);
+    if (at > kept || isLast) {
+      ++ordinal;
+      at -= kept;
+    }
   }
-  if (parent == noSlot) {
-    root_ = slot;
-    return;
-  }
-  nodes_[slot].parent = parent;
-  nodes_[parent].child[side] = slot;
-  while (nodes_[slot].parent != noSlot && priorityOf(slot) > priorityOf(nodes_[slot].parent)) {
-    rotateUp(slot);
-  }
+  Leaf& leaf = leafAt(ordinal);
+  std::copy_backward(leaf.keys + at, leaf.keys + leaf.count, leaf.keys + leaf.count + 1);
+  std::copy_backward(leaf.slots + at, leaf.slots + leaf.count, leaf.slots + leaf.count + 1);
+  ++leaf.count;
+  leaf.keys[at] = leadingBytesOf(key(slot).parts().front());
+  leaf.slots[at] = slot;
+  leafOf_[slot] = order_[ordinal];
 }
 
 void OrderedIndex::erase(Slot slot) noexcept {
-  for (;;) {
-    const Slot left = nodes_[slot].child[0];
-    const Slot right = nodes_[slot].child[1];
-    if (left == noSlot || right == noSlot) {
-      replaceChild(nodes_[slot].parent, slot, left != noSlot ? left : right);
-      return;
-    }
-    rotateUp(priorityOf(left) > priorityOf(right) ? left : right);
+  Leaf& leaf = *leaves_[leafOf_[slot]];
+  const bool isSmall = leaf.count <= leafSize / 4;
+  std::size_t ordinal = isSmall ? placeOf(slot).ordinal : 0;
+  // The place behind the last entry of a leaf is the first one's of the next.
+  if (isSmall && order_[ordinal] != leafOf_[slot]) ++ordinal;
+  const std::size_t at = entryOf(leaf, slot);
+  std::copy(leaf.keys + at + 1, leaf.keys + leaf.count, leaf.keys + at);
+  std::copy(leaf.slots + at + 1, leaf.slots + leaf.count, leaf.slots + at);
+  --leaf.count;
+  if (!isSmall) return;
+  if (leaf.count == 0) {
+    removeLeaf(ordinal);
+  } else if (!joinNext(ordinal) && ordinal != 0) {
+    joinNext(ordinal - 1);
   }
 }
 
-/// `by`, which may be none, takes the place of `child`.
-void OrderedIndex::replaceChild(Slot parent, Slot child, Slot by) noexcept {
-  if (parent == noSlot) {
-    root_ = by;
-  } else {
-    nodes_[parent].child[nodes_[parent].child[1] == child ? 1 : 0] = by;
-  }
-  if (by != noSlot) nodes_[by].parent = parent;
-}
-
-/// The slot and its parent change places; the order stays.
-void OrderedIndex::rotateUp(Slot slot) noexcept {
-  const Slot parent = nodes_[slot].parent;
-  const int side = nodes_[parent].child[1] == slot ? 1 : 0;
-  const Slot inner = nodes_[slot].child[1 - side];
-  replaceChild(nodes_[parent].parent, parent, slot);
-  nodes_[parent].child[side] = inner;
-  if (inner != noSlot) nodes_[inner].parent = parent;
-  nodes_[slot].child[1 - side] = parent;
-  nodes_[parent].parent = slot;
-}
-
-Slot OrderedIndex::outermost(Slot slot, int side) const {
-  while (slot != noSlot && nodes_[slot].child[side] != noSlot) slot = nodes_[slot].child[side];
-  return slot;
+/// Makes one leaf of two that leave room for half as much again.
+bool OrderedIndex::joinNext(std::size_t ordinal) noexcept {
+  if (ordinal + 1 >= order_.size()) return false;
+  Leaf& next = leafAt(ordinal + 1);
+  if (leafAt(ordinal).count + next.count > leafSize / 2) return false;
+  moveEntries(next, 0, ordinal);
+  removeLeaf(ordinal + 1);
+  return true;
 }
 
 Slot OrderedIndex::first() const {
-  return outermost(root_, 0);
+  return order_.empty() ? noSlot : leafAt(0).slots[0];
 }
 
 Slot OrderedIndex::last() const {
-  return outermost(root_, 1);
+  if (order_.empty()) return noSlot;
+  const Leaf& leaf = leafAt(order_.size() - 1);
+  return leaf.slots[leaf.count - 1];
 }
 
-Slot OrderedIndex::neighbour(Slot slot, int side) const {
-  if (nodes_[slot].child[side] != noSlot) return outermost(nodes_[slot].child[side], 1 - side);
-  Slot parent = nodes_[slot].parent;
-  while (parent != noSlot && nodes_[parent].child[side] == slot) {
-    slot = parent;
-    parent = nodes_[slot].parent;
-  }
-  return parent;
+Slot OrderedIndex::next(Slot slot) const {
+  const Leaf& leaf = *leaves_[leafOf_[slot]];
+  lookedAt_ = entryOf(leaf, slot) + 1;
+  if (lookedAt_ < leaf.count) return leaf.slots[lookedAt_];
+  lookedAt_ = 0;
+  return leaf.next == noSlot ? noSlot : leaves_[leaf.next]->slots[0];
 }
 
 Slot OrderedIndex::lowerBound(std::span<const KeyPart> wanted) const {
+  if (order_.empty()) return noSlot;
   const std::uint64_t leading = leadingBytesOf(wanted.front());
-  Slot found = noSlot;
-  for (Slot at = root_; at != noSlot;) {
-    int order = nodes_[at].key < leading ? -1 : nodes_[at].key > leading ? 1 : 0;
-    if (order == 0) order = compareKeys(key(at).parts(), wanted);
-    const bool isFound = order >= 0;
-    if (isFound) found = at;
-    at = nodes_[at].child[isFound ? 0 : 1];
-  }
-  return found;
+  const auto [ordinal, at] = placeBehind([&](std::uint64_t other, Slot of) {
+    return other != leading ? other < leading : compareKeys(key(of).parts(), wanted) < 0;
+  });
+  if (at < leafAt(ordinal).count) return leafAt(ordinal).slots[at];
+  return ordinal + 1 < order_.size() ? leafAt(ordinal + 1).slots[0] : noSlot;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -356,8 +423,7 @@ void PrefixIndex::reserve(std::size_t slots, std::size_t count) {
 void PrefixIndex::prepare(std::span<const KeyPart> key) {
   const Place place = placeOf(key);
   if (place.trie == nullptr) return;
-  if (same_.empty() && place.trie->place(place.prefix) != nullptr) same_.resize(slots_);
-  place.trie->makePlace(place.prefix);
+  if (!place.trie->makePlace(place.prefix) && same_.empty()) same_.resize(slots_);
 }
 
 void PrefixIndex::release(std::span<const KeyPart> key) noexcept {

@@ -59,6 +59,8 @@ class TableIndex {
   virtual void reserve(std::size_t slots, std::size_t count);
   /// Makes a place for a row of this key.
   virtual void prepare(std::span<const KeyPart>) {}
+  /// Gives back what was reserved and not needed.
+  virtual void settle() noexcept {}
   /// Gives the place of this key back if no row is there.
   virtual void release(std::span<const KeyPart>) noexcept {}
   /// `computed` is the row's key, if keys are computed, and empty afterwards.
@@ -116,37 +118,56 @@ class EqualIndex final : public TableIndex {
   std::size_t duplicates_ = 0;
 };
 
-/// Rows by key, and rows of one key by oid: a treap, whose priorities are made of the slots.
+/// Rows by key, and rows of one key by oid: in leaves of many rows, which a list has in order.
 class OrderedIndex final : public TableIndex {
  public:
   using TableIndex::TableIndex;
 
   void reserve(std::size_t slots, std::size_t count) override;
+  void settle() noexcept override;
 
   Slot first() const;
   Slot last() const;
-  Slot next(Slot slot) const { return neighbour(slot, 1); }
-  Slot previous(Slot slot) const { return neighbour(slot, 0); }
+  Slot next(Slot slot) const;
   /// The first row that is not before `wanted`, which may have fewer parts than the index.
   Slot lowerBound(std::span<const KeyPart> wanted) const;
 
  private:
-  struct Node {
-    std::uint64_t key;  ///< the first bytes of the key: mostly they decide
-    Slot child[2];
-    Slot parent;
+  static constexpr std::size_t leafSize = 128;
+  using LeafNumber = std::uint32_t;
+  struct Leaf {
+    std::uint32_t count = 0;
+    LeafNumber next = noSlot;
+    Slot slots[leafSize];
+    std::uint64_t keys[leafSize];  ///< the first bytes of each key: mostly they decide
   };
+  /// Before which entry of which leaf.
+  struct Place {
+    std::size_t ordinal;
+    std::size_t at;
+  };
+
   void insert(Slot slot) noexcept override;
   void erase(Slot slot) noexcept override;
   static std::uint64_t leadingBytesOf(const KeyPart& part);
-  bool isBefore(Slot a, Slot b) const;
-  Slot neighbour(Slot slot, int side) const;
-  Slot outermost(Slot slot, int side) const;
-  void rotateUp(Slot slot) noexcept;
-  void replaceChild(Slot parent, Slot child, Slot by) noexcept;
+  /// Where what is not `before(leading bytes, slot)` begins.
+  template <typename Before>
+  Place placeBehind(const Before& before) const;
+  Place placeOf(Slot slot) const;
+  Leaf& leafAt(std::size_t ordinal) { return *leaves_[order_[ordinal]]; }
+  const Leaf& leafAt(std::size_t ordinal) const { return *leaves_[order_[ordinal]]; }
+  std::size_t entryOf(const Leaf& leaf, Slot slot) const;
+  void addLeaf(std::size_t ordinal) noexcept;
+  void removeLeaf(std::size_t ordinal) noexcept;
+  void moveEntries(Leaf& from, std::size_t begin, std::size_t ordinalOfTarget) noexcept;
+  bool joinNext(std::size_t ordinal) noexcept;
 
-  std::vector<Node> nodes_;
-  Slot root_ = noSlot;
+  std::vector<std::unique_ptr<Leaf>> leaves_;  ///< null: the number is free
+  std::vector<LeafNumber> order_;
+  std::vector<std::unique_ptr<Leaf>> spare_;
+  std::vector<LeafNumber> freeNumbers_;
+  std::vector<LeafNumber> leafOf_;    ///< by slot
+  mutable std::size_t lookedAt_ = 0;  ///< the entry that was asked for last: its neighbour is next
 };
 
 /// Rows by prefix. Rows without a prefix are not in it; host bits do not count.

@@ -120,7 +120,7 @@ void TableStore::keepDigest() noexcept {
   if (keepsDigest_) return;
   keepsDigest_ = true;
   for (Slot slot = slotFrom(0); slot != noSlot; slot = slotFrom(slot + 1)) {
-    digest_ ^= rowHash(buffers_[slot]->buf_);
+    digest_ ^= rowHash(bytes(slot));
   }
 }
 
@@ -195,8 +195,8 @@ void TableStore::unmapOid(Slot slot) noexcept {
 }
 
 Slot TableStore::slotFrom(Slot slot) const {
-  const std::size_t end = buffers_.size();
-  while (slot < end && buffers_[slot] == nullptr) ++slot;
+  const std::size_t end = rows_.size();
+  while (slot < end && rows_.isFree(slot)) ++slot;
   return slot < end ? slot : noSlot;
 }
 
@@ -205,7 +205,7 @@ void TableStore::addSlot() {
   if (slot >= noSlot) throw std::bad_alloc();
   entries_.grow();
   try {
-    buffers_.grow();
+    rows_.grow();
   } catch (...) {
     entries_.shrink();
     throw;
@@ -302,9 +302,8 @@ TableIndex& TableStore::addIndex(IndexKind kind, IndexKey key) {
   TableIndex& index = *added.index;
   index.reserve(entries_.size(), size_);
   for (Slot slot = slotFrom(0); slot != noSlot; slot = slotFrom(slot + 1)) {
-    const HeldRow held(buffer(slot));
-    std::string computed = index.compute(held);
-    const TableIndex::Key of = index.key(held, computed);
+    std::string computed = index.computes() ? index.compute(HeldRow(buffer(slot))) : std::string();
+    const TableIndex::Key of = index.key(row(slot), computed);
     if (kind == IndexKind::unique && !isSubscribed) {
       const Slot other = static_cast<EqualIndex&>(index).find(of.parts());
       if (other != noSlot) refuse(oid(other), oid(slot));
@@ -312,6 +311,7 @@ TableIndex& TableStore::addIndex(IndexKind kind, IndexKey key) {
     index.prepare(of.parts());
     index.put(slot, computed);
   }
+  index.settle();
   indexes_.push_back(std::move(added));
   return index;
 }
@@ -434,7 +434,7 @@ bool TableStore::Cursor::nextRow(Told& told) {
   const Entry& entry = store_->entries_[position_];
   const bool wasKnown =
       !isWhole_ && (store_->base_ + entry.added <= seen_ || returned_.contains(entry.oid));
-  told = {entry.oid, store_->buffers_[position_], nullptr, wasKnown};
+  told = {entry.oid, store_->buffer(position_), nullptr, wasKnown};
   if (keepsBefore_) {
     if (const auto before = before_.extract(entry.oid); !before.empty()) {
       told.before = before.mapped();
@@ -451,7 +451,7 @@ bool TableStore::Cursor::nextRow(Told& told) {
 // Commits
 
 TableStore::Commit::Commit(TableStore& store, const std::vector<RowOperation>& operations)
-    : store_(store) {
+    : store_(store), asked_(operations.size()) {
   OidMap last;
   if (operations.size() > 1) last.reserve(operations.size());
   std::uint32_t number = 0;
@@ -459,15 +459,19 @@ TableStore::Commit::Commit(TableStore& store, const std::vector<RowOperation>& o
   touches_.reserve(last.size());
   number = 0;
   for (const RowOperation& operation : operations) {
-    if (last.find(operation.oid) == number++) select(operation.oid, operation.buffer);
+    if (last.find(operation.oid) != number++) continue;
+    select(operation.oid, operation.buffer, operation.buffer.use_count() > 1);
   }
   prepare();
 }
 
 TableStore::Commit::Commit(TableStore& store, std::vector<RowOperation>&& operations)
-    : store_(store) {
+    : store_(store), asked_(operations.size()) {
   touches_.reserve(operations.size());
-  for (RowOperation& operation : operations) select(operation.oid, std::move(operation.buffer));
+  for (RowOperation& operation : operations) {
+    const bool isHeld = operation.buffer.use_count() > 1;
+    select(operation.oid, std::move(operation.buffer), isHeld);
+  }
   prepare();
 }
 
@@ -478,7 +482,7 @@ void TableStore::Commit::prepare() {
     for (const KnownIndex& known : store_.indexes_) {
       if (!known.index->computes()) continue;
       computed_.push_back(touch.isRemoval ? std::string()
-                                          : known.index->compute(HeldRow(touch.buffer)));
+                                          : known.index->compute(HeldRow(touch.row.owner)));
     }
   }
   // A copy is as its owner has it.
@@ -491,6 +495,8 @@ void TableStore::Commit::prepare() {
 
 TableStore::Commit::~Commit() {
   releaseIndexes();
+  for (const KnownIndex& known : store_.indexes_) known.index->settle();
+  store_.rows_.settle(2 * asked_);
 }
 
 template <typename Use>
@@ -509,7 +515,7 @@ void TableStore::Commit::prepareIndexes() {
   try {
     forEachKey([](const Touch& touch, const KnownIndex& known, std::string& computed, bool moves) {
       if (!moves || touch.isRemoval) return;
-      const SubRowReference row(touch.buffer->buf_);
+      const SubRowReference row(touch.row.bytes());
       known.index->prepare(known.index->key(row, computed).parts());
     });
   } catch (...) {
@@ -523,22 +529,22 @@ void TableStore::Commit::releaseIndexes() noexcept {
   if (moves_.empty()) return;
   forEachKey(
       [](const Touch& touch, const KnownIndex& known, const std::string& computed, bool moves) {
-        if (!moves || touch.buffer == nullptr || known.kind != IndexKind::longestPrefix) return;
-        const SubRowReference row(touch.buffer->buf_);
+        const byte_t* const bytes = touch.row.bytes();
+        if (!moves || bytes == nullptr || known.kind != IndexKind::longestPrefix) return;
+        const SubRowReference row(bytes);
         known.index->release(known.index->key(row, computed).parts());
       });
 }
 
 /// Takes what changes anything.
-void TableStore::Commit::select(oid_t oid, KoPtr<KoRowBuf> buffer) {
+void TableStore::Commit::select(oid_t oid, KoPtr<KoRowBuf> buffer, bool isHeld) {
   const Slot slot = store_.find(oid);
   const bool isRemoval = buffer == nullptr;
   if (isRemoval && slot == noSlot) return;
-  if (!isRemoval && slot != noSlot &&
-      rowsEqual(buffer->buf_, store_.buffer(slot)->buf_, store_.layout_)) {
+  if (!isRemoval && slot != noSlot && rowsEqual(buffer->buf_, store_.bytes(slot), store_.layout_)) {
     return;
   }
-  touches_.push_back({oid, slot, std::move(buffer), isRemoval});
+  touches_.push_back({oid, slot, {std::move(buffer), nullptr}, isRemoval, isHeld});
 }
 
 void TableStore::Commit::checkUnique() const {
@@ -556,7 +562,7 @@ void TableStore::Commit::checkUnique() const {
       }
     }
     const auto keyOf = [&](std::size_t i) {
-      return index.key(SubRowReference(touches_[i].buffer->buf_),
+      return index.key(SubRowReference(touches_[i].row.bytes()),
                        index.computes() ? computed_[i * computing + ordinal] : std::string_view());
     };
     std::unordered_multimap<std::uint64_t, std::size_t> fresh;
@@ -583,23 +589,26 @@ void TableStore::Commit::checkUnique() const {
 void TableStore::Commit::reserve() {
   std::size_t added = 0;
   std::size_t removed = 0;
+  std::size_t held = 0;
   const std::string* computed = computed_.data();
   moves_.reserve(touches_.size() * store_.indexes_.size());
   for (const Touch& touch : touches_) {
     const bool isNew = touch.slot == noSlot;
     if (isNew) ++added;
     if (touch.isRemoval) ++removed;
+    if (touch.isHeld) ++held;
     for (const KnownIndex& known : store_.indexes_) {
       const TableIndex& index = *known.index;
       const std::string_view key = index.computes() ? *computed++ : std::string_view();
       moves_.push_back(isNew || touch.isRemoval ||
                        compareKeys(index.key(touch.slot).parts(),
-                                   index.key(SubRowReference(touch.buffer->buf_), key).parts()) !=
+                                   index.key(SubRowReference(touch.row.bytes()), key).parts()) !=
                            0);
     }
   }
   store_.reserveOids(added);
   while (store_.freeCount_ < added) store_.addSlot();
+  store_.rows_.reserveShared(held);
   for (const KnownIndex& known : store_.indexes_) {
     known.index->reserve(store_.entries_.size(), touches_.size());
   }
@@ -649,12 +658,11 @@ void TableStore::Commit::apply(std::uint64_t sequence) noexcept {
       entry.sequence = now;
       store_.link(touch.slot);
     }
-    KoPtr<KoRowBuf>& buffer = store_.buffers_[touch.slot];
     if (store_.keepsDigest_) {
-      if (!isNew) store_.digest_ ^= rowHash(buffer->buf_);
-      if (!touch.isRemoval) store_.digest_ ^= rowHash(touch.buffer->buf_);
+      if (!isNew) store_.digest_ ^= rowHash(store_.bytes(touch.slot));
+      if (!touch.isRemoval) store_.digest_ ^= rowHash(touch.row.bytes());
     }
-    buffer.swap(touch.buffer);
+    store_.rows_.exchange(touch.slot, touch.row, touch.isHeld);
   }
   forEachKey([](const Touch& touch, const KnownIndex& known, std::string& computed, bool moves) {
     if (moves && !touch.isRemoval) known.index->put(touch.slot, computed);

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "Chunked.h"
+#include "StoredRows.h"
 #include "TableIndexes.h"
 
 namespace Korvo::detail {
@@ -89,11 +90,16 @@ class TableStore {
   void keepDigest() noexcept;
 
   Slot find(oid_t oid) const;
-  const KoPtr<KoRowBuf>& buffer(Slot slot) const { return buffers_[slot]; }
-  SubRowReference row(Slot slot) const { return SubRowReference(buffers_[slot]->buf_); }
+  /// The row's owner, which it shares with whoever holds it. Throws std::bad_alloc.
+  KoPtr<KoRowBuf> buffer(Slot slot) const { return rows_.share(slot); }
+  /// The row where it lies, for as long as it is in the table.
+  const byte_t* bytes(Slot slot) const { return rows_.bytes(slot); }
+  SubRowReference row(Slot slot) const { return SubRowReference(bytes(slot)); }
   oid_t oid(Slot slot) const { return entries_[slot].oid; }
   /// The rows, in no order: the first slot in use at or behind `slot`, or noSlot.
   Slot slotFrom(Slot slot) const;
+  /// How many rows are kept as if others held them.
+  std::size_t sharedCount() const { return rows_.sharedCount(); }
 
   /// An index of these columns; the same one when asked for again. Throws with the table as before.
   TableIndex& index(IndexKind kind, std::span<const std::size_t> columns);
@@ -177,7 +183,7 @@ class TableStore {
 
   static constexpr std::uint64_t mostRelative = (std::uint64_t{1} << 31) - 1;
   std::uint64_t base_ = 0;
-  Chunked<KoPtr<KoRowBuf>> buffers_;  ///< null: the slot is free
+  mutable StoredRows rows_;  ///< sharing a row changes how it is kept, not what it is
   Chunked<Entry> entries_;
   std::vector<Slot> buckets_;  ///< by oid, linear probing; a power of two
   Slot free_ = noSlot;
@@ -292,12 +298,13 @@ class TableStore::Commit {
  private:
   struct Touch {
     oid_t oid;
-    Slot slot;               ///< noSlot: the row is new
-    KoPtr<KoRowBuf> buffer;  ///< after apply(): the former one
+    Slot slot;            ///< noSlot: the row is new
+    StoredRows::Row row;  ///< after apply(): the former one
     bool isRemoval;
+    bool isHeld;  ///< by others than the batch
   };
 
-  void select(oid_t oid, KoPtr<KoRowBuf> buffer);
+  void select(oid_t oid, KoPtr<KoRowBuf> buffer, bool isHeld);
   void prepare();
   void checkUnique() const;
   void reserve();
@@ -308,6 +315,7 @@ class TableStore::Commit {
   void forEachKey(const Use& use);
 
   TableStore& store_;
+  std::size_t asked_;  ///< how many operations there were
   std::vector<Touch> touches_;
   std::vector<bool> moves_;            ///< for each touch and index: whether the row's key changes
   std::vector<std::string> computed_;  ///< for each touch and index that computes its keys
