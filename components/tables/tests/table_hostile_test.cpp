@@ -327,6 +327,7 @@ TEST_F(HostileSubscriberTest, DescriptorsThatAreSentAreNotTaken) {
 // A publisher without a descriptor left neither spins nor stops, and serves again when there is
 // one.
 TEST_F(TableHostileTest, PublisherOutOfDescriptorsWaits) {
+  if (!isMeasured) GTEST_SKIP() << "the sanitizers need descriptors for their own checks";
   const pid_t agent = fork();
   if (agent == 0) {
     alarm(60);
@@ -364,9 +365,7 @@ TEST_F(TableHostileTest, PublisherOutOfDescriptorsWaits) {
   rusage usage{};
   ASSERT_EQ(wait4(agent, &status, 0, &usage), agent);
   EXPECT_TRUE(WIFSIGNALED(status));
-  if (isMeasured) {
-    EXPECT_LT(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec, 1);
-  }
+  EXPECT_LT(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec, 1);
 }
 
 // ---------------------------------------------------------------------------------------------
