@@ -106,6 +106,7 @@ TYPED_TEST(RowWriters, LeaveASharedBufferWhereItIs) {
   const byte_t* const shared = sharer.rowBuf();
   writer.reset();
   EXPECT_EQ(sharer.rowBuf(), shared);
+  EXPECT_NE(row.rowBuf(), shared);
   EXPECT_EQ(hex(row), hex(sharer));
   EXPECT_LT(malloc_usable_size(row.rowBuf()), rowLength(row) + 64U);
 }
