@@ -406,6 +406,10 @@ void openMissingStreams() {
   }
 }
 
+/// Libraries open files when they are loaded; this runs before they do.
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): it is called by what loads us
+[[gnu::section(".preinit_array"), gnu::used]] void (*beforeLibraries)() = openMissingStreams;
+
 int mistake(const CommandLine& commandLine, const std::string& what) {
   complain(what + " (see " + commandLine.name() + " --help)");
   return statusUsage;
@@ -414,7 +418,6 @@ int mistake(const CommandLine& commandLine, const std::string& what) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  openMissingStreams();
   CommandLine commandLine;
   try {
     return commandLine.run(argc, argv);
