@@ -11,9 +11,10 @@ set -euo pipefail
 
 build_packages=(g++ cmake ninja-build libssl-dev libuv1-dev pkgconf)
 # What tables across machines are built with, and the servers that they are tested on.
-etcd_packages=(libgrpc++-dev libprotobuf-dev protobuf-compiler etcd-server etcd-client openssl)
+etcd_packages=(libgrpc++-dev libprotobuf-dev protobuf-compiler etcd-server etcd-client openssl
+  python3)
 test_packages=("${build_packages[@]}" "${etcd_packages[@]}" googletest librapidcheck-dev libcli11-dev
-  libarchive-dev libmnl-dev iproute2 zstd locales gdb)
+  libarchive-dev libmnl-dev iproute2 libfaketime zstd locales gdb)
 demo_packages=("${build_packages[@]}" libcli11-dev)
 bench_packages=("${demo_packages[@]}" libbenchmark-dev libflatbuffers-dev flatbuffers-compiler
   libcapnp-dev capnproto libprotobuf-dev protobuf-compiler libevent-dev libboost-dev libabsl-dev

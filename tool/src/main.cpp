@@ -61,6 +61,12 @@ CLI::Option* addLayout(CLI::App& command, RowOptions& options) {
   return layout;
 }
 
+/// For commands that read recordings, too.
+void addLayoutUnlessRecorded(CLI::App& command, RowOptions& options) {
+  CLI::Option* const layout = addLayout(command, options);
+  layout->description(layout->get_description() + "; recordings have their own");
+}
+
 CLI::Option* addFiles(CLI::App& command, RowOptions& options) {
   command.add_flag("--plain", options.plain, "Do not unpack what looks like gzip or zstd");
   return command
@@ -112,7 +118,7 @@ class CommandLine {
 
   void addRowCommands() {
     CLI::App& check = *app_.add_subcommand("check", "Tell which rows are faulty, and where");
-    addLayout(check, check_)->required();
+    addLayoutUnlessRecorded(check, check_);
     check.add_flag("--no-host-bits", check_.noHostBits, "Refuse prefixes with host bits too");
     check.add_flag("-q,--quiet", check_.quiet, "Print nothing: the exit status tells");
     addJson(check, check_);
@@ -121,9 +127,10 @@ class CommandLine {
     runs(check, checkRows, check_);
 
     CLI::App& show = *app_.add_subcommand("show", "Show the columns of rows");
-    addLayout(show, show_)->required();
+    addLayoutUnlessRecorded(show, show_);
     show.add_option("--columns", show_.columns, "These columns only, with commas between them")
         ->delimiter(',')
+        ->allow_extra_args(false)  // files follow
         ->type_name("NAME,...");
     show.add_option("--oid", show_.oid, "The rows of this oid only")->type_name("OID");
     show.add_option("--first", show_.limit, "That many rows at most")->type_name("N");
@@ -396,8 +403,8 @@ class CommandLine {
   BridgeOptions bridge_;
 };
 
-/// Otherwise the first file that is opened would take a closed output's place.
-void openMissingStreams() {
+/// Otherwise the first file that is opened would take a closed stream's place.
+void openMissingStreams(int, char**, char**) {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
     if (fcntl(fd, F_GETFD) < 0 && errno == EBADF) {
       // Reading where one writes, and the other way round: every use of it fails.
@@ -406,9 +413,9 @@ void openMissingStreams() {
   }
 }
 
-/// Libraries open files when they are loaded; this runs before they do.
-// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables): it is called by what loads us
-[[gnu::section(".preinit_array"), gnu::used]] void (*beforeLibraries)() = openMissingStreams;
+/// Before libraries are initialized, some of which open files then.
+[[gnu::section(".preinit_array"), gnu::used]] void (*const atStart)(int, char**,
+                                                                    char**) = openMissingStreams;
 
 int mistake(const CommandLine& commandLine, const std::string& what) {
   complain(what + " (see " + commandLine.name() + " --help)");

@@ -157,7 +157,7 @@ TEST_F(Etcd, RowsAndChangesAreShown) {
   // The rows came back as they were: nobody is told anything of them.
   EXPECT_EQ(watch.out(), "");
   EXPECT_EQ(json.out().substr(0, json.out().find("stale")),
-            R"({"state":"loading","text":"not connected"})"
+            R"({"state":"loading","text":"nothing has come from the publisher yet"})"
             "\n"
             R"({"change":"added","oid":1001,"row":{"speed":25000,"name":"eth0","tags":["core"],)"
             R"("net":"10.1.0.0/16"}})"

@@ -197,12 +197,11 @@ class EtcdClient::Impl final : public Schedulable, public std::enable_shared_fro
       : Schedulable("etcd", scheduler),
         address_(address),
         settings_(settings),
+        credentials_(credentials(settings)),
+        scheduler_(scheduler),
         pump_(scheduler, [this] { runnableIs(true); }) {
-    const std::shared_ptr<grpc::ChannelCredentials> creds = credentials(settings);
-    for (const std::string& member : address.members) {
-      channels_.push_back(grpc::CreateCustomChannel(member, creds, channelArguments()));
-    }
-    member_ = std::random_device()() % channels_.size();
+    member_ = std::random_device()() % address.members.size();
+    connect();
     clientReadyIs(true);
   }
 
@@ -224,7 +223,8 @@ class EtcdClient::Impl final : public Schedulable, public std::enable_shared_fro
 
   void begin(std::function<void(const EtcdFault&)> done) {
     abandonAll();
-    member_ = (member_ + 1) % channels_.size();
+    member_ = (member_ + 1) % address_.members.size();
+    connect();
     token_.clear();
     if (settings_.user.empty()) {
       // Told in a turn of its own, as every answer is.
@@ -247,15 +247,22 @@ class EtcdClient::Impl final : public Schedulable, public std::enable_shared_fro
 
   const std::string& member() const { return address_.members[member_]; }
 
+  /// gRPC's own time limits are not used: its timers may stand still when the clock of the day is
+  /// set back.
   template <typename Request, typename Response>
-  class Call final : public Conversation, private Operation {
+  class Call final : public Conversation,
+                     private Operation,
+                     private Velto::Platform::TimeoutHandler {
    public:
     Call(Impl& impl, const char* method, const Request& request, milliseconds limit,
          Done<Response> done)
-        : Conversation(impl), done_(std::move(done)) {
-      this->context.set_deadline(std::chrono::system_clock::now() + limit);
+        : Conversation(impl),
+          done_(std::move(done)),
+          limit_(limit),
+          timer_(impl.scheduler_->getTimerControl(this)) {
+      timer_->timeoutIs(limit);
       impl.identify(this->context);
-      grpc::TemplatedGenericStub<Request, Response> stub(impl.channels_[impl.member_]);
+      grpc::TemplatedGenericStub<Request, Response> stub(impl.channel_);
       reader_ = stub.PrepareUnaryCall(&this->context, method, request, &impl.pump_.queue());
       reader_->StartCall();
       reader_->Finish(&response_, &status_, static_cast<Operation*>(this));
@@ -270,10 +277,22 @@ class EtcdClient::Impl final : public Schedulable, public std::enable_shared_fro
       const std::unique_ptr<Call> self(this);
       // What is called may abandon all calls.
       const Done<Response> done = std::exchange(done_, nullptr);
-      if (done) done(faultOf(status_), response_);
+      if (done) done(fault(), response_);
+    }
+    void onTimeout() override {
+      isLate_ = true;
+      this->context.TryCancel();
+    }
+    EtcdFault fault() const {
+      if (!isLate_ || status_.ok()) return faultOf(status_);
+      return {EtcdFault::Kind::unavailable,
+              "no answer for " + std::to_string(limit_.count()) + " milliseconds"};
     }
 
     Done<Response> done_;
+    milliseconds limit_;
+    bool isLate_ = false;
+    std::unique_ptr<Velto::Platform::TimerControl> timer_;
     std::unique_ptr<grpc::ClientAsyncResponseReader<Response>> reader_;
     Response response_;
     grpc::Status status_;
@@ -297,7 +316,7 @@ class EtcdClient::Impl final : public Schedulable, public std::enable_shared_fro
       impl.identify(this->context);
       // A member without a leader says so instead of being silent.
       this->context.AddMetadata("hasleader", "true");
-      grpc::TemplatedGenericStub<Request, Response> stub(impl.channels_[impl.member_]);
+      grpc::TemplatedGenericStub<Request, Response> stub(impl.channel_);
       stream_ = stub.PrepareCall(&this->context, method, &impl.pump_.queue());
       ++pending_;
       stream_->StartCall(&start_);
@@ -458,6 +477,12 @@ class EtcdClient::Impl final : public Schedulable, public std::enable_shared_fro
   }
 
  private:
+  /// Each conversation has a connection of its own, which is made at once: one that failed would
+  /// wait before it is made again.
+  void connect() {
+    channel_ = grpc::CreateCustomChannel(member(), credentials_, channelArguments());
+  }
+
   void takeEnded() {
     for (const Pump::Ended& ended : pump_.take()) ended_.push_back(ended);
   }
@@ -483,7 +508,9 @@ class EtcdClient::Impl final : public Schedulable, public std::enable_shared_fro
   const EtcdSettings settings_;
   std::set<Conversation*> conversations_;
   std::deque<Pump::Ended> ended_;
-  std::vector<std::shared_ptr<grpc::Channel>> channels_;
+  std::shared_ptr<grpc::ChannelCredentials> credentials_;
+  KoPtr<Scheduler> scheduler_;
+  std::shared_ptr<grpc::Channel> channel_;
   std::size_t member_ = 0;
   std::string token_;
   std::function<void(const EtcdFault&)> begun_;

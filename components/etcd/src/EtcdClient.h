@@ -12,6 +12,7 @@
 
 #include <Korvo/Scheduler.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -52,10 +53,13 @@ class EtcdBackoff {
   void reset() { longest_ = first; }
   /// Faults that do not go away by themselves are not asked about often.
   void slowDown() { longest_ = last; }
+  /// What may come to an end at any time is asked about every second, or oftener.
+  void keepUp() { longest_ = std::min(longest_, waiting); }
   std::chrono::nanoseconds next();
 
  private:
   static constexpr milliseconds first{50};
+  static constexpr milliseconds waiting{1000};
   static constexpr milliseconds last{5000};
   milliseconds longest_ = first;
   std::mt19937 random_{std::random_device()()};

@@ -76,6 +76,7 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   void haveName(const etcd::TxnResponse& response);
   void judgeMark(const etcd::RangeResponse& response);
   void keepLease();
+  void askForLease();
   void startOver();
 
   void readTable();
@@ -85,11 +86,14 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   void write();
   bool pull();
   void keep(TableSender::Change& change);
+  void add(Change change);
+  std::size_t bytesOf(const Change& change) const;
   void addRemovals();
   bool isStarved() const;
   void sendTransaction();
   void transact();
   void written(const Fault& fault, const etcd::TxnResponse& response);
+  void waitWith(const Fault& fault);
   void refused(const etcd::TxnResponse& response);
   void takeBack();
   void adoptMark(std::int64_t revision);
@@ -110,10 +114,12 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   milliseconds leaseSilence_{0};
   milliseconds leaseIdle_{0};
 
-  bool isKnown_ = false;  ///< what is in the cluster is what was written from here
-  EtcdMark mark_;         ///< in the cluster
-  std::string markText_;  ///< empty: there is none
-  std::int64_t cut_ = 0;  ///< the revision of the last state
+  bool isKnown_ = false;        ///< what is in the cluster is what was written from here
+  bool hasWritten_ = false;     ///< the last mark that is known is ours
+  bool beginsHistory_ = false;  ///< with the next mark
+  EtcdMark mark_;               ///< in the cluster
+  std::string markText_;        ///< empty: there is none
+  std::int64_t cut_ = 0;        ///< the revision of the last state
   std::vector<TableSender::Table> tables_;
   std::vector<There> there_;
   std::size_t paged_ = 0;
@@ -135,8 +141,9 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   bool isSending_ = false;
   std::optional<TableMark> sentState_;
   EtcdMark sentMark_;
-  std::string sentText_;  ///< empty: there is none
-  bool wasSent_ = false;  ///< an attempt may have been made
+  std::string sentText_;    ///< empty: there is none
+  bool wasSent_ = false;    ///< an attempt may have been made
+  bool isTooMuch_ = false;  ///< it cannot be made smaller, and is too large
 
   std::size_t mostOperations_;
   std::size_t mostBytes_;

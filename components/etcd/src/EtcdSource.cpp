@@ -117,9 +117,15 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
     const auto& marks = response.responses(0).response_range().kvs();
     const auto& owners = response.responses(1).response_range().kvs();
     owner_ = owners.empty() ? 0 : owners[0].create_revision();
+    ownerText_ = owners.empty() ? "" : owners[0].value();
     if (marks.empty()) return waitForMark();
     const std::optional<EtcdMark> mark = EtcdMark::decode(marks[0].value());
     if (!mark) return end("the mark of " + source_->address_.publisher + " has another form");
+    if (isOfThePast(*mark, marks[0].mod_revision())) {
+      if (std::exchange(source_->isPastTold_, true)) return waitForMark();
+      return end("the cluster has an older state of " + source_->address_.publisher +
+                 " than is known here: what its publisher writes is waited for");
+    }
 
     const bool mayResume = isAtPosition() && mark->history == source_->position_->mark.history &&
                            source_->position_->revision <= head_;
@@ -134,6 +140,18 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
     readWhole(marks[0], *mark);
   }
 
+  /// Of a cluster that was restored from a copy. Nobody is led back by it: a publisher that lives
+  /// notices it, too, and begins another history. One that comes after it leads on from what is
+  /// there, and is followed as soon as it has written something.
+  bool isOfThePast(const EtcdMark& mark, std::int64_t revision) const {
+    const EtcdSource::Shown& shown = source_->shown_;
+    if (!hasPosition() || mark.history != shown.history || mark.sequence >= shown.sequence) {
+      return false;
+    }
+    const bool isOfAnother = owner_ != 0 && revision > owner_ && ownerText_ != shown.owner;
+    return !isOfAnother;
+  }
+
   bool isAtPosition() const {
     if (!source_->position_ || source_->position_->cluster != cluster_) return false;
     const EtcdMark& mark = source_->position_->mark;
@@ -141,6 +159,7 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
       if (receiver_.table(i) == nullptr) continue;
       const TablePosition position = receiver_.position(i);
       if (position.history == mark.history && position.sequence == mark.sequence) continue;
+      if (source_->refused_.contains(receiver_.table(i)->name())) continue;
       if (std::ranges::find(mark.tables, receiver_.table(i)->name(), &EtcdMark::Table::name) !=
           mark.tables.end()) {
         return false;
@@ -235,6 +254,7 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
     tables_.clear();
     layouts_.clear();
     isWhole_ = isWhole;
+    if (isWhole) source_->refused_.clear();
     readLayout(0);
   }
 
@@ -259,25 +279,34 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
             if (isCompacted) return end("the state was compacted while it was read");
             const AnyTable* const table = receiver_.table(number);
             if (table != nullptr) acceptLayout(number, *table, *answer);
-            readLayout(number + 1);
+            if (!over_) readLayout(number + 1);
           });
         }));
   }
 
   void acceptLayout(std::size_t number, const AnyTable& table, const etcd::RangeResponse& answer) {
-    if (answer.kvs_size() != 1) {
+    const std::string text = answer.kvs_size() == 1 ? answer.kvs(0).value() : "";
+    layouts_[source_->keys_.layout(table.name())] = text;
+    if (text.empty()) {
+      source_->refused_.insert(table.name());
       return receiver_.refuse(number, table.name() + ": its layout is missing");
     }
-    const std::string& text = answer.kvs(0).value();
     LayoutFingerprint layout;
     try {
       layout = DynamicLayout(text).fingerprint();
     } catch (const KoBaseException&) {
       // What is wrong with it is told by the receiver.
     }
-    if (!receiver_.accept(number, layout, text)) return;
+    if (!receiver_.accept(number, layout, text)) {
+      source_->refused_.insert(table.name());
+      return;
+    }
+    if (source_->refused_.erase(table.name()) != 0) {
+      // The position is not its own.
+      source_->position_.reset();
+      return end(table.name() + " is taken from now on");
+    }
     tables_[table.name()] = static_cast<std::uint16_t>(number);
-    layouts_[source_->keys_.layout(table.name())] = text;
   }
 
   void haveLayouts() {
@@ -369,6 +398,15 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
       return end(difference);
     }
     hasMarked_ = true;
+    EtcdSource::Shown& shown = source_->shown_;
+    if (isLive()) {
+      shown.owner = ownerText_;
+    } else if (shown.history != mark_.history || shown.sequence != mark_.sequence) {
+      shown.owner.clear();
+    }
+    shown.history = mark_.history;
+    shown.sequence = mark_.sequence;
+    source_->isPastTold_ = false;
     source_->position_ = EtcdSource::Position{cluster_, revision_, text_, mark_};
   }
 
@@ -383,14 +421,20 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
 
   void startWatch(const std::string& key, const std::string& end, std::int64_t revision,
                   std::function<void(const etcd::WatchResponse&)> told) {
-    watch_ = source_->client_.watch(
-        ifAlive([this, told = std::move(told)](const Fault& fault, etcd::WatchResponse& response) {
-          if (fault) return lose(fault);
-          later([this, told, answer = std::make_shared<etcd::WatchResponse>(std::move(response))] {
-            if (answer->canceled()) return canceled(*answer);
-            told(*answer);
-          });
-        }));
+    watch_ = source_->client_.watch(ifAlive([this, revision, told = std::move(told)](
+                                                const Fault& fault, etcd::WatchResponse& response) {
+      if (fault) return lose(fault);
+      later([this, revision, told,
+             answer = std::make_shared<etcd::WatchResponse>(std::move(response))] {
+        if (answer->canceled()) return canceled(*answer);
+        // It would be silent until it came to that revision, with another history.
+        const etcd::ResponseHeader& header = answer->header();
+        if (header.cluster_id() != cluster_ || header.revision() < revision - 1) {
+          return this->end(source_->client_.member() + " is of another cluster than before");
+        }
+        told(*answer);
+      });
+    }));
     etcd::WatchRequest request;
     etcd::WatchCreateRequest& create = *request.mutable_create_request();
     create.set_key(key);
@@ -445,6 +489,7 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
       }
     } else if (kv.key() == source_->keys_.owner()) {
       owner_ = isPut ? kv.create_revision() : 0;
+      ownerText_ = kv.value();
       if (hasMarked_) publisherIsGone();
     } else if (kv.key() == source_->keys_.mark()) {
       if (!isPut) return end("the mark of " + source_->address_.publisher + " is gone");
@@ -486,8 +531,9 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
   milliseconds idle_{0};
 
   std::uint64_t cluster_ = 0;
-  std::int64_t head_ = 0;          ///< the revision at which the link looked
-  std::int64_t owner_ = 0;         ///< the owner's create revision; 0: there is none
+  std::int64_t head_ = 0;   ///< the revision at which the link looked
+  std::int64_t owner_ = 0;  ///< the owner's create revision; 0: there is none
+  std::string ownerText_;
   std::int64_t revision_ = 0;      ///< of the state that is read or was taken last
   std::int64_t markRevision_ = 0;  ///< of its mark; 0: it is not the present one
   std::int64_t seen_ = 0;          ///< of the last event

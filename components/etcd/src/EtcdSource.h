@@ -4,6 +4,8 @@
 
 #include <Korvo/TableEngine.h>
 
+#include <set>
+
 #include "EtcdClient.h"
 #include "EtcdKeys.h"
 #include "EtcdPage.h"
@@ -28,11 +30,23 @@ class EtcdSource final : public TableSource, public std::enable_shared_from_this
     EtcdMark mark;
   };
 
+  /// The last state that was shown, and who wrote it, as far as that is known. It outlives a
+  /// position.
+  struct Shown {
+    std::uint64_t history = 0;
+    std::uint64_t sequence = 0;
+    std::string owner;
+  };
+
   const EtcdAddress address_;
   const EtcdKeys keys_;
   const milliseconds heartbeat_;
   EtcdClient client_;
   std::optional<Position> position_;
+  Shown shown_;
+  bool isPastTold_ = false;  ///< that the cluster has older states than was shown
+  /// Tables that could not be taken there: they have no position, and need none to go on.
+  std::set<std::string, std::less<>> refused_;
 };
 
 }  // namespace Korvo::detail

@@ -40,24 +40,37 @@ for line in "${blocks[@]}"; do
     # Something to look at: it is done when the mark is there.
     printf '1,2,AA\n16777216,16777471,AU\n' >ranges
     setpriv --pdeathsig KILL "$program" publish \
-      "etcd://$ETCDCTL_ENDPOINTS/net/portAgent" ranges 1 >publisher.out 2>&1 &
+      "etcd://$ETCDCTL_ENDPOINTS/net/portAgent" 1 ranges >publisher.out 2>&1 &
+    publisher=$!
     for ((attempt = 0; attempt < 100; ++attempt)); do
       ! grep -q sha1 publisher.out || break
       sleep 0.1
     done
     cat publisher.out
+  elif grep -q 'snapshot restore' block; then
+    # It lets go of the name, if it is heard.
+    sleep 1
+    kill -TERM "$publisher"
+    wait "$publisher" || :
   fi
 done
 
-# With the page's users and settings, and in the restored copy.
+# With the page's users, certificates and settings, in the restored cluster.
 echo "--- with the settings of the page"
-setpriv --pdeathsig KILL "$program" copy "etcd://$ETCDCTL_ENDPOINTS/net/portAgent" >copy.out 2>&1 &
-copy=$!
-for ((attempt = 0; attempt < 100; ++attempt)); do
-  ! grep -q 'copy: current' copy.out || break
+started=()
+for role in 'publish' 'copy'; do
+  words=("$role" "etcd://$ETCDCTL_ENDPOINTS/net/portAgent")
+  [ $role = copy ] || words+=(1 ranges)
+  setpriv --pdeathsig KILL "$program" "${words[@]}" >$role.out 2>&1 &
+  started+=($!)
+done
+for ((attempt = 0; attempt < 250; ++attempt)); do
+  ! grep -q sha1 publish.out || break
   sleep 0.1
 done
-kill -TERM $copy
-wait $copy
-cat copy.out
-grep -q '; 2 rows, sha1' copy.out
+sleep 1 # for what is on its way to the copy
+kill -TERM "${started[@]}"
+wait "${started[@]}"
+cat publish.out copy.out
+grep -q '; 3 rows, sha1' copy.out
+[ "$(grep -o 'sha1 .*' copy.out)" = "$(grep -o 'sha1 .*' publish.out)" ]

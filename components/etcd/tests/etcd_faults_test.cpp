@@ -247,4 +247,46 @@ TEST(EtcdFaults, ARestoredCopyOfTheClusterIsBroughtUpToDate) {
   EXPECT_TRUE(says(rows, "00000003")) << rows;
 }
 
+/// In a process of its own, whose clock of the day goes to where a file says.
+TEST(EtcdFaults, AClockThatJumpsDoesNoHarm) {
+  const std::string name = "EtcdFaults.AClockThatJumpsDoesNoHarm";
+  const char* const clock = std::getenv("KORVO_TEST_CLOCK");
+  if (clock == nullptr) {
+    const std::string library = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1";
+    ASSERT_TRUE(std::filesystem::exists(library)) << "package libfaketime";
+    const Folder folder;
+    std::ofstream(folder.file("clock")) << "+0";
+    const Variable preload("LD_PRELOAD", library);
+    const Variable order("ASAN_OPTIONS", "verify_asan_link_order=0");
+    const Variable file("FAKETIME_TIMESTAMP_FILE", folder.file("clock"));
+    const Variable cache("FAKETIME_NO_CACHE", "1");
+    const Variable steady("FAKETIME_DONT_FAKE_MONOTONIC", "1");
+    const Variable self("KORVO_TEST_CLOCK", folder.file("clock"));
+    Program child({"/proc/self/exe", "--gtest_filter=" + name}, folder.file("log"));
+    const int status = child.wait();
+    EXPECT_EQ(status, 0) << std::ifstream(folder.file("log")).rdbuf();
+    return;
+  }
+  unsetenv("LD_PRELOAD");  // servers look at the machine's clock
+  Cluster cluster(1);
+  cluster.waitUntilReady();
+  Publisher publisher(cluster.address());
+  publisher.put({port(1, "one")});
+  Copy copy(cluster.address());
+  ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy)) << copy.text();
+  for (const char* const offset : {"+1000000", "-1000000", "+3600"}) {
+    std::ofstream(clock) << offset;
+    publisher.put({port(2, offset)});
+    ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy)) << copy.text();
+    cluster.kill(0);
+    runFor(milliseconds(500), publisher, copy);
+    EXPECT_FALSE(copy.isCurrent());
+    publisher.put({port(3, offset)});
+    cluster.start(0);
+    cluster.waitUntilReady();
+    ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy))
+        << offset << ' ' << copy.text() << publisher.problem();
+  }
+}
+
 }  // namespace

@@ -13,7 +13,7 @@ using namespace etcdtest;
 
 int seconds() {
   const char* const wanted = std::getenv("KORVO_ETCD_SECONDS");
-  return wanted == nullptr ? 20 : std::stoi(wanted);
+  return wanted == nullptr ? 10 : std::stoi(wanted);
 }
 
 std::string base64(const std::string& bytes) {
