@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -94,18 +95,22 @@ class Folder {
   std::string path_;
 };
 
+/// Below those that the system gives to whoever asks for any: a server that is down for a while
+/// finds its own again.
 inline int freePort() {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  if (bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    throw std::system_error(errno, std::generic_category(), "no port is free");
+  std::random_device random;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    const int port = std::uniform_int_distribution(16000, 31999)(random);
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool isFree = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    close(fd);
+    if (isFree) return port;
   }
-  close(fd);
-  return ntohs(address.sin_port);
+  throw std::runtime_error("no port is free");
 }
 
 class Cluster {
