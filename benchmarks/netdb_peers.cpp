@@ -172,18 +172,36 @@ Result resultOf(const Work& work, const Meanwhile& meanwhile) {
   return result;
 }
 
-/// How long it takes from `start` until a receiver process has all rows.
+/// How long it takes from `start` until a receiver process has all rows. What `receive` returns has
+/// them: how many, in its `rows()`, and is destroyed when the clock has been read.
 template <typename Receive, typename Meanwhile>
 double receiveSeconds(std::chrono::steady_clock::time_point start, std::uint64_t rows,
                       const Receive& receive, const Meanwhile& meanwhile) {
   return resultOf<double>(
       [&] {
-        const std::uint64_t received = receive();
-        if (received != rows) throw std::runtime_error("rows are missing");
-        return secondsSince(start);
+        const auto received = receive();
+        const double seconds = secondsSince(start);
+        if (received->rows() != rows) throw std::runtime_error("rows are missing");
+        return seconds;
       },
       meanwhile);
 }
+
+/// Rows in an array, one behind the other.
+class PlainRows {
+ public:
+  /// Keeps it if it is a row.
+  void add(const Korvo::byte_t* bytes, std::size_t length) {
+    if (Korvo::checkRow<netdb::PrefixLayout>(bytes, length)) return;
+    bytes_.insert(bytes_.end(), bytes, bytes + length);
+    ++rows_;
+  }
+  std::uint64_t rows() const { return rows_; }
+
+ private:
+  std::vector<Korvo::byte_t> bytes_;
+  std::uint64_t rows_ = 0;
+};
 
 double median(std::array<double, transfers> times) {
   std::sort(times.begin(), times.end());
@@ -258,7 +276,8 @@ class RowsInTable {
     std::array<double, transfers> times;
     for (double& time : times) {
       time = receiveSeconds(
-          std::chrono::steady_clock::now(), rows(), [&] { return receive(address); },
+          std::chrono::steady_clock::now(), rows(),
+          [&] { return std::make_unique<Subscription>(address); },
           [&](pid_t subscriber) {
             while (::waitpid(subscriber, nullptr, WNOHANG) == 0) loop->run(0, 0.01, false);
           });
@@ -267,19 +286,25 @@ class RowsInTable {
   }
 
  private:
-  static std::uint64_t receive(const std::string& address) {
-    const auto loop = std::make_shared<Korvo::EventLoop>("subscriber");
-    netdb::PrefixTable table(netdb::prefixTable);
-    Korvo::TableSubscriber subscriber(address, loop);
-    subscriber.add(table);
-    Korvo::TableReader<PrefixRow> reader(table, loop, [](const Korvo::Changes<PrefixRow>&) {});
-    reader.onState([&](Korvo::TableState state, const std::string&) {
-      if (state != Korvo::TableState::loading) loop->activeIs(false);
-    });
-    loop->activeIs(true);
-    loop->run();
-    return table.size();
-  }
+  /// A copy of the table, once it is complete.
+  class Subscription {
+   public:
+    explicit Subscription(const std::string& address) : subscriber_(address, loop_) {
+      subscriber_.add(table_);
+      reader_.onState([this](Korvo::TableState state, const std::string&) {
+        if (state != Korvo::TableState::loading) loop_->activeIs(false);
+      });
+      loop_->activeIs(true);
+      loop_->run();
+    }
+    std::uint64_t rows() const { return table_.size(); }
+
+   private:
+    std::shared_ptr<Korvo::EventLoop> loop_ = std::make_shared<Korvo::EventLoop>("subscriber");
+    netdb::PrefixTable table_{netdb::prefixTable};
+    Korvo::TableSubscriber subscriber_;
+    Korvo::TableReader<PrefixRow> reader_{table_, loop_, [](const Korvo::Changes<PrefixRow>&) {}};
+  };
 
   netdb::PrefixTable table_{netdb::prefixTable};
 };
@@ -295,16 +320,11 @@ Figures measurePackets(const Input& input) {
     const auto receive = [&] {
       sockets.publisher.close();
       bench::RowReceiver receiver(sockets.subscriber.get());
-      std::vector<Korvo::byte_t> kept;
-      std::uint64_t count = 0;
+      auto kept = std::make_unique<PlainRows>();
       while (receiver.receive()) {
-        for (const auto& packet : receiver.packets()) {
-          if (Korvo::checkRow<netdb::PrefixLayout>(packet.bytes, packet.length)) continue;
-          kept.insert(kept.end(), packet.bytes, packet.bytes + packet.length);
-          ++count;
-        }
+        for (const auto& packet : receiver.packets()) kept->add(packet.bytes, packet.length);
       }
-      return count;
+      return kept;
     };
     const auto send = [&](pid_t receiver) {
       sockets.subscriber.close();
@@ -398,10 +418,9 @@ std::string_view bytesOf(const PrefixRow& row) {
 }
 
 /// Reads the hash back, and checks and keeps its rows as a receiver of packets does.
-std::uint64_t receiveFromRedis(const std::string& socket) {
+std::unique_ptr<PlainRows> receiveFromRedis(const std::string& socket) {
   Redis redis(socket);
-  std::vector<Korvo::byte_t> kept;
-  std::uint64_t rows = 0;
+  auto kept = std::make_unique<PlainRows>();
   std::string cursor = "0";
   do {
     redis.append({"HSCAN", "netdb", cursor, "COUNT", "1000"});
@@ -409,14 +428,11 @@ std::uint64_t receiveFromRedis(const std::string& socket) {
     cursor = reply->element[0]->str;
     const redisReply& fields = *reply->element[1];
     for (std::size_t i = 1; i < fields.elements; i += 2) {
-      const auto* const bytes = reinterpret_cast<const Korvo::byte_t*>(fields.element[i]->str);
-      const std::size_t length = fields.element[i]->len;
-      if (Korvo::checkRow<netdb::PrefixLayout>(bytes, length)) continue;
-      kept.insert(kept.end(), bytes, bytes + length);
-      ++rows;
+      const redisReply& row = *fields.element[i];
+      kept->add(reinterpret_cast<const Korvo::byte_t*>(row.str), row.len);
     }
   } while (cursor != "0");
-  return rows;
+  return kept;
 }
 
 Figures measureRedis(const Input& input) {
@@ -573,15 +589,15 @@ class Sqlite {
     sendPackets(socket, packets, count);
   }
 
-  static std::uint64_t receive(int socket) {
-    Sqlite copy;
+  static std::unique_ptr<Sqlite> receive(int socket) {
+    auto copy = std::make_unique<Sqlite>();
     bench::RowReceiver receiver(socket);
-    copy.execute("begin");
+    copy->execute("begin");
     while (receiver.receive()) {
-      for (const auto& packet : receiver.packets()) copy.insert({packet.bytes, packet.length});
+      for (const auto& packet : receiver.packets()) copy->insert({packet.bytes, packet.length});
     }
-    copy.execute("commit");
-    return copy.rows_;
+    copy->execute("commit");
+    return copy;
   }
 
   void execute(const char* text) {

@@ -1,5 +1,5 @@
 #!/bin/bash
-# Unpacks the 32-bit libcrypto and libuv with their headers into build/libs32, for the m32 preset;
+# Unpacks the 32-bit libcrypto, libuv and libmnl with their headers into build/libs32, for the m32 preset;
 # --force does so again. Nothing is installed, and no architecture is added to the machine.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -7,6 +7,7 @@ cd "$(dirname "$0")/.."
 target=build/libs32
 complete() {
   test -e $target/usr/lib/i386-linux-gnu/libcrypto.so &&
+    test -e $target/usr/lib/i386-linux-gnu/libmnl.so &&
     test -e $target/usr/lib/i386-linux-gnu/libuv.so
 }
 if [ "${1:-}" != --force ] && complete; then
@@ -14,7 +15,7 @@ if [ "${1:-}" != --force ] && complete; then
 fi
 rm -rf build/libs32
 scripts/apt-unpack.sh --arch i386 $target 'libssl3t64|libssl3' libssl-dev 'libuv1t64|libuv1' \
-  libuv1-dev
+  libuv1-dev libmnl0 libmnl-dev
 
 # The headers of the word size stand in a folder that only a 32-bit compiler searches by itself.
 if [ -d $target/usr/include/i386-linux-gnu/openssl ]; then

@@ -8,13 +8,14 @@ cd "$(dirname "$0")/.."
 
 out=$PWD/build/packages
 architecture=${1:-}
-build_dependencies=(build-essential cmake debhelper libssl-dev libuv1-dev pkgconf)
+build_dependencies=(build-essential cmake debhelper libarchive-dev libcli11-dev libgrpc++-dev
+  libprotobuf-dev libssl-dev libuv1-dev pkgconf protobuf-compiler)
 
 # copy_sources FOLDER: what was built beside it before is gone.
 copy_sources() {
   rm -rf "$(dirname "$1")"
   mkdir -p "$1"
-  git ls-files -co --exclude-standard -z '*.md' CMakeLists.txt cmake components debian docs gdb scripts src src-includes |
+  git ls-files -co --exclude-standard -z '*.md' CMakeLists.txt cmake components debian docs gdb scripts src src-includes tool |
     xargs -0 cp --parents -t "$1"
 }
 

@@ -1,8 +1,6 @@
 // The variable area of rows: where values find room, and how it is packed. Every value that is
 // written comes through makePlace().
 
-#include "rowSpace.h"
-
 #include <Korvo/baseRow.h>
 
 #include <algorithm>
@@ -274,13 +272,12 @@ class BaseRow::SoleBuffer {
   }
   const Room room = findRoom(present, demand, known);
   SoleBuffer own(*this);
-  if (room.movesRow && shareAByte(demand.source, {present, loadField<len_t>(present)}))
-      [[unlikely]] {
+  if (room.movesRow && refersInto(present, demand.source)) [[unlikely]] {
     own.copy();  // the value stays readable in the former buffer
   }
   byte_t* buf = rwRowBuf();
   const len_t offset = takeRoom(buf, room, demand, known);
-  return {buf, demand.slotOffset, offset, own.keep()};
+  return {buf, offset, own.keep()};
 }
 
 void BaseRow::write(len_t slotOffset, const detail::EncodedValue& value, len_t fdLen,

@@ -1,7 +1,5 @@
 #include <Korvo/rowWriter.h>
 
-#include "rowSpace.h"
-
 #include <algorithm>
 #include <cstring>
 #include <new>
@@ -26,7 +24,7 @@ RowWriter::~RowWriter() {
       row_.copyBuffer();
     }
   } catch (const std::bad_alloc&) {
-    // The row keeps a block that is larger than itself.
+    // The row keeps the larger block.
   }
 }
 
@@ -43,13 +41,13 @@ BaseRow::Place RowWriter::makePlace(len_t slotOffset, std::size_t length,
   const len_t rowLength = loadField<len_t>(buf + rowLengthOffset);
   const len_t before = VColType::at(buf, slotOffset).length();
   if (before == 0 && length <= maxValueLength && row_.isSoleHolder() &&
-      !shareAByte(source, {buf, rowLength})) {
+      !BaseRow::refersInto(buf, source)) {
     const std::size_t begin = endOfValues(buf, length);
     const std::size_t end = begin + length;
     if (begin != 0 && end <= maxRowLength) {
       buf = end > rowLength ? lengthenRow(buf, end) : row_.rwRowBuf();
       count(slotOffset, static_cast<len_t>(begin), static_cast<len_t>(length));
-      return {buf, slotOffset, static_cast<len_t>(begin)};
+      return {buf, static_cast<len_t>(begin)};
     }
   }
   BaseRow::Place place =
@@ -88,11 +86,13 @@ std::size_t RowWriter::endOfValues(const byte_t* buf, std::size_t length) {
 /// listed twice count twice.
 void RowWriter::count(len_t slotOffset, len_t offset, len_t length) {
   if (!extent_) return;
-  VColType slot;
-  slot.valueIs(offset, length, false);
-  if (!declaredSlots_.empty()) return extent_->add(slot);
-  const auto [begin, end] = std::equal_range(listedSlots_.begin(), listedSlots_.end(), slotOffset);
-  for (auto at = begin; at != end; ++at) extent_->add(slot);
+  std::ptrdiff_t times = 1;
+  if (declaredSlots_.empty()) {
+    const auto [begin, end] =
+        std::equal_range(listedSlots_.begin(), listedSlots_.end(), slotOffset);
+    times = end - begin;
+  }
+  for (; times != 0; --times) extent_->add(offset, length);
 }
 
 // ---------------------------------------------------------------------------------------------

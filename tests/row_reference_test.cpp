@@ -190,6 +190,18 @@ TEST(AddrReferenceComparison, ReadsNoFurtherThanTheAddress) {
             kEqual);
 }
 
+TEST(AddrReferenceComparison, WithValues) {
+  const ExactBlock four(bytesOf("0A 00 00 01"));
+  const IpGenAddrReference v4(four.data(), Korvo::ipv4_);
+  const IpGenAddrReference v6(kLow, Korvo::ipv6_);
+  EXPECT_TRUE(v4 == IpGenAddr("10.0.0.1") && IpGenAddr("10.0.0.1") == v4);
+  EXPECT_TRUE(v4 == Korvo::IpAddr("10.0.0.1"));
+  EXPECT_FALSE(v4 != IpGenAddr("10.0.0.1") || IpGenAddr("10.0.0.1") != v4);
+  EXPECT_TRUE(v4 != IpGenAddr("10.0.0.2") && v6 != IpGenAddr("10.0.0.1"));
+  EXPECT_TRUE(v6 == Korvo::Ip6Addr("a00:1::1") && v4 != Korvo::Ip6Addr("a00:1::1"));
+  EXPECT_TRUE(IpGenAddrReference() == IpGenAddr() && v4 != IpGenAddr());
+}
+
 TEST(AddrReferenceComparison, OrderIsNumeric) {
   const char* const ascending[] = {"0.0.0.0",   "0.0.0.255", "0.0.1.0",
                                    "127.0.0.1", "128.0.0.0", "255.255.255.255"};
@@ -342,6 +354,20 @@ TEST(PrefixReferenceComparison, Table) {
     EXPECT_EQ(compared(a.ref(), b.ref()), c.expected)
         << c.a << '/' << c.aLength << " and " << c.b << '/' << c.bLength;
   }
+}
+
+TEST(PrefixReferenceComparison, WithValues) {
+  const ExactBlock four(bytesOf("0A 00 00 01"));
+  const IpGenPrefixReference net(four.data(), Korvo::ipv4_, 8);
+  const IpGenPrefix withHostBits(Korvo::IpAddr("10.0.0.1"), 8);
+  EXPECT_TRUE(net == withHostBits && withHostBits == net);
+  EXPECT_FALSE(net != withHostBits || withHostBits != net);
+  EXPECT_TRUE(net != IpGenPrefix("10.0.0.0/8") && IpGenPrefix("10.0.0.0/8") != net);
+  EXPECT_TRUE(net != IpGenPrefix(Korvo::IpAddr("10.0.0.1"), 32));
+  EXPECT_TRUE(IpGenPrefixReference(kLow, Korvo::ipv6_, 128) == IpGenPrefix("a00:1::1/128"));
+  EXPECT_TRUE(IpGenPrefixReference() == IpGenPrefix() && net != IpGenPrefix());
+  // Of a length that no value has.
+  EXPECT_TRUE(IpGenPrefixReference(four.data(), Korvo::ipv4_, 255) != withHostBits);
 }
 
 TEST(PrefixReferenceComparison, WithoutAFamily) {

@@ -261,6 +261,24 @@ TEST(TableRow, AddressesAndPrefixesAreTakenFromTheirReferences) {
   EXPECT_EQ(other.get<"addr">(), v4(0, 0, 0, 0));
 }
 
+TEST(TableRow, ArraysAreTakenFromListsAndRanges) {
+  Wide row;
+  row.create();
+  row.set<"names">({"a", "b"});
+  EXPECT_EQ(row.get<"names">(), (std::vector<std::string>{"a", "b"}));
+  row.set<"addrs">({IpAddr("1.2.3.4"), IpAddr("1.2.3.5")});
+  EXPECT_EQ(row.get<"addrs">(), (std::vector<IpGenAddr>{v4(1, 2, 3, 4), v4(1, 2, 3, 5)}));
+  const std::vector<std::string> texts = {"9.9.9.9", "8.8.8.8"};
+  row.set<"names">({texts.begin(), texts.end()});
+  EXPECT_EQ(row.get<"names">(), texts);
+  row.set<"addrs">({texts.begin(), texts.end()});
+  EXPECT_EQ(row.get<"addrs">(), (std::vector<IpGenAddr>{v4(9, 9, 9, 9), v4(8, 8, 8, 8)}));
+  row.set<"flags">({true, false});
+  EXPECT_EQ(row.get<"flags">(), (std::vector<bool>{true, false}));
+  row.set<"names">({});
+  EXPECT_TRUE(row.view<"names">().empty());
+}
+
 TEST(TableRow, TooLongTextIsRefusedAndNothingChanges) {
   Wide row;
   row.create();

@@ -8,21 +8,22 @@
 #include <iostream>
 #include <string>
 
-using LinkLayout =
-    Korvo::RowLayout<2,  //
-                     Korvo::Column<"up", bool>, Korvo::Column<"peer", Korvo::IpGenAddr>>;
-using PortLayout =
-    Korvo::RowLayout<7,  //
-                     Korvo::Column<"speed", std::uint64_t>, Korvo::Column<"name", std::string>,
-                     Korvo::Column<"mtu", std::uint32_t>, Korvo::Column<"vlan", std::uint16_t>,
-                     Korvo::Column<"link", Korvo::Nested<LinkLayout>>>;
+struct LinkLayout
+    : Korvo::RowLayout<2,  //
+                       Korvo::Column<"up", bool>, Korvo::Column<"peer", Korvo::IpGenAddr>> {};
+struct PortLayout
+    : Korvo::RowLayout<7,  //
+                       Korvo::Column<"speed", std::uint64_t>, Korvo::Column<"name", std::string>,
+                       Korvo::Column<"mtu", std::uint32_t>, Korvo::Column<"vlan", std::uint16_t>,
+                       Korvo::Column<"link", Korvo::Nested<LinkLayout>>> {};
 using Port = Korvo::TableRow<PortLayout>;
 
 // What another process declares: an older program of the same table.
-using OldPortLayout =
-    Korvo::RowLayout<7, Korvo::Column<"speed", std::uint64_t>, Korvo::Column<"ifName", std::string>,
-                     Korvo::Column<"mtu", std::uint16_t>, Korvo::Column<"lanes", std::vector<bool>>,
-                     Korvo::Column<"link", Korvo::Nested<LinkLayout>>>;
+struct OldPortLayout
+    : Korvo::RowLayout<7, Korvo::Column<"speed", std::uint64_t>,
+                       Korvo::Column<"ifName", std::string>, Korvo::Column<"mtu", std::uint16_t>,
+                       Korvo::Column<"lanes", std::vector<bool>>,
+                       Korvo::Column<"link", Korvo::Nested<LinkLayout>>> {};
 
 // A change of the layout stops the build until somebody has thought of the other processes.
 static_assert(Korvo::fingerprint<PortLayout>().leading() == 0x1ad657d5);

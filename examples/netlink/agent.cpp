@@ -48,10 +48,7 @@ Agent::Agent(const std::shared_ptr<Korvo::EventLoop>& loop, const std::string& a
   watch_->readableWantedIs(true);
 
   publisher_.completeIs(false);
-  publisher_.add(interfaces_.table);
-  publisher_.add(addresses_.table);
-  publisher_.add(routes_.table);
-  publisher_.add(neighbours_.table);
+  forAll([this](auto& kept) { publisher_.add(kept.table); });
   publisher_.listen(address);
   wanted_.set();
   askNext();
@@ -129,16 +126,13 @@ void Agent::take(Kept<Row>& kept, std::optional<Told<Row>> told, bool isNew) {
     const auto found = kept.oids.find(told->key);
     if (found == kept.oids.end()) return;
     batch_.remove(kept.table, found->second);
-    kept.used.erase(found->second);
     kept.oids.erase(found);
     return;
   }
   kept.seen.insert(told->key);
-  const auto [found, isAdded] = kept.oids.try_emplace(told->key, told->row.rowOid());
-  Korvo::oid_t& oid = found->second;
-  if (isAdded) {
-    while (oid == 0 || kept.used.contains(oid)) oid = ++kept.last;
-    kept.used.insert(oid);
+  Korvo::oid_t& oid = kept.oids.try_emplace(told->key, told->row.rowOid()).first->second;
+  while (oid == 0) {
+    if (!kept.table.contains(++kept.last)) oid = kept.last;
   }
   told->row.rowOidIs(oid);
   batch_.put(kept.table, told->row);
@@ -148,29 +142,22 @@ void Agent::dumpEnded() {
   const Dump ended = *std::exchange(dump_, std::nullopt);
   if (isDumpSpoilt_) {
     wanted_.set(ended);
-  } else if (ended == interfaces) {
-    removeUnseen(interfaces_);
-  } else if (ended == addresses) {
-    removeUnseen(addresses_);
-  } else if (ended == routes) {
-    removeUnseen(routes_);
   } else {
-    removeUnseen(neighbours_);
+    std::size_t number = 0;
+    forAll([&](auto& kept) {
+      if (number++ == ended) removeUnseen(kept);
+    });
   }
   askNext();
 }
 
 template <typename Row>
 void Agent::removeUnseen(Kept<Row>& kept) {
-  for (auto each = kept.oids.begin(); each != kept.oids.end();) {
-    if (kept.seen.contains(each->first)) {
-      ++each;
-      continue;
-    }
-    batch_.remove(kept.table, each->second);
-    kept.used.erase(each->second);
-    each = kept.oids.erase(each);
-  }
+  std::erase_if(kept.oids, [&](const auto& each) {
+    if (kept.seen.contains(each.first)) return false;
+    batch_.remove(kept.table, each.second);
+    return true;
+  });
 }
 
 void Agent::askNext() {
@@ -180,10 +167,7 @@ void Agent::askNext() {
   wanted_.reset(next);
   dump_ = static_cast<Dump>(next);
   isDumpSpoilt_ = false;
-  interfaces_.seen.clear();
-  addresses_.seen.clear();
-  routes_.seen.clear();
-  neighbours_.seen.clear();
+  forAll([](auto& kept) { kept.seen.clear(); });
 
   alignas(nlmsghdr) char request[NLMSG_SPACE(sizeof(rtmsg))] = {};
   nlmsghdr* const header = mnl_nlmsg_put_header(request);

@@ -28,8 +28,7 @@ struct Kept {
 
   Korvo::Table<Row> table;
   std::map<std::string, Korvo::oid_t> oids;  ///< by key
-  std::set<Korvo::oid_t> used;
-  std::set<std::string> seen;  ///< keys that were told since the last dump began
+  std::set<std::string> seen;                ///< keys that were told since the last dump began
   Korvo::oid_t last = 0;
 };
 
@@ -55,6 +54,14 @@ class Agent : private Velto::Platform::FdEventHandler {
   void dumpEnded();
   template <typename Row>
   void removeUnseen(Kept<Row>& kept);
+  /// Calls `what` with each of the tables, in the order of the dumps.
+  template <typename What>
+  void forAll(const What& what) {
+    what(interfaces_);
+    what(addresses_);
+    what(routes_);
+    what(neighbours_);
+  }
   void askNext();
   void overflowed();
 

@@ -12,32 +12,34 @@
 namespace netlink {
 
 /// Table "net/interface". The oid is the kernel's number of the interface.
-using InterfaceLayout =
-    Korvo::RowLayout<1, Korvo::Column<"name", std::string>, Korvo::Column<"mac", std::string>,
-                     Korvo::Column<"mtu", std::uint32_t>, Korvo::Column<"up", bool>,
-                     Korvo::Column<"carrier", bool>>;
+struct InterfaceLayout
+    : Korvo::RowLayout<1, Korvo::Column<"name", std::string>, Korvo::Column<"mac", std::string>,
+                       Korvo::Column<"mtu", std::uint32_t>, Korvo::Column<"up", bool>,
+                       Korvo::Column<"carrier", bool>> {};
 using Interface = Korvo::TableRow<InterfaceLayout>;
 
 /// Table "net/address".
-using AddressLayout = Korvo::RowLayout<
-    2, Korvo::Column<"interface", Korvo::oid_t>, Korvo::Column<"address", Korvo::IpGenAddr>,
-    Korvo::Column<"net", Korvo::IpGenPrefix>, Korvo::Column<"scope", std::uint8_t>>;
+struct AddressLayout
+    : Korvo::RowLayout<
+          2, Korvo::Column<"interface", Korvo::oid_t>, Korvo::Column<"address", Korvo::IpGenAddr>,
+          Korvo::Column<"net", Korvo::IpGenPrefix>, Korvo::Column<"scope", std::uint8_t>> {};
 using Address = Korvo::TableRow<AddressLayout>;
 
 /// Table "net/route". A route of several ways has several gateways, and the first way's interface.
-using RouteLayout =
-    Korvo::RowLayout<3, Korvo::Column<"net", Korvo::IpGenPrefix>,
-                     Korvo::Column<"gateways", std::vector<Korvo::IpGenAddr>>,
-                     Korvo::Column<"interface", Korvo::oid_t>,
-                     Korvo::Column<"table", std::uint32_t>, Korvo::Column<"metric", std::uint32_t>,
-                     Korvo::Column<"protocol", std::uint8_t>, Korvo::Column<"type", std::uint8_t>>;
+struct RouteLayout
+    : Korvo::RowLayout<
+          3, Korvo::Column<"net", Korvo::IpGenPrefix>,
+          Korvo::Column<"gateways", std::vector<Korvo::IpGenAddr>>,
+          Korvo::Column<"interface", Korvo::oid_t>, Korvo::Column<"table", std::uint32_t>,
+          Korvo::Column<"metric", std::uint32_t>, Korvo::Column<"protocol", std::uint8_t>,
+          Korvo::Column<"type", std::uint8_t>> {};
 using Route = Korvo::TableRow<RouteLayout>;
 
 /// Table "net/neighbour".
-using NeighbourLayout =
-    Korvo::RowLayout<4, Korvo::Column<"interface", Korvo::oid_t>,
-                     Korvo::Column<"address", Korvo::IpGenAddr>, Korvo::Column<"mac", std::string>,
-                     Korvo::Column<"state", std::string>>;
+struct NeighbourLayout
+    : Korvo::RowLayout<4, Korvo::Column<"interface", Korvo::oid_t>,
+                       Korvo::Column<"address", Korvo::IpGenAddr>,
+                       Korvo::Column<"mac", std::string>, Korvo::Column<"state", std::string>> {};
 using Neighbour = Korvo::TableRow<NeighbourLayout>;
 
 }  // namespace netlink

@@ -51,12 +51,16 @@ run_tables() {
   [ "$("$1")" = 'added eth0' ]
 }
 
+run_etcd() {
+  [ "$("$1")" = 'nobody at 127.0.0.1:1' ]
+}
+
 # The library itself comes without its components.
 cmake -G Ninja -S "$here/find_package" -B "$work/find_package" -DCMAKE_PREFIX_PATH="$prefix"
 cmake --build "$work/find_package"
 run_consumer "$work/find_package/consumer"
 if readelf -d "$work/find_package/consumer" "$libdir"/libKorvoAPI.so* 2>/dev/null |
-  grep -E 'NEEDED.*(libuv|libKorvo(EventLoop|Tables))'; then
+  grep -E 'NEEDED.*(libuv|libgrpc|libKorvo(EventLoop|Tables|EtcdTables))'; then
   echo "the library needs a component" >&2
   exit 1
 fi
@@ -70,6 +74,15 @@ cmake -G Ninja -S "$here/find_package" -B "$work/tables" -DCMAKE_PREFIX_PATH="$p
   -DCOMPONENTS=Tables
 cmake --build "$work/tables"
 run_tables "$work/tables/tables"
+if readelf -d "$work/tables/tables" "$libdir"/libKorvo{EventLoop,Tables}.so* 2>/dev/null |
+  grep -E 'NEEDED.*(libgrpc|libproto|libKorvoEtcdTables)'; then
+  echo "the tables need those across machines" >&2
+  exit 1
+fi
+cmake -G Ninja -S "$here/find_package" -B "$work/etcd" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCOMPONENTS=EtcdTables
+cmake --build "$work/etcd"
+run_etcd "$work/etcd/etcd"
 echo "find_package: good"
 
 # The tool finds the library beside it, and makes row classes for those who use the package.
@@ -98,7 +111,7 @@ cmake_version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.
 [ "$header_version" = "$cmake_version" ]
 
 export PKG_CONFIG_PATH=$libdir/pkgconfig
-for module in KorvoAPI KorvoEventLoop KorvoTables; do
+for module in KorvoAPI KorvoEventLoop KorvoTables KorvoEtcdTables; do
   [ "$(pkg-config --modversion $module)" = "$header_version" ]
 done
 static=()
@@ -112,6 +125,9 @@ run_event_loop "$work/pkg_config_event_loop"
 read -ra flags <<<"$(pkg-config --cflags --libs "${static[@]}" KorvoTables)"
 "${CXX:-c++}" -std=c++20 "$here/tables.cpp" -o "$work/pkg_config_tables" "${flags[@]}"
 run_tables "$work/pkg_config_tables"
+read -ra flags <<<"$(pkg-config --cflags --libs "${static[@]}" KorvoEtcdTables)"
+"${CXX:-c++}" -std=c++20 "$here/etcd.cpp" -o "$work/pkg_config_etcd" "${flags[@]}"
+run_etcd "$work/pkg_config_etcd"
 echo "pkg-config: good"
 
 cmake -G Ninja -S "$here/subdirectory" -B "$work/subdirectory" -DBUILD_SHARED_LIBS="$shared" \

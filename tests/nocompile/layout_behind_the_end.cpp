@@ -4,12 +4,16 @@
 
 #include <Korvo/TableRow.h>
 
-using Good = Korvo::RowLayout<1, Korvo::Column<"almost", std::string, 65530>,
-                              Korvo::Column<"last", std::uint8_t>>;
+struct Good : Korvo::RowLayout<1, Korvo::Column<"almost", std::string, 65530>,
+                               Korvo::Column<"last", std::uint8_t>> {};
 #ifdef BAD_LINE
-using Bad = Korvo::RowLayout<1, Korvo::Column<"almost", std::string, 65530>,
-                             Korvo::Column<"last", std::uint16_t>>;
-constexpr auto bad = Bad::baseLength;
+struct Bad : Korvo::RowLayout<1, Korvo::Column<"almost", std::string, 65530>,
+                              Korvo::Column<"last", std::uint16_t>> {};
+const bool bad = [] {
+  Korvo::TableRow<Bad> row;
+  row.create();
+  return row.toJson().empty();
+}();
 #endif
 
 int main() {

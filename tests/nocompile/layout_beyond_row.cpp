@@ -4,10 +4,14 @@
 
 #include <Korvo/TableRow.h>
 
-using Good = Korvo::RowLayout<1, Korvo::Column<"last", std::string, 65531>>;
+struct Good : Korvo::RowLayout<1, Korvo::Column<"last", std::string, 65531>> {};
 #ifdef BAD_LINE
-using Bad = Korvo::RowLayout<1, Korvo::Column<"last", std::string, 65532>>;
-constexpr auto bad = Bad::baseLength;
+struct Bad : Korvo::RowLayout<1, Korvo::Column<"last", std::string, 65532>> {};
+const bool bad = [] {
+  Korvo::TableRow<Bad> row;
+  row.create();
+  return row.toJson().empty();
+}();
 #endif
 
 int main() {

@@ -4,10 +4,14 @@
 
 #include <Korvo/TableRow.h>
 
-using Good = Korvo::RowLayout<1, Korvo::Column<"first", std::uint8_t, 8>>;
+struct Good : Korvo::RowLayout<1, Korvo::Column<"first", std::uint8_t, 8>> {};
 #ifdef BAD_LINE
-using Bad = Korvo::RowLayout<1, Korvo::Column<"first", std::uint8_t, 7>>;
-constexpr auto bad = Bad::baseLength;
+struct Bad : Korvo::RowLayout<1, Korvo::Column<"first", std::uint8_t, 7>> {};
+const bool bad = [] {
+  Korvo::TableRow<Bad> row;
+  row.create();
+  return row.toJson().empty();
+}();
 #endif
 
 int main() {

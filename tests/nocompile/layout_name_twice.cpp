@@ -4,12 +4,18 @@
 
 #include <Korvo/TableRow.h>
 
-using Good =
-    Korvo::RowLayout<1, Korvo::Column<"name", std::string>, Korvo::Column<"Name", std::string>>;
+struct Good
+    : Korvo::RowLayout<1, Korvo::Column<"name", std::string>, Korvo::Column<"Name", std::string>> {
+};
 #ifdef BAD_LINE
-using Bad =
-    Korvo::RowLayout<1, Korvo::Column<"name", std::string>, Korvo::Column<"name", std::string>>;
-constexpr auto bad = Bad::baseLength;
+struct Bad
+    : Korvo::RowLayout<1, Korvo::Column<"name", std::string>, Korvo::Column<"name", std::string>> {
+};
+const bool bad = [] {
+  Korvo::TableRow<Bad> row;
+  row.create();
+  return row.toJson().empty();
+}();
 #endif
 
 int main() {

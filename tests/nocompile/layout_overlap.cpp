@@ -4,12 +4,16 @@
 
 #include <Korvo/TableRow.h>
 
-using Good = Korvo::RowLayout<1, Korvo::Column<"behind", std::string, 20>,
-                              Korvo::Column<"before", std::uint64_t, 12>>;
+struct Good : Korvo::RowLayout<1, Korvo::Column<"behind", std::string, 20>,
+                               Korvo::Column<"before", std::uint64_t, 12>> {};
 #ifdef BAD_LINE
-using Bad = Korvo::RowLayout<1, Korvo::Column<"behind", std::string, 20>,
-                             Korvo::Column<"before", std::uint64_t, 13>>;
-constexpr auto bad = Bad::baseLength;
+struct Bad : Korvo::RowLayout<1, Korvo::Column<"behind", std::string, 20>,
+                              Korvo::Column<"before", std::uint64_t, 13>> {};
+const bool bad = [] {
+  Korvo::TableRow<Bad> row;
+  row.create();
+  return row.toJson().empty();
+}();
 #endif
 
 int main() {

@@ -24,7 +24,8 @@ for architecture in "${architectures[@]}" all; do
 done
 cp "$source_dir/examples/readme/readme.cpp" "$source_dir/examples/readme/expected.txt" \
   "$source_dir/tests/install/event_loop.cpp" "$source_dir/tests/install/tables.cpp" \
-  "$here/inside.sh" "$here/CMakeLists.txt" "$work"
+  "$source_dir/tests/install/etcd.cpp" "$here/inside.sh" "$here/CMakeLists.txt" "$work"
+cp -r "$here/tool" "$work"
 # As in the README.
 grep -q '^find_package(KorvoAPI REQUIRED)$' "$source_dir/README.md"
 grep -qF "c++ -std=c++20 agent.cpp \$(pkg-config --cflags --libs KorvoAPI)" "$source_dir/README.md"

@@ -1,8 +1,7 @@
 // korvo check: which rows of a file are faulty, and where.
 
-#include "commands.h"
 #include "failure.h"
-#include "rowFile.h"
+#include "reading.h"
 
 #include <unistd.h>
 
@@ -38,7 +37,7 @@ Json findingJson(const std::string& file, const Piece& piece) {
 }  // namespace
 
 int checkRows(const CheckOptions& options) {
-  const Layouts layouts(options.layout, options.row);
+  Layouts layouts = layoutsOf(options);
   ReadRules rules;
   if (options.plain) rules.compression = Compression::none;
   if (options.noHostBits) rules.prefixes = Korvo::PrefixRule::noHostBits;
@@ -47,11 +46,11 @@ int checkRows(const CheckOptions& options) {
   const Style style(options.colour, out.isTerminal());
   bool allGood = true;
   for (const std::string& path : options.files) {
-    RowFile file(path, layouts, rules);
-    const std::string name = printable(file.path());
+    const std::unique_ptr<RowSource> file = openRows(path, options, layouts, rules);
+    const std::string name = printable(file->path());
     Counts counts;
     Piece piece;
-    while (file.next(piece)) {
+    while (file->next(piece)) {
       if (piece.kind == Piece::Kind::good) {
         ++counts.good;
         continue;
@@ -63,7 +62,7 @@ int checkRows(const CheckOptions& options) {
         counts.skippedBytes += piece.length;
       }
       if (options.json) {
-        out << findingJson(file.path(), piece).text() << "\n";
+        out << findingJson(file->path(), piece).text() << "\n";
       } else if (!options.quiet) {
         out << style.bold(name) << ": " << printable(piece.text()) << "\n";
       }
@@ -71,7 +70,7 @@ int checkRows(const CheckOptions& options) {
     allGood = allGood && counts.allGood();
     if (options.json) {
       Json json = Json::object();
-      json.add("file", file.path()).add("kind", "summary").add("good", counts.good);
+      json.add("file", file->path()).add("kind", "summary").add("good", counts.good);
       json.add("faulty", counts.faulty).add("skipped", counts.skippedBytes);
       out << json.text() << "\n";
     } else if (!options.quiet) {

@@ -141,4 +141,11 @@ struct ReplayOptions : CommonOptions {
 };
 int replayTables(const ReplayOptions& options);
 
+struct BridgeOptions : PublisherOptions {
+  std::string target;               ///< where it is published, too
+  std::vector<std::string> tables;  ///< empty for all
+  bool quiet = false;
+};
+int bridgeTables(const BridgeOptions& options);
+
 }  // namespace korvotool

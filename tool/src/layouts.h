@@ -7,8 +7,10 @@
 #include <Korvo/layoutText.h>
 
 #include <cstdint>
+#include <list>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace korvotool {
@@ -56,6 +58,11 @@ class Layouts {
   }
   /// Whether rows of this type are nested in those that were asked for.
   bool isNested(std::uint16_t rowType) const { return nestedTypes_.contains(rowType); }
+  /// Takes what a recording tells of a table; it stays where it is as long as this does.
+  const NamedLayout& recordedIs(NamedLayout named) {
+    return recorded_.emplace_back(std::move(named));
+  }
+  const std::list<NamedLayout>& recorded() const { return recorded_; }
   /// The only layout; throws Failure if there are several.
   const NamedLayout& single() const;
 
@@ -64,6 +71,7 @@ class Layouts {
   std::vector<NamedLayout> all_;
   std::vector<NamedLayout> others_;
   std::set<std::uint16_t> nestedTypes_;
+  std::list<NamedLayout> recorded_;
 };
 
 }  // namespace korvotool

@@ -61,6 +61,12 @@ CLI::Option* addLayout(CLI::App& command, RowOptions& options) {
   return layout;
 }
 
+/// For commands that read recordings, too.
+void addLayoutUnlessRecorded(CLI::App& command, RowOptions& options) {
+  CLI::Option* const layout = addLayout(command, options);
+  layout->description(layout->get_description() + "; recordings have their own");
+}
+
 CLI::Option* addFiles(CLI::App& command, RowOptions& options) {
   command.add_flag("--plain", options.plain, "Do not unpack what looks like gzip or zstd");
   return command
@@ -112,7 +118,7 @@ class CommandLine {
 
   void addRowCommands() {
     CLI::App& check = *app_.add_subcommand("check", "Tell which rows are faulty, and where");
-    addLayout(check, check_)->required();
+    addLayoutUnlessRecorded(check, check_);
     check.add_flag("--no-host-bits", check_.noHostBits, "Refuse prefixes with host bits too");
     check.add_flag("-q,--quiet", check_.quiet, "Print nothing: the exit status tells");
     addJson(check, check_);
@@ -121,9 +127,10 @@ class CommandLine {
     runs(check, checkRows, check_);
 
     CLI::App& show = *app_.add_subcommand("show", "Show the columns of rows");
-    addLayout(show, show_)->required();
+    addLayoutUnlessRecorded(show, show_);
     show.add_option("--columns", show_.columns, "These columns only, with commas between them")
         ->delimiter(',')
+        ->allow_extra_args(false)  // files follow
         ->type_name("NAME,...");
     show.add_option("--oid", show_.oid, "The rows of this oid only")->type_name("OID");
     show.add_option("--first", show_.limit, "That many rows at most")->type_name("N");
@@ -275,9 +282,15 @@ class CommandLine {
 
   /// A publisher's address, and how long to wait for it.
   static void addPublisher(CLI::App& command, PublisherOptions& options) {
-    command.add_option("ADDRESS", options.address, "Where the publisher is: unix:/run/korvo/agent")
+    command
+        .add_option("ADDRESS", options.address,
+                    "Where the publisher is: unix:/run/korvo/agent, or on a cluster of etcd\n"
+                    "etcd://HOST:PORT,.../SYSTEM/PUBLISHER")
         ->required()
         ->type_name("");
+    addPatience(command, options);
+  }
+  static void addPatience(CLI::App& command, PublisherOptions& options) {
     command
         .add_option("--timeout", options.patience, "How long an answer may take; 10 if not said")
         ->check(CLI::Range(1U, 86400U))
@@ -352,6 +365,18 @@ class CommandLine {
     replay.add_flag("--end", replay_.ends, "End when all subscribers have all");
     addJson(replay, replay_);
     runs(replay, replayTables, replay_);
+
+    CLI::App& bridge = *app_.add_subcommand(
+        "bridge",
+        "Publish at TO what is published at FROM, as it is, until a signal comes. One of them is\n"
+        "a socket and the other a cluster, or both are either");
+    bridge.add_option("FROM", bridge_.address, "Where the publisher is")->required()->type_name("");
+    bridge.add_option("TO", bridge_.target, "Where to publish")->required()->type_name("");
+    bridge.add_option("TABLE", bridge_.tables, "These tables; else all")->type_name("");
+    addPatience(bridge, bridge_);
+    bridge.add_flag("-q,--quiet", bridge_.quiet, "Say nothing while it goes");
+    addJson(bridge, bridge_);
+    runs(bridge, bridgeTables, bridge_);
   }
 
   CLI::App app_;
@@ -375,10 +400,11 @@ class CommandLine {
   WatchOptions watch_;
   RecordOptions record_;
   ReplayOptions replay_;
+  BridgeOptions bridge_;
 };
 
-/// Otherwise the first file that is opened would take a closed output's place.
-void openMissingStreams() {
+/// Otherwise the first file that is opened would take a closed stream's place.
+void openMissingStreams(int, char**, char**) {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
     if (fcntl(fd, F_GETFD) < 0 && errno == EBADF) {
       // Reading where one writes, and the other way round: every use of it fails.
@@ -386,6 +412,10 @@ void openMissingStreams() {
     }
   }
 }
+
+/// Before libraries are initialized, some of which open files then.
+[[gnu::section(".preinit_array"), gnu::used]] void (*const atStart)(int, char**,
+                                                                    char**) = openMissingStreams;
 
 int mistake(const CommandLine& commandLine, const std::string& what) {
   complain(what + " (see " + commandLine.name() + " --help)");
@@ -395,7 +425,6 @@ int mistake(const CommandLine& commandLine, const std::string& what) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  openMissingStreams();
   CommandLine commandLine;
   try {
     return commandLine.run(argc, argv);

@@ -2,6 +2,7 @@
 
 #include "failure.h"
 #include "output.h"
+#include "tables/recording.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -174,7 +175,14 @@ RowFile::RowFile(const std::string& path, const Layouts& layouts, const ReadRule
       layouts_(layouts),
       rules_(rules),
       source_(openBytes(path, rules.compression)),
-      buffer_(bufferSize) {}
+      buffer_(bufferSize) {
+  if (rules.compression == Compression::none || !has(recordingMagic.size())) return;
+  const auto* const front = reinterpret_cast<const char*>(here());
+  if (std::string_view(front, recordingMagic.size()) != recordingMagic) return;
+  throw Failure(statusUsage, path_ +
+                                 ": is a recording, whose tables have their layouts: korvo show "
+                                 "and check read it without --layout, korvo replay prints it");
+}
 
 RowFile::~RowFile() {
   if (told_ != 0) std::fputs("\r\x1b[K", stderr);

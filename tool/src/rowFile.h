@@ -64,20 +64,33 @@ struct ReadRules {
   bool showsProgress = false;
 };
 
+/// Rows from somewhere, with what is wrong among them.
+class RowSource {
+ public:
+  RowSource() = default;
+  RowSource(const RowSource&) = delete;
+  RowSource& operator=(const RowSource&) = delete;
+  virtual ~RowSource() = default;
+
+  /// False at the end. Good rows that were not asked for are passed over. Throws Failure where the
+  /// file cannot be read.
+  virtual bool next(Piece& piece) = 0;
+  virtual const std::string& path() const = 0;
+};
+
 /// Reads a file of rows. Where one does not pass the check, its length is believed if a row may
 /// begin behind it, or if none begins before. Otherwise the next place is looked for where a row
 /// passes and another one, or the end, may follow; not one of a type that is nested in others,
 /// which may be a part of a damaged row. Without layouts, any row with a length is good.
-class RowFile {
+class RowFile final : public RowSource {
  public:
-  /// The layouts stay with the caller. Throws Failure.
+  /// The layouts stay with the caller. Throws Failure, also for a recording, unless compression is
+  /// not detected: then nothing is.
   RowFile(const std::string& path, const Layouts& layouts, const ReadRules& rules);
-  ~RowFile();
+  ~RowFile() override;
 
-  /// False at the end. Good rows that were not asked for are passed over. Throws Failure where the
-  /// file cannot be read.
-  bool next(Piece& piece);
-  const std::string& path() const { return path_; }
+  bool next(Piece& piece) override;
+  const std::string& path() const override { return path_; }
 
  private:
   // Three rows at least, of which the last one's header; no more than a processor keeps at hand.

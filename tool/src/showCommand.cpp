@@ -53,12 +53,13 @@ class Table {
   std::size_t typeWidth_ = 0;
 };
 
-void requireColumns(const Layouts& layouts, const std::vector<std::string>& columns) {
+template <typename NamedLayouts>
+void requireColumns(const NamedLayouts& layouts, const std::vector<std::string>& columns) {
   for (const std::string& column : columns) {
-    const bool known =
-        std::any_of(layouts.all().begin(), layouts.all().end(),
-                    [&](const NamedLayout& named) { return named.layout.find(column) != nullptr; });
-    if (!known) throw Failure(statusUsage, "no row has a column " + column);
+    const bool isKnown = std::any_of(layouts.begin(), layouts.end(), [&](const NamedLayout& named) {
+      return named.layout.find(column) != nullptr;
+    });
+    if (!isKnown) throw Failure(statusUsage, "no row has a column " + column);
   }
 }
 
@@ -85,8 +86,8 @@ std::string rowJson(const Piece& piece) {
 }
 
 int showRows(const ShowOptions& options) {
-  const Layouts layouts(options.layout, options.row);
-  requireColumns(layouts, options.columns);
+  Layouts layouts = layoutsOf(options);
+  if (!layouts.empty()) requireColumns(layouts.all(), options.columns);
   Output out;
   const Style style(options.colour, out.isTerminal());
   std::map<const NamedLayout*, Table> tables;
@@ -106,6 +107,7 @@ int showRows(const ShowOptions& options) {
     return ++count != options.limit;
   });
   out.finish();
+  if (layouts.empty()) requireColumns(layouts.recorded(), options.columns);
   if (options.oid && count == 0) {
     complain("no row has the oid " + std::to_string(*options.oid));
     return statusFound;

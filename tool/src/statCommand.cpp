@@ -146,7 +146,7 @@ std::string countsJson(const NamedLayout& named, const Counts& counts) {
 }  // namespace
 
 int statRows(const RowOptions& options) {
-  const Layouts layouts(options.layout, options.row);
+  Layouts layouts(options.layout, options.row);
   std::map<std::uint16_t, Counts> all;
   const NamedLayout* last = nullptr;
   Counts* counts = nullptr;

@@ -34,4 +34,8 @@ int replayTables(const ReplayOptions& /*options*/) {
   fail();
 }
 
+int bridgeTables(const BridgeOptions& /*options*/) {
+  fail();
+}
+
 }  // namespace korvotool

@@ -30,8 +30,8 @@ using korvotest::write;
 #ifndef KORVO_WITH_TABLES
 
 TEST(Tables, ABuildWithoutThemSaysSo) {
-  for (const char* const command :
-       {"tables unix:a", "get unix:a t", "watch unix:a t", "record unix:a -o b", "replay a"}) {
+  for (const char* const command : {"tables unix:a", "get unix:a t", "watch unix:a t",
+                                    "record unix:a -o b", "replay a", "bridge unix:a unix:b"}) {
     expectAll(command, 69, "",
               "korvo: this build of korvo knows no tables of other processes: it was made without "
               "Korvo::Tables, which needs libuv (package libuv1-dev)\n");
@@ -182,7 +182,7 @@ TEST_F(Tables, MistakesAreTold) {
 }
 
 TEST_F(Tables, AnotherUserIsRefused) {
-  if (geteuid() != 0) return;  // only root has another user at hand
+  if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
   const Agent agent = atFirst();
   const Outcome result = shell(
       "setpriv --reuid 65534 --regid 65534 --clear-groups "
@@ -234,7 +234,7 @@ TEST_F(Tables, ChangesAreWatched) {
 TEST_F(Tables, ChangesAloneAreWatchedAsJson) {
   const Agent agent(portRecording(), {"--subscribers", "1"});
   expectOut("watch --json --changes --first 2 unix:agent.sock net/port",
-            R"({"state":"loading","text":"not connected"})"
+            R"({"state":"loading","text":"nothing has come from the publisher yet"})"
             "\n"
             R"({"state":"current"})"
             "\n"
@@ -381,16 +381,16 @@ TEST_F(Tables, ATornRecordingIsTakenUpToItsLastMark) {
   for (std::size_t cut = 1; cut < whole.size() - 16; cut += 7) {
     write("torn.rec", whole.substr(0, whole.size() - cut));
     const Outcome result = korvo("replay torn.rec");
-    EXPECT_EQ(result.status, 0) << cut;
     EXPECT_TRUE(all.starts_with(result.out)) << cut;
     const bool isAtAMark = result.err.empty();
+    EXPECT_EQ(result.status, isAtAMark ? 0 : 1) << cut;
     EXPECT_TRUE(isAtAMark || result.err.starts_with(tornText)) << cut << result.err;
     torn += isAtAMark ? 0 : 1;
   }
   EXPECT_GT(torn, 10);
   // A server of it tells the same, and publishes what there is.
   write("torn.rec", whole.substr(0, whole.size() - 1));
-  expectAll("replay --end --as-fast-as-possible torn.rec unix:agent.sock", 0, "",
+  expectAll("replay --end --as-fast-as-possible torn.rec unix:agent.sock", 1, "",
             "korvo: torn.rec: ends in the middle of a batch: the last 60 bytes do not count\n");
 }
 
@@ -440,8 +440,9 @@ TEST_F(Tables, NoByteOfARecordingIsBelieved) {
     bytes[at] = static_cast<char>(bytes[at] ^ (at % 2 == 0 ? 0x80 : 0x01));
     write("bad.rec", bytes);
     const Outcome result = korvo("replay bad.rec");
-    // A value that is another one, or the place of what is wrong.
-    EXPECT_TRUE(result.status == 0 || result.status == 65) << at << ": " << result.status;
+    // A value that is another one, an end that is torn, or the place of what is wrong.
+    EXPECT_TRUE(result.status == 0 || result.status == 1 || result.status == 65)
+        << at << ": " << result.status;
     EXPECT_EQ(result.err.empty() || result.err.starts_with("korvo: bad.rec: "), true)
         << at << ": " << result.err;
   }

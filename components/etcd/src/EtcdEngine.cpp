@@ -3,6 +3,7 @@
 #include <Korvo/TableSubscriber.h>
 
 #include "EtcdOutlet.h"
+#include "EtcdQuestion.h"
 #include "EtcdSource.h"
 
 namespace Korvo {
@@ -40,6 +41,13 @@ std::unique_ptr<TableOutlet> EtcdEngine::outlet(const std::string& address,
   return std::make_unique<detail::EtcdOutlet>(detail::EtcdAddress(address),
                                               detail::EtcdSettings::fromEnvironment(), scheduler,
                                               options_, sender, user, counters_);
+}
+
+std::unique_ptr<TableQuestion> EtcdEngine::ask(const std::string& address,
+                                               const KoPtr<Scheduler>& scheduler,
+                                               TableQuestion::User& user) {
+  return std::make_unique<detail::EtcdQuestion>(
+      detail::EtcdAddress(address), detail::EtcdSettings::fromEnvironment(), scheduler, user);
 }
 
 EtcdEngine::Counters EtcdEngine::counters() const {

@@ -1,7 +1,6 @@
 #include "EtcdKeys.h"
 
 #include <charconv>
-#include <iomanip>
 #include <sstream>
 
 namespace Korvo::detail {
@@ -13,10 +12,10 @@ constexpr unsigned int version = 1;
 constexpr std::size_t digitsOfOid = 8;
 constexpr std::string_view rowPart = "/row/";
 
-std::string hex(std::uint64_t number, int digits) {
-  std::ostringstream out;
-  out << std::hex << std::setfill('0') << std::setw(digits) << number;
-  return out.str();
+std::string hex(std::uint64_t number, std::size_t digits) {
+  std::string text(digits, '0');
+  for (; digits > 0; number >>= 4) text[--digits] = "0123456789abcdef"[number & 15];
+  return text;
 }
 
 }  // namespace

@@ -15,7 +15,6 @@ namespace {
 /// Servers take requests of a mebibyte and a half unless they are told otherwise; a row and a mark
 /// of full size have to fit beside what was counted.
 constexpr std::size_t bytesOfTransaction = std::size_t{1} << 20;
-constexpr std::size_t leastBytes = std::size_t{64} << 10;
 constexpr std::size_t operationsOfServers = 128;
 /// About what an operation takes beside key and value.
 constexpr std::size_t operationBytes = 16;
@@ -241,6 +240,7 @@ void EtcdOutlet::startOver() {
   sent_.clear();
   sentText_.clear();
   wasSent_ = false;
+  isTooMuch_ = false;
   there_.clear();
   user_.outletHasWork();
 }
@@ -313,17 +313,17 @@ void EtcdOutlet::haveRead() {
     etcd::RequestOp removal;
     removal.mutable_request_delete_range()->set_key(rows);
     removal.mutable_request_delete_range()->set_range_end(EtcdKeys::endOf(rows));
-    changes_.push_back({0, 0, nullptr, removal});
+    add({0, 0, nullptr, removal});
     removal.mutable_request_delete_range()->clear_range_end();
     removal.mutable_request_delete_range()->set_key(keys_.layout(table.name));
-    changes_.push_back({0, 0, nullptr, std::move(removal)});
+    add({0, 0, nullptr, std::move(removal)});
   }
   for (std::size_t i = 0; i < tables_.size(); ++i) {
     if (tables_[i].isGone || tables_[i].layoutText == there_[i].layout) continue;
     etcd::RequestOp put;
     put.mutable_request_put()->set_key(keys_.layout(tables_[i].name));
     put.mutable_request_put()->set_value(tables_[i].layoutText);
-    changes_.push_back({0, 0, nullptr, std::move(put)});
+    add({0, 0, nullptr, std::move(put)});
   }
   user_.outletHasWork();
 }
@@ -333,7 +333,11 @@ void EtcdOutlet::haveRead() {
 
 void EtcdOutlet::write() {
   if (isSending_ || timer_->pending()) return;
-  if (!sentText_.empty()) return transact();
+  if (!sentText_.empty()) {
+    // What no server takes may have been changed meanwhile.
+    if (isTooMuch_ && sender_.isBehind()) return startOver();
+    return transact();
+  }
   const std::vector<TableSender::Table> tables = sender_.tables();
   const auto isSame = [](const auto& a, const auto& b) { return a.isGone == b.isGone; };
   if (!std::ranges::equal(tables, tables_, isSame)) return startOver();
@@ -372,6 +376,18 @@ bool EtcdOutlet::pull() {
   return true;
 }
 
+/// About what it takes of a transaction.
+std::size_t EtcdOutlet::bytesOf(const Change& change) const {
+  if (change.request) return change.request->ByteSizeLong();
+  return (change.row == nullptr ? 0 : rowLength(change.row)) +
+         keys_.rows(tables_[change.table].name).size() + operationBytes;
+}
+
+void EtcdOutlet::add(Change change) {
+  bytes_ += bytesOf(change);
+  changes_.push_back(std::move(change));
+}
+
 void EtcdOutlet::keep(TableSender::Change& change) {
   if (!isCompared_) {
     auto& rows = there_[change.table].rows;
@@ -385,18 +401,13 @@ void EtcdOutlet::keep(TableSender::Change& change) {
     }
     if (isSame) return;
   }
-  const std::size_t bytes = change.row == nullptr ? 0 : rowLength(change.row);
   const auto [place, isNew] =
       places_.try_emplace(placeOf(change.table, change.oid), taken_ + changes_.size());
-  if (isNew) {
-    bytes_ += bytes + keys_.rows(tables_[change.table].name).size() + operationBytes;
-    changes_.push_back({change.table, change.oid, std::move(change.row), std::nullopt});
-    return;
-  }
+  if (isNew) return add({change.table, change.oid, std::move(change.row), std::nullopt});
   Change& present = changes_[place->second - taken_];
-  if (present.row != nullptr) bytes_ -= rowLength(present.row);
-  bytes_ += bytes;
+  bytes_ -= bytesOf(present);
   present.row = std::move(change.row);
+  bytes_ += bytesOf(present);
 }
 
 /// Of rows that are there and in no table.
@@ -439,15 +450,13 @@ std::vector<EtcdMark::Table> EtcdOutlet::markTables(const TableMark* state) cons
 
 void EtcdOutlet::sendTransaction() {
   std::size_t bytes = 0;
-  while (!changes_.empty() && sent_.size() + 1 < mostOperations_ && bytes < mostBytes_) {
+  while (!changes_.empty() && sent_.size() + 1 < mostOperations_) {
     Change& change = changes_.front();
-    if (!change.request) {
-      const std::size_t length = (change.row == nullptr ? 0 : rowLength(change.row)) +
-                                 keys_.rows(tables_[change.table].name).size() + operationBytes;
-      bytes += length;
-      bytes_ -= length;
-      places_.erase(placeOf(change.table, change.oid));
-    }
+    const std::size_t more = bytesOf(change);
+    if (!sent_.empty() && bytes + more > mostBytes_) break;
+    bytes += more;
+    bytes_ -= more;
+    if (!change.request) places_.erase(placeOf(change.table, change.oid));
     sent_.push_back(std::move(change));
     changes_.pop_front();
     ++taken_;
@@ -519,27 +528,23 @@ void EtcdOutlet::written(const Fault& fault, const etcd::TxnResponse& response) 
     case Fault::Kind::none:
       break;
     case Fault::Kind::tooMany:
-    case Fault::Kind::tooLarge: {
-      const bool isBytes = fault.kind == Fault::Kind::tooLarge;
-      const bool canShrink = isBytes ? mostBytes_ > leastBytes : mostOperations_ > 2;
-      if (!canShrink || sent_.size() < 2) {
-        backoff_.slowDown();
-        return lose(fault);
+    case Fault::Kind::tooLarge:
+      if (sent_.size() < 2) {
+        isTooMuch_ = true;
+        return waitWith(fault);
       }
-      if (isBytes) {
+      if (fault.kind == Fault::Kind::tooLarge) {
+        mostBytes_ = 0;
+        for (const Change& change : sent_) mostBytes_ += bytesOf(change);
         mostBytes_ /= 2;
       } else {
         mostOperations_ =
-            mostOperations_ > operationsOfServers ? operationsOfServers : mostOperations_ / 2;
+            mostOperations_ > operationsOfServers ? operationsOfServers : sent_.size() / 2 + 1;
       }
       takeBack();
       return user_.outletHasWork();
-    }
     case Fault::Kind::noSpace:
-      // Operators have to make room; until then it is asked for now and then.
-      problem_ = client_.member() + ": " + fault.text;
-      backoff_.slowDown();
-      return pauseFor(backoff_.next());
+      return waitWith(fault);
     default:
       return lose(fault);
   }
@@ -547,6 +552,13 @@ void EtcdOutlet::written(const Fault& fault, const etcd::TxnResponse& response) 
   problem_.clear();
   adoptMark(response.header().revision());
   user_.outletHasWork();
+}
+
+/// What does not go away by itself is tried now and then; the name is kept meanwhile.
+void EtcdOutlet::waitWith(const Fault& fault) {
+  problem_ = client_.member() + ": " + fault.text;
+  backoff_.slowDown();
+  pauseFor(backoff_.next());
 }
 
 /// Somebody wrote in between, unless it was this transaction itself.
@@ -577,12 +589,7 @@ void EtcdOutlet::takeBack() {
   for (std::size_t i = sent_.size(); i-- > 0;) {
     Change& change = sent_[i];
     --taken_;
-    if (change.request) {
-      changes_.push_front(std::move(change));
-      continue;
-    }
-    bytes_ += (change.row == nullptr ? 0 : rowLength(change.row)) +
-              keys_.rows(tables_[change.table].name).size() + operationBytes;
+    bytes_ += bytesOf(change);
     changes_.push_front(std::move(change));
   }
   for (; at < taken_ + changes_.size(); ++at) {
@@ -592,6 +599,7 @@ void EtcdOutlet::takeBack() {
   sent_.clear();
   sentText_.clear();
   wasSent_ = false;
+  isTooMuch_ = false;
   if (sentState_) {
     state_ = *std::exchange(sentState_, std::nullopt);
     isMarkDue_ = true;
@@ -601,7 +609,8 @@ void EtcdOutlet::takeBack() {
 /// The transaction under way has been made.
 void EtcdOutlet::adoptMark(std::int64_t revision) {
   ++counters_->transactions;
-  counters_->rows += sent_.size();
+  counters_->rows += static_cast<std::uint64_t>(
+      std::ranges::count_if(sent_, [](const Change& change) { return !change.request; }));
   mark_ = sentMark_;
   markText_ = sentText_;
   hasWritten_ = true;
@@ -618,6 +627,7 @@ void EtcdOutlet::adoptMark(std::int64_t revision) {
   sentText_.clear();
   sentState_.reset();
   wasSent_ = false;
+  isTooMuch_ = false;
 }
 
 }  // namespace Korvo::detail

@@ -86,11 +86,14 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   void write();
   bool pull();
   void keep(TableSender::Change& change);
+  void add(Change change);
+  std::size_t bytesOf(const Change& change) const;
   void addRemovals();
   bool isStarved() const;
   void sendTransaction();
   void transact();
   void written(const Fault& fault, const etcd::TxnResponse& response);
+  void waitWith(const Fault& fault);
   void refused(const etcd::TxnResponse& response);
   void takeBack();
   void adoptMark(std::int64_t revision);
@@ -138,8 +141,9 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   bool isSending_ = false;
   std::optional<TableMark> sentState_;
   EtcdMark sentMark_;
-  std::string sentText_;  ///< empty: there is none
-  bool wasSent_ = false;  ///< an attempt may have been made
+  std::string sentText_;    ///< empty: there is none
+  bool wasSent_ = false;    ///< an attempt may have been made
+  bool isTooMuch_ = false;  ///< it cannot be made smaller, and is too large
 
   std::size_t mostOperations_;
   std::size_t mostBytes_;

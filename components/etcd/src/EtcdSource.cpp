@@ -159,6 +159,7 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
       if (receiver_.table(i) == nullptr) continue;
       const TablePosition position = receiver_.position(i);
       if (position.history == mark.history && position.sequence == mark.sequence) continue;
+      if (source_->refused_.contains(receiver_.table(i)->name())) continue;
       if (std::ranges::find(mark.tables, receiver_.table(i)->name(), &EtcdMark::Table::name) !=
           mark.tables.end()) {
         return false;
@@ -253,6 +254,7 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
     tables_.clear();
     layouts_.clear();
     isWhole_ = isWhole;
+    if (isWhole) source_->refused_.clear();
     readLayout(0);
   }
 
@@ -277,25 +279,34 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
             if (isCompacted) return end("the state was compacted while it was read");
             const AnyTable* const table = receiver_.table(number);
             if (table != nullptr) acceptLayout(number, *table, *answer);
-            readLayout(number + 1);
+            if (!over_) readLayout(number + 1);
           });
         }));
   }
 
   void acceptLayout(std::size_t number, const AnyTable& table, const etcd::RangeResponse& answer) {
-    if (answer.kvs_size() != 1) {
+    const std::string text = answer.kvs_size() == 1 ? answer.kvs(0).value() : "";
+    layouts_[source_->keys_.layout(table.name())] = text;
+    if (text.empty()) {
+      source_->refused_.insert(table.name());
       return receiver_.refuse(number, table.name() + ": its layout is missing");
     }
-    const std::string& text = answer.kvs(0).value();
     LayoutFingerprint layout;
     try {
       layout = DynamicLayout(text).fingerprint();
     } catch (const KoBaseException&) {
       // What is wrong with it is told by the receiver.
     }
-    if (!receiver_.accept(number, layout, text)) return;
+    if (!receiver_.accept(number, layout, text)) {
+      source_->refused_.insert(table.name());
+      return;
+    }
+    if (source_->refused_.erase(table.name()) != 0) {
+      // The position is not its own.
+      source_->position_.reset();
+      return end(table.name() + " is taken from now on");
+    }
     tables_[table.name()] = static_cast<std::uint16_t>(number);
-    layouts_[source_->keys_.layout(table.name())] = text;
   }
 
   void haveLayouts() {

@@ -4,6 +4,8 @@
 
 #include <Korvo/TableEngine.h>
 
+#include <set>
+
 #include "EtcdClient.h"
 #include "EtcdKeys.h"
 #include "EtcdPage.h"
@@ -43,6 +45,8 @@ class EtcdSource final : public TableSource, public std::enable_shared_from_this
   std::optional<Position> position_;
   Shown shown_;
   bool isPastTold_ = false;  ///< that the cluster has older states than was shown
+  /// Tables that could not be taken there: they have no position, and need none to go on.
+  std::set<std::string, std::less<>> refused_;
 };
 
 }  // namespace Korvo::detail

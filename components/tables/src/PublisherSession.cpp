@@ -11,6 +11,8 @@ constexpr milliseconds helloLimit{5000};
 constexpr milliseconds roundLimit{2000};
 constexpr milliseconds longestWanted = std::chrono::minutes(1);  ///< heartbeat of a subscriber
 constexpr int heartbeatsOfSilence = 3;
+/// A subscriber says nothing while it applies a round: for each row it may be silent longer.
+constexpr std::chrono::microseconds applyingRow{50};
 constexpr std::size_t mostNotes = 1000;  ///< that wait for being told
 /// What a WELCOME holds beside layouts.
 constexpr std::size_t welcomeReserve = 1024 + maxTables * (2 * maxText + 64);
@@ -57,6 +59,7 @@ bool PublisherSession::take(const Frame& frame) {
       const Ack ack = Ack::decode(frame.body);
       if (ack.sequence > publication_.source->last) throw ProtocolError("ACK of what was not sent");
       acked_ = ack.sequence;
+      if (acked_ >= unappliedUntil_) unapplied_ = 0;
       refused_ = ack.refused;
       return true;
     }
@@ -180,13 +183,13 @@ void PublisherSession::sendNext() {
   if (frames_ == 0) roundHead_ = walk_.head();
   TableSender::Change change;
   if (walk_.next(change)) {
-    send(std::move(change));
+    send(change);
   } else {
     sendGone();
   }
 }
 
-void PublisherSession::send(TableSender::Change change) {
+void PublisherSession::send(const TableSender::Change& change) {
   const bool isRemoval = change.kind == TableSender::Kind::removed;
   if (!isRemoval || change.table != goneOf_ || gone_.size() >= maxOidsOfDel) sendGone();
   if (isRemoval) {
@@ -195,7 +198,7 @@ void PublisherSession::send(TableSender::Change change) {
     return;
   }
   if (change.kind == TableSender::Kind::row) {
-    out_.pushRow(change.table, std::move(change.row));
+    out_.pushRow(change.table, change.row->buf_);
     ++rows_;
   } else {
     out_.push(FrameWriter(FrameType::whole, change.table).take());
@@ -228,8 +231,8 @@ void PublisherSession::capture() {
 
 void PublisherSession::sendCaptured() {
   if (capturedSent_ < captured_.size()) {
-    TableSender::Change& change = captured_[capturedSent_++];
-    if (walk_.table(change.table) != nullptr) send(std::move(change));  // not refused meanwhile
+    const TableSender::Change change = std::move(captured_[capturedSent_++]);
+    if (walk_.table(change.table) != nullptr) send(change);  // not refused meanwhile
     return;
   }
   captured_ = {};
@@ -247,6 +250,8 @@ void PublisherSession::sendMark(const TableMark& counted) {
   mark.frames = frames_;
   out_.push(mark.encode());
   merged_ += mark.merged;
+  if (rows_ != 0) unappliedUntil_ = mark.sequence;
+  unapplied_ += rows_;
   frames_ = 0;
   rows_ = 0;
   roundAge_ = milliseconds(0);
@@ -268,7 +273,7 @@ void PublisherSession::timePasses(milliseconds time) {
     return;
   }
   if (frames_ != 0 || walk_.isBehind()) roundAge_ += time;
-  if (silence_ >= heartbeatsOfSilence * heartbeat_) {
+  if (silence_ >= heartbeatsOfSilence * heartbeat_ + unapplied_ * applyingRow) {
     return end(ByeReason::silence,
                "nothing was received for " + std::to_string(silence_.count() / 1000) + " seconds");
   }

@@ -82,7 +82,7 @@ class PublisherSession final : private TableWalk::User {
   Welcome::Table admit(const Hello::Table& wanted, std::size_t& layoutBytes);
   void sendNext();
   void sendCaptured();
-  void send(TableSender::Change change);
+  void send(const TableSender::Change& change);
   void sendGone();
   bool isStarved() const;
   void capture();
@@ -119,6 +119,8 @@ class PublisherSession final : private TableWalk::User {
   std::size_t capturedSent_ = 0;
   std::optional<TableMark> capturedMark_;
 
+  std::uint64_t unapplied_ = 0;       ///< rows of marks that were not acknowledged
+  std::uint64_t unappliedUntil_ = 0;  ///< the sequence of the last of these marks
   std::uint64_t acked_ = 0;
   std::uint64_t merged_ = 0;
   std::uint64_t refused_ = 0;

@@ -1,6 +1,5 @@
 #include "StreamLink.h"
 
-#include <array>
 #include <utility>
 #include <vector>
 
@@ -70,20 +69,19 @@ class StreamLink final : public TableLink, private ByteStream::User {
       count += result.count;
       if (result.count < buffer_.size() || user_.linkShouldYield()) break;
     }
-    session_.received();
     return std::nullopt;
   }
 
   End write() {
-    std::array<iovec, OutQueue::mostParts> parts;
-    while (!session_.out().empty()) {
-      const int count = session_.out().next(parts, turnBytes);
-      std::size_t wanted = 0;
-      for (int i = 0; i < count; ++i) wanted += parts[static_cast<std::size_t>(i)].iov_len;
-      const ByteStream::Result result = stream_->write(parts.data(), count);
+    for (session_.received(); !session_.out().empty(); session_.received()) {
+      const std::span<const byte_t> bytes = session_.out().next(turnBytes);
+      const ByteStream::Result result = writeTo(*stream_, bytes);
       session_.sent(result.count);
-      if (!result.isOpen) return lost(result.reason);
-      if (result.count < wanted) return std::nullopt;
+      if (!result.isOpen) {
+        End end = read();
+        return end ? end : lost(result.reason);
+      }
+      if (result.count < bytes.size()) return std::nullopt;
     }
     if (session_.isOver()) return session_.endText();
     return std::nullopt;

@@ -148,7 +148,8 @@ void SubscriberSession::tableIsRefused(std::uint16_t table, const std::string& r
 }
 
 void SubscriberSession::received() {
-  if (isOver_ || !std::exchange(ackIsDue_, false)) return;
+  // Behind what waits still, the last one will do: a publisher that reads nothing makes none wait.
+  if (isOver_ || !out_.empty() || !std::exchange(ackIsDue_, false)) return;
   out_.push(Ack{copies_.marked(), copies_.counts().refusedRows}.encode());
 }
 

@@ -24,7 +24,8 @@ class SubscriberSession final : private TableReceiver::User {
 
   /// Takes what the publisher sent. Throws std::bad_alloc; the round under way is then lost.
   void receive(std::span<const byte_t> bytes);
-  /// To be called when all that is there was received: acknowledges it.
+  /// Acknowledges what was received, unless something waits still. To be called when all that is
+  /// there was received, and when what waited is sent.
   void received();
   /// So much time has passed, in which receive() was told of all that came.
   void timePasses(milliseconds time);

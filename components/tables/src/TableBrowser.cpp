@@ -1,6 +1,5 @@
 #include <Korvo/TableBrowser.h>
 
-#include <array>
 #include <system_error>
 #include <utility>
 
@@ -72,6 +71,7 @@ class TableBrowser::Impl final : public Schedulable,
   bool isWelcome_ = false;
   bool isComplete_ = false;
   std::string failure_;  ///< not empty: it is to be told
+  std::string lost_;     ///< why nothing can be sent any more
 };
 
 TableBrowser::Impl::Impl(const KoPtr<Scheduler>& scheduler, const Options& options)
@@ -104,12 +104,13 @@ void TableBrowser::Impl::hangUp() noexcept {
   question_.reset();
   stream_.reset();
   reader_.reset();
-  out_ = {};
+  out_.clear();
   answer_ = {};
   isAsked_ = false;
   isWelcome_ = false;
   isComplete_ = false;
   failure_.clear();
+  lost_.clear();
   timer_->cancel();
 }
 
@@ -143,6 +144,7 @@ void TableBrowser::Impl::run(bool) {
   try {
     if (std::exchange(isAsked_, false)) begin();
     if (stream_ != nullptr) read();
+    if (!lost_.empty()) failIs(lost_);  // it had nothing to say before
     if (stream_ != nullptr) write();
   } catch (const std::system_error& error) {
     failIs(error.what());
@@ -184,13 +186,14 @@ void TableBrowser::Impl::read() {
 }
 
 void TableBrowser::Impl::write() {
-  std::array<iovec, detail::OutQueue::mostParts> parts;
   while (!out_.empty()) {
-    const int count = out_.next(parts, turnBytes);
-    const ByteStream::Result result = stream_->write(parts.data(), count);
+    const ByteStream::Result result = detail::writeTo(*stream_, out_.next(turnBytes));
     out_.sent(result.count);
-    // What it had to say may still be there to be read; that ends it.
-    if (!result.isOpen || result.count == 0) return;
+    if (!result.isOpen) {  // what it had to say may still be there to be read
+      lost_ = result.reason;
+      runnableIs(true);
+    }
+    if (result.count == 0) return;
   }
 }
 

@@ -31,66 +31,104 @@ KoPtr<KoRowBuf> newBuffer(std::size_t length) {
 TableCopy::TableCopy(TableStore& table, ConversionRules rules)
     : Cursor(table, false), rules_(std::move(rules)) {}
 
-void TableCopy::Round::dropChanged(oid_t oid) {
-  if (const auto former = changed.extract(oid)) {
-    changedBytes -= loadField<len_t>(former.mapped()->buf_);
-  }
+const TableCopy::Round::Row* TableCopy::Round::find(oid_t oid) const {
+  const std::uint32_t number = numbers.find(oid);
+  return number == OidMap::none ? nullptr : &rows[number];
+}
+
+/// Null: the row is removed.
+void TableCopy::Round::operate(Row& row, KoPtr<KoRowBuf> buffer) {
+  if (operations.size() == none) throw std::bad_alloc();
+  if (buffer != nullptr) changedBytes += loadField<len_t>(buffer->buf_);
+  operations.push_back({row.oid, std::move(buffer)});
+  row.operation = (operations.size() - 1) & none;
+}
+
+void TableCopy::Round::dropOperation(Row& row) {
+  if (row.operation == none) return;
+  RowOperation& dropped = operations[row.operation];
+  if (dropped.buffer != nullptr) changedBytes -= loadField<len_t>(dropped.buffer->buf_);
+  rows[numbers.find(operations.back().oid)].operation = row.operation;
+  dropped = std::move(operations.back());
+  operations.pop_back();
+  row.operation = none;
 }
 
 std::size_t TableCopy::Round::memory() const {
-  return changedBytes + keptOfRow * (rows.size() + gone.size() + changed.size());
+  return changedBytes + keptOfRow * (rows.size() + operations.size());
 }
 
-TableCopy::Outcome TableCopy::outcome() const {
-  Outcome result{sent_.size(), digest_, {}};
-  const TableStore& table = *store();
-  const auto remove = [&](oid_t oid) {
-    if (table.find(oid) != noSlot) result.operations.push_back({oid, nullptr});
+void TableCopy::newRound(bool isWhole) noexcept {
+  round_ = {};
+  round_.isWhole = isWhole;
+  if (isWhole) return;
+  round_.count = count_;
+  round_.digest = digest_;
+}
+
+TableCopy::Round::Row& TableCopy::tell(oid_t oid, Slot present) {
+  const auto forget = [this](std::uint64_t hash) {
+    --round_.count;
+    round_.digest ^= hash;
   };
-  if (round_.isWhole) {
-    result.rows = round_.rows.size();
-    result.digest = 0;
-    for (const auto& [oid, hash] : round_.rows) result.digest ^= hash;
-    for (Slot slot = table.slotFrom(0); slot != noSlot; slot = table.slotFrom(slot + 1)) {
-      if (!round_.rows.contains(table.oid(slot))) remove(table.oid(slot));
-    }
-  } else {
-    for (const auto& [oid, hash] : round_.rows) {
-      const auto known = sent_.find(oid);
-      if (known == sent_.end()) {
-        ++result.rows;
-      } else {
-        result.digest ^= known->second;
-      }
-      result.digest ^= hash;
-    }
-    for (const oid_t oid : round_.gone) {
-      const auto known = sent_.find(oid);
-      if (known == sent_.end()) continue;
-      result.digest ^= known->second;
-      --result.rows;
-      remove(oid);
+  const std::size_t number = round_.numbers.insert(oid, round_.rows.size() & OidMap::none);
+  if (number < round_.rows.size()) {
+    Round::Row& row = round_.rows[number];
+    if (!row.isGone) forget(row.hash);
+    round_.dropOperation(row);
+    row = {0, oid, Round::none, false, false, false};
+    return row;
+  }
+  round_.rows.push_back({0, oid, Round::none, false, false, false});
+  if (!round_.isWhole) {
+    const auto other = otherwise_.find(oid);
+    if (other != otherwise_.end()) {
+      forget(other->second);
+    } else if (present != noSlot) {
+      forget(rowHash(store()->buffer(present)->buf_));
     }
   }
-  for (const auto& [oid, buffer] : round_.changed) result.operations.push_back({oid, buffer});
-  return result;
+  return round_.rows.back();
+}
+
+/// What was told to be as it is in the table no longer needs the table for that.
+void TableCopy::keepPresent() {
+  for (Round::Row& row : round_.rows) {
+    if (row.operation != Round::none || row.isGone || row.isRefused) continue;
+    const Slot present = store()->find(row.oid);
+    if (present != noSlot) round_.operate(row, store()->buffer(present));
+  }
+}
+
+void TableCopy::removeUntold() {
+  if (!round_.isWhole) return;
+  const TableStore& table = *store();
+  for (Slot slot = table.slotFrom(0); slot != noSlot; slot = table.slotFrom(slot + 1)) {
+    if (round_.find(table.oid(slot)) != nullptr) continue;
+    round_.operations.push_back({table.oid(slot), nullptr});
+  }
 }
 
 void TableCopy::prepare() {
-  if (!round_.isWhole) sent_.reserve(sent_.size() + round_.rows.size());
+  for (const Round::Row& row : round_.rows) {
+    if (!row.isGone && !row.isKept) round_.otherwise.emplace(row.oid, row.hash);
+  }
+  if (!round_.isWhole) otherwise_.reserve(otherwise_.size() + round_.otherwise.size());
 }
 
-void TableCopy::adopt(const Outcome& result, const TablePosition& position) noexcept {
-  if (round_.isWhole) {
-    sent_ = std::move(round_.rows);
-  } else {
-    for (const oid_t oid : round_.gone) sent_.erase(oid);
-    for (const auto& [oid, hash] : round_.rows) sent_.erase(oid);
-    sent_.merge(round_.rows);
-  }
-  digest_ = result.digest;
+void TableCopy::adopt(const TablePosition& position) noexcept {
+  count_ = round_.count;
+  digest_ = round_.digest;
   position_ = position;
-  round_ = {};
+  if (round_.isWhole) {
+    otherwise_ = std::move(round_.otherwise);
+  } else {
+    if (!otherwise_.empty()) {
+      for (const Round::Row& row : round_.rows) otherwise_.erase(row.oid);
+    }
+    otherwise_.merge(round_.otherwise);
+  }
+  newRound(false);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -117,7 +155,8 @@ void TableCopies::add(TableStore& store, const ConversionRules& rules) {
   auto copy = std::make_unique<TableCopy>(store, rules);
   copies_.reserve(copies_.size() + 1);
   const bool hasRows = store.size() != 0;
-  store.stateIs(hasRows ? TableState::stale : TableState::loading, "not connected");
+  store.stateIs(hasRows ? TableState::stale : TableState::loading,
+                "nothing has come from the publisher yet");
   store.hasFirstRows = hasRows;
   store.sourceIs(source_);
   store.isSubscribed = true;
@@ -135,6 +174,7 @@ void TableCopies::removeStaleRows() {
   for (const auto& copy : copies_) {
     TableStore* const table = copy->store();
     if (table == nullptr || table->state() == TableState::current) continue;
+    copy->keepPresent();
     std::vector<RowOperation> removals;
     for (Slot slot = table->slotFrom(0); slot != noSlot; slot = table->slotFrom(slot + 1)) {
       removals.push_back({table->oid(slot), nullptr});
@@ -172,7 +212,7 @@ void TableCopies::begin(User& user) {
   for (const auto& copy : copies_) {
     copy->plan_.reset();
     copy->wasWhole_ = false;
-    copy->round_ = {};
+    copy->newRound(false);
   }
   user_ = &user;
   history_ = 0;
@@ -186,7 +226,9 @@ void TableCopies::end(const std::string& reason) {
   waiting_ = 0;
   for (const auto& copy : copies_) {
     copy->plan_.reset();
-    copy->round_ = {};
+    copy->newRound(false);
+  }
+  for (const auto& copy : copies_) {
     TableStore* const table = copy->store();
     if (table == nullptr || table->state() == TableState::refused) continue;
     const bool isLoading = table->state() == TableState::loading;
@@ -230,7 +272,7 @@ bool TableCopies::accept(std::size_t number, const LayoutFingerprint& layout,
 void TableCopies::refuse(std::size_t number, const std::string& reason) {
   TableCopy& copy = *copies_[number];
   copy.plan_.reset();
-  forgetRound(copy);
+  newRound(copy, false);
   if (copy.store() != nullptr) copy.store()->stateIs(TableState::refused, reason);
 }
 
@@ -248,9 +290,9 @@ void TableCopies::refuseRow(std::size_t number, oid_t oid, const std::string& te
   tell({copies_[number]->store()->name(), oid, text});
 }
 
-void TableCopies::forgetRound(TableCopy& copy) {
+void TableCopies::newRound(TableCopy& copy, bool isWhole) noexcept {
   waiting_ -= copy.round_.weight;
-  copy.round_ = {};
+  copy.newRound(isWhole);
 }
 
 void TableCopies::weigh(std::size_t number) {
@@ -266,8 +308,7 @@ void TableCopies::weigh(std::size_t number) {
 
 void TableCopies::whole(std::size_t number) {
   TableCopy& copy = *copies_[number];
-  forgetRound(copy);
-  copy.round_.isWhole = true;
+  newRound(copy, true);
   copy.wasWhole_ = true;
 }
 
@@ -283,61 +324,64 @@ void TableCopies::row(std::size_t number, std::span<const byte_t> bytes) {
 
 void TableCopies::takeRow(std::size_t number, std::span<const byte_t> row) {
   TableCopy& copy = *copies_[number];
-  TableCopy::Round& round = copy.round_;
   const TableStore& table = *copy.store();
   const byte_t* const bytes = row.data();
   const auto oid = loadField<oid_t>(bytes + rowOidOffset);
-  round.rows[oid] = rowHash(bytes);
-  round.gone.erase(oid);
-  round.dropChanged(oid);
+  const Slot present = table.find(oid);
+  TableCopy::Round::Row& told = copy.tell(oid, present);
+  told.hash = rowHash(bytes);
+  ++copy.round_.count;
+  copy.round_.digest ^= told.hash;
+  const auto refuse = [&](const std::string& text) {
+    told.isRefused = true;
+    refuseRow(number, oid, text);
+  };
 
   const LayoutInfo& theirs = copy.plan_->comparison().sender().info();
-  if (const RowFault bad = checkRow(bytes, row.size(), theirs)) {
-    return refuseRow(number, oid, bad.text());
-  }
+  if (const RowFault bad = checkRow(bytes, row.size(), theirs)) return refuse(bad.text());
   if (loadField<std::uint16_t>(bytes + rowTypeOffset) != theirs.rowType) {
-    return refuseRow(number, oid, "another row type");
+    return refuse("another row type");
   }
   std::size_t length = row.size();
   if (!copy.isSame_) {
     try {
       length = copy.plan_->convertedLength(bytes, row.size());
     } catch (const KoBaseException& error) {
-      return refuseRow(number, oid, error.what());
+      return refuse(error.what());
     }
   }
-  const Slot present = table.find(oid);
   const auto equalsPresent = [&](const byte_t* other) {
     return present != noSlot && rowsEqual(other, table.buffer(present)->buf_, table.layout());
   };
-  if (copy.isSame_ && equalsPresent(bytes)) return;
+  if (copy.isSame_ && equalsPresent(bytes)) {
+    const byte_t* const own = table.buffer(present)->buf_;
+    told.isKept = loadField<len_t>(own) == length && std::memcmp(bytes, own, length) == 0;
+    return;
+  }
   KoPtr<KoRowBuf> buffer = newBuffer(length);
   if (copy.isSame_) {
     std::memcpy(buffer->buf_, bytes, length);
+    told.isKept = true;
   } else {
     copy.plan_->write(bytes, buffer->buf_);
     if (equalsPresent(buffer->buf_)) return;
   }
-  round.changed.emplace(oid, std::move(buffer));
-  round.changedBytes += length;
+  copy.round_.operate(told, std::move(buffer));
 }
 
 void TableCopies::remove(std::size_t number, oid_t oid) {
   TableCopy& copy = *copies_[number];
   if (!copy.isTaken()) return;
-  copy.round_.gone.insert(oid);
-  copy.round_.rows.erase(oid);
-  copy.round_.dropChanged(oid);
+  const Slot present = copy.store()->find(oid);
+  TableCopy::Round::Row& told = copy.tell(oid, present);
+  told.isGone = true;
+  if (present != noSlot) copy.round_.operate(told, nullptr);
   weigh(number);
 }
 
 std::string TableCopies::mark(const TableMark& mark) {
   if (hasMark_ && mark.sequence < marked_) throw TableFault("the sequence went back");
-  struct Part {
-    TableCopy* copy;
-    TableCopy::Outcome outcome;
-  };
-  std::vector<Part> parts;
+  std::vector<TableCopy*> parts;
   std::vector<bool> isMarked(copies_.size());
   for (const TableMark::Table& told : mark.tables) {
     if (told.number >= copies_.size() || isMarked[told.number]) {
@@ -351,10 +395,8 @@ std::string TableCopies::mark(const TableMark& mark) {
     if (!copy.wasWhole_ && (from.history != history_ || mark.sequence < from.sequence)) {
       throw TableFault("a table was not told as a whole");
     }
-    parts.push_back({&copy, copy.outcome()});
-    if (parts.back().outcome.rows == told.rows && parts.back().outcome.digest == told.digest) {
-      continue;
-    }
+    parts.push_back(&copy);
+    if (copy.round_.count == told.rows && copy.round_.digest == told.digest) continue;
     ++counts_.digestFaults;
     copy.forgetPosition();
     std::string text = "the rows of " + copy.store()->name() + " are not the publisher's";
@@ -367,14 +409,15 @@ std::string TableCopies::mark(const TableMark& mark) {
 
   // From here on nothing may be half done: all that can fail comes first.
   std::vector<std::unique_ptr<TableStore::Commit>> commits;
-  for (Part& part : parts) {
-    part.copy->prepare();
+  for (TableCopy* copy : parts) {
+    copy->prepare();
+    copy->removeUntold();
     commits.push_back(
-        std::make_unique<TableStore::Commit>(*part.copy->store(), part.outcome.operations));
+        std::make_unique<TableStore::Commit>(*copy->store(), std::move(copy->round_.operations)));
   }
   const std::uint64_t sequence = source_->last + 1;
   for (const auto& commit : commits) commit->apply(sequence);
-  for (const Part& part : parts) part.copy->adopt(part.outcome, {history_, mark.sequence});
+  for (TableCopy* copy : parts) copy->adopt({history_, mark.sequence});
 
   waiting_ = 0;
   marked_ = mark.sequence;
@@ -382,8 +425,8 @@ std::string TableCopies::mark(const TableMark& mark) {
   ++counts_.marks;
   counts_.merged += mark.merged;
   faultAt_.reset();
-  for (const Part& part : parts) {
-    TableStore& table = *part.copy->store();
+  for (TableCopy* copy : parts) {
+    TableStore& table = *copy->store();
     table.hasFirstRows = true;
     if (table.state() != TableState::current) table.stateIs(TableState::current, "");
   }

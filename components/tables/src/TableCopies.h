@@ -3,7 +3,8 @@
 // The tables of a subscriber, and what is under way to them.
 //
 // Between two marks, rows are only collected: those that differ from the table's wait, of the
-// others a hash is kept. At the mark all tables change in one batch, or none does.
+// others a hash is kept. At the mark all tables change in one batch, or none does. Each row that
+// is told is looked up once among those that were told, and once in the table.
 
 #include <Korvo/RowConverter.h>
 #include <Korvo/TableEngine.h>
@@ -13,9 +14,9 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
+#include "OidMap.h"
 #include "TableStore.h"
 
 namespace Korvo::detail {
@@ -35,34 +36,51 @@ class TableCopy final : public TableStore::Cursor {
 
   /// What was told since the last mark.
   struct Round {
-    bool isWhole = false;
-    std::unordered_map<oid_t, std::uint64_t> rows;  ///< with their hashes
-    std::unordered_set<oid_t> gone;
-    std::unordered_map<oid_t, KoPtr<KoRowBuf>> changed;  ///< rows that differ from the table's
-    std::size_t changedBytes = 0;
-    std::size_t weight = 0;  ///< as it was counted last
+    /// The last word on an oid.
+    struct Row {
+      std::uint64_t hash;  ///< of the bytes as they were sent
+      oid_t oid;
+      std::uint32_t operation : 29;  ///< its number, or none
+      std::uint32_t isGone : 1;
+      std::uint32_t isRefused : 1;
+      std::uint32_t isKept : 1;  ///< the table will have these very bytes
+    };
+    static constexpr std::uint32_t none = (std::uint32_t{1} << 29) - 1;
 
-    void dropChanged(oid_t oid);
+    bool isWhole = false;
+    std::uint64_t count = 0;   ///< of the publisher's rows after it
+    std::uint64_t digest = 0;  ///< of all of them
+    std::vector<Row> rows;
+    OidMap numbers;                        ///< of `rows`
+    std::vector<RowOperation> operations;  ///< what changes in the table, each oid once
+    std::size_t changedBytes = 0;          ///< of the operations
+    std::size_t weight = 0;                ///< as it was counted last
+    /// What it adds to the hashes that the table cannot tell.
+    std::unordered_map<oid_t, std::uint64_t> otherwise;
+
+    const Row* find(oid_t oid) const;
+    void operate(Row& row, KoPtr<KoRowBuf> buffer);
+    void dropOperation(Row& row);
     std::size_t memory() const;
-  };
-  /// What the rows and their hashes will be, and what changes in the table.
-  struct Outcome {
-    std::uint64_t rows;
-    std::uint64_t digest;
-    std::vector<RowOperation> operations;
   };
 
   bool isTaken() const { return plan_.has_value() && store() != nullptr; }
-  Outcome outcome() const;
+  void newRound(bool isWhole) noexcept;
+  /// The row, of which nothing has been told yet.
+  Round::Row& tell(oid_t oid, Slot present);
+  void keepPresent();
+  void removeUntold();
   /// Makes room, so that adopt() cannot fail.
   void prepare();
-  void adopt(const Outcome& result, const TablePosition& position) noexcept;
+  void adopt(const TablePosition& position) noexcept;
 
   const ConversionRules rules_;
   TablePosition position_;
-  /// The hashes of the publisher's rows as they were sent, also of those that were refused.
-  std::unordered_map<oid_t, std::uint64_t> sent_;
-  std::uint64_t digest_ = 0;  ///< all of them
+  std::uint64_t count_ = 0;   ///< of the publisher's rows
+  std::uint64_t digest_ = 0;  ///< of all of them
+  /// The hashes of those whose bytes are not in the table: refused, converted, or equal to the
+  /// table's in all columns but not in all bytes. Of the others the table's own rows tell.
+  std::unordered_map<oid_t, std::uint64_t> otherwise_;
 
   // Of the link.
   std::optional<ConversionPlan> plan_;  ///< none: the table is not taken
@@ -132,7 +150,7 @@ class TableCopies final : public TableReceiver {
   void refuseTable(std::size_t number, const std::string& text);
   void refuseRow(std::size_t number, oid_t oid, const std::string& text);
   void takeRow(std::size_t number, std::span<const byte_t> row);
-  void forgetRound(TableCopy& copy);
+  void newRound(TableCopy& copy, bool isWhole) noexcept;
   /// Refuses the table if too much waits.
   void weigh(std::size_t number);
 

@@ -200,19 +200,16 @@ class TablePublisher::Impl::Connection final : public Schedulable,
   }
 
   void write() {
-    std::array<iovec, detail::OutQueue::mostParts> parts;
     std::size_t budget = turnBytes;
     while (!isLost_ && budget != 0) {
       if (session.out().size() < turnBytes) session.fill(turnBytes);
-      if (session.out().empty()) return;
-      const int count = session.out().next(parts, budget);
-      std::size_t wanted = 0;
-      for (int i = 0; i < count; ++i) wanted += parts[static_cast<std::size_t>(i)].iov_len;
-      const ByteStream::Result result = stream_->write(parts.data(), count);
+      if (session.out().empty()) return session.out().clear();
+      const std::span<const byte_t> bytes = session.out().next(budget);
+      const ByteStream::Result result = detail::writeTo(*stream_, bytes);
       session.sent(result.count);
       budget -= result.count;
       if (!result.isOpen) return lose(result.reason);
-      if (result.count < wanted) return;
+      if (result.count < bytes.size()) return;
     }
     if (!isLost_) runnableIs(true);
   }

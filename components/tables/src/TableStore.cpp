@@ -6,6 +6,8 @@
 #include <bit>
 #include <utility>
 
+#include "OidMap.h"
+
 namespace Korvo::detail {
 
 namespace {
@@ -448,10 +450,29 @@ bool TableStore::Cursor::nextRow(Told& told) {
 // ---------------------------------------------------------------------------------------------
 // Commits
 
-TableStore::Commit::Commit(TableStore& store, std::vector<RowOperation>& operations)
+TableStore::Commit::Commit(TableStore& store, const std::vector<RowOperation>& operations)
     : store_(store) {
-  store.checkThread();
-  select(operations);
+  OidMap last;
+  if (operations.size() > 1) last.reserve(operations.size());
+  std::uint32_t number = 0;
+  for (const RowOperation& operation : operations) last.insert(operation.oid, 0) = number++;
+  touches_.reserve(last.size());
+  number = 0;
+  for (const RowOperation& operation : operations) {
+    if (last.find(operation.oid) == number++) select(operation.oid, operation.buffer);
+  }
+  prepare();
+}
+
+TableStore::Commit::Commit(TableStore& store, std::vector<RowOperation>&& operations)
+    : store_(store) {
+  touches_.reserve(operations.size());
+  for (RowOperation& operation : operations) select(operation.oid, std::move(operation.buffer));
+  prepare();
+}
+
+void TableStore::Commit::prepare() {
+  store_.checkThread();
   if (changesNothing()) return;
   for (const Touch& touch : touches_) {
     for (const KnownIndex& known : store_.indexes_) {
@@ -461,7 +482,7 @@ TableStore::Commit::Commit(TableStore& store, std::vector<RowOperation>& operati
     }
   }
   // A copy is as its owner has it.
-  if (!store.isSubscribed) checkUnique();
+  if (!store_.isSubscribed) checkUnique();
   reserve();
   // A reader that is told in vain finds that nothing changed.
   for (std::size_t i = 0; i < store_.cursors_.size(); ++i) store_.cursors_[i]->changeComes();
@@ -508,25 +529,16 @@ void TableStore::Commit::releaseIndexes() noexcept {
       });
 }
 
-/// The last word on each oid counts, if it changes anything.
-void TableStore::Commit::select(std::vector<RowOperation>& operations) {
-  std::unordered_map<oid_t, std::size_t> last;
-  if (operations.size() > 1) {
-    last.reserve(operations.size());
-    for (std::size_t i = 0; i < operations.size(); ++i) last[operations[i].oid] = i;
+/// Takes what changes anything.
+void TableStore::Commit::select(oid_t oid, KoPtr<KoRowBuf> buffer) {
+  const Slot slot = store_.find(oid);
+  const bool isRemoval = buffer == nullptr;
+  if (isRemoval && slot == noSlot) return;
+  if (!isRemoval && slot != noSlot &&
+      rowsEqual(buffer->buf_, store_.buffer(slot)->buf_, store_.layout_)) {
+    return;
   }
-  for (std::size_t i = 0; i < operations.size(); ++i) {
-    const RowOperation& operation = operations[i];
-    if (operations.size() > 1 && last[operation.oid] != i) continue;
-    const Slot slot = store_.find(operation.oid);
-    const bool isRemoval = operation.buffer == nullptr;
-    if (isRemoval && slot == noSlot) continue;
-    if (!isRemoval && slot != noSlot) {
-      const KoPtr<KoRowBuf>& present = store_.buffer(slot);
-      if (rowsEqual(operation.buffer->buf_, present->buf_, store_.layout_)) continue;
-    }
-    touches_.push_back({operation.oid, slot, operation.buffer, isRemoval});
-  }
+  touches_.push_back({oid, slot, std::move(buffer), isRemoval});
 }
 
 void TableStore::Commit::checkUnique() const {

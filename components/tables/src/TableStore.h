@@ -273,9 +273,13 @@ class TableStore::Cursor {
 /// constructor, which leaves the table as it was.
 class TableStore::Commit {
  public:
-  /// Throws KoInvalidArgument if a unique index would have two rows of one key, std::bad_alloc, and
-  /// what changeComes() throws.
-  Commit(TableStore& store, std::vector<RowOperation>& operations);
+  // Both throw KoInvalidArgument if a unique index would have two rows of one key, std::bad_alloc,
+  // and what changeComes() throws.
+
+  /// The last word on each oid counts.
+  Commit(TableStore& store, const std::vector<RowOperation>& operations);
+  /// Each oid is there once. Takes the buffers, also when it throws.
+  Commit(TableStore& store, std::vector<RowOperation>&& operations);
   Commit(const Commit&) = delete;
   Commit& operator=(const Commit&) = delete;
 
@@ -293,7 +297,8 @@ class TableStore::Commit {
     bool isRemoval;
   };
 
-  void select(std::vector<RowOperation>& operations);
+  void select(oid_t oid, KoPtr<KoRowBuf> buffer);
+  void prepare();
   void checkUnique() const;
   void reserve();
   void prepareIndexes();

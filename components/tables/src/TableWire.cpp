@@ -3,6 +3,7 @@
 #include <Korvo/rowCheck.h>
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 namespace Korvo::detail {
@@ -147,6 +148,9 @@ Hello Hello::decode(std::span<const byte_t> body) {
     if (std::ranges::find(hello.tables, table.number, &Table::number) != hello.tables.end()) {
       throw ProtocolError("a table number twice");
     }
+    if (std::ranges::find(hello.tables, table.name, &Table::name) != hello.tables.end()) {
+      throw ProtocolError("a table twice");
+    }
     hello.tables.push_back(std::move(table));
   }
   reader.end();
@@ -285,61 +289,48 @@ std::vector<byte_t> encodeRefuse(std::uint16_t table, std::string_view text) {
 // ---------------------------------------------------------------------------------------------
 // What waits for being sent
 
-void OutQueue::push(std::vector<byte_t> frame) {
-  const std::size_t length = frame.size();
-  items_.push_back({{}, nullptr, std::move(frame)});
-  size_ += length;
+void OutQueue::push(std::span<const byte_t> frame) {
+  bytes_.insert(bytes_.end(), frame.begin(), frame.end());
 }
 
-void OutQueue::pushRow(std::uint16_t table, KoPtr<KoRowBuf> row) {
-  Item item{{}, std::move(row), {}};
-  const std::size_t length = item.length();
-  storeField(item.head.data(), static_cast<std::uint32_t>(length - lengthFieldLength));
-  item.head[lengthFieldLength] = static_cast<byte_t>(FrameType::row);
-  storeField(item.head.data() + 6, table);
-  items_.push_back(std::move(item));
-  size_ += length;
+void OutQueue::pushRow(std::uint16_t table, const byte_t* row) {
+  const std::size_t length = loadField<len_t>(row + rowLengthOffset);
+  const std::size_t end = bytes_.size();
+  bytes_.resize(end + frameHeadLength + length);
+  byte_t* const head = bytes_.data() + end;
+  storeField(head, static_cast<std::uint32_t>(frameHeadLength - lengthFieldLength + length));
+  head[lengthFieldLength] = static_cast<byte_t>(FrameType::row);
+  storeField(head + 6, table);
+  std::memcpy(head + frameHeadLength, row, length);
 }
 
-int OutQueue::next(std::array<iovec, mostParts>& parts, std::size_t most) const {
-  int count = 0;
-  std::size_t skip = begun_;
-  const auto add = [&](const byte_t* bytes, std::size_t length) {
-    const std::size_t skipped = std::min(skip, length);
-    skip -= skipped;
-    length = std::min(length - skipped, most);
-    if (length == 0) return;
-    most -= length;
-    // sendmsg() does not write there.
-    parts[static_cast<std::size_t>(count++)] = {const_cast<byte_t*>(bytes) + skipped, length};
-  };
-  for (const Item& item : items_) {
-    if (most == 0 || count > mostParts - 2) break;
-    if (item.row == nullptr) {
-      add(item.frame.data(), item.frame.size());
-    } else {
-      add(item.head.data(), item.head.size());
-      add(item.row->buf_, item.rowLength());
-    }
-  }
-  return count;
+std::size_t OutQueue::frameAt(std::size_t place) const {
+  return lengthFieldLength + loadField<std::uint32_t>(bytes_.data() + place);
+}
+
+std::size_t OutQueue::wholeFrames() const {
+  if (begun_ == bytes_.size()) return begun_;
+  std::size_t end = 0;
+  while (end + frameAt(end) <= begun_) end += frameAt(end);
+  return end;
 }
 
 void OutQueue::sent(std::size_t count) {
-  size_ -= count;
   begun_ += count;
-  while (!items_.empty() && begun_ >= items_.front().length()) {
-    begun_ -= items_.front().length();
-    items_.pop_front();
-  }
+  const std::size_t whole = wholeFrames();
+  bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(whole));
+  begun_ -= whole;
 }
 
 void OutQueue::dropUnbegun() {
-  const std::size_t kept = begun_ == 0 ? 0 : 1;
-  while (items_.size() > kept) {
-    size_ -= items_.back().length();
-    items_.pop_back();
-  }
+  if (begun_ == 0) return bytes_.clear();
+  bytes_.resize(frameAt(0));
+}
+
+ByteStream::Result writeTo(ByteStream& stream, std::span<const byte_t> bytes) {
+  // Nothing is written there.
+  const iovec part{const_cast<byte_t*>(bytes.data()), bytes.size()};
+  return stream.write(&part, 1);
 }
 
 }  // namespace Korvo::detail

@@ -28,14 +28,13 @@
 //
 // Numbers are little-endian, texts a length and their bytes.
 
+#include <Korvo/ByteStream.h>
 #include <Korvo/TableEngine.h>
 #include <Korvo/baseRow.h>
 #include <Korvo/layoutText.h>
-#include <sys/uio.h>
 
-#include <array>
+#include <algorithm>
 #include <cstdint>
-#include <deque>
 #include <span>
 #include <string>
 #include <string_view>
@@ -263,37 +262,38 @@ std::vector<byte_t> encodeRefuse(std::uint16_t table, std::string_view text);
 
 // ---------------------------------------------------------------------------------------------
 
-/// Frames that wait for being sent; rows in their own buffers.
+/// Frames that wait for being sent, one behind the other.
 class OutQueue {
  public:
-  void push(std::vector<byte_t> frame);
-  void pushRow(std::uint16_t table, KoPtr<KoRowBuf> row);
+  // They throw std::bad_alloc with all as before.
+  void push(std::span<const byte_t> frame);
+  void pushRow(std::uint16_t table, const byte_t* row);
 
-  std::size_t size() const { return size_; }
-  bool empty() const { return size_ == 0; }
-
-  static constexpr int mostParts = 64;
-  /// Fills `parts` with the next bytes, `most` at the most; returns how many parts there are.
-  int next(std::array<iovec, mostParts>& parts, std::size_t most) const;
+  std::size_t size() const { return bytes_.size() - begun_; }
+  bool empty() const { return size() == 0; }
+  /// The next bytes, `most` at the most; valid until something is called that changes them.
+  std::span<const byte_t> next(std::size_t most) const {
+    return std::span(bytes_).subspan(begun_, std::min(most, size()));
+  }
   void sent(std::size_t count);
   /// Drops the frames of which nothing was sent.
   void dropUnbegun();
+  /// Drops all, and gives the memory back.
+  void clear() noexcept {
+    std::vector<byte_t>().swap(bytes_);
+    begun_ = 0;
+  }
 
  private:
-  struct Item {
-    std::array<byte_t, frameHeadLength> head;  ///< of a row's frame
-    KoPtr<KoRowBuf> row;
-    std::vector<byte_t> frame;  ///< if it is not a row's
+  /// The length of the frame that begins there.
+  std::size_t frameAt(std::size_t place) const;
+  /// The length of all frames that were sent as a whole.
+  std::size_t wholeFrames() const;
 
-    std::size_t rowLength() const { return loadField<len_t>(row->buf_); }
-    std::size_t length() const {
-      return row == nullptr ? frame.size() : frameHeadLength + rowLength();
-    }
-  };
-
-  std::deque<Item> items_;
-  std::size_t begun_ = 0;  ///< bytes of the first that were sent
-  std::size_t size_ = 0;
+  std::vector<byte_t> bytes_;  ///< from the first frame on that was not sent as a whole
+  std::size_t begun_ = 0;      ///< bytes that were sent; none of a second frame
 };
+
+ByteStream::Result writeTo(ByteStream& stream, std::span<const byte_t> bytes);
 
 }  // namespace Korvo::detail

@@ -1,5 +1,7 @@
 // Publishers and subscribers over a link: states, resuming, slow subscribers, refusals.
 
+#include <Korvo/LearnedTable.h>
+
 #include "table_link_support.h"
 
 namespace {
@@ -349,6 +351,30 @@ TEST_F(LinkTest, IncompletePublisherDeletesNothing) {
 }
 
 // Lesson: no queue for a subscriber, so that none grows and none is cut off for being slow.
+// What is told of a table that waits for its first rows stays true when the publisher is found.
+TEST_F(LinkTest, TableOfAnIncompletePublisherIsNotSaidToBeUnconnected) {
+  agent->publisher.completeIs(false);
+  std::string states;
+  const auto write = [&](TableState state, const std::string& text) {
+    states += std::to_string(static_cast<int>(state)) + " " + text + "; ";
+  };
+  TableReader<Port> early(viewer->ports, loop, writeDown());
+  early.onState(write);
+  connect();
+  loop->advance(seconds(20));
+  EXPECT_TRUE(viewer->subscriber.status().isConnected);
+  EXPECT_EQ(states, "0 nothing has come from the publisher yet; ");
+  states.clear();
+  TableReader<Port> late(viewer->ports, loop, writeDown());
+  late.onState(write);
+  loop->runUntilQuiet();
+  EXPECT_EQ(states, "0 rows come from portAgent; ");
+  states.clear();
+  agent->publisher.completeIs(true);
+  loop->runUntilQuiet();
+  EXPECT_EQ(states, "1 ; 1 ; ");
+}
+
 TEST_F(LinkTest, SlowSubscriberIsToldTheLastValuesAndHowManyWereMerged) {
   connect();
   loop->runUntilQuiet();
@@ -418,6 +444,32 @@ TEST_F(LinkTest, StaleRowsAreRemovedAtTheLimit) {
   expectSame();
 }
 
+// What was told to be as it was counts as told, also when the old rows go before the mark.
+TEST_F(LinkTest, StaleRowsThatAreRemovedDuringARoundComeWithItsMark) {
+  viewer.emplace(loop,
+                 Korvo::SubscriberOptions{.name = "viewer", .staleLimit = milliseconds(30000)});
+  agent->putMany(1, 10);
+  connect();
+  loop->runUntilQuiet();
+  agent.reset();
+  agent.emplace(loop);
+  agent->publisher.completeIs(false);
+  agent->publisher.accept(link.publisherEnd());
+  agent->putMany(1, 8);
+  agent->put(port(8, "another"));
+  loop->advance(seconds(40));
+  EXPECT_EQ(viewer->ports.size(), 0U);
+  agent->publisher.completeIs(true);
+  loop->advance(seconds(1));
+  EXPECT_EQ(viewer->ports.size(), 8U);
+  expectSame();
+  agent->put(port(3, "changed"));
+  agent->remove(5);
+  loop->advance(seconds(1));
+  expectSame();
+  EXPECT_EQ(link.connections(), 2U);
+}
+
 /// A host's channel, which writes traces down.
 class Channel final : public Velto::DebugChannel {
  public:
@@ -446,6 +498,121 @@ TEST_F(LinkTest, LinksAreTraced) {
   EXPECT_EQ(subscribed.str(),
             "4: net/port comes from portAgent\n4: net/link comes from portAgent\n"
             "4: the link is lost: the link was cut\n");
+}
+
+TEST_F(LinkTest, WhatCannotBeTakenIsTraced) {
+  std::ostringstream subscribed;
+  Table<Link> notPorts("net/port");
+  Korvo::TableSubscriber other(loop, {.name = "other"});
+  other.debugChannelIs(new Channel(subscribed), true);
+  other.add(notPorts);
+  agent->publisher.accept(link.publisherEnd());
+  other.connect(link.subscriberEnd());
+  loop->runUntilQuiet();
+  EXPECT_EQ(subscribed.str(), "5: net/port: net/port: Layout refused - (row type 7, here 8)\n");
+}
+
+TEST_F(LinkTest, RefusesWhatCannotBeSubscribed) {
+  using Korvo::KoInvalidArgument;
+  using Options = Korvo::SubscriberOptions;
+  EXPECT_THROW(Korvo::TableSubscriber(loop, Options{.name = std::string(256, 'x')}),
+               KoInvalidArgument);
+  EXPECT_THROW(Korvo::TableSubscriber(loop, Options{.heartbeat = milliseconds(99)}),
+               KoInvalidArgument);
+  EXPECT_THROW(Korvo::TableSubscriber(loop, Options{.heartbeat = milliseconds(60001)}),
+               KoInvalidArgument);
+  Korvo::TableSubscriber subscriber(loop);
+  Table<Port> longName(std::string(256, 'x'));
+  EXPECT_THROW(subscriber.add(longName), KoInvalidArgument);
+  EXPECT_THROW(subscriber.add(agent->ports), KoInvalidArgument);   // published
+  EXPECT_THROW(subscriber.add(viewer->ports), KoInvalidArgument);  // subscribed
+  Table<Port> ports("net/port");
+  Table<Port> again("net/port");
+  subscriber.add(ports);
+  EXPECT_THROW(subscriber.add(again), KoInvalidArgument);
+  agent->publisher.accept(link.publisherEnd());
+  subscriber.connect(link.subscriberEnd());
+  loop->runUntilQuiet();
+  EXPECT_EQ(ports.state(), TableState::current);
+}
+
+TEST_F(LinkTest, HistoryIsNotChangedUnderSubscribers) {
+  connect();
+  loop->runUntilQuiet();
+  EXPECT_THROW(agent->publisher.historyIs(7, 100), Korvo::KoInvalidArgument);
+  agent->put(port(1, "eth1"));
+  loop->runUntilQuiet();
+  expectSame();
+}
+
+// A history may be as long as its number allows; whoever stands far behind is told all rows.
+TEST_F(LinkTest, HistoriesAreOfAnyLength) {
+  agent->putMany(1, 20);
+  agent->remove(3);
+  agent->publisher.historyIs(77, 5'000'000'000);
+  agent->put(port(4, "far"));
+  connect();
+  loop->runUntilQuiet();
+  expectSame();
+  EXPECT_EQ(agent->publisher.sequence(), 5'000'000'001U);
+  const TableReader<Port> reader(viewer->ports, loop, writeDown());
+  loop->runUntilQuiet();
+  told();
+  link.isDownIs(true);
+  link.cut();
+  loop->runUntilQuiet();
+  agent->remove(5);
+  agent->publisher.historyIs(77, 1'000'000'000'000);
+  agent->put(port(6, "farther"));
+  agent->remove(7);
+  link.isDownIs(false);
+  loop->advance(seconds(20));
+  EXPECT_EQ(told(), "removed 5, changed 6, removed 7, 3; ");
+  expectSame();
+}
+
+// More layouts than a WELCOME holds: the tables for which there is no room are refused, in words.
+TEST_F(LinkTest, LayoutsThatAreTooLongTogetherAreRefusedInWords) {
+  constexpr int tables = 6;
+  std::string columns;
+  for (int i = 0; i < 4000; ++i) {
+    const std::string number = std::to_string(i);
+    columns += "c" + number + std::string(40, 'x') + " uint8_t @" + std::to_string(8 + i) + '\n';
+  }
+  const Korvo::DynamicLayout layout("row 9 base 4008 {\n" + columns + "}\n");
+  std::vector<std::unique_ptr<Korvo::LearnedTable>> sent;
+  std::vector<std::unique_ptr<Korvo::LearnedTable>> copies;
+  for (int i = 0; i < tables; ++i) {
+    const std::string name = "wide" + std::to_string(i);
+    sent.push_back(std::make_unique<Korvo::LearnedTable>(name, layout));
+    agent->publisher.add(*sent.back());
+    copies.push_back(std::make_unique<Korvo::LearnedTable>(name, layout));
+    viewer->subscriber.add(*copies.back());
+  }
+  connect();
+  loop->runUntilQuiet();
+  EXPECT_EQ(copies.front()->state(), TableState::current);
+  EXPECT_EQ(copies.back()->state(), TableState::refused);
+  EXPECT_EQ(copies.back()->stateText(), "the layouts of all tables are too long");
+  expectSame();
+}
+
+TEST_F(LinkTest, LinksAreCutAtOnceWithoutAByteMore) {
+  EXPECT_FALSE(link.isConnected());
+  connect();
+  loop->runUntilQuiet();
+  EXPECT_TRUE(link.isConnected());
+  const auto before = loop->now();
+  link.cutAfter(0);
+  EXPECT_FALSE(link.isConnected());
+  loop->advance(seconds(1));
+  EXPECT_TRUE(link.isConnected());
+  link.cutAfterToPublisher(0);
+  EXPECT_FALSE(link.isConnected());
+  loop->advance(seconds(1));
+  EXPECT_EQ(link.connections(), 3U);
+  EXPECT_EQ(loop->now() - before, seconds(2));
+  expectSame();
 }
 
 TEST_F(LinkTest, TableThatAUserMayNotHaveIsRefusedInWords) {

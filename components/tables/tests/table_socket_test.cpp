@@ -231,6 +231,7 @@ TEST(TableSocketTest, OwnStallsDoNotCount) {
   EXPECT_EQ(copy.state(), TableState::current);
 }
 
+// Without the right to become another user: table_syscall_test.
 TEST(TableSocketTest, OtherUsersAreRefusedInWords) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
   const Folder folder;
@@ -292,7 +293,8 @@ TEST(TableSocketTest, SubscriberKilledOrStoppedAtAnyTime) {
 
   const auto loop = std::make_shared<EventLoop>("agent");
   Table<Port> ports("net/port");
-  TablePublisher publisher("agent", loop);
+  // Who is stopped is not taken for dead, however slow this machine is.
+  TablePublisher publisher("agent", loop, {.heartbeat = std::chrono::minutes(1)});
   publisher.add(ports);
   publisher.listen(folder.address());
   ASSERT_TRUE(runUntil(*loop, [&] { return publisher.subscribers().size() == 4; }));

@@ -2,6 +2,7 @@
 // the C library are replaced in this program.
 
 #include <Korvo/EventLoop.h>
+#include <Korvo/TableBrowser.h>
 #include <Korvo/TablePublisher.h>
 #include <Korvo/TableSubscriber.h>
 #include <sys/socket.h>
@@ -14,8 +15,11 @@
 #include <chrono>
 #include <cstdlib>
 #include <functional>
+#include <optional>
 #include <random>
+#include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "table_test_support.h"
 
@@ -47,6 +51,12 @@ struct Failing {
   bool isShort = false;  ///< writes and reads one byte at a time
 };
 Failing failing;
+
+/// Who connects, in place of the user that the kernel tells.
+std::optional<uid_t> peer;
+
+/// What happens just before the next write.
+std::function<void()> beforeSending;
 
 bool fails(Call call) {
   if (failing.call != call) return false;
@@ -83,6 +93,7 @@ int connect(int fd, const sockaddr* address, socklen_t length) {
   return static_cast<int>(syscall(SYS_connect, fd, address, length));
 }
 ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+  if (const auto now = std::exchange(beforeSending, nullptr)) now();
   if (fails(Call::sendmsg)) return -1;
   if (!failing.isShort) return syscall(SYS_sendmsg, fd, message, flags);
   iovec part = message->msg_iov[0];
@@ -98,7 +109,9 @@ ssize_t recv(int fd, void* to, size_t most, int flags) {
 }
 int getsockopt(int fd, int level, int option, void* value, socklen_t* length) noexcept {
   if (fails(Call::getsockopt)) return -1;
-  return static_cast<int>(syscall(SYS_getsockopt, fd, level, option, value, length));
+  const auto result = static_cast<int>(syscall(SYS_getsockopt, fd, level, option, value, length));
+  if (peer && result == 0 && option == SO_PEERCRED) static_cast<ucred*>(value)->uid = *peer;
+  return result;
 }
 int fchmod(int fd, mode_t mode) noexcept {
   if (fails(Call::fchmod)) return -1;
@@ -137,6 +150,7 @@ class TableSyscallTest : public testing::Test {
   }
   ~TableSyscallTest() override {
     failing = {};
+    peer.reset();
     subscriber_.reset();
     publisher_.reset();
     unlink(file_.c_str());
@@ -287,6 +301,26 @@ TEST_F(TableSyscallTest, PeerThatCannotBeAskedForIsRefused) {
   EXPECT_TRUE(comesTogether());
 }
 
+// With another user's process: table_socket_test, if it may become one.
+TEST_F(TableSyscallTest, OtherUsersAreRefusedInWords) {
+  publish();
+  peer = geteuid() + 1;
+  subscribe();
+  const std::string text = "user " + std::to_string(*peer) + " may not subscribe";
+  EXPECT_TRUE(runUntil([&] { return subscriber_->status().lastReason.ends_with(text); }));
+  EXPECT_EQ(publisher_->lastReason(), text);
+  EXPECT_EQ(copy.state(), TableState::loading);
+  EXPECT_TRUE(copy.empty());
+  subscriber_.reset();
+  publisher_.reset();
+  publisher_ = std::make_unique<TablePublisher>(
+      "agent", loop, TablePublisher::Options{.users = {geteuid() + 7, *peer}});
+  publisher_->add(ports);
+  publisher_->listen(address_);
+  subscribe();
+  EXPECT_TRUE(comesTogether());
+}
+
 // Interrupted and blocked calls are made again; others end the connection, and the next one brings
 // what is missing.
 TEST_F(TableSyscallTest, ReadsAndWritesThatFailAreGotOver) {
@@ -322,6 +356,79 @@ TEST_F(TableSyscallTest, ShortReadsAndWritesAreGoneOnWith) {
     EXPECT_TRUE(comesTogether());
   }
   EXPECT_EQ(subscriber_->status().connections, 1U);
+}
+
+// A question ends once, whatever fails, and is answered when it is asked again.
+TEST_F(TableSyscallTest, QuestionsEndOnce) {
+  publish();
+  Korvo::TableBrowser browser(address_, loop,
+                              {.name = "asker", .patience = std::chrono::seconds(2)});
+  int answers = 0;
+  std::string failure;
+  int ends = 0;
+  browser.onAnswer([&](const Korvo::PublisherInfo& info) {
+    ++ends;
+    answers += info.tables.size() == 1 ? 1 : 0;
+  });
+  browser.onFailure([&](const std::string& text) {
+    ++ends;
+    failure = text;
+  });
+  const auto ask = [&] {
+    ends = 0;
+    browser.ask();
+    return runUntil([&] { return ends != 0; });
+  };
+  for (const auto& [call, error, skip] :
+       std::initializer_list<std::tuple<Call, int, int>>{{Call::socket, EMFILE, 0},
+                                                         {Call::connect, ECONNREFUSED, 0},
+                                                         {Call::connect, EAGAIN, 0},
+                                                         {Call::accept4, EMFILE, 0},
+                                                         {Call::accept4, ECONNABORTED, 0},
+                                                         {Call::getsockopt, ENOBUFS, 0},
+                                                         {Call::recv, EINTR, 0},
+                                                         {Call::recv, ECONNRESET, 0},
+                                                         {Call::recv, ECONNRESET, 1},
+                                                         {Call::recv, EBADF, 2},
+                                                         {Call::recv, ENOMEM, 3},
+                                                         {Call::sendmsg, EINTR, 0},
+                                                         {Call::sendmsg, EPIPE, 0},
+                                                         {Call::sendmsg, EPIPE, 1},
+                                                         {Call::sendmsg, ECONNRESET, 2},
+                                                         {Call::sendmsg, ENOBUFS, 3}}) {
+    SCOPED_TRACE(std::string(strerror(error)) + " " + std::to_string(skip));
+    failing = {.call = call, .error = error, .skip = skip};
+    failure.clear();
+    answers = 0;
+    EXPECT_TRUE(ask());
+    loop->run(0, 0.02, false);
+    EXPECT_EQ(ends, 1);
+    EXPECT_TRUE(answers == 1 || !failure.empty());
+    failing = {};
+    answers = 0;
+    EXPECT_TRUE(ask());
+    EXPECT_EQ(answers, 1) << failure;
+  }
+}
+
+// What the publisher said before it closed is read, though nothing can be written any more.
+TEST_F(TableSyscallTest, LastWordsAreReadWhereAWriteFails) {
+  const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  file_.copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(listener, 1), 0);
+  beforeSending = [listener] {
+    const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    constexpr std::string_view bye("\x0e\0\0\0\x0b\0\0\0\x07\x08too many", 18);
+    ASSERT_EQ(write(fd, bye.data(), bye.size()), static_cast<ssize_t>(bye.size()));
+    close(fd);
+  };
+  subscribe();
+  EXPECT_TRUE(runUntil([&] { return !subscriber_->status().lastReason.empty(); }));
+  EXPECT_EQ(subscriber_->status().lastReason, "the publisher ended: too many");
+  close(listener);
 }
 
 // Random failures of every call, for a while; then all is well.

@@ -4,6 +4,8 @@
 #include "table_link_support.h"
 #include "wire_frames.h"
 
+#include <algorithm>
+
 namespace {
 
 using namespace tabletest;
@@ -152,6 +154,17 @@ TEST_F(PublisherWireTest, LateHelloIsRefused) {
   EXPECT_EQ(raw.receive(), "bye no HELLO ");
 }
 
+TEST_F(PublisherWireTest, HelloOfAByteAWhileIsNotWaitedFor) {
+  std::string types;
+  for (const char each : helloFrame<PortLayout>().substr(0, 60)) {
+    raw.send({&each, 1});
+    loop->advance(milliseconds(100));
+    types += raw.receive();
+    if (!raw.isOpen) break;
+  }
+  EXPECT_EQ(types, "bye no HELLO ");
+}
+
 TEST_F(PublisherWireTest, SkipsUnknownFramesThatMayBeSkipped) {
   answer(helloFrame<PortLayout>());
   EXPECT_EQ(answer(frame(0x85, 9, "whatever")), "");
@@ -161,6 +174,26 @@ TEST_F(PublisherWireTest, SkipsUnknownFramesThatMayBeSkipped) {
 TEST_F(PublisherWireTest, RefusesAcksOfWhatWasNotSent) {
   answer(helloFrame<PortLayout>());
   EXPECT_EQ(answer(frame(ack, 0, Bytes().u64(99).u64(0).get())), "bye ACK of what was not sent ");
+}
+
+// Each of its numbers would cost a walk of its own through the table, and hold its rows.
+TEST_F(PublisherWireTest, RefusesATableThatIsAskedForTwice) {
+  Bytes tables;
+  for (unsigned number = 0; number < 2; ++number) {
+    tables.u16(number).text("net/port").u16(7).raw(std::string(20, 'f')).u64(0).u64(0);
+  }
+  EXPECT_EQ(answer(frame(hello, 0,
+                         Bytes()
+                             .raw("KORVOTAB")
+                             .u16(1)
+                             .u16(1)
+                             .u32(0)
+                             .u32(5000)
+                             .text("raw")
+                             .u16(2)
+                             .raw(tables.get())
+                             .get())),
+            "bye a table twice ");
 }
 
 TEST_F(PublisherWireTest, RefusedTableIsToldNoMore) {
@@ -195,6 +228,37 @@ TEST_F(PublisherWireTest, TellsOfRowsThatASubscriberRefused) {
   EXPECT_FALSE(agent.has_value());
 }
 
+// A subscriber that complains of every row: what does not fit is not told, and its number is known.
+TEST_F(PublisherWireTest, ThousandNotesWaitToBeTold) {
+  int told = 0;
+  agent->publisher.onRefusedRow([&](const auto&) { ++told; });
+  answer(helloFrame<PortLayout>());
+  std::string notes;
+  for (std::uint32_t oid = 0; oid < 1500; ++oid) {
+    notes += frame(note, 3, Bytes().u32(oid).text("").get());
+  }
+  EXPECT_EQ(answer(notes + frame(ack, 0, Bytes().u64(0).u64(1500).get())), "");
+  EXPECT_EQ(told, 1000);
+  EXPECT_EQ(agent->publisher.subscribers().at(0).refused, 1500U);
+}
+
+// Names are what subscribers choose: those that were seen last are remembered.
+TEST_F(PublisherWireTest, FourThousandNamesAreRemembered) {
+  const auto come = [&](int number) {
+    raw.streamIs(link.subscriberEnd()->connect());
+    const std::string name = std::to_string(100000 + number);
+    std::string hello = helloFrame<PortLayout>();
+    hello.replace(hello.find("\3raw"), 4, "\6" + name);
+    hello[0] = static_cast<char>(hello[0] + 3);
+    answer(hello);
+    return agent->publisher.subscribers().at(0).reconnects;
+  };
+  for (int number = 0; number < 4097; ++number) ASSERT_EQ(come(number), 0U);
+  EXPECT_EQ(come(1), 1U);
+  EXPECT_EQ(come(0), 0U);  // forgotten
+  EXPECT_EQ(come(4096), 1U);
+}
+
 TEST_F(PublisherWireTest, SubscriberThatTakesNothingIsClosedAndTheOthersBytesAreBounded) {
   agent->putMany(1, 5000);
   link.roomIs(1000);
@@ -204,6 +268,52 @@ TEST_F(PublisherWireTest, SubscriberThatTakesNothingIsClosedAndTheOthersBytesAre
   loop->advance(seconds(20));
   EXPECT_EQ(agent->publisher.subscribers().size(), 0U);
   EXPECT_EQ(agent->publisher.lastReason(), "nothing was received for 15 seconds");
+}
+
+// It cannot say anything while it applies what it was told.
+TEST_F(PublisherWireTest, SubscriberMayBeSilentLongerForEachRowThatItApplies) {
+  agent->putMany(1, 20001);
+  std::string told;
+  for (std::string more = answer(helloFrame<PortLayout>()); !more.empty(); more = raw.receive()) {
+    told = more;
+    loop->runUntilQuiet();
+  }
+  ASSERT_TRUE(told.ends_with("mark ")) << told;
+  loop->advance(milliseconds(15500));
+  EXPECT_EQ(agent->publisher.subscribers().size(), 1U);
+  answer(frame(ack, 0, Bytes().u64(raw.marked).u64(0).get()));
+  loop->advance(seconds(14));
+  EXPECT_EQ(agent->publisher.subscribers().size(), 1U);
+  loop->advance(seconds(1));
+  EXPECT_EQ(agent->publisher.subscribers().size(), 0U);
+}
+
+// What has not been begun is not sent any more, and what has been is sent to its end.
+TEST_F(PublisherWireTest, GoodbyeFollowsTheFrameThatWasBegun) {
+  for (const std::size_t room : {0U, 1U, 7U, 8U, 9U, 777U, 1000U}) {
+    SCOPED_TRACE(room);
+    Korvo::TestLink narrow;
+    RawEnd end;
+    Agent sender(loop);
+    sender.putMany(1, 100, "a name of some length, ");
+    sender.publisher.accept(narrow.publisherEnd());
+    end.streamIs(narrow.subscriberEnd()->connect());
+    narrow.roomIs(room);
+    end.send(helloFrame<PortLayout>());
+    loop->runUntilQuiet();
+    Table<Link> another("net/another");
+    sender.publisher.add(another);
+    loop->runUntilQuiet();
+    narrow.roomIs(65536);
+    std::string told;
+    for (int turn = 0; turn < 3; ++turn) {
+      told += end.receive();
+      loop->runUntilQuiet();
+    }
+    EXPECT_TRUE(told.ends_with("bye there is another table ")) << told;
+    EXPECT_LT(std::ranges::count(told, ' '), 50) << told;
+    EXPECT_FALSE(end.isOpen);
+  }
 }
 
 TEST_F(PublisherWireTest, MoreSubscribersThanAllowedAreToldSo) {
@@ -242,6 +352,13 @@ class SubscriberWireTest : public testing::Test {
            markFrame(10, 2, 1, digestOf(first)));
     ASSERT_EQ(ports.state(), TableState::current) << subscriber.status().lastReason;
   }
+  std::string names() const {
+    std::map<oid_t, std::string> all;
+    for (const Port& row : ports) all[row.rowOid()] = row.get<"name">();
+    std::string text;
+    for (const auto& [oid, name] : all) text += std::to_string(oid) + ' ' + name + "; ";
+    return text;
+  }
   std::shared_ptr<Korvo::TestLoop> loop = std::make_shared<Korvo::TestLoop>();
   Korvo::TestLink link;
   RawEnd raw;
@@ -253,6 +370,25 @@ class SubscriberWireTest : public testing::Test {
 TEST_F(SubscriberWireTest, AcknowledgesMarks) {
   begin(port(1, "a"));
   EXPECT_EQ(raw.last, Bytes().u64(10).u64(0).get());
+}
+
+// However many marks it sends: one acknowledgement waits, and tells the last of them.
+TEST_F(SubscriberWireTest, PublisherThatReadsNothingMakesNothingGrow) {
+  begin(port(1, "a"));
+  constexpr std::uint64_t marks = 10000;
+  for (std::uint64_t i = 1; i <= marks; ++i) {
+    raw.send(markFrame(10 + i, 0, 1, digestOf(port(1, "a"))));
+    loop->runUntilQuiet();
+  }
+  EXPECT_EQ(subscriber.status().marks, 1 + marks);
+  std::size_t acks = 0;
+  for (int turn = 0; turn < 3; ++turn) {
+    const std::string types = raw.receive();
+    acks += static_cast<std::size_t>(std::ranges::count(types, ' '));
+    loop->runUntilQuiet();
+  }
+  EXPECT_LT(acks, 65536 / 24 + 10);  // what the link holds
+  EXPECT_EQ(raw.last, Bytes().u64(10 + marks).u64(0).get());
 }
 
 TEST_F(SubscriberWireTest, RowsAppearAtTheMarkOnly) {
@@ -344,10 +480,92 @@ TEST_F(SubscriberWireTest, BadRowIsReportedAndTheOthersGoOn) {
   EXPECT_EQ(ports.state(), TableState::current);
 }
 
+// The digest is of the bytes as they were sent, also where the table has others or none.
+TEST_F(SubscriberWireTest, DigestCountsRowsWhoseBytesAreNotInTheTable) {
+  const Port held = port(1, "eth1");
+  Port alike = port(1, "a longer name");
+  alike.set<"name">("eth1");  // where the longer one stood
+  const Port other = port(3, "c");
+  Port bad = port(2, "b");
+  bad.rowTypeIs(99);
+  begin(held);
+  EXPECT_EQ(answer(rowFrame(alike) + rowFrame(bad) + rowFrame(other) +
+                   markFrame(11, 3, 3, digestOf(alike) ^ digestOf(bad) ^ digestOf(other))),
+            "note another row type ack ");
+  EXPECT_EQ(names(), "1 eth1; 3 c; ");
+  // Both are told anew, one to be as it was in the table, and the other to be gone.
+  EXPECT_EQ(answer(rowFrame(held) + frame(del, 0, Bytes().u32(2).u32(4).get()) +
+                   markFrame(12, 2, 2, digestOf(held) ^ digestOf(other))),
+            "ack ");
+  Port better = port(2, "b");
+  EXPECT_EQ(answer(rowFrame(bad) + rowFrame(better) + rowFrame(alike) + rowFrame(port(4, "d")) +
+                   frame(del, 0, Bytes().u32(4).u32(3).get()) +
+                   markFrame(13, 5, 2, digestOf(alike) ^ digestOf(better))),
+            "note another row type ack ");
+  EXPECT_EQ(names(), "1 eth1; 2 b; ");
+  EXPECT_EQ(answer(rowFrame(bad) + markFrame(14, 1, 2, digestOf(alike) ^ digestOf(bad))),
+            "note another row type ack ");
+  EXPECT_EQ(names(), "1 eth1; 2 b; ") << "the former value stays";
+  EXPECT_EQ(answer(frame(del, 0, Bytes().u32(2).get()) + markFrame(15, 1, 1, digestOf(alike))),
+            "ack ");
+  EXPECT_EQ(names(), "1 eth1; ");
+}
+
 TEST_F(SubscriberWireTest, LayoutThatIsNotItsFingerprintsIsRefused) {
   EXPECT_EQ(answer(welcomeFrame<PortLayout>(Korvo::layoutText(LinkLayout::info))),
             "refuse the layout is not that of its fingerprint ");
   EXPECT_EQ(ports.state(), TableState::refused);
+}
+
+TEST_F(SubscriberWireTest, WelcomesThatAreNoneEndTheConnection) {
+  std::string other = welcomeFrame<PortLayout>();
+  other[8] = 9;
+  std::string number = welcomeFrame<PortLayout>();
+  number[8 + 10 + 5 + 16 + 2] = 7;  // behind the versions, the name, the positions and the count
+  std::string none = welcomeFrame<PortLayout>().substr(0, 8 + 10 + 5 + 16) + std::string(2, '\0');
+  none[0] = static_cast<char>(none.size() - 4);
+  none[1] = 0;
+  for (const auto& [bytes, text] :
+       {std::pair(other, "protocol 9"), std::pair(number, "table number 7"),
+        std::pair(none, "a table is left out")}) {
+    EXPECT_EQ(answer(bytes), std::string("bye ") + text + ' ');
+    loop->advance(seconds(6));
+    EXPECT_EQ(raw.receive(), "hello ");
+  }
+  EXPECT_EQ(ports.state(), TableState::loading);
+}
+
+TEST_F(SubscriberWireTest, MarksOfTablesThatAreNotThereEndTheConnection) {
+  begin(port(1, "a"));
+  const auto markOf = [](unsigned first, unsigned second) {
+    Bytes body;
+    body.u64(11).u64(0).u64(0).u16(2);
+    for (const unsigned table : {first, second}) {
+      body.u16(table).u64(1).u64(digestOf(port(1, "a")));
+    }
+    return frame(mark, 0, body.get());
+  };
+  EXPECT_EQ(answer(markOf(0, 0)), "bye table number 0 ");
+  loop->advance(seconds(6));
+  begin(port(1, "a"));
+  EXPECT_EQ(answer(markOf(0, 5)), "bye table number 5 ");
+  loop->advance(seconds(6));
+  begin(port(1, "a"));
+  EXPECT_EQ(answer(frame(mark, 0, Bytes().u64(11).u64(0).u64(0).u16(0).get())),
+            "bye a mark without a table ");
+}
+
+// Its bytes pass the check, and it is another table's.
+TEST_F(SubscriberWireTest, RowOfAnotherTypeIsRefusedAlone) {
+  begin(port(1, "a"));
+  Port other = port(2, "b");
+  Korvo::storeField<std::uint16_t>(other.rwRowBuf() + Korvo::rowTypeOffset, 9);
+  const Port good = port(3, "c");
+  EXPECT_EQ(answer(rowFrame(other) + rowFrame(good) +
+                   markFrame(11, 2, 3, digestOf(port(1, "a")) ^ digestOf(other) ^ digestOf(good))),
+            "note another row type ack ");
+  EXPECT_EQ(ports.size(), 2U);
+  EXPECT_FALSE(ports.contains(2));
 }
 
 TEST_F(SubscriberWireTest, WholeForgetsWhatTheRoundTold) {

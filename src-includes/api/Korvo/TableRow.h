@@ -25,6 +25,8 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
+#include <iterator>
 #include <ranges>
 #include <span>
 #include <string>
@@ -95,10 +97,6 @@ struct LayoutInfo {
 
 namespace detail {
 
-template <typename T>
-struct ColumnTraits {
-  static constexpr bool known = false;
-};
 template <typename T, KorvoTypes Type>
 struct FixedTraits {
   static constexpr bool known = true;
@@ -118,6 +116,11 @@ struct SlotTraits {
   static constexpr bool isArray = IsArray;
   static constexpr const LayoutInfo* nested = nullptr;
   using View = ViewType;
+};
+/// Of a type that no column has. The layout says so; nothing else is to be wrong with it.
+template <typename T>
+struct ColumnTraits : FixedTraits<T, uint8Type_> {
+  static constexpr bool known = false;
 };
 // clang-format off
 template <> struct ColumnTraits<std::uint8_t> : FixedTraits<std::uint8_t, uint8Type_> {};
@@ -144,6 +147,11 @@ struct ColumnTraits<std::vector<T>>
   static constexpr bool known = isArrayElement<T> || std::is_same_v<T, bool>;
 };
 
+/// Whether there is a column of this number, with a type that columns have.
+template <std::size_t I, typename... Columns>
+inline constexpr bool isKnownColumn = std::array<bool, sizeof...(Columns) + 1>{
+    ColumnTraits<typename Columns::Type>::known..., false}[I];
+
 /// Whether a column is written from exactly its own type.
 template <typename T>
 inline constexpr bool takesItsType = !ColumnTraits<T>::isVariable || isVector<T>;
@@ -157,16 +165,19 @@ class TableRow;
 
 template <typename Layout>
 struct detail::ColumnTraits<Nested<Layout>> : detail::SlotTraits<SubRow<Layout>, structType_> {
-  static constexpr const LayoutInfo* nested = &Layout::info;
+  static constexpr bool known = requires { Layout::info; };
+  static constexpr const LayoutInfo* nested = [] {
+    if constexpr (known) {
+      return &Layout::info;
+    } else {
+      return static_cast<const LayoutInfo*>(nullptr);
+    }
+  }();
 };
 
 /// The columns of a table's rows.
 template <std::uint16_t RowType, typename... Columns>
 class RowLayout {
-  static_assert((detail::ColumnTraits<typename Columns::Type>::known && ...),
-                "a column is a fixed-width type of the catalogue, std::string, IpGenAddr, "
-                "IpGenPrefix, a vector of these three or of bool, or Nested<Layout>");
-
   static constexpr std::size_t count = sizeof...(Columns);
 
   struct Place {
@@ -214,9 +225,18 @@ class RowLayout {
     }
     return true;
   }
-  static_assert(insideTheRow(), "a column lies in the header or ends beyond 65535 bytes");
-  static_assert(disjoint(), "two columns overlap");
-  static_assert(namesDiffer(), "two columns have the same name");
+  // In a function of its own: a class whose own assertion fails is left half made by clang, which
+  // then goes on about that.
+  static constexpr bool requireSound() {
+    static_assert((detail::ColumnTraits<typename Columns::Type>::known && ...),
+                  "a column is a fixed-width type of the catalogue, std::string, IpGenAddr, "
+                  "IpGenPrefix, a vector of these three or of bool, or Nested of a layout");
+    static_assert(insideTheRow(), "a column lies in the header or ends beyond 65535 bytes");
+    static_assert(disjoint(), "two columns overlap");
+    static_assert(namesDiffer(), "two columns have the same name");
+    return true;
+  }
+  static_assert(requireSound());
 
  public:
   static constexpr std::uint16_t rowType = RowType;  ///< of the table's rows
@@ -255,7 +275,8 @@ class RowLayout {
   }();
   /// The type of the named column, as declared.
   template <ColumnName Name>
-  requires(has<Name>) using Type = std::tuple_element_t<indexOf<Name>(), ColumnTypes>;
+  requires(detail::isKnownColumn<indexOf<Name>(), Columns...>) using Type =
+      std::tuple_element_t<indexOf<Name>(), ColumnTypes>;
   template <ColumnName Name>
   static constexpr len_t offset = [] {
     static_assert(has<Name>, "the layout has no column of this name");
@@ -298,6 +319,11 @@ namespace detail {
 
 template <typename Layout, ColumnName Name>
 inline constexpr bool layoutHasColumn = Layout::template has<Name>;
+/// Not so where the layout has been refused for the column's type.
+template <typename Layout, ColumnName Name>
+inline constexpr bool columnIsUsable = requires {
+  typename Layout::template Type<Name>;
+};
 
 /// Stands for any arguments of a call that does not compile.
 struct Anything {
@@ -319,7 +345,7 @@ struct NamedColumn {
   static constexpr bool isFixed = false, isOrdered = false, isNested = false;
 };
 template <typename Layout, ColumnName Name>
-requires(layoutHasColumn<Layout, Name>) struct NamedColumn<Layout, Name> {
+requires(columnIsUsable<Layout, Name>) struct NamedColumn<Layout, Name> {
   using Traits = ColumnTraits<typename Layout::template Type<Name>>;
   static constexpr bool isNested = Traits::nested != nullptr;
   static constexpr bool isFixed = !Traits::isVariable;
@@ -334,7 +360,7 @@ inline constexpr bool areOrdered = (NamedColumn<Layout, Names>::isOrdered && ...
 template <typename Layout, ColumnName... Names>
 constexpr void requireOrder() {
   static_assert((layoutHasColumn<Layout, Names> && ...), "the layout has no column of this name");
-  static_assert(areOrdered<Layout, Names...> || !(layoutHasColumn<Layout, Names> && ...),
+  static_assert(areOrdered<Layout, Names...> || !(columnIsUsable<Layout, Names> && ...),
                 "arrays and nested rows have no order and no hash");
 }
 
@@ -362,6 +388,21 @@ template <typename Layout, typename Value>
 inline constexpr bool isWrittenFrom<Nested<Layout>, Value> =
     std::is_convertible_v<const Value*, const TableRow<Layout>*> ||
     std::is_convertible_v<const Value*, const SubRow<Layout>*>;
+
+/// Whether a column of type T is written from a list in braces of such elements.
+template <typename T, typename Element>
+inline constexpr bool isWrittenFromList =
+    !ColumnTraits<T>::isVariable && std::is_convertible_v<const Element&, T>;
+template <typename T, typename Element>
+inline constexpr bool isWrittenFromList<std::vector<T>, Element> = [] {
+  if constexpr (std::is_convertible_v<const Element&, T>) {
+    return true;
+  } else if constexpr (std::input_iterator<Element>) {  // the ends of a range
+    return std::is_constructible_v<T, std::iter_reference_t<Element>>;
+  } else {
+    return false;
+  }
+}();
 
 /// Says why a column of type T is not written from a Value.
 template <typename T, typename Value>
@@ -463,7 +504,7 @@ class ColumnReaders {
   template <ColumnName Name>
   auto get() const {
     static_assert(layoutHasColumn<Layout, Name>, "the layout has no column of this name");
-    if constexpr (!layoutHasColumn<Layout, Name>) {
+    if constexpr (!columnIsUsable<Layout, Name>) {
       return ThereIsNoColumnOfThisName();
     } else {
       using T = Type<Name>;
@@ -479,7 +520,7 @@ class ColumnReaders {
   template <ColumnName Name>
   auto view() const {
     static_assert(layoutHasColumn<Layout, Name>, "the layout has no column of this name");
-    if constexpr (layoutHasColumn<Layout, Name>) {
+    if constexpr (columnIsUsable<Layout, Name>) {
       return viewColumn<Type<Name>>(row(), at<Name>);
     } else {
       return ThereIsNoColumnOfThisName();
@@ -585,7 +626,7 @@ class ColumnWriters {
   requires(takesItsType<Type<Name>>) void set(const Type<Name>& value) {
     if constexpr (isVector<Type<Name>>) {
       checkArrayCount(self().writtenRow(), Name.view(), value);
-      self().template writeColumn<Name>(EncodedArray(value));
+      write<Name>(EncodedArray(value));
     } else {
       self().writeField(Layout::template offset<Name>, value);
     }
@@ -596,49 +637,39 @@ class ColumnWriters {
   requires(!takesItsType<Type<Name>> &&
            isWrittenFrom<Type<Name>, Value>) void set(const Value& value) {
     using T = Type<Name>;
-    const auto write = [this](const EncodedValue& encoded) {
-      self().template writeColumn<Name>(encoded);
-    };
     if constexpr (std::is_same_v<T, std::string>) {
-      write(encoded(std::string_view(value)));
+      write<Name>(encoded(std::string_view(value)));
     } else if constexpr (!isArrayElement<T>) {
-      write(encodedNested(value, std::type_identity<T>()));
+      write<Name>(encodedRow(value.rowBuf()));
     } else if constexpr (std::is_same_v<Value, typename ColumnTraits<T>::View>) {
-      write(encoded(value));
+      write<Name>(encoded(value));
     } else {
-      write(encoded(static_cast<const T&>(value)));
+      write<Name>(encoded(static_cast<const T&>(value)));
     }
   }
   template <ColumnName Name, typename Value>
   requires(!isWrittenFrom<Type<Name>, Value>) void set(const Value&) {
     refuseValue<Type<Name>, Value>();
   }
+  template <ColumnName Name, typename Element>
+  requires(!isWrittenFromList<Type<Name>, Element>) void set(std::initializer_list<Element>) {
+    refuseValue<Type<Name>, std::initializer_list<Element>>();
+  }
   template <ColumnName Name>
-  requires(!Layout::template has<Name>) void set(const Anything&) {
+  requires(!columnIsUsable<Layout, Name>) void set(const Anything&) {
     static_assert(layoutHasColumn<Layout, Name>, "the layout has no column of this name");
   }
 
  private:
-  /// The rows whose bytes a column of nested rows takes.
-  template <typename NestedLayout>
-  static EncodedValue encodedNested(const TableRow<NestedLayout>& row,
-                                    std::type_identity<Nested<NestedLayout>>) {
-    return encodedRow(row.rowBuf());
-  }
-  template <typename NestedLayout>
-  static EncodedValue encodedNested(const SubRow<NestedLayout>& row,
-                                    std::type_identity<Nested<NestedLayout>>) {
-    return encodedRow(row.rowBuf());
+  template <ColumnName Name, typename Encoded>
+  [[gnu::always_inline]] void write(const Encoded& value) {
+    self().template writeColumn<Name>(value);
   }
 
   Self& self() { return static_cast<Self&>(*this); }
 };
 
-/// Whether two rows of a layout have the same values, or both are null.
-template <typename Layout, typename Row, typename Other>
-bool sameColumns(const Row& row, const Other& other);
-
-/// As sameColumns() for the values of two columns of type T in place.
+/// Whether two columns of type T have the same value.
 template <typename T, typename View>
 bool sameValues(const View& a, const View& b) {
   if constexpr (ColumnTraits<T>::isArray) {
@@ -650,6 +681,7 @@ bool sameValues(const View& a, const View& b) {
   }
 }
 
+/// Whether two rows of a layout have the same values, or both are null.
 template <typename Layout, typename Row, typename Other>
 bool sameColumns(const Row& row, const Other& other) {
   if (row.isNull() || other.isNull()) return row.isNull() && other.isNull();
@@ -789,7 +821,7 @@ class TableRow : public BaseRow,
   const BaseRow& writtenRow() const { return *this; }
   template <typename T>
   void writeField(len_t offset, const T& value) {
-    setOwnField(offset, value);
+    setFixedColumn(offset, value);
   }
   template <ColumnName Name, typename Encoded>
   [[gnu::always_inline]] void writeColumn(const Encoded& encoded) {

@@ -202,13 +202,10 @@ class KORVO_API BaseRow {
   /// Throws KoNullRow.
   [[noreturn]] static void throwNullRow();
 
-  // The writers of row classes whose rwRowBuf() is BaseRow's own and which are fully defined.
+  // The writer of row classes whose rwRowBuf() is BaseRow's own and which are fully defined.
   // `Layout` is what such a class knows of its columns while it is compiled: baseLength, slots, and
   // extent(buf), the place that all values take in a buffer.
 
-  /// As setFixedColumn().
-  template <typename T>
-  void setOwnField(len_t offset, const T& value);
   template <typename Layout, typename Value>
   void writeOwn(len_t slotOffset, const Value& value);
 
@@ -235,12 +232,8 @@ class KORVO_API BaseRow {
   /// Where a value goes. While it lives, the value's source stays as it is.
   struct Place {
     byte_t* buf;
-    len_t slotOffset;
     len_t offset;
     KoPtr<KoRowBuf> former = nullptr;  ///< what the row has given up
-
-    template <typename Value>
-    void fill(const Value& value) const;
   };
 
   // Ownership.
@@ -259,8 +252,11 @@ class KORVO_API BaseRow {
   static detail::Extent extentWithout(const byte_t* buf, std::span<const len_t> slots,
                                       len_t slotOffset, len_t baseRowLength);
   static void requireBaseLength(len_t baseRowLength);
+  static bool refersInto(const byte_t* buf, std::span<const byte_t> value);
 
   // Writing.
+  template <typename Value>
+  static void put(byte_t* buf, len_t slotOffset, len_t offset, const Value& value);
   template <typename Value>
   void write(len_t slotOffset, const Value& value, len_t fdLen, const Known& known);
   template <typename Layout, typename Value>
@@ -306,7 +302,7 @@ inline bool BaseRow::isNull() const {
   return !rowBuf_;
 }
 
-inline bool BaseRow::isSoleHolder() const noexcept {
+[[gnu::always_inline]] inline bool BaseRow::isSoleHolder() const noexcept {
   if (rowBuf_.use_count() != 1) return false;
     // The use count is read without ordering. Former holders may have read the buffer on other
     // threads until they let go of it, so their releases are made to happen before our writes.
@@ -499,22 +495,22 @@ void BaseRow::setField(len_t offset, const T& value) {
 }
 
 template <typename T>
-void BaseRow::setOwnField(len_t offset, const T& value) {
-  static_assert(detail::isFixed<T>);
-  const T copy = value;  // as above
-  makeExclusive();
-  storeField(BaseRow::rwRowBuf() + offset, copy);
-}
-
-template <typename T>
 void BaseRow::setFixedColumn(len_t offset, const T& value) {
   static_assert(detail::isFixed<T>, "setFixedColumn<T>: T is a fixed-width type of the catalogue");
   setField(offset, value);
 }
 
+/// Whether a value has a byte in a row, from wherever it begins.
+inline bool BaseRow::refersInto(const byte_t* buf, std::span<const byte_t> value) {
+  const auto rowBegin = reinterpret_cast<std::uintptr_t>(buf);
+  const auto valueBegin = reinterpret_cast<std::uintptr_t>(value.data());
+  return valueBegin < rowBegin + loadField<len_t>(buf + rowLengthOffset) &&
+         rowBegin < valueBegin + value.size();
+}
+
 /// The value first: it may refer to the slot.
 template <typename Value>
-void BaseRow::Place::fill(const Value& value) const {
+void BaseRow::put(byte_t* buf, len_t slotOffset, len_t offset, const Value& value) {
   value.store(buf + offset);
   VColType::at(buf, slotOffset).valueIs(offset, static_cast<len_t>(value.length()), value.isArray);
 }
@@ -522,7 +518,8 @@ void BaseRow::Place::fill(const Value& value) const {
 template <typename Value>
 void BaseRow::write(len_t slotOffset, const Value& value, len_t fdLen, const Known& known) {
   if (value.isEmpty()) return clearColumn(slotOffset);
-  makePlace({slotOffset, value.length(), value.source(), fdLen}, known).fill(value);
+  const Place place = makePlace({slotOffset, value.length(), value.source(), fdLen}, known);
+  put(place.buf, slotOffset, place.offset, value);
 }
 
 template <typename Layout, typename Value>
@@ -532,11 +529,11 @@ void BaseRow::writeBehind(byte_t* buf, len_t slotOffset, const Value& value) {
   if (others.end + value.length() > loadField<len_t>(buf + rowLengthOffset)) {
     return write(slotOffset, value, Layout::baseLength, {slots, &others});
   }
-  Place{buf, slotOffset, static_cast<len_t>(others.end)}.fill(value);
+  put(buf, slotOffset, static_cast<len_t>(others.end), value);
 }
 
 /// Decides by itself where nothing but the column changes: where the value fits in place, and where
-/// an empty column's fits behind the last value. Only a copy of `value` leaves this function, so
+/// an empty column's fits behind the last value. Only copies of `value` leave this function, so
 /// that it need not stand in memory.
 template <typename Layout, typename Value>
 [[gnu::always_inline]] inline void BaseRow::writeOwn(len_t slotOffset, const Value& value) {
@@ -551,7 +548,7 @@ template <typename Layout, typename Value>
       // The offset stays: writes in a row need not wait for each other's.
       return slot.lengthIs(static_cast<len_t>(length), value.isArray);
     }
-    if (present == 0) return writeBehind<Layout>(buf, slotOffset, value);
+    if (present == 0) return writeBehind<Layout>(buf, slotOffset, Value(value));
   }
   write(slotOffset, Value(value), Layout::baseLength, {slots});
 }

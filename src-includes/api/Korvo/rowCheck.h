@@ -304,9 +304,17 @@ template <typename Layout, unsigned int Depth = 0>
 
 template <typename Layout>
 RowFault checkRow(const void* bytes, std::size_t length, RowRule rules) noexcept {
-  const detail::QuickLook look(static_cast<const byte_t*>(bytes), length, rules);
-  if (length <= maxRowLength && detail::passesQuickLook<Layout>(look)) return {};
-  return checkRow(bytes, length, Layout::info, rules);
+  constexpr bool isLayout = requires {
+    Layout::info;
+  };
+  static_assert(isLayout, "rows are checked by their layout: checkRow<Port::Layout>");
+  if constexpr (isLayout) {
+    const detail::QuickLook look(static_cast<const byte_t*>(bytes), length, rules);
+    if (length <= maxRowLength && detail::passesQuickLook<Layout>(look)) return {};
+    return checkRow(bytes, length, Layout::info, rules);
+  } else {
+    return {};
+  }
 }
 
 }  // namespace Korvo

@@ -60,7 +60,8 @@ struct WordPair {
 
 /// Copies bytes that may overlap: all of one step are read before the first is written. Most values
 /// are short, and a few moves in place cost less than a call.
-inline void moveBytes(byte_t* to, const byte_t* from, std::size_t count) noexcept {
+[[gnu::always_inline]] inline void moveBytes(byte_t* to, const byte_t* from,
+                                             std::size_t count) noexcept {
   // Where it sees short arrays, g++ warns of the steps for longer ones, which are not taken.
   asm("" : "+r"(to), "+r"(from));
   const auto bothEnds = [&]<typename Word>(std::type_identity<Word>) {
@@ -147,7 +148,8 @@ class EncodedArray {
   static constexpr bool isArray = true;
 
   /// Refers to `values`.
-  explicit EncodedArray(const std::vector<T>& values) : values_(values), length_(slotsEnd()) {
+  explicit EncodedArray(const std::vector<T>& values)
+      : values_(values), length_(slotsEnd(values.size())) {
     if constexpr (isVariableLength) {
       for (const T& value : values) length_ += encoded(value).length();
     } else {
@@ -160,16 +162,26 @@ class EncodedArray {
   std::size_t length() const { return length_; }
   /// No element stands in a row.
   static std::span<const byte_t> source() { return {}; }
-  void store(byte_t* array) const {
+  [[gnu::always_inline]] void store(byte_t* array) const { storeElements(values_, array); }
+
+ private:
+  static constexpr bool isVariableLength = !std::is_same_v<T, bool>;
+
+  static std::size_t slotsEnd(std::size_t count) {
+    return arrayHeaderLength + (isVariableLength ? sizeof(VColType) * count : 0);
+  }
+
+  /// Of the values alone, so that this object need not stand in memory.
+  static void storeElements(const std::vector<T>& values, byte_t* array) {
     // Bits 13 to 15 of the header stay as they are in the buffer; nobody interprets them.
-    const std::size_t count = values_.size();
+    const std::size_t count = values.size();
     const int kept = array[1] & ~(arrayCountHighMask | arrayVariableMark);
     array[0] = static_cast<byte_t>(count);
     array[1] = static_cast<byte_t>(kept | (isVariableLength ? arrayVariableMark : 0) |
                                    (static_cast<int>(count >> 8) & arrayCountHighMask));
     byte_t* slot = array + arrayHeaderLength;
-    byte_t* data = array + slotsEnd();
-    for (const auto& value : values_) {
+    byte_t* data = array + slotsEnd(count);
+    for (const auto& value : values) {
       if constexpr (isVariableLength) {
         const EncodedValue element = encoded(value);
         const std::size_t length = element.length();
@@ -182,13 +194,6 @@ class EncodedArray {
         *data++ = value ? 1 : 0;
       }
     }
-  }
-
- private:
-  static constexpr bool isVariableLength = !std::is_same_v<T, bool>;
-
-  std::size_t slotsEnd() const {
-    return arrayHeaderLength + (isVariableLength ? sizeof(VColType) * values_.size() : 0);
   }
 
   const std::vector<T>& values_;

@@ -127,14 +127,12 @@ struct Extent {
   unsigned int end;       ///< behind the last one, at least the base length
   unsigned int used = 0;  ///< bytes of all of them
 
-  /// No branches: rows have many columns, and some are empty.
-  void add(const VColType& slot) noexcept {
-    const auto word = loadField<std::uint32_t>(&slot);
-    const unsigned int length = word >> 16 & maxValueLength;
-    const unsigned int ifPresent = 0U - static_cast<unsigned int>(length != 0);
-    end = std::max(end, ((word & 0xFFFF) + length) & ifPresent);
+  void add(unsigned int offset, unsigned int length) noexcept {
+    if (length == 0) return;  // whatever offset the slot still names
+    end = std::max(end, offset + length);
     used += length;
   }
+  void add(const VColType& slot) noexcept { add(slot.offset(), slot.length()); }
 };
 
 }  // namespace detail

@@ -106,6 +106,10 @@ class IpGenAddrReference {
     return af_ == other.af_ && compareBytes(other) == 0;
   }
   bool operator!=(const IpGenAddrReference& other) const { return !(*this == other); }
+  /// With a value: `row.view<"peer">() == address`.
+  friend bool operator==(const IpGenAddrReference& addr, const IpGenAddr& value) {
+    return addr == IpGenAddrReference(value.bytes(), value.af());
+  }
   /// By family first, then by address.
   bool operator<(const IpGenAddrReference& other) const { return compare(other) < 0; }
   bool operator>(const IpGenAddrReference& other) const { return compare(other) > 0; }
@@ -165,6 +169,11 @@ class IpGenPrefixReference {
     return af_ == other.af_ && mask_ == other.mask_ && compareBytes(other) == 0;
   }
   bool operator!=(const IpGenPrefixReference& other) const { return !(*this == other); }
+  /// With a value: `row.view<"net">() == prefix`.
+  friend bool operator==(const IpGenPrefixReference& prefix, const IpGenPrefix& value) {
+    return prefix.mask_ == value.mask() &&
+           IpGenAddrReference(prefix.addr_, prefix.af()) == value.addr();
+  }
   /// A more specific prefix comes before one that contains it, others by address. Prefixes of one
   /// length that differ only in host bits are neither < nor > nor ==. Ordering two references of
   /// family unknown_ stops the process: contains() comes before the family is looked at.

@@ -16,10 +16,13 @@ namespace Korvo {
 /// what the row's own writers leave, with their exceptions and guarantees.
 ///
 /// The row outlives its writer, and meanwhile is written by nothing else; it may be read and
-/// shared. Its block may be larger than the row until the writer ends, which counts as one more
-/// write: the row then has a block of its length. A row that has come to share the larger block
-/// meanwhile keeps it, as nobody may move what another thread may be reading. The slots that the
-/// row's class lists stay the same.
+/// shared. The slots that its class lists stay the same.
+///
+/// Until the writer ends, the row's block may be larger than the row. The end counts as one more
+/// write and leaves the row with a block of its length: the larger one made shorter, or a copy
+/// where another row shares it. That row keeps the values and the larger block, as long as it holds
+/// them: making a block shorter may move it, and another thread may be reading it. Where memory is
+/// short at the end, the written row keeps the larger block, too.
 class KORVO_API RowWriter {
  public:
   /// `fdLen` is the row's base length; 0 stops the process. Changes nothing yet.
@@ -114,7 +117,8 @@ void RowWriter::updateFixElemArray(len_t slotOffset, const std::vector<T>& value
 template <typename Value>
 void RowWriter::write(len_t slotOffset, const Value& value) {
   if (value.isEmpty()) return clearColumn(slotOffset);
-  makePlace(slotOffset, value.length(), value.source()).fill(value);
+  const BaseRow::Place place = makePlace(slotOffset, value.length(), value.source());
+  BaseRow::put(place.buf, slotOffset, place.offset, value);
 }
 
 }  // namespace Korvo

@@ -3,6 +3,7 @@
 #include "../prefixText.h"
 #include "../reading.h"
 #include "changeText.h"
+#include "engines.h"
 #include "follower.h"
 
 #include <algorithm>
@@ -27,17 +28,21 @@ class FirstRows final : public Follower::User {
   }
   void state(std::size_t, TableState state, const std::string& text) override {
     text_ = text;
-    if (state == TableState::current) work_.done();
+    // Rows of a cluster are there without their publisher.
+    isStale_ = state == TableState::stale;
+    if (state == TableState::current || isStale_) work_.done();
     if (state == TableState::refused) {
       work_.failIs(Failure(statusUnavailable, printable(table_ + " is refused: " + text)));
     }
   }
   const std::string& text() const { return text_; }
+  bool isStale() const { return isStale_; }
 
  private:
   Work& work_;
   std::string table_;
   std::string text_;
+  bool isStale_ = false;
 };
 
 /// Which rows are wanted.
@@ -117,6 +122,7 @@ class Condition {
 }  // namespace
 
 int getRows(const GetOptions& options) {
+  makeKnown(options.address);
   Work work;
   const Korvo::PublisherInfo info = askPublisher(work, options);
   const auto tables = tablesOf(info, {options.table});
@@ -132,6 +138,8 @@ int getRows(const GetOptions& options) {
   });
   patience.after(std::chrono::seconds(options.patience));
   if (!work.run()) throw Failure(statusUnavailable, "interrupted");
+
+  if (user.isStale()) complain(printable(options.table + " is stale: " + user.text()));
 
   std::vector<AnyRow> rows;
   const std::vector<Korvo::oid_t> oids =

@@ -2,6 +2,7 @@
 
 #include "../layouts.h"
 #include "changeText.h"
+#include "engines.h"
 #include "follower.h"
 
 #include <cstdio>
@@ -25,7 +26,8 @@ std::string jsonOf(const Korvo::PublisherInfo& info) {
   Json tables = Json::array();
   for (const auto& table : info.tables) {
     Json json = Json::object();
-    json.add("name", table.name).add("rows", table.rows).add("sequence", table.sequence);
+    json.add("name", table.name).add("rows", table.rows);
+    if (!info.store) json.add("sequence", table.sequence);
     json.add("fingerprint", table.fingerprint.digest()).add("layout", table.layoutText);
     tables.append(json);
   }
@@ -43,8 +45,27 @@ std::string jsonOf(const Korvo::PublisherInfo& info) {
   Json json = Json::object();
   json.add("publisher", info.name).add("epoch", hexadecimal(info.epoch));
   json.add("sequence", info.sequence).add("complete", info.isComplete);
-  json.add("tables", tables).add("subscribers", subscribers).add("lastReason", info.lastReason);
+  json.add("tables", tables);
+  if (info.store) {
+    // Who reads there is not known to anybody.
+    json.add("owner", info.store->owner).add("revision", info.store->revision);
+  } else {
+    json.add("subscribers", subscribers).add("lastReason", info.lastReason);
+  }
   return json.text();
+}
+
+/// The line above the tables.
+std::string title(const Korvo::PublisherInfo& info, const Style& style) {
+  std::string text =
+      style.bold(printable(info.name)) + ": " + counted(info.tables.size(), "table") + ", ";
+  if (!info.store) text += counted(info.subscribers.size(), "subscriber") + ", ";
+  text += "batch " + std::to_string(info.sequence);
+  if (!info.store) return text + (info.isComplete ? "" : ", not all rows are there yet");
+  text += ", revision " + std::to_string(info.store->revision) + "\n";
+  if (info.store->owner.empty()) return text + "Nobody publishes it: rows stay as they are.";
+  text += "Published by " + printable(info.store->owner);
+  return text + (info.isComplete ? "" : ", which has not loaded its rows yet");
 }
 
 void print(Output& out, const Style& style, const Grid& grid) {
@@ -68,6 +89,7 @@ std::string layoutSummary(const Korvo::PublisherInfo::Table& table) {
 }  // namespace
 
 int listTables(const TablesOptions& options) {
+  makeKnown(options.address);
   Work work;
   const Korvo::PublisherInfo info = askPublisher(work, options);
   Output out;
@@ -77,20 +99,20 @@ int listTables(const TablesOptions& options) {
     return statusGood;
   }
   const Style style(options.colour, out.isTerminal());
-  out << style.bold(printable(info.name)) << ": " << counted(info.tables.size(), "table") << ", "
-      << counted(info.subscribers.size(), "subscriber") << ", batch "
-      << std::to_string(info.sequence) << (info.isComplete ? "" : ", not all rows are there yet")
-      << "\n";
+  out << title(info, style) << "\n";
   if (!info.tables.empty()) {
     Grid grid;
     grid.column("table");
     grid.column("rows", true);
-    grid.column("changed", true);
+    if (!info.store) grid.column("changed", true);
     grid.column("fingerprint");
     grid.column("layout");
     for (const auto& table : info.tables) {
-      grid.line({printable(table.name), std::to_string(table.rows), std::to_string(table.sequence),
-                 table.fingerprint.text(), layoutSummary(table)});
+      std::vector<std::string> cells = {printable(table.name), std::to_string(table.rows)};
+      if (!info.store) cells.push_back(std::to_string(table.sequence));
+      cells.push_back(table.fingerprint.text());
+      cells.push_back(layoutSummary(table));
+      grid.line(std::move(cells));
     }
     out << "\n";
     print(out, style, grid);

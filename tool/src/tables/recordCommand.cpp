@@ -1,6 +1,7 @@
 // korvo record: what a publisher tells, into a file.
 
 #include "../reading.h"
+#include "engines.h"
 #include "follower.h"
 #include "recording.h"
 
@@ -78,6 +79,7 @@ class Recorder final : public Follower::User {
 }  // namespace
 
 int recordTables(const RecordOptions& options) {
+  makeKnown(options.address);
   Work work;
   const Korvo::PublisherInfo info = askPublisher(work, options);
   const auto tables = tablesOf(info, options.tables);

@@ -19,10 +19,8 @@ using Korvo::loadField;
 using Korvo::oid_t;
 using Korvo::storeField;
 
-constexpr std::string_view magic = "KORVOREC";
 constexpr std::uint32_t version = 1;
 constexpr std::size_t headLength = 16;
-constexpr std::size_t recordHead = 8;
 constexpr std::size_t lengthField = 4;
 /// A layout's text with the table's name.
 constexpr std::size_t mostBytes = Korvo::maxLayoutText + 1024;
@@ -80,7 +78,7 @@ RecordingWriter::RecordingWriter(const std::string& path)
       fd_(path == "-" ? STDOUT_FILENO
                       : open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666)) {
   if (fd_ < 0) failAt(path_);
-  buffer_ = std::string(magic) + bytesOf(version) + bytesOf(std::uint32_t{0});
+  buffer_ = std::string(recordingMagic) + bytesOf(version) + bytesOf(std::uint32_t{0});
   flush();
 }
 
@@ -100,7 +98,7 @@ void RecordingWriter::flush() {
 }
 
 void RecordingWriter::record(RecordType type, std::uint16_t number, std::string_view body) {
-  buffer_ += bytesOf(static_cast<std::uint32_t>(recordHead - lengthField + body.size()));
+  buffer_ += bytesOf(static_cast<std::uint32_t>(recordHeadLength - lengthField + body.size()));
   buffer_ += static_cast<char>(type);
   buffer_ += '\0';
   buffer_ += bytesOf(number);
@@ -146,10 +144,11 @@ RecordingReader::RecordingReader(const std::string& path)
     : path_(path == "-" ? "standard input" : path), source_(openBytes(path, Compression::detect)) {
   char head[headLength] = {};
   const bool isWhole = read(head, sizeof head) == sizeof head;
-  if (!isWhole || std::string_view(head, magic.size()) != magic) {
-    throw Failure(statusBadData, path_ + ": is no recording");
+  if (!isWhole || std::string_view(head, recordingMagic.size()) != recordingMagic) {
+    throw NoRecording(statusBadData, path_ + ": is no recording");
   }
-  const auto its = loadField<std::uint32_t>(reinterpret_cast<const byte_t*>(head) + magic.size());
+  const auto its =
+      loadField<std::uint32_t>(reinterpret_cast<const byte_t*>(head) + recordingMagic.size());
   if (its != version) {
     throw Failure(statusBadData, path_ + ": a recording of version " + std::to_string(its) +
                                      ", and this korvo knows version " + std::to_string(version));
@@ -177,13 +176,13 @@ bool RecordingReader::next(RecordedBatch& batch) {
   std::uint64_t records = 0;
   for (std::string bytes;; ++records) {
     record_ = offset_;
-    byte_t head[recordHead] = {};
+    byte_t head[recordHeadLength] = {};
     if (read(head, sizeof head) < sizeof head) return false;
     const std::size_t length = loadField<std::uint32_t>(head);
-    if (length < recordHead - lengthField || length > mostBytes) {
+    if (length < recordHeadLength - lengthField || length > mostBytes) {
       fail("a record of " + counted(length, "byte"));
     }
-    bytes.resize(length - (recordHead - lengthField));
+    bytes.resize(length - (recordHeadLength - lengthField));
     if (read(bytes.data(), bytes.size()) < bytes.size()) return false;
     const auto number = loadField<std::uint16_t>(head + 6);
     Body body(bytes);

@@ -19,6 +19,7 @@
 // Numbers are little-endian, texts a byte with their length and their bytes. What no mark follows
 // was under way when the recording ended, and does not count.
 
+#include "../failure.h"
 #include "../rowFile.h"
 
 #include <Korvo/AnyRow.h>
@@ -32,6 +33,17 @@
 #include <vector>
 
 namespace korvotool {
+
+/// What a recording begins with.
+inline constexpr std::string_view recordingMagic = "KORVOREC";
+/// What a record has before its body.
+inline constexpr std::size_t recordHeadLength = 8;
+
+/// A file is something else.
+class NoRecording : public Failure {
+ public:
+  using Failure::Failure;
+};
 
 enum class RecordType : Korvo::byte_t { publisher = 1, table, whole, row, removed, mark };
 
@@ -80,7 +92,7 @@ struct RecordedBatch {
 /// Reads a recording, which may be packed with gzip or zstd, from the front.
 class RecordingReader {
  public:
-  /// Throws Failure for a file that is no recording.
+  /// Throws Failure, for a file that is no recording NoRecording.
   explicit RecordingReader(const std::string& path);
 
   /// False at the end. Throws Failure for what cannot be read.
@@ -89,6 +101,8 @@ class RecordingReader {
   const std::string& path() const { return path_; }
   /// Bytes at the end that no mark follows; known at the end.
   std::uint64_t torn() const { return offset_ - marked_; }
+  /// Where the last mark ends.
+  std::uint64_t marked() const { return marked_; }
 
  private:
   /// Fewer than `count` only at the end.
@@ -99,7 +113,7 @@ class RecordingReader {
   std::unique_ptr<Bytes> source_;
   std::string publisher_;
   std::uint64_t offset_ = 0;
-  std::uint64_t marked_ = 0;  ///< where the last mark ends
+  std::uint64_t marked_ = 0;
   std::uint64_t record_ = 0;  ///< where the present record begins
 };
 

@@ -2,6 +2,7 @@
 
 #include "../reading.h"
 #include "changeText.h"
+#include "engines.h"
 #include "follower.h"
 #include "recording.h"
 
@@ -110,6 +111,11 @@ class Player {
   std::map<std::uint16_t, std::unique_ptr<LearnedTable>> tables_;
 };
 
+/// What there is of it was played all the same.
+int statusOf(const RecordingReader& reader) {
+  return reader.torn() == 0 ? statusGood : statusFound;
+}
+
 void complainOfTornEnd(const RecordingReader& reader) {
   if (reader.torn() == 0) return;
   complain(reader.path() + ": ends in the middle of a batch: the last " +
@@ -180,7 +186,7 @@ int printRecording(const ReplayOptions& options, RecordingReader& reader) {
   }
   printer.out.finish();
   complainOfTornEnd(reader);
-  return statusGood;
+  return statusOf(reader);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -277,6 +283,7 @@ int replayTables(const ReplayOptions& options) {
   }
   RecordingReader reader(options.file);
   if (options.address.empty()) return printRecording(options, reader);
+  makeKnown(options.address);
   Work work;
   Replay replay(work, options, reader);
   try {
@@ -287,7 +294,7 @@ int replayTables(const ReplayOptions& options) {
     throw Failure(statusUnavailable, options.address + ": " + e.what());
   }
   work.run();
-  return statusGood;
+  return statusOf(reader);
 }
 
 }  // namespace korvotool

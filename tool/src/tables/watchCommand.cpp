@@ -2,6 +2,7 @@
 
 #include "../reading.h"
 #include "changeText.h"
+#include "engines.h"
 #include "follower.h"
 #include "screen.h"
 
@@ -185,6 +186,7 @@ bool isDrawn(const WatchOptions& options) {
 }  // namespace
 
 int watchTable(const WatchOptions& options) {
+  makeKnown(options.address);
   Work work;
   const Korvo::PublisherInfo info = askPublisher(work, options);
   const auto tables = tablesOf(info, {options.table});

@@ -62,6 +62,9 @@ class KORVO_API EtcdEngine final : public TableEngine {
   std::unique_ptr<TableOutlet> outlet(const std::string& address, const KoPtr<Scheduler>& scheduler,
                                       const PublisherOptions& options, TableSender& sender,
                                       TableOutlet::User& user) override;
+  /// Tells the last state that is there, also if nobody publishes it any more.
+  std::unique_ptr<TableQuestion> ask(const std::string& address, const KoPtr<Scheduler>& scheduler,
+                                     TableQuestion::User& user) override;
   /// What its publishers have done until now.
   Counters counters() const;
 

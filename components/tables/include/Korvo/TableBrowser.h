@@ -24,6 +24,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,8 +38,14 @@ struct PublisherInfo {
     LayoutFingerprint fingerprint;  ///< of its layout
     /// As layoutText() writes it, not yet read by anybody; empty if it is too long to be told.
     std::string layoutText;
-    std::uint64_t rows = 0;      ///< that it has
-    std::uint64_t sequence = 0;  ///< of the last batch that changed something in it
+    std::uint64_t rows = 0;  ///< that it has
+    /// Of the last batch that changed something in it; 0 where that is not known.
+    std::uint64_t sequence = 0;
+  };
+  /// Where tables stand that stay when their publisher ends.
+  struct Store {
+    std::string owner;           ///< who publishes them now; empty: nobody
+    std::uint64_t revision = 0;  ///< the store's own, of the state that is told
   };
 
   std::string name;                                     ///< the publisher's
@@ -49,6 +56,8 @@ struct PublisherInfo {
   std::vector<TablePublisher::Subscriber> subscribers;  ///< that are connected
   /// Why the last connection that ended did so.
   std::string lastReason;
+  /// Nothing if the publisher itself told, which has the tables.
+  std::optional<Store> store;
 };
 
 /// How a publisher is asked.

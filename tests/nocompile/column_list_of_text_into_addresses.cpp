@@ -1,0 +1,23 @@
+// Refused: an array column is written from a std::vector of its elements
+
+// Text is no address, in lists neither.
+
+#include <Korvo/TableRow.h>
+
+struct LinkLayout : Korvo::RowLayout<2, Korvo::Column<"up", bool>> {};
+struct PortLayout
+    : Korvo::RowLayout<7, Korvo::Column<"speed", std::uint32_t>, Korvo::Column<"up", bool>,
+                       Korvo::Column<"name", std::string>, Korvo::Column<"net", Korvo::IpGenPrefix>,
+                       Korvo::Column<"tags", std::vector<std::string>>,
+                       Korvo::Column<"hops", std::vector<Korvo::IpGenAddr>>,
+                       Korvo::Column<"link", Korvo::Nested<LinkLayout>>> {};
+using Port = Korvo::TableRow<PortLayout>;
+
+int main() {
+  Port port;
+  port.create();
+  port.set<"hops">({Korvo::IpAddr("10.0.0.1"), Korvo::IpAddr("10.0.0.2")});
+#ifdef BAD_LINE
+  port.set<"hops">({"10.0.0.1", "10.0.0.2"});
+#endif
+}

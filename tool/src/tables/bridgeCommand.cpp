@@ -1,0 +1,257 @@
+// korvo bridge: what is published at one address, published at another one.
+
+#include <Korvo/Batch.h>
+#include <Korvo/TablePublisher.h>
+
+#include <algorithm>
+#include <set>
+#include <system_error>
+#include <utility>
+
+#include "../reading.h"
+#include "engines.h"
+#include "follower.h"
+
+namespace korvotool {
+namespace {
+
+using Korvo::LearnedTable;
+using Korvo::oid_t;
+using Korvo::PublisherInfo;
+using Korvo::TableState;
+
+/// How often the source is asked what tables it has, and the target how it goes.
+constexpr std::chrono::seconds askPause{2};
+constexpr std::chrono::milliseconds lookPause{200};
+
+/// Rows go from the tables of the follower into tables of the publisher, which share their bytes.
+///
+/// A publisher that is complete says that its rows are those of the source. So there is a complete
+/// one only while the source's tables are current; when they are not, it ends, and another one,
+/// which is not complete, keeps its place: subscribers keep their rows, stale, and what is in a
+/// cluster stays there.
+class Bridge final : public Follower::User {
+ public:
+  Bridge(Work& work, const BridgeOptions& options, std::string name)
+      : work_(work),
+        options_(options),
+        name_(std::move(name)),
+        browser_(options.address, work.loop()),
+        ask_(work, [this] { browser_.ask(); }),
+        look_(work, [this] { lookAtTarget(); }) {
+    browser_.onAnswer([this](const PublisherInfo& info) {
+      ask_.after(askPause);
+      work_.guard([&] { learn(info); });
+    });
+    // The follower tells what is wrong.
+    browser_.onFailure([this](const std::string&) { ask_.after(askPause); });
+  }
+
+  void followerIs(Follower& follower) { follower_ = &follower; }
+
+  void begins() override {
+    publisher_.reset();
+    batch_.clear();
+    std::vector<std::unique_ptr<LearnedTable>> former = std::exchange(tables_, {});
+    for (std::size_t i = 0; i < follower_->size(); ++i) {
+      const LearnedTable& source = follower_->table(i);
+      const auto same = std::ranges::find_if(former, [&](const auto& table) {
+        return table != nullptr && table->name() == source.name() &&
+               table->rowLayout().fingerprint() == source.rowLayout().fingerprint();
+      });
+      tables_.push_back(same != former.end()
+                            ? std::move(*same)
+                            : std::make_unique<LearnedTable>(source.name(), source.rowLayout()));
+    }
+    seen_.assign(tables_.size(), std::nullopt);
+    states_.assign(tables_.size(), TableState::loading);
+    isCurrent_ = false;
+    publishAnew();
+    ask_.after(askPause);
+  }
+
+  void changes(std::size_t number, Korvo::LearnedChanges& changes) override {
+    LearnedTable& table = *tables_[number];
+    std::set<oid_t> gone;
+    if (changes.first()) {
+      const std::vector<oid_t> oids = table.oids();
+      gone.insert(oids.begin(), oids.end());
+    }
+    while (changes.next()) {
+      if (changes.kind() == Korvo::ChangeKind::removed) {
+        batch_.remove(table, changes.oid());
+      } else {
+        batch_.put(table, changes.after());
+        gone.erase(changes.oid());
+      }
+      ++count_;
+    }
+    for (const oid_t oid : gone) batch_.remove(table, oid);
+    seen_[number] = changes.sequence();
+    isOpen_ = true;
+    update();
+  }
+
+  void state(std::size_t number, TableState state, const std::string& text) override {
+    states_[number] = state;
+    if (state == TableState::stale || state == TableState::refused) {
+      text_ = tables_[number]->name() +
+              (state == TableState::stale ? " is stale: " : " is refused: ") + text;
+    }
+    update();
+  }
+
+  void finish() {
+    publisher_.reset();
+    if (options_.json) {
+      Json json = Json::object();
+      json.add("changes", count_).add("batches", batches_);
+      print(json);
+    } else if (!options_.quiet) {
+      complain("bridged " + counted(count_, "change") + " in " + std::to_string(batches_) +
+               (batches_ == 1 ? " batch" : " batches"));
+    }
+    out_.finish();
+  }
+
+ private:
+  void publishAnew() {
+    publisher_.reset();
+    publisher_ = std::make_unique<Korvo::TablePublisher>(name_, work_.loop());
+    publisher_->completeIs(false);
+    for (const auto& table : tables_) publisher_->add(*table);
+    publisher_->listen(options_.target);
+    look_.after(lookPause);
+  }
+
+  /// Readers have their turns one after the other: what they were told is a state of all tables
+  /// once each knows its table as it stands.
+  bool isWhole() const {
+    for (std::size_t i = 0; i < seen_.size(); ++i) {
+      if (seen_[i] != follower_->table(i).sequence()) return false;
+    }
+    return true;
+  }
+
+  void update() {
+    if (!isWhole()) return;
+    if (std::exchange(isOpen_, false)) {
+      batch_.commit();
+      ++batches_;
+    }
+    const bool isCurrent =
+        std::ranges::all_of(states_, [](TableState state) { return state == TableState::current; });
+    if (isCurrent == isCurrent_) return tellFault();
+    isCurrent_ = isCurrent;
+    if (!isCurrent) {
+      publishAnew();
+      return tellFault();
+    }
+    publisher_->completeIs(true);
+    std::size_t rows = 0;
+    for (const auto& table : tables_) rows += table->size();
+    text_.clear();
+    if (options_.json) {
+      Json json = Json::object();
+      json.add("state", "current").add("tables", tables_.size()).add("rows", rows);
+      print(json);
+    } else if (!options_.quiet) {
+      complain(printable(name_) + " is current: " + counted(tables_.size(), "table") + ", " +
+               counted(rows, "row"));
+    }
+  }
+
+  /// Why the source's tables are not current, if that was not told before.
+  void tellFault() {
+    if (isCurrent_ || text_.empty()) return;
+    const std::string text = std::exchange(text_, {});
+    if (options_.json) {
+      Json json = Json::object();
+      json.add("state", "stale").add("text", text);
+      print(json);
+    } else if (!options_.quiet) {
+      complain(printable(text));
+    }
+  }
+
+  /// A cluster tells why nothing is written there; who comes and goes at a socket is no fault.
+  void lookAtTarget() {
+    look_.after(lookPause);
+    std::string problem;
+    if (!options_.target.starts_with("unix:")) {
+      for (const auto& subscriber : publisher_->subscribers()) problem = subscriber.lastReason;
+    }
+    if (problem == problem_) return;
+    problem_ = problem;
+    if (options_.json) {
+      Json json = Json::object();
+      json.add("problem", problem);
+      print(json);
+    } else if (!options_.quiet) {
+      complain(options_.target + ": " + (problem.empty() ? "goes on" : printable(problem)));
+    }
+  }
+
+  /// The source may have other tables than it had. While it loads its rows it may not have all.
+  void learn(const PublisherInfo& info) {
+    if (!options_.tables.empty() || !info.isComplete || info.tables.empty()) return;
+    const bool isSame = std::ranges::is_permutation(
+        info.tables, tables_, {}, &PublisherInfo::Table::name,
+        [](const auto& table) -> const std::string& { return table->name(); });
+    if (!isSame) follower_->follow(info.tables);
+  }
+
+  void print(const Json& json) {
+    out_ << json.text() << "\n";
+    out_.flush();
+  }
+
+  Work& work_;
+  const BridgeOptions& options_;
+  const std::string name_;
+  Output out_;
+  Follower* follower_ = nullptr;
+  std::vector<std::unique_ptr<LearnedTable>> tables_;
+  std::unique_ptr<Korvo::TablePublisher> publisher_;  // ends before its tables
+  Korvo::AnyBatch batch_;
+  std::vector<std::optional<std::uint64_t>> seen_;
+  std::vector<TableState> states_;
+  bool isOpen_ = false;     ///< readers were told something since the last commit
+  bool isCurrent_ = false;  ///< the publisher is complete
+  std::string text_;        ///< what was not told yet
+  std::string problem_;
+  std::uint64_t count_ = 0;
+  std::uint64_t batches_ = 0;
+  Korvo::TableBrowser browser_;
+  Alarm ask_;
+  Alarm look_;
+};
+
+}  // namespace
+
+int bridgeTables(const BridgeOptions& options) {
+  if (options.address == options.target) {
+    throw Failure(statusUsage, "a bridge leads from one address to another one");
+  }
+  makeKnown(options.address);
+  makeKnown(options.target);
+  Work work;
+  const PublisherInfo info = askPublisher(work, options);
+  const auto tables = tablesOf(info, options.tables);
+  if (tables.empty()) throw Failure(statusUnavailable, printable(info.name) + " has no tables");
+  Bridge bridge(work, options, info.name);
+  Follower follower(work, options.address, bridge);
+  bridge.followerIs(follower);
+  try {
+    follower.follow(tables);
+    work.run();
+  } catch (const Korvo::KoInvalidArgument& e) {
+    throw Failure(statusUsage, e.what());
+  } catch (const std::system_error& e) {
+    throw Failure(statusUnavailable, options.target + ": " + e.what());
+  }
+  bridge.finish();
+  return statusGood;
+}
+
+}  // namespace korvotool

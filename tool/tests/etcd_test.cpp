@@ -1,0 +1,466 @@
+// The commands for tables, on a cluster of etcd.
+
+#include "recordings.h"
+
+#ifdef KORVO_ETCD_PROGRAM
+#include "etcd_server.h"
+#endif
+
+#include <algorithm>
+
+namespace {
+
+using korvotest::expectAll;
+
+#ifndef KORVO_WITH_ETCD
+#ifdef KORVO_WITH_TABLES
+
+TEST(Etcd, ABuildWithoutItSaysSo) {
+  korvotest::write("any.rec", korvotest::portRecording().bytes);
+  for (const char* const command :
+       {"tables etcd://a:1/b/c", "get etcd://a:1/b/c t", "watch etcd://a:1/b/c t",
+        "record etcd://a:1/b/c -o b", "replay any.rec etcd://a:1/b/c",
+        "bridge unix:a etcd://a:1/b/c", "bridge etcd://a:1/b/c unix:a"}) {
+    expectAll(command, 69, "",
+              "korvo: this build of korvo knows no clusters of etcd: it was made without "
+              "Korvo::EtcdTables, which needs gRPC (package libgrpc++-dev)\n");
+  }
+}
+
+#endif
+#elif defined(KORVO_ETCD_PROGRAM)
+
+using etcdtest::Cluster;
+using etcdtest::Variable;
+using korvotest::Agent;
+using korvotest::Background;
+using korvotest::contentOf;
+using korvotest::expectOut;
+using korvotest::korvo;
+using korvotest::linkLayout;
+using korvotest::Outcome;
+using korvotest::portLayout;
+using korvotest::portRecording;
+using korvotest::Recording;
+using korvotest::shell;
+using korvotest::waitFor;
+using korvotest::write;
+
+constexpr const char* rowsAtLast =
+    R"({"type":7,"oid":1001,"row":{"speed":25000,"name":"eth0","tags":["core"],)"
+    R"("net":"10.1.0.0/16"}})"
+    "\n";
+
+/// One server, and what is published on it.
+class Etcd : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    one = std::make_unique<Cluster>(1);
+    one->waitUntilReady();
+  }
+  static void TearDownTestSuite() { one.reset(); }
+
+  Etcd() {
+    shell("rm -f *.sock *.rec");
+    write("ports.rec", portRecording().bytes);
+  }
+  ~Etcd() override { server.tool("del --prefix korvo/"); }
+
+  std::string key(const std::string& name) const { return "korvo/test/agent/" + name; }
+  std::string valueOf(const std::string& name) const {
+    const std::string text = server.tool("get --print-value-only " + key(name));
+    return text.empty() ? "" : text.substr(0, text.size() - 1);
+  }
+  void put(const std::string& name, const std::string& value) const {
+    write("value.txt", value);
+    server.tool("put " + key(name) + " <value.txt");
+  }
+  /// The revision at which the key was written last.
+  std::string revisionOf(const std::string& name) const {
+    const std::string fields = server.tool("get -w fields " + key(name));
+    const std::string title = "\"ModRevision\" : ";
+    return std::to_string(std::stol(fields.substr(fields.find(title) + title.size())));
+  }
+
+  /// Publishes the recording there. With "--end" it goes when all is there.
+  Background publish(const std::vector<std::string>& options) const {
+    std::vector<std::string> words = {"replay", "ports.rec", address};
+    words.insert(words.end(), options.begin(), options.end());
+    return Background(words, "publisher");
+  }
+  void publishAllAndGo() const {
+    EXPECT_EQ(korvo("replay ports.rec " + address + " --as-fast-as-possible --end").status, 0);
+  }
+  bool isPublished() const {
+    return korvo("tables " + address).out.find("\nPublished by portAgent on ") != std::string::npos;
+  }
+
+  static inline std::unique_ptr<Cluster> one;
+  const Cluster& server = *one;
+  std::string address = server.address();
+};
+
+TEST_F(Etcd, TablesAreListed) {
+  const Background publisher = publish({"--subscribers", "9"});
+  ASSERT_TRUE(waitFor([&] { return isPublished(); })) << publisher.err();
+  const std::string plain = R"( | sed -E 's/ on .*, process [0-9]+, [0-9a-f]+/ on H/')";
+  const std::string revision = revisionOf("mark");
+  expectOut("tables " + address + plain, "agent: 2 tables, batch 1, revision " + revision +
+                                             "\n"
+                                             "Published by portAgent on H\n"
+                                             "\n"
+                                             "table     rows  fingerprint  layout\n"
+                                             "net/port     2  7c866ca7     type 7, 4 columns\n"
+                                             "net/link     0  a4fb8089     type 2, 2 columns\n");
+  const std::string masked = R"( | sed -E 's/"epoch":"[0-9a-f]{16}"/E/; s/ on .*, process )"
+                             R"([0-9]+, [0-9a-f]+"/ on H"/')";
+  expectOut(
+      "tables --json " + address + masked,
+      R"({"publisher":"agent",E,"sequence":1,"complete":true,"tables":[)"
+      R"({"name":"net/port","rows":2,)"
+      R"("fingerprint":"7c866ca71d2e186f0e9bbe7dbd99d5de062d1a66",)"
+      R"("layout":"row 7 base 28 {\u000a  speed uint64_t @8\u000a  name string_t @16\u000a)"
+      R"(  tags string_t[] @20\u000a  net IpGenPrefix @24\u000a}\u000a"},)"
+      R"({"name":"net/link","rows":0,)"
+      R"("fingerprint":"a4fb808961c3da73833c84c1512fd2d77dfbcd4d",)"
+      R"("layout":"row 2 base 13 {\u000a  up bool @8\u000a  peer IpGenAddr @9\u000a}\u000a"}],)"
+      R"("owner":"portAgent on H","revision":)" +
+          revision + "}\n");
+  const Outcome listed = korvo("tables --layouts " + address);
+  EXPECT_TRUE(listed.out.ends_with("\n\n# net/port\n" + std::string(portLayout) + "\n# net/link\n" +
+                                   linkLayout))
+      << listed.out;
+}
+
+TEST_F(Etcd, RowsAndChangesAreShown) {
+  Background publisher = publish({"--speed", "2", "--subscribers", "0"});
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + address + " net/link 5").status == 0; }));
+  expectOut("get --json " + address + " net/port", rowsAtLast);
+  expectOut("get " + address + " net/port --covers 10.1.2.3",
+            " oid  speed  name  tags      net\n"
+            "1001  25000  eth0  [\"core\"]  10.1.0.0/16\n");
+  expectAll("get " + address + " net/port 7", 1, "", "korvo: no row of net/port has the oid 7\n");
+  expectAll("get " + address + " net/prt", 69, "",
+            "korvo: no table net/prt: agent has net/port, net/link\n");
+
+  Background watch({"watch", "--changes", address, "net/port"}, "watch");
+  Background json({"watch", "--json", address, "net/port"}, "json");
+  ASSERT_TRUE(waitFor([&] { return json.out().find("current") != std::string::npos; }));
+  EXPECT_EQ(publisher.end(SIGTERM), 0);
+  // It lets go of its name at once.
+  ASSERT_TRUE(waitFor([&] { return watch.err().find("is stale") != std::string::npos; }));
+  publishAllAndGo();
+  EXPECT_EQ(watch.end(SIGTERM), 0);
+  EXPECT_EQ(json.end(SIGINT), 0);
+  EXPECT_TRUE(watch.err().starts_with("korvo: net/port is stale: agent is not there\n"))
+      << watch.err();
+  // The rows came back as they were: nobody is told anything of them.
+  EXPECT_EQ(watch.out(), "");
+  EXPECT_EQ(json.out().substr(0, json.out().find("stale")),
+            R"({"state":"loading","text":"nothing has come from the publisher yet"})"
+            "\n"
+            R"({"change":"added","oid":1001,"row":{"speed":25000,"name":"eth0","tags":["core"],)"
+            R"("net":"10.1.0.0/16"}})"
+            "\n"
+            R"({"state":"current"})"
+            "\n"
+            R"({"state":")");
+}
+
+TEST_F(Etcd, RowsStayWithoutTheirPublisher) {
+  publishAllAndGo();
+  const Outcome listed = korvo("tables " + address);
+  EXPECT_EQ(listed.status, 0);
+  EXPECT_NE(listed.out.find("\nNobody publishes it: rows stay as they are.\n"), std::string::npos)
+      << listed.out;
+  expectAll("get --json " + address + " net/port", 0, rowsAtLast,
+            "korvo: net/port is stale: agent is not there\n");
+  expectAll("get " + address + " net/port 7", 1, "",
+            "korvo: net/port is stale: agent is not there\n"
+            "korvo: no row of net/port has the oid 7\n");
+}
+
+TEST_F(Etcd, WhatIsRecordedIsWhatASocketTells) {
+  write("agent.rec", portRecording().bytes);
+  const Agent agent(portRecording(), {"--as-fast-as-possible"});
+  agent.waitForEnd();
+  publishAllAndGo();
+  EXPECT_EQ(korvo("record unix:agent.sock net/port net/link -o socket.rec --first 1").status, 0);
+  EXPECT_EQ(korvo("record " + address + " net/port net/link -o etcd.rec --first 1").status, 0);
+  // But for the publisher's name and the times.
+  const auto lines = [](const std::string& file) {
+    return shell("korvo replay --json " + file + " | sed 's/\"time\":\"[^\"]*\"//'").out;
+  };
+  EXPECT_EQ(lines("socket.rec"), lines("etcd.rec"));
+  EXPECT_NE(lines("etcd.rec"), "");
+  std::string socket = contentOf("socket.rec");
+  std::string etcd = contentOf("etcd.rec");
+  const std::size_t row = socket.find("eth0");
+  ASSERT_NE(row, std::string::npos);
+  EXPECT_NE(etcd.find(socket.substr(row - 40, 70)), std::string::npos);
+}
+
+TEST_F(Etcd, WhatIsNotThereIsTold) {
+  const std::string head = "korvo: " + address + ": ";
+  expectAll("tables " + address, 69, "", head + "nothing is published under korvo/test/agent/\n");
+  expectAll("get " + address + " net/port", 69, "",
+            head + "nothing is published under korvo/test/agent/\n");
+  put("owner", "somebody");
+  expectAll("tables " + address, 69, "", head + "somebody has not loaded its rows yet\n");
+  put("mark", "none");
+  expectAll("tables " + address, 69, "", head + "the mark of agent has another form\n");
+
+  EXPECT_EQ(korvo("tables etcd://127.0.0.1:1,127.0.0.1:2/test/agent").status, 69);
+  // Of several members one is enough.
+  expectAll("tables etcd://127.0.0.1:1," + server.member(0) + "/test/nobody", 69, "",
+            "korvo: etcd://127.0.0.1:1," + server.member(0) +
+                "/test/nobody: nothing is published under korvo/test/nobody/\n");
+  expectAll("tables etcd://nowhere", 69, "",
+            "korvo: etcd://nowhere: Not etcd://HOST:PORT[,...]/SYSTEM/PUBLISHER - "
+            "(etcd://nowhere)\n");
+}
+
+TEST_F(Etcd, StatesBetweenAreNotShown) {
+  publishAllAndGo();
+  const std::string mark = valueOf("mark");
+  const std::string cut = revisionOf("mark");
+  // Somebody came, and has not told a state.
+  put("owner", "somebody");
+  const Outcome claimed = korvo("tables " + address);
+  EXPECT_NE(claimed.out.find("\nPublished by somebody, which has not loaded its rows yet\n"),
+            std::string::npos)
+      << claimed.out;
+  // A batch of several transactions is under way.
+  const auto partOf = [&](const std::string& ofCut) {
+    std::string text = mark;
+    const std::string numbers = "part 0 cut 0";
+    return text.replace(text.find(numbers), numbers.size(), "part 1 cut " + ofCut);
+  };
+  put("mark", partOf(cut));
+  const Outcome between = korvo("tables " + address);
+  EXPECT_NE(between.out.find(": 2 tables, batch 1, revision " + cut + "\n"), std::string::npos)
+      << between.out << between.err;
+  server.compact();
+  expectAll("tables " + address, 69, "", "korvo: " + address + ": the last state was compacted\n");
+  put("mark", partOf("0"));
+  expectAll("tables " + address, 69, "",
+            "korvo: " + address + ": somebody has not written all its rows yet\n");
+  put("mark", partOf(revisionOf("mark")));
+  expectAll("tables " + address, 69, "", "korvo: " + address + ": the last state has no mark\n");
+
+  // A layout that nobody understands.
+  put("net/port/layout", "row of ports");
+  put("mark", mark);
+  EXPECT_NE(korvo("tables " + address).out.find("  not understood\n"), std::string::npos);
+  EXPECT_EQ(korvo("get " + address + " net/port").status, 65);
+  EXPECT_EQ(korvo("get " + address + " net/link 5").status, 0);
+}
+
+TEST_F(Etcd, UsersAreAskedForTheirPasswords) {
+  publishAllAndGo();
+  server.tool("user add root:top");
+  server.tool("user grant-role root root");
+  server.tool("auth enable");
+  const Outcome unknown = korvo("tables " + address);
+  EXPECT_EQ(unknown.status, 69);
+  EXPECT_NE(unknown.err.find("user name is empty"), std::string::npos) << unknown.err;
+  write("settings", "user = root\npassword = top\n");
+  shell("chmod 600 settings");
+  const Variable settings("KORVO_ETCD_SETTINGS", "settings");
+  EXPECT_EQ(korvo("tables " + address).status, 0);
+  EXPECT_EQ(korvo("get --json " + address + " net/port").out, rowsAtLast);
+  {
+    const Variable password("KORVO_ETCD_PASSWORD", "wrong");
+    const Outcome wrong = korvo("tables " + address);
+    EXPECT_EQ(wrong.status, 69);
+    EXPECT_NE(wrong.err.find("authentication failed"), std::string::npos) << wrong.err;
+  }
+  expectAll("tables etcd://root:top@" + server.member(0) + "/test/agent", 69, "",
+            "korvo: etcd://root:top@" + server.member(0) +
+                "/test/agent: A user does not belong into an address: KORVO_ETCD_SETTINGS names a "
+                "file for it - (etcd://root:top@" +
+                server.member(0) + "/test/agent)\n");
+  server.tool("--user root:top auth disable");
+}
+
+// ---------------------------------------------------------------------------------------------
+// Bridges
+
+/// What a recording tells of tables and rows, in no order.
+std::vector<std::string> recordsOf(const std::string& file) {
+  const std::string bytes = contentOf(file);
+  std::vector<std::string> records;
+  for (std::size_t at = 16; at + 8 <= bytes.size();) {
+    const std::size_t length = 4 + Korvo::loadField<std::uint32_t>(bytes.data() + at);
+    const int type = bytes[at + 4];
+    if (type == 2 || type == 4) records.push_back(bytes.substr(at, length));
+    at += length;
+  }
+  std::sort(records.begin(), records.end());
+  return records;
+}
+
+class Bridges : public Etcd {
+ protected:
+  static std::vector<std::string> published(const std::string& at) {
+    const std::string file = "bridged.rec";
+    shell("rm -f " + file);
+    EXPECT_EQ(korvo("record " + at + " net/port net/link -o " + file + " --first 1").status, 0);
+    return recordsOf(file);
+  }
+  static bool says(const Background& process, const std::string& text) {
+    return waitFor([&] { return (process.out() + process.err()).find(text) != std::string::npos; });
+  }
+  /// The revisions of all keys of rows.
+  std::string revisionsOfRows() const {
+    std::string all;
+    for (const char* const row : {"net/port/row/000003e9", "net/link/row/00000005"}) {
+      all += revisionOf(row) + ' ';
+    }
+    return all;
+  }
+};
+
+TEST_F(Bridges, LeadToAClusterAndBack) {
+  const Agent agent(portRecording(), {"--subscribers", "2"});
+  Background there({"bridge", "unix:agent.sock", address}, "there");
+  ASSERT_TRUE(says(there, "korvo: portAgent is current: 2 tables, 2 rows\n")) << there.err();
+  ASSERT_TRUE(waitFor([&] { return isPublished(); })) << there.err();
+  Background back({"bridge", "--json", address, "unix:back.sock"}, "back");
+  ASSERT_TRUE(says(back, "\"state\":\"current\"")) << back.out() << back.err();
+  const Background second({"watch", "unix:agent.sock", "net/port"}, "second");
+  agent.waitForEnd();
+  // All changes come along, and what is gone is gone.
+  ASSERT_TRUE(waitFor([&] { return korvo("get unix:back.sock net/link 5").status == 0; }));
+  const std::vector<std::string> expected = published("unix:agent.sock");
+  ASSERT_EQ(expected.size(), 4U);
+  EXPECT_EQ(published(address), expected);
+  EXPECT_EQ(published("unix:back.sock"), expected);
+  const std::string row = valueOf("net/port/row/000003e9");
+  EXPECT_TRUE(std::ranges::any_of(expected, [&](const auto& r) { return r.ends_with(row); }));
+  EXPECT_EQ(server.tool("get --keys-only " + key("net/port/row/000003ea")), "");
+
+  EXPECT_EQ(back.end(SIGINT), 0);
+  EXPECT_TRUE(back.out().ends_with("\"batches\":" + back.out().substr(back.out().rfind(':') + 1)));
+  EXPECT_EQ(there.end(SIGTERM), 0);
+  EXPECT_TRUE(there.err().ends_with(" batches\n")) << there.err();
+  // The name is free at once.
+  EXPECT_EQ(server.tool("get " + key("owner")), "");
+}
+
+TEST_F(Bridges, OutliveTheirSources) {
+  auto agent = std::make_unique<Agent>(portRecording(), std::vector<std::string>{});
+  agent->waitForEnd();
+  Background bridge({"bridge", "unix:agent.sock", address}, "bridge");
+  ASSERT_TRUE(says(bridge, "is current: 2 tables, 2 rows\n")) << bridge.err();
+  ASSERT_TRUE(waitFor(
+      [&] { return isPublished() && korvo("get " + address + " net/link 5").err.empty(); }));
+  const std::string revisions = revisionsOfRows();
+  Background watch({"watch", "--changes", address, "net/port"}, "watch");
+
+  // Nobody takes rows for current that the source does not tell any more.
+  agent->process->end(SIGKILL);
+  ASSERT_TRUE(says(bridge, "korvo: net/port is stale: ")) << bridge.err();
+  ASSERT_TRUE(waitFor([&] {
+    return korvo("get " + address + " net/link 5").err.starts_with("korvo: net/link is stale: ");
+  }));
+  agent =
+      std::make_unique<Agent>(portRecording(), std::vector<std::string>{"--as-fast-as-possible"});
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + address + " net/link 5").err.empty(); }))
+      << bridge.err();
+  EXPECT_EQ(watch.end(SIGTERM), 0);
+
+  // Nor is anything written twice by the next bridge.
+  EXPECT_EQ(bridge.end(SIGKILL), -SIGKILL);
+  const std::string before = revisionsOfRows();
+  Background second({"bridge", "unix:agent.sock", address}, "second");
+  ASSERT_TRUE(says(second, "another publisher has the name agent: portAgent on ")) << second.err();
+  server.tool("del " + key("owner"));  // as the end of its lease would
+  ASSERT_TRUE(says(second, address + ": goes on\n")) << second.err();
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + address + " net/link 5").err.empty(); }));
+  EXPECT_EQ(revisionsOfRows(), before);
+  EXPECT_EQ(second.end(SIGTERM), 0);
+  EXPECT_NE(revisions, "");
+}
+
+TEST_F(Bridges, OutliveTheirClusters) {
+  publishAllAndGo();
+  server.tool("put " + key("owner") + " nobody");
+  Background bridge({"bridge", address, "unix:copy.sock"}, "bridge");
+  // Rows that nobody publishes are passed on to nobody.
+  ASSERT_TRUE(says(bridge, "korvo: net/port is stale: ")) << bridge.err();
+  EXPECT_NE(korvo("tables unix:copy.sock").out.find("not all rows are there yet"),
+            std::string::npos);
+  EXPECT_EQ(korvo("get --timeout 1 unix:copy.sock net/port").status, 69);
+  server.tool("del " + key("owner"));
+  const Background publisher = publish({});
+  ASSERT_TRUE(says(bridge, "agent is current: 2 tables, ")) << bridge.err();
+  ASSERT_TRUE(waitFor([&] { return korvo("get unix:copy.sock net/link 5").status == 0; }));
+  Background watch({"watch", "--changes", "unix:copy.sock", "net/port"}, "watch");
+  ASSERT_TRUE(waitFor([&] {
+    return korvo("tables unix:copy.sock").out.find("1 subscriber") != std::string::npos;
+  }));
+
+  one->kill(0);
+  ASSERT_TRUE(says(watch, "net/port is stale: ")) << watch.err();
+  one->start(0);
+  one->waitUntilReady();
+  ASSERT_TRUE(says(watch, "net/port is current\n")) << watch.err() << bridge.err();
+  EXPECT_EQ(watch.out(), "");
+  EXPECT_EQ(watch.end(SIGTERM), 0);
+  EXPECT_EQ(bridge.end(SIGTERM), 0);
+}
+
+TEST_F(Bridges, FollowTheTablesOfTheirSources) {
+  auto agent = std::make_unique<Agent>(portRecording(), std::vector<std::string>{});
+  agent->waitForEnd();
+  Background bridge({"bridge", "-q", "unix:agent.sock", address}, "bridge");
+  Background ports({"bridge", "-q", "unix:agent.sock", "unix:ports.sock", "net/port"}, "ports");
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + address + " net/link 5").err.empty(); }));
+  ASSERT_TRUE(waitFor([&] { return korvo("get unix:ports.sock net/port").status == 0; }));
+  EXPECT_EQ(korvo("get unix:ports.sock net/link").status, 69);
+
+  agent->process->end(SIGKILL);
+  Recording other;
+  other.publisher("portAgent")
+      .table(0, "net/port", linkLayout)
+      .table(1, "net/more", linkLayout)
+      .row(0, 7, R"({"up":true})")
+      .row(1, 8, R"({"up":false})")
+      .mark(0);
+  agent = std::make_unique<Agent>(other, std::vector<std::string>{});
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + address + " net/more 8").err.empty(); }));
+  EXPECT_EQ(korvo("get --json " + address + " net/port").out,
+            R"({"type":2,"oid":7,"row":{"up":true,"peer":null}})"
+            "\n");
+  EXPECT_EQ(korvo("get " + address + " net/link").status, 69);
+  EXPECT_EQ(server.tool("get --prefix --keys-only " + key("net/link/")), "");
+  ASSERT_TRUE(waitFor([&] { return korvo("get unix:ports.sock net/port 7").status == 0; }));
+  EXPECT_EQ(bridge.end(SIGTERM), 0);
+  EXPECT_EQ(ports.end(SIGTERM), 0);
+  EXPECT_EQ(bridge.err() + bridge.out() + ports.err() + ports.out(), "");
+}
+
+TEST_F(Bridges, MistakesAreTold) {
+  const Agent agent(portRecording(), {"--subscribers", "9"});
+  expectAll("bridge unix:agent.sock unix:agent.sock", 64, "",
+            "korvo: a bridge leads from one address to another one (see korvo bridge --help)\n");
+  expectAll("bridge unix:nobody.sock " + address, 69, "",
+            "korvo: unix:nobody.sock: connect nobody.sock: No such file or directory\n");
+  expectAll("bridge unix:agent.sock " + address + " net/prt", 69, "",
+            "korvo: no table net/prt: portAgent has net/port, net/link\n");
+  expectAll("bridge unix:agent.sock nowhere", 64, "",
+            "korvo: Unknown address - (nowhere) (see korvo bridge --help)\n");
+  EXPECT_EQ(korvo("bridge unix:agent.sock etcd://nowhere").status, 64);
+  const Background first({"bridge", "unix:agent.sock", "unix:first.sock"}, "first");
+  ASSERT_TRUE(says(first, "is current")) << first.err();
+  expectAll("bridge unix:agent.sock unix:first.sock", 69, "",
+            "korvo: unix:first.sock: bind first.sock: Address already in use\n");
+  Background json({"bridge", "--json", "unix:agent.sock", "etcd://127.0.0.1:1/test/agent"}, "json");
+  ASSERT_TRUE(says(json, "{\"problem\":\"127.0.0.1:1: ")) << json.out() << json.err();
+  EXPECT_EQ(json.end(SIGTERM), 0);
+}
+
+#endif
+
+}  // namespace
