@@ -39,8 +39,11 @@ class Failure(Exception):
 def clockLibrary(program):
     """The library that shifts a program's clock; none if it is not there or does not fit."""
     for library in Path("/usr/lib").glob("*/faketime/libfaketime.so.1"):
-        tried = subprocess.run([program], capture_output=True, check=False,
-                               env={**os.environ, "LD_PRELOAD": str(library)})
+        try:
+            tried = subprocess.run([program], capture_output=True, check=False, timeout=10,
+                                   env={**os.environ, "LD_PRELOAD": str(library)})
+        except subprocess.TimeoutExpired:
+            return None
         if tried.returncode == 2 and tried.stderr.startswith(b"etcd_soak "):
             return str(library)
     return None

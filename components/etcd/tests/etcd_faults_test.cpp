@@ -247,6 +247,13 @@ TEST(EtcdFaults, ARestoredCopyOfTheClusterIsBroughtUpToDate) {
   EXPECT_TRUE(says(rows, "00000003")) << rows;
 }
 
+// The library that shifts clocks and the address sanitizer do not start together.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KORVO_CLOCKS_STAY
+#endif
+#endif
+#ifndef KORVO_CLOCKS_STAY
 /// In a process of its own, whose clock of the day goes to where a file says.
 TEST(EtcdFaults, AClockThatJumpsDoesNoHarm) {
   const std::string name = "EtcdFaults.AClockThatJumpsDoesNoHarm";
@@ -288,5 +295,6 @@ TEST(EtcdFaults, AClockThatJumpsDoesNoHarm) {
         << offset << ' ' << copy.text() << publisher.problem();
   }
 }
+#endif
 
 }  // namespace
