@@ -334,6 +334,8 @@ struct Anything {
 struct ThereIsNoColumnOfThisName {
   template <typename T>
   operator T() const;  // NOLINT(google-explicit-constructor)
+  bool empty() const;
+  std::size_t size() const;
   friend std::ostream& operator<<(std::ostream&, const ThereIsNoColumnOfThisName&);
   template <typename T>
   friend bool operator==(const ThereIsNoColumnOfThisName&, const T&);

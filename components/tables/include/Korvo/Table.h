@@ -59,7 +59,8 @@ class KORVO_API AnyTable {
   /// Whether there is a row of this oid.
   bool contains(oid_t oid) const;
 
-  /// Makes `row` share the buffer of the table's row, or null if there is none; tells which.
+  /// Makes `row` share the buffer of the table's row, or null if there is none; tells which. Throws
+  /// std::bad_alloc with the row as before.
   bool get(oid_t oid, BaseRow& row) const;
 
   // Indexes of columns that are named at run time. They throw KoInvalidArgument for a column that
@@ -101,7 +102,8 @@ class Table : public AnyTable {
   /// An empty table.
   explicit Table(const std::string& name) : AnyTable(name, Layout::info) {}
 
-  /// The row, which shares the table's buffer, or a null row.
+  /// The row, which shares the table's buffer, or a null row. As with all that gives rows: throws
+  /// std::bad_alloc, since a row that only its table holds has no owner that could be shared.
   Row find(oid_t oid) const {
     Row row;
     get(oid, row);
