@@ -47,11 +47,17 @@ std::vector<Shown> shownBy(const std::string& page) {
   return all;
 }
 
+/// A command with " &" at its end, which writes into a file of its own: others' output is looked at
+/// while it goes on.
+std::string quietly(const std::string& command) {
+  return command.substr(0, command.size() - 2) + " >>background.txt 2>&1 &";
+}
+
 /// Runs what goes on in the background while the page goes on, until its socket is there.
 void serve(const std::string& command) {
   const std::size_t begin = command.find("unix:") + 5;
   const std::string path = command.substr(begin, command.find(' ', begin) - begin);
-  shell("rm -f " + path + "; " + command + "\necho $! >serve.pid\n" +
+  shell("rm -f " + path + "; " + quietly(command) + "\necho $! >serve.pid\n" +
         "for i in {1..500}; do [ ! -S " + path + " ] || break; sleep 0.02; done; sleep 0.2");
 }
 
@@ -60,8 +66,9 @@ void bridge(const std::string& command) {
   const std::size_t end = command.rfind(" &");
   const std::size_t begin = command.rfind(' ', end - 1) + 1;
   const std::string target = command.substr(begin, end - begin);
-  shell(command + "\necho $! >>bridges.pid\n" + "for i in {1..500}; do [ -z \"$(korvo get " +
-        target + " net/port 2>&1 >/dev/null)\" ] && break; sleep 0.02; done");
+  shell(quietly(command) + "\necho $! >>bridges.pid\n" +
+        "for i in {1..500}; do [ -z \"$(korvo get " + target +
+        " net/port 2>&1 >/dev/null)\" ] && break; sleep 0.02; done");
 }
 
 /// The page's member of a cluster is one of the test's.
