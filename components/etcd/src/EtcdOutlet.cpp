@@ -164,6 +164,8 @@ void EtcdOutlet::haveName(const etcd::TxnResponse& response) {
     const auto& owners = response.responses(0).response_range().kvs();
     if (owners.empty() || owners[0].value() != ownerText_ || owners[0].lease() != lease_) {
       backoff_.keepUp();
+      // This one ends by itself; who gets the name has one with all its time.
+      lease_ = 0;
       lose({Fault::Kind::other,
             "another publisher has the name " + address_.publisher + ": " +
                 (owners.empty() ? std::string("its lease just ended") : owners[0].value())});
@@ -186,7 +188,7 @@ void EtcdOutlet::keepLease() {
     leaseSilence_ = milliseconds(0);
     keepAlive_->next();
   });
-  // Who waited for the name has a lease that is about to end.
+  // Who was without a conversation for a while has a lease that is about to end.
   askForLease();
 }
 
