@@ -53,6 +53,9 @@ constexpr const char* rowsAtLast =
 
 /// One server, and what is published on it.
 class Etcd : public testing::Test {
+ public:
+  ~Etcd() override { server.tool("del --prefix korvo/"); }
+
  protected:
   static void SetUpTestSuite() {
     one = std::make_unique<Cluster>(1);
@@ -64,7 +67,6 @@ class Etcd : public testing::Test {
     shell("rm -f *.sock *.rec");
     write("ports.rec", portRecording().bytes);
   }
-  ~Etcd() override { server.tool("del --prefix korvo/"); }
 
   std::string key(const std::string& name) const { return "korvo/test/agent/" + name; }
   std::string valueOf(const std::string& name) const {
@@ -292,7 +294,7 @@ std::vector<std::string> recordsOf(const std::string& file) {
   std::vector<std::string> records;
   for (std::size_t at = 16; at + 8 <= bytes.size();) {
     const std::size_t length = 4 + Korvo::loadField<std::uint32_t>(bytes.data() + at);
-    const int type = bytes[at + 4];
+    const char type = bytes[at + 4];
     if (type == 2 || type == 4) records.push_back(bytes.substr(at, length));
     at += length;
   }
