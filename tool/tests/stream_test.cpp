@@ -113,6 +113,7 @@ TEST_F(Stream, TakesConstantMemory) {
 #endif
 }
 
+#ifdef NDEBUG  // as above
 TEST_F(Stream, RowsWithoutAPartnerTakeConstantMemoryInOrder) {
   const auto diff = [](const char* a, const char* b) {
     return usageOf({"diff", "-l", "rows.layout", "--in-order", "--quiet", a, b});
@@ -123,6 +124,8 @@ TEST_F(Stream, RowsWithoutAPartnerTakeConstantMemoryInOrder) {
     EXPECT_LT(many.memory, few.memory + 2048);
   }
 }
+
+#endif
 
 TEST_F(Stream, TellsTheByteOfDamageInTheMiddle) {
   std::string content = korvotest::contentOf("many.rows");

@@ -31,6 +31,16 @@ struct Reader {
     return wait<std::vector<Row>>([&](auto told) { reader.rows<Row>(table, told); });
   }
 
+  /// Asks until it is told this, for which a short time limit may be too short; empty if it was.
+  std::string problemOtherThan(const std::string& words) {
+    std::string problem;
+    for (int i = 0; i < 20; ++i) {
+      problem = row(1).problem;
+      if (problem.find(words) != std::string::npos) return "";
+    }
+    return problem;
+  }
+
   std::shared_ptr<EventLoop> loop = std::make_shared<EventLoop>("reader");
   EtcdReader reader;
 
@@ -228,8 +238,7 @@ TEST(EtcdReader, OfABatchThatIsBeingWrittenNothingIsRead) {
   };
   ASSERT_TRUE(beginBatch(1));
   Reader hasty(cluster.address(), milliseconds(300));
-  EXPECT_TRUE(says(hasty.row(1).problem, "the first state is still being written"))
-      << hasty.row(1).problem;
+  EXPECT_EQ(hasty.problemOtherThan("the first state is still being written"), "");
   ASSERT_TRUE(isWritten(publisher));
 
   ASSERT_TRUE(beginBatch(2));
@@ -245,7 +254,7 @@ TEST(EtcdReader, OfABatchThatIsBeingWrittenNothingIsRead) {
 
   // The state before it is forgotten: there is nothing to tell until the batch is written.
   cluster.compact();
-  EXPECT_TRUE(says(hasty.row(1).problem, "compacted")) << hasty.row(1).problem;
+  EXPECT_EQ(hasty.problemOtherThan("compacted"), "");
   std::optional<EtcdAnswer<Port>> answer;
   reader.reader.row<Port>("net/port", 1, [&](const EtcdAnswer<Port>& got) { answer = got; });
   ASSERT_TRUE(runUntil([&] { return answer.has_value(); }, publisher, reader));
