@@ -86,8 +86,7 @@ class SocketStream final : public ByteStream, private Velto::Platform::FdEventHa
   Result read(void* to, std::size_t most) override {
     const ssize_t count = recv(descriptor_.get(), to, most, 0);
     if (count > 0) return {static_cast<std::size_t>(count), true, ""};
-    if (count == 0) return closed("the other end closed the connection");
-    return isRetried(errno) ? Result() : closed(std::strerror(errno));
+    return count < 0 && isRetried(errno) ? Result() : closed(count == 0 ? 0 : errno);
   }
 
   Result write(const iovec* parts, int count) override {
@@ -97,7 +96,7 @@ class SocketStream final : public ByteStream, private Velto::Platform::FdEventHa
     std::size_t wanted = 0;
     for (int i = 0; i < count; ++i) wanted += parts[i].iov_len;
     const ssize_t sent = sendmsg(descriptor_.get(), &message, MSG_NOSIGNAL);
-    if (sent < 0 && !isRetried(errno)) return closed(std::strerror(errno));
+    if (sent < 0 && !isRetried(errno)) return closed(errno);
     const std::size_t written = sent < 0 ? 0 : static_cast<std::size_t>(sent);
     if (written < wanted) watch_->writableWantedIs(true);
     return {written, true, ""};
@@ -120,10 +119,12 @@ class SocketStream final : public ByteStream, private Velto::Platform::FdEventHa
     watch_->writableWantedIs(false);
     if (user_ != nullptr) user_->streamIsReady();
   }
-  /// An end that is closed is readable for ever.
-  Result closed(const std::string& reason) {
+  /// An end that is closed is readable for ever. Who ends with unread bytes, as by a signal, resets
+  /// the connection.
+  Result closed(int error) {
     watch_->fdIs(-1);
-    return {0, false, reason};
+    const bool isEnd = error == 0 || error == ECONNRESET || error == EPIPE;
+    return {0, false, isEnd ? "the other end closed the connection" : std::strerror(error)};
   }
 
   Descriptor descriptor_;

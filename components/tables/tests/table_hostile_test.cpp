@@ -481,8 +481,9 @@ TEST_F(HostilePublisherTest, HalfFramesKeepWhatThereWas) {
   }
   EXPECT_EQ(contents(copy).size(), 1U);
   EXPECT_EQ(copy.state(), TableState::current);
-  peer = Socket();
+  peer = Socket();  // without having read what it was sent
   EXPECT_TRUE(runUntil([&] { return copy.state() == TableState::stale; }));
+  EXPECT_EQ(copy.stateText(), "the other end closed the connection");
   EXPECT_EQ(copy.find(1).get<"name">(), "eth");
 }
 
