@@ -125,6 +125,12 @@ len_t pack(byte_t* buf, const PackingOrder& order, len_t baseRowLength) {
 
 // ---------------------------------------------------------------------------------------------
 
+void requireBaseLength(len_t baseRowLength) {
+  KORVO_ASSERT(baseRowLength != 0, "baseRowLength != 0", "src/baseRow.cpp",
+               "Korvo::len_t Korvo::BaseRow::makeFreeSpace(Korvo::len_t, Korvo::len_t, "
+               "Korvo::len_t)");
+}
+
 /// Out of the way of the writes that succeed.
 [[noreturn, gnu::noinline]] void refuse(const char* reason, std::size_t length) {
   throw KoOutOfRange(reason + std::to_string(length));
@@ -212,21 +218,16 @@ len_t BaseRow::takeRoom(byte_t*& buf, const Room& room, const Demand& demand, co
 byte_t* BaseRow::grow(byte_t* buf, len_t newLength) {
   const len_t length = loadField<len_t>(buf + rowLengthOffset);
   if (newLength <= length) return buf;
-  buf = install(resized(buf, newLength));
+  buf = resize(buf, newLength);
   std::memset(buf + length, 0, newLength - std::size_t{length});
   storeField(buf + rowLengthOffset, newLength);
   return buf;
 }
 
-/// The block `buf` with another size.
-byte_t* BaseRow::resized(byte_t* buf, std::size_t size) {
+/// Gives the row's block another size. Returns its buffer, which is what its class makes of it.
+byte_t* BaseRow::resize(byte_t* buf, std::size_t size) {
   auto* const block = static_cast<byte_t*>(std::realloc(buf, size));
   if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-
-/// Gives the row its resized block. Returns its buffer, which is what the row's class makes of it.
-byte_t* BaseRow::install(byte_t* block) {
   replaceRow(block);
   return rwRowBuf();
 }
@@ -238,8 +239,8 @@ byte_t* BaseRow::install(byte_t* block) {
 /// decides. What a shared row gives up is given back on a throw.
 class BaseRow::SoleBuffer {
  public:
-  explicit SoleBuffer(BaseRow& row) : row_(row) {
-    if (!row.isSoleHolder()) copy();
+  SoleBuffer(BaseRow& row, bool isCopied) : row_(row), isCopied_(isCopied) {
+    if (isCopied) former_ = row.copyBuffer();
   }
   ~SoleBuffer() {
     if (isCopied_) row_.rowBuf_ = std::move(former_);
@@ -247,11 +248,6 @@ class BaseRow::SoleBuffer {
   SoleBuffer(const SoleBuffer&) = delete;
   SoleBuffer& operator=(const SoleBuffer&) = delete;
 
-  void copy() {
-    if (isCopied_) return;
-    former_ = row_.copyBuffer();
-    isCopied_ = true;
-  }
   /// Ends the guard; returns what was given up.
   KoPtr<KoRowBuf> keep() {
     isCopied_ = false;
@@ -261,7 +257,7 @@ class BaseRow::SoleBuffer {
  private:
   BaseRow& row_;
   KoPtr<KoRowBuf> former_;
-  bool isCopied_ = false;
+  bool isCopied_;
 };
 
 [[gnu::flatten]] BaseRow::Place BaseRow::makePlace(const Demand& demand, const Known& known) {
@@ -271,10 +267,9 @@ class BaseRow::SoleBuffer {
     refuse("Encoded value exceeds 32767 bytes: ", demand.length);
   }
   const Room room = findRoom(present, demand, known);
-  SoleBuffer own(*this);
-  if (room.movesRow && refersInto(present, demand.source)) [[unlikely]] {
-    own.copy();  // the value stays readable in the former buffer
-  }
+  // A value that refers into a row that may move stays readable in the former buffer.
+  const bool isCopied = !isSoleHolder() || (room.movesRow && refersInto(present, demand.source));
+  SoleBuffer own(*this, isCopied);
   byte_t* buf = rwRowBuf();
   const len_t offset = takeRoom(buf, room, demand, known);
   return {buf, offset, own.keep()};
@@ -294,8 +289,7 @@ len_t BaseRow::makeFreeSpace(len_t slotOffset, len_t needed, len_t baseRowLength
   byte_t* buf = rwRowBuf();
   const Room room = findRoom(buf, demand, {});
   if (room.kind == Room::Kind::behindPackedData) {
-    makeExclusive();  // as moving a column does
-    buf = rwRowBuf();
+    buf = exclusiveBuf();  // as moving a column does
   }
   const len_t offset = takeRoom(buf, room, demand, {});
   if (room.kind != Room::Kind::ofPresentValue) VColType::at(buf, slotOffset).clear();
@@ -306,10 +300,7 @@ len_t BaseRow::makeFreeSpace(len_t slotOffset, len_t needed, len_t baseRowLength
 len_t BaseRow::compactVariableData(len_t baseRowLength) {
   byte_t* buf = rowBuf();
   const PackingOrder order(buf, vcd(), 0);
-  if (!order.isPacked(baseRowLength)) {
-    makeExclusive();
-    buf = rwRowBuf();
-  }
+  if (!order.isPacked(baseRowLength)) buf = exclusiveBuf();
   return pack(buf, order, baseRowLength);
 }
 
@@ -317,8 +308,7 @@ len_t BaseRow::moveVariableColumn(VColType* slot, len_t slotOffset, len_t to) {
   const len_t from = slot->offset();
   const len_t length = slot->length();
   if (length == 0) return to;
-  makeExclusive();
-  byte_t* const buf = rwRowBuf();
+  byte_t* const buf = exclusiveBuf();
   detail::moveBytes(buf + to, buf + from, length);
   storeOffset(buf, slotOffset, to);
   return static_cast<len_t>(to + length);

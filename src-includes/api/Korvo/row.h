@@ -58,32 +58,35 @@ class KORVO_API BaseRow {
   BaseRow& operator=(const SubRowReference&) = delete;
 
   /// The buffer, for reading and for writing; neither copies. They throw KoNullRow for a null row.
-  virtual byte_t* rowBuf() const;
+  virtual byte_t* rowBuf() const {
+    if (!rowBuf_) throwNullRow();
+    return rowBuf_->buf_;
+  }
   /// The buffer for writing; it does not copy a shared one. Throws KoNullRow for a null row.
-  virtual byte_t* rwRowBuf();
+  virtual byte_t* rwRowBuf() { return BaseRow::rowBuf(); }
   /// Installs `buf` without freeing the old block; every row that shares the owner sees it. Throws
   /// KoNullRow for a null row.
   virtual void replaceRow(byte_t* buf);
   /// Shares the other row's buffer; this row's own loses a holder.
-  virtual void shareContents(const BaseRow& other);
+  virtual void shareContents(const BaseRow& other) { rowBuf_ = other.rowBuf_; }
   virtual ~BaseRow() = default;
   /// These three belong to the table's row class; here they stop the process.
   virtual vcdType& vcd() const;
   /// The place of the named column. Belongs to the table's row class; here it stops the process.
   virtual len_t columnOffset(const std::string& name) const;
   /// Makes the row null.
-  virtual void nullifyRow();
+  virtual void nullifyRow() { rowBuf_.reset(); }
   /// Whether the row has no buffer.
-  virtual bool isNull() const;
+  virtual bool isNull() const { return !rowBuf_; }
   /// The header as text: "len = 64, type = 3, oid = 1001", or "len = 0, NULL".
   virtual std::string toString() const;
   /// Empty here; a table's row class may override it.
-  virtual std::string toJson() const;
+  virtual std::string toJson() const { return {}; }
   /// Where the variable area begins. Belongs to the table's row class; here it stops the process.
   virtual len_t baseRowLength();
   /// Whether vcd() lists every variable-length column. Only then are gaps reused and rows
   /// compacted; otherwise every new value is appended.
-  virtual bool isFullyDefined() const;
+  virtual bool isFullyDefined() const { return false; }
   /// Zeroes all but the row length and the row type. Does nothing on a null row.
   virtual void clearRow();
 
@@ -94,8 +97,8 @@ class KORVO_API BaseRow {
   std::uint16_t rowType() const { return loadField<std::uint16_t>(rowBuf() + rowTypeOffset); }
   /// The row's object id.
   oid_t rowOid() const { return loadField<oid_t>(rowBuf() + rowOidOffset); }
-  void rowTypeIs(std::uint16_t type) { setField(rowTypeOffset, type); }
-  void rowOidIs(oid_t oid) { setField(rowOidOffset, oid); }
+  void rowTypeIs(std::uint16_t type) { setFixedColumn(rowTypeOffset, type); }
+  void rowOidIs(oid_t oid) { setFixedColumn(rowOidOffset, oid); }
 
   // Fixed-width columns.
 
@@ -127,7 +130,9 @@ class KORVO_API BaseRow {
 
   /// As getColumn() of an array.
   template <typename T>
-  void getVarElemArray(len_t slotOffset, std::vector<T>& out) const;
+  void getVarElemArray(len_t slotOffset, std::vector<T>& out) const {
+    getColumn(slotOffset, out);
+  }
   /// As setColumn(), but for its assertion.
   template <typename T>
   void updateVarElement(len_t slotOffset, len_t fdLen, const T& value);
@@ -146,19 +151,29 @@ class KORVO_API BaseRow {
 
   /// Whether this row's column == the other's.
   template <typename T>
-  bool columnEqual(len_t slotOffset, const BaseRow& other, len_t otherSlotOffset) const;
+  bool columnEqual(len_t slotOffset, const BaseRow& other, len_t otherSlotOffset) const {
+    return columnReference<T>(slotOffset) == other.columnReference<T>(otherSlotOffset);
+  }
   /// Whether this row's column == the value.
   template <typename T>
-  bool columnEqualConst(len_t slotOffset, const T& value) const;
+  bool columnEqualConst(len_t slotOffset, const T& value) const {
+    return columnReference<T>(slotOffset) == value;
+  }
   /// Whether this row's column < the other's.
   template <typename T>
-  bool columnLess(len_t slotOffset, const BaseRow& other, len_t otherSlotOffset) const;
+  bool columnLess(len_t slotOffset, const BaseRow& other, len_t otherSlotOffset) const {
+    return columnReference<T>(slotOffset) < other.columnReference<T>(otherSlotOffset);
+  }
   /// A hash of the column's bytes, 32 bits wide and the same on every host.
   template <typename T>
-  unsigned int columnHash(len_t slotOffset) const;
+  unsigned int columnHash(len_t slotOffset) const {
+    return detail::hashOf(columnReference<T>(slotOffset));
+  }
   /// The reference's orderKey().
   template <typename T>
-  std::uint64_t columnOrderKey(len_t slotOffset) const;
+  std::uint64_t columnOrderKey(len_t slotOffset) const {
+    return columnReference<T>(slotOffset).orderKey();
+  }
 
   // Encoded values.
 
@@ -238,7 +253,7 @@ class KORVO_API BaseRow {
 
   // Ownership.
   bool isSoleHolder() const noexcept;
-  void makeExclusive();
+  byte_t* exclusiveBuf();
   KoPtr<KoRowBuf> copyBuffer();
 
   // Room; see src/rowSpace.cpp. Every value that is not empty comes through makePlace().
@@ -246,12 +261,10 @@ class KORVO_API BaseRow {
   Room findRoom(const byte_t* buf, const Demand& demand, const Known& known) const;
   len_t takeRoom(byte_t*& buf, const Room& room, const Demand& demand, const Known& known);
   byte_t* grow(byte_t* buf, len_t newLength);
-  static byte_t* resized(byte_t* buf, std::size_t size);
-  byte_t* install(byte_t* block);
+  byte_t* resize(byte_t* buf, std::size_t size);
   std::span<const len_t> slotsOf(const Known& known) const;
   static detail::Extent extentWithout(const byte_t* buf, std::span<const len_t> slots,
                                       len_t slotOffset, len_t baseRowLength);
-  static void requireBaseLength(len_t baseRowLength);
   static bool refersInto(const byte_t* buf, std::span<const byte_t> value);
 
   // Writing.
@@ -263,8 +276,6 @@ class KORVO_API BaseRow {
   void writeBehind(byte_t* buf, len_t slotOffset, const Value& value);
   void write(len_t slotOffset, const detail::EncodedValue& value, len_t fdLen, const Known& known);
   void clearColumn(len_t slotOffset);
-  template <typename T>
-  void setField(len_t offset, const T& value);
   [[noreturn]] void failSetColumn(const char* type, bool isArray) const;
 
   template <typename T>
@@ -287,20 +298,6 @@ class KORVO_API varFieldMap : public std::map<len_t, len_t> {
 
 // ---------------------------------------------------------------------------------------------
 // Inline bodies
-
-inline byte_t* BaseRow::rowBuf() const {
-  if (!rowBuf_) throwNullRow();
-  return rowBuf_->buf_;
-}
-
-inline byte_t* BaseRow::rwRowBuf() {
-  if (!rowBuf_) throwNullRow();
-  return rowBuf_->buf_;
-}
-
-inline bool BaseRow::isNull() const {
-  return !rowBuf_;
-}
 
 [[gnu::always_inline]] inline bool BaseRow::isSoleHolder() const noexcept {
   if (rowBuf_.use_count() != 1) return false;
@@ -358,21 +355,17 @@ void BaseRow::getColumn(len_t slotOffset, std::vector<T>& out) const {
   static_assert(detail::isArrayElement<T>,
                 "getColumn of an array: the elements are std::string, IpGenAddr or IpGenPrefix; "
                 "arrayReference<T> reads the others");
-  if (isNull()) return;
-  const byte_t* const buf = rowBuf();
-  const VColType& column = VColType::at(buf, slotOffset);
-  if (column.length() == 0) return;
-  const byte_t* const array = buf + column.offset();
-  const unsigned int count = loadField<std::uint16_t>(array) & arrayCountMask;
+  const ArrayReference<T> array = arrayReference<T>(slotOffset);
+  const unsigned int count = array.size();
   const std::size_t before = out.size();
   out.reserve(count);  // not behind what is there: gathering many columns would copy it each time
   try {
     for (unsigned int i = 0; i < count; ++i) {
-      const VColType& slot = VColType::at(array, arrayHeaderLength + sizeof(VColType) * i);
-      const byte_t* data = array + slot.offset();
+      const VColType& slot = array.slotAt(i);
+      const byte_t* data = array.dataOf(slot);
       std::array<byte_t, ipv4Length + 1> own;
       if (slot.length() == 0) {  // decoding looks at bytes of an empty element too
-        detail::copyOwnBytes(own, data, buf + loadField<len_t>(buf + rowLengthOffset));
+        own = array.template elementBytes<ipv4Length + 1>(slot);
         data = own.data();
       }
       out.emplace_back();
@@ -401,31 +394,6 @@ T BaseRow::columnReference(len_t slotOffset) const {
   const byte_t* const buf = rowBuf();
   const VColType& slot = VColType::at(buf, slotOffset);
   return detail::referenceTo<T>(buf + slot.offset(), slot.length());
-}
-
-template <typename T>
-bool BaseRow::columnEqual(len_t slotOffset, const BaseRow& other, len_t otherSlotOffset) const {
-  return columnReference<T>(slotOffset) == other.columnReference<T>(otherSlotOffset);
-}
-
-template <typename T>
-bool BaseRow::columnEqualConst(len_t slotOffset, const T& value) const {
-  return columnReference<T>(slotOffset) == value;
-}
-
-template <typename T>
-bool BaseRow::columnLess(len_t slotOffset, const BaseRow& other, len_t otherSlotOffset) const {
-  return columnReference<T>(slotOffset) < other.columnReference<T>(otherSlotOffset);
-}
-
-template <typename T>
-unsigned int BaseRow::columnHash(len_t slotOffset) const {
-  return detail::hashOf(columnReference<T>(slotOffset));
-}
-
-template <typename T>
-std::uint64_t BaseRow::columnOrderKey(len_t slotOffset) const {
-  return columnReference<T>(slotOffset).orderKey();
 }
 
 template <typename T>
@@ -482,22 +450,17 @@ void BaseRow::setToNull(T& out) {
 // ---------------------------------------------------------------------------------------------
 // Writing
 
-/// Copy on write: afterwards this row is the only holder of its buffer.
-inline void BaseRow::makeExclusive() {
+/// Copy on write: the row's buffer, of which it is the only holder afterwards.
+inline byte_t* BaseRow::exclusiveBuf() {
   if (!isSoleHolder()) copyBuffer();
-}
-
-template <typename T>
-void BaseRow::setField(len_t offset, const T& value) {
-  const T copy = value;  // it may stand in the buffer that is given up
-  makeExclusive();
-  storeField(rwRowBuf() + offset, copy);
+  return rwRowBuf();
 }
 
 template <typename T>
 void BaseRow::setFixedColumn(len_t offset, const T& value) {
   static_assert(detail::isFixed<T>, "setFixedColumn<T>: T is a fixed-width type of the catalogue");
-  setField(offset, value);
+  const T copy = value;  // it may stand in the buffer that is given up
+  storeField(exclusiveBuf() + offset, copy);
 }
 
 /// Whether a value has a byte in a row, from wherever it begins.
@@ -573,11 +536,6 @@ void BaseRow::setColumn(len_t slotOffset, const std::vector<T>& values, len_t fd
     failSetColumn(detail::nameInSignatures<T>, true);
   }
   updateVarElemArray(slotOffset, fdLen, values);
-}
-
-template <typename T>
-void BaseRow::getVarElemArray(len_t slotOffset, std::vector<T>& out) const {
-  getColumn(slotOffset, out);
 }
 
 template <typename T>

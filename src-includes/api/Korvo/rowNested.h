@@ -15,42 +15,27 @@ class KORVO_API SubRowReference : public BaseRow {
   SubRowReference() = default;
   /// The row that begins at `row`.
   explicit SubRowReference(const byte_t* row) : row_(const_cast<byte_t*>(row)) {}
-  SubRowReference(const SubRowReference&) = default;
-  SubRowReference(SubRowReference&&) noexcept = default;
-  SubRowReference& operator=(const SubRowReference&) = default;
-  SubRowReference& operator=(SubRowReference&&) noexcept = default;
 
-  byte_t* rowBuf() const override;
+  byte_t* rowBuf() const override {
+    if (row_ == nullptr) throwNullRow();
+    return row_;
+  }
   /// Stops the process: a nested row is never written in place.
-  byte_t* rwRowBuf() override;
-  ~SubRowReference() override = default;
+  byte_t* rwRowBuf() override {
+    detail::assertionFailed("false", detail::rowHeader, __LINE__,
+                            "virtual Korvo::byte_t* Korvo::SubRowReference::rwRowBuf()");
+  }
   /// Stops the process.
-  void nullifyRow() override;
+  void nullifyRow() override {
+    detail::assertionFailed("false", detail::rowHeader, __LINE__,
+                            "virtual void Korvo::SubRowReference::nullifyRow()");
+  }
   /// Whether this refers to nothing.
-  bool isNull() const override;
+  bool isNull() const override { return row_ == nullptr; }
 
  private:
   byte_t* row_ = nullptr;
 };
-
-inline byte_t* SubRowReference::rwRowBuf() {
-  detail::assertionFailed("false", detail::rowHeader, __LINE__,
-                          "virtual Korvo::byte_t* Korvo::SubRowReference::rwRowBuf()");
-}
-
-inline void SubRowReference::nullifyRow() {
-  detail::assertionFailed("false", detail::rowHeader, __LINE__,
-                          "virtual void Korvo::SubRowReference::nullifyRow()");
-}
-
-inline byte_t* SubRowReference::rowBuf() const {
-  if (row_ == nullptr) throwNullRow();
-  return row_;
-}
-
-inline bool SubRowReference::isNull() const {
-  return row_ == nullptr;
-}
 
 inline detail::EncodedValue detail::encoded(const SubRowReference& row) {
   return encodedRow(row.rowBuf());
