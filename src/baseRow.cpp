@@ -30,6 +30,22 @@ void BaseRow::throwNullRow() {
   throw KoNullRow();
 }
 
+void BaseRow::shareContents(const BaseRow& other) {
+  rowBuf_ = other.rowBuf_;
+}
+
+void BaseRow::nullifyRow() {
+  rowBuf_.reset();
+}
+
+bool BaseRow::isFullyDefined() const {
+  return false;
+}
+
+std::string BaseRow::toJson() const {
+  return {};
+}
+
 void BaseRow::replaceRow(byte_t* buf) {
   if (!rowBuf_) throwNullRow();
   rowBuf_->buf_ = buf;

@@ -58,35 +58,32 @@ class KORVO_API BaseRow {
   BaseRow& operator=(const SubRowReference&) = delete;
 
   /// The buffer, for reading and for writing; neither copies. They throw KoNullRow for a null row.
-  virtual byte_t* rowBuf() const {
-    if (!rowBuf_) throwNullRow();
-    return rowBuf_->buf_;
-  }
+  virtual byte_t* rowBuf() const;
   /// The buffer for writing; it does not copy a shared one. Throws KoNullRow for a null row.
-  virtual byte_t* rwRowBuf() { return BaseRow::rowBuf(); }
+  virtual byte_t* rwRowBuf();
   /// Installs `buf` without freeing the old block; every row that shares the owner sees it. Throws
   /// KoNullRow for a null row.
   virtual void replaceRow(byte_t* buf);
   /// Shares the other row's buffer; this row's own loses a holder.
-  virtual void shareContents(const BaseRow& other) { rowBuf_ = other.rowBuf_; }
+  virtual void shareContents(const BaseRow& other);
   virtual ~BaseRow() = default;
   /// These three belong to the table's row class; here they stop the process.
   virtual vcdType& vcd() const;
   /// The place of the named column. Belongs to the table's row class; here it stops the process.
   virtual len_t columnOffset(const std::string& name) const;
   /// Makes the row null.
-  virtual void nullifyRow() { rowBuf_.reset(); }
+  virtual void nullifyRow();
   /// Whether the row has no buffer.
-  virtual bool isNull() const { return !rowBuf_; }
+  virtual bool isNull() const;
   /// The header as text: "len = 64, type = 3, oid = 1001", or "len = 0, NULL".
   virtual std::string toString() const;
   /// Empty here; a table's row class may override it.
-  virtual std::string toJson() const { return {}; }
+  virtual std::string toJson() const;
   /// Where the variable area begins. Belongs to the table's row class; here it stops the process.
   virtual len_t baseRowLength();
   /// Whether vcd() lists every variable-length column. Only then are gaps reused and rows
   /// compacted; otherwise every new value is appended.
-  virtual bool isFullyDefined() const { return false; }
+  virtual bool isFullyDefined() const;
   /// Zeroes all but the row length and the row type. Does nothing on a null row.
   virtual void clearRow();
 
@@ -298,6 +295,19 @@ class KORVO_API varFieldMap : public std::map<len_t, len_t> {
 
 // ---------------------------------------------------------------------------------------------
 // Inline bodies
+
+inline byte_t* BaseRow::rowBuf() const {
+  if (!rowBuf_) throwNullRow();
+  return rowBuf_->buf_;
+}
+
+inline byte_t* BaseRow::rwRowBuf() {
+  return BaseRow::rowBuf();
+}
+
+inline bool BaseRow::isNull() const {
+  return !rowBuf_;
+}
 
 [[gnu::always_inline]] inline bool BaseRow::isSoleHolder() const noexcept {
   if (rowBuf_.use_count() != 1) return false;

@@ -16,26 +16,36 @@ class KORVO_API SubRowReference : public BaseRow {
   /// The row that begins at `row`.
   explicit SubRowReference(const byte_t* row) : row_(const_cast<byte_t*>(row)) {}
 
-  byte_t* rowBuf() const override {
-    if (row_ == nullptr) throwNullRow();
-    return row_;
-  }
+  byte_t* rowBuf() const override;
   /// Stops the process: a nested row is never written in place.
-  byte_t* rwRowBuf() override {
-    detail::assertionFailed("false", detail::rowHeader, __LINE__,
-                            "virtual Korvo::byte_t* Korvo::SubRowReference::rwRowBuf()");
-  }
+  byte_t* rwRowBuf() override;
   /// Stops the process.
-  void nullifyRow() override {
-    detail::assertionFailed("false", detail::rowHeader, __LINE__,
-                            "virtual void Korvo::SubRowReference::nullifyRow()");
-  }
+  void nullifyRow() override;
   /// Whether this refers to nothing.
-  bool isNull() const override { return row_ == nullptr; }
+  bool isNull() const override;
 
  private:
   byte_t* row_ = nullptr;
 };
+
+inline byte_t* SubRowReference::rwRowBuf() {
+  detail::assertionFailed("false", detail::rowHeader, __LINE__,
+                          "virtual Korvo::byte_t* Korvo::SubRowReference::rwRowBuf()");
+}
+
+inline void SubRowReference::nullifyRow() {
+  detail::assertionFailed("false", detail::rowHeader, __LINE__,
+                          "virtual void Korvo::SubRowReference::nullifyRow()");
+}
+
+inline byte_t* SubRowReference::rowBuf() const {
+  if (row_ == nullptr) throwNullRow();
+  return row_;
+}
+
+inline bool SubRowReference::isNull() const {
+  return row_ == nullptr;
+}
 
 inline detail::EncodedValue detail::encoded(const SubRowReference& row) {
   return encodedRow(row.rowBuf());
