@@ -38,41 +38,29 @@ class PackingOrder {
       many_.resize(slots.size() + 1);
       begin_ = many_.data();
     }
-    Entry* end = begin_;
-    std::uint64_t place = 0;
-    std::uint64_t last = 0;
-    bool isSorted = true;
+    end_ = begin_;
     for (const len_t slotOffset : slots) {
-      ++place;
-      if (slotOffset == without) continue;
       const VColType slot = VColType::at(buf, slotOffset);
-      if (slot.length() == 0 || slot.offset() == 0) continue;
-      end->bits = std::uint64_t{slot.offset()} << 48 | place << 32 |
-                  std::uint64_t{slotOffset} << 16 | slot.length();
-      isSorted = isSorted && end->bits > last;
-      last = end++->bits;
+      if (slotOffset == without || slot.length() == 0 || slot.offset() == 0) continue;
+      *end_++ = {slot.offset(), slotOffset, slot.length()};
     }
-    end_ = end;
+    const auto isBefore = [](const Entry& a, const Entry& b) {
+      return a.dataOffset < b.dataOffset;
+    };
     // Mostly one value alone is out of order, which merging makes use of.
-    if (!isSorted) {
-      std::stable_sort(begin_, end_,
-                       [](const Entry& a, const Entry& b) { return a.bits < b.bits; });
-    }
-    end_->bits = 0;
+    if (!std::is_sorted(begin_, end_, isBefore)) std::stable_sort(begin_, end_, isBefore);
+    *end_ = {};
   }
   PackingOrder(const PackingOrder&) = delete;
   PackingOrder& operator=(const PackingOrder&) = delete;
 
-  /// From its highest bits to its lowest: data offset, place in the list of slots (columns with one
-  /// offset stay in column order), slot offset, length.
   struct Entry {
-    std::uint64_t bits;
+    len_t dataOffset;
+    len_t slotOffset;
+    len_t length;
 
-    len_t dataOffset() const { return static_cast<len_t>(bits >> 48); }
-    len_t slotOffset() const { return static_cast<len_t>(bits >> 16); }
-    len_t length() const { return static_cast<len_t>(bits); }
     /// Of columns that claim the same data, the last keeps it.
-    bool keepsData() const { return dataOffset() != (this + 1)->dataOffset(); }
+    bool keepsData() const { return dataOffset != (this + 1)->dataOffset; }
   };
   const Entry* begin() const { return begin_; }
   const Entry* end() const { return end_; }
@@ -82,8 +70,8 @@ class PackingOrder {
     len_t position = baseRowLength;
     for (const Entry& column : *this) {
       if (!column.keepsData()) continue;
-      if (column.dataOffset() > position) return false;
-      position = static_cast<len_t>(position + column.length());
+      if (column.dataOffset > position) return false;
+      position = static_cast<len_t>(position + column.length);
     }
     return true;
   }
@@ -95,31 +83,17 @@ class PackingOrder {
   Entry* end_;
 };
 
-/// Packs a buffer that may be written. Values that stand one behind the other are moved at once.
+/// Packs a buffer that may be written.
 len_t pack(byte_t* buf, const PackingOrder& order, len_t baseRowLength) {
   len_t position = baseRowLength;
-  unsigned int runBegin = 0;
-  unsigned int runEnd = 0;
-  const auto moveRun = [&] {
-    const unsigned int length = runEnd - runBegin;
-    if (length != 0) std::memmove(buf + position - length, buf + runBegin, length);
-  };
   for (const PackingOrder::Entry& column : order) {
     if (!column.keepsData()) continue;
-    const unsigned int from = column.dataOffset();
-    if (from != runEnd) {
-      moveRun();
-      runBegin = runEnd = from;
+    if (column.dataOffset > position) {
+      detail::moveBytes(buf + position, buf + column.dataOffset, column.length);
+      storeOffset(buf, column.slotOffset, position);
     }
-    if (from > position) {
-      storeOffset(buf, column.slotOffset(), position);
-      runEnd += column.length();
-    } else {
-      runBegin = runEnd;
-    }
-    position = static_cast<len_t>(position + column.length());
+    position = static_cast<len_t>(position + column.length);
   }
-  moveRun();
   return position;
 }
 

@@ -101,10 +101,19 @@ class KORVO_API BaseRow {
 
   /// The column's value; zero for a null row. T is a fixed-width type of the catalogue.
   template <typename T>
-  T fixedColumn(len_t offset) const;
+  T fixedColumn(len_t offset) const {
+    static_assert(detail::isFixed<T>, "fixedColumn<T>: T is a fixed-width type of the catalogue");
+    if (isNull()) return T();
+    return detail::fixedAt<T>(rowBuf() + offset);
+  }
   /// Writes a fixed-width column.
   template <typename T>
-  void setFixedColumn(len_t offset, const T& value);
+  void setFixedColumn(len_t offset, const T& value) {
+    static_assert(detail::isFixed<T>,
+                  "setFixedColumn<T>: T is a fixed-width type of the catalogue");
+    const T copy = value;  // it may stand in the buffer that is given up
+    storeField(exclusiveBuf() + offset, copy);
+  }
 
   // Variable-length columns.
 
@@ -132,13 +141,25 @@ class KORVO_API BaseRow {
   }
   /// As setColumn(), but for its assertion.
   template <typename T>
-  void updateVarElement(len_t slotOffset, len_t fdLen, const T& value);
+  void updateVarElement(len_t slotOffset, len_t fdLen, const T& value) {
+    static_assert(detail::isVariable<T>,
+                  "updateVarElement<T>: T is std::string, IpGenAddr, IpGenPrefix, one of their "
+                  "references or SubRowReference");
+    write(slotOffset, detail::encoded(value), fdLen, {});
+  }
   /// As setColumn() of an array, but for its assertion.
   template <typename T>
-  void updateVarElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values);
+  void updateVarElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values) {
+    static_assert(detail::isArrayElement<T>,
+                  "updateVarElemArray<T>: T is std::string, IpGenAddr or IpGenPrefix");
+    write(slotOffset, detail::EncodedArray(values), fdLen, {});
+  }
   /// Writes an array of bool, one byte each.
   template <typename T>
-  void updateFixElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values);
+  void updateFixElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values) {
+    static_assert(std::is_same_v<T, bool>, "updateFixElemArray<T>: T is bool");
+    write(slotOffset, detail::EncodedArray(values), fdLen, {});
+  }
   /// The view of an array column; one that refers to nothing for an empty column or a null row.
   template <typename T>
   ArrayReference<T> arrayReference(len_t slotOffset) const;
@@ -341,13 +362,6 @@ inline len_t BaseRow::baseRowLength() {
 // Reading
 
 template <typename T>
-T BaseRow::fixedColumn(len_t offset) const {
-  static_assert(detail::isFixed<T>, "fixedColumn<T>: T is a fixed-width type of the catalogue");
-  if (isNull()) return T();
-  return detail::fixedAt<T>(rowBuf() + offset);
-}
-
-template <typename T>
 void BaseRow::getColumn(len_t slotOffset, T& out) const {
   static_assert(detail::isVariable<T>,
                 "getColumn<T>: T is std::string, IpGenAddr, IpGenPrefix, one of their references, "
@@ -466,13 +480,6 @@ inline byte_t* BaseRow::exclusiveBuf() {
   return rwRowBuf();
 }
 
-template <typename T>
-void BaseRow::setFixedColumn(len_t offset, const T& value) {
-  static_assert(detail::isFixed<T>, "setFixedColumn<T>: T is a fixed-width type of the catalogue");
-  const T copy = value;  // it may stand in the buffer that is given up
-  storeField(exclusiveBuf() + offset, copy);
-}
-
 /// Whether a value has a byte in a row, from wherever it begins.
 inline bool BaseRow::refersInto(const byte_t* buf, std::span<const byte_t> value) {
   const auto rowBegin = reinterpret_cast<std::uintptr_t>(buf);
@@ -546,27 +553,6 @@ void BaseRow::setColumn(len_t slotOffset, const std::vector<T>& values, len_t fd
     failSetColumn(detail::nameInSignatures<T>, true);
   }
   updateVarElemArray(slotOffset, fdLen, values);
-}
-
-template <typename T>
-void BaseRow::updateVarElement(len_t slotOffset, len_t fdLen, const T& value) {
-  static_assert(detail::isVariable<T>,
-                "updateVarElement<T>: T is std::string, IpGenAddr, IpGenPrefix, one of their "
-                "references or SubRowReference");
-  write(slotOffset, detail::encoded(value), fdLen, {});
-}
-
-template <typename T>
-void BaseRow::updateVarElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values) {
-  static_assert(detail::isArrayElement<T>,
-                "updateVarElemArray<T>: T is std::string, IpGenAddr or IpGenPrefix");
-  write(slotOffset, detail::EncodedArray(values), fdLen, {});
-}
-
-template <typename T>
-void BaseRow::updateFixElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values) {
-  static_assert(std::is_same_v<T, bool>, "updateFixElemArray<T>: T is bool");
-  write(slotOffset, detail::EncodedArray(values), fdLen, {});
 }
 
 }  // namespace Korvo

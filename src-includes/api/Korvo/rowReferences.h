@@ -104,11 +104,12 @@ class IpGenAddrReference {
 
   /// By family first, then by address; all references of family unknown_ are equal, and no byte of
   /// theirs is read.
-  bool operator==(const IpGenAddrReference& other) const { return (*this <=> other) == 0; }
+  bool operator==(const IpGenAddrReference& other) const { return std::is_eq(*this <=> other); }
   /// With a value: `row.view<"peer">() == address`.
   friend bool operator==(const IpGenAddrReference& addr, const IpGenAddr& value) {
     return addr == IpGenAddrReference(value.bytes(), value.af());
   }
+  /// By family first, then by address.
   std::strong_ordering operator<=>(const IpGenAddrReference& other) const {
     if (af_ != other.af_) return af_ <=> other.af_;
     if (af_ == unknown_) return std::strong_ordering::equal;
