@@ -2,8 +2,6 @@
 
 #include <Korvo/KoStrUtils.h>
 
-#include <array>
-#include <charconv>
 #include <cstdint>
 #include <new>
 #include <ostream>
@@ -32,17 +30,25 @@ void BaseRow::throwNullRow() {
   throw KoNullRow();
 }
 
-void BaseRow::replaceRow(byte_t* buf) {
-  if (!rowBuf_) throwNullRow();
-  rowBuf_->buf_ = buf;
-}
-
 void BaseRow::shareContents(const BaseRow& other) {
   rowBuf_ = other.rowBuf_;
 }
 
 void BaseRow::nullifyRow() {
   rowBuf_.reset();
+}
+
+bool BaseRow::isFullyDefined() const {
+  return false;
+}
+
+std::string BaseRow::toJson() const {
+  return {};
+}
+
+void BaseRow::replaceRow(byte_t* buf) {
+  if (!rowBuf_) throwNullRow();
+  rowBuf_->buf_ = buf;
 }
 
 /// Gives the row a buffer of its own with what is in its present one, which it gives up and
@@ -85,30 +91,12 @@ void BaseRow::installCopy(const void* bytes, std::size_t length, len_t baseLengt
 
 void BaseRow::clearRow() {
   if (isNull() || rowLength() < rowOidOffset) return;
-  makeExclusive();
-  byte_t* const buf = rwRowBuf();
+  byte_t* const buf = exclusiveBuf();
   std::memset(buf + rowOidOffset, 0, loadField<len_t>(buf) - std::size_t{rowOidOffset});
 }
 
 // ---------------------------------------------------------------------------------------------
-// What the table's row class tells
-
-bool BaseRow::isFullyDefined() const {
-  return false;
-}
-
-std::string BaseRow::toJson() const {
-  return {};
-}
-
-// ---------------------------------------------------------------------------------------------
 // Writers
-
-void BaseRow::requireBaseLength(len_t baseRowLength) {
-  KORVO_ASSERT(baseRowLength != 0, "baseRowLength != 0", thisFile,
-               "Korvo::len_t Korvo::BaseRow::makeFreeSpace(Korvo::len_t, Korvo::len_t, "
-               "Korvo::len_t)");
-}
 
 void BaseRow::failSetColumn(const char* type, bool isArray) const {
   if (isNull()) throwNullRow();
@@ -120,8 +108,7 @@ void BaseRow::failSetColumn(const char* type, bool isArray) const {
 }
 
 void BaseRow::clearColumn(len_t slotOffset) {
-  makeExclusive();
-  VColType::at(rwRowBuf(), slotOffset).clear();
+  VColType::at(exclusiveBuf(), slotOffset).clear();
 }
 
 void BaseRow::copyVarColumn(len_t srcSlotOffset, const BaseRow& src, len_t dstSlotOffset,
@@ -133,27 +120,19 @@ void BaseRow::copyVarColumn(len_t srcSlotOffset, const BaseRow& src, len_t dstSl
     value.isArray = slot.isArray();
     return write(dstSlotOffset, value, fdLen, {});
   }
-  makeExclusive();
-  VColType::at(rwRowBuf(), dstSlotOffset).valueIs(0, 0, slot.isArray());
+  VColType::at(exclusiveBuf(), dstSlotOffset).valueIs(0, 0, slot.isArray());
 }
 
 // ---------------------------------------------------------------------------------------------
 // Decoding
 
 void BaseRow::decodeValue(const byte_t* src, len_t length, IpGenAddr& out) {
-  switch (length) {
-    case ipv6Length:
-      out = IpGenAddr(ipv6_, src);
-      return;
-    case ipv4Length:
-    case 0:  // no family, but the first word is taken over all the same
-      out = IpGenAddr(detail::familyOfAddress(length), src);
-      return;
-    default:
-      detail::assertionFailed("0", thisFile, __LINE__,
-                              "static void Korvo::BaseRow::decode(const void*, Korvo::len_t, T&) "
-                              "[with T = Korvo::IpGenAddr; Korvo::len_t = short unsigned int]");
-  }
+  const bool wellFormed = length == 0 || length == ipv4Length || length == ipv6Length;
+  KORVO_ASSERT(wellFormed, "0", thisFile,
+               "static void Korvo::BaseRow::decode(const void*, Korvo::len_t, T&) "
+               "[with T = Korvo::IpGenAddr; Korvo::len_t = short unsigned int]");
+  // Of an empty value, which has no family, the first word is taken over all the same.
+  out = IpGenAddr(detail::familyOfAddress(length), src);
 }
 
 void BaseRow::decodeValue(const byte_t* src, len_t length, IpGenPrefix& out) {
@@ -169,32 +148,18 @@ void BaseRow::decodeValue(const byte_t* src, len_t length, IpGenPrefix& out) {
 // ---------------------------------------------------------------------------------------------
 // Text
 
-namespace {
-
-constexpr std::string_view nullRowText = "len = 0, NULL";
-
-}  // namespace
-
 std::string BaseRow::toString() const {
-  if (isNull()) return std::string(nullRowText);
-  char text[64];
-  char* to = text;
-  const auto append = [&](std::string_view label, std::uint32_t number) {
-    to = std::copy(label.begin(), label.end(), to);
-    to = std::to_chars(to, to + 10, number).ptr;
-  };
-  append("len = ", rowLength());
-  append(", type = ", rowType());
-  append(", oid = ", rowOid());
-  return {text, to};
+  if (isNull()) return "len = 0, NULL";
+  std::string text;
+  text.reserve(48);
+  text.append("len = ").append(std::to_string(rowLength()));
+  text.append(", type = ").append(std::to_string(rowType()));
+  text.append(", oid = ").append(std::to_string(rowOid()));
+  return text;
 }
 
 std::ostream& operator<<(std::ostream& os, const BaseRow& row) {
-  if (row.isNull()) return os << nullRowText;
-  const std::ios_base::fmtflags before = os.setf(std::ios_base::dec, std::ios_base::basefield);
-  os << "len = " << row.rowLength() << ", type = " << row.rowType() << ", oid = " << row.rowOid();
-  os.setf(before & std::ios_base::basefield, std::ios_base::basefield);
-  return os;
+  return os << row.BaseRow::toString();
 }
 
 std::ostream& operator<<(std::ostream& os, const StringValueReference& text) {

@@ -38,41 +38,29 @@ class PackingOrder {
       many_.resize(slots.size() + 1);
       begin_ = many_.data();
     }
-    Entry* end = begin_;
-    std::uint64_t place = 0;
-    std::uint64_t last = 0;
-    bool isSorted = true;
+    end_ = begin_;
     for (const len_t slotOffset : slots) {
-      ++place;
-      if (slotOffset == without) continue;
       const VColType slot = VColType::at(buf, slotOffset);
-      if (slot.length() == 0 || slot.offset() == 0) continue;
-      end->bits = std::uint64_t{slot.offset()} << 48 | place << 32 |
-                  std::uint64_t{slotOffset} << 16 | slot.length();
-      isSorted = isSorted && end->bits > last;
-      last = end++->bits;
+      if (slotOffset == without || slot.length() == 0 || slot.offset() == 0) continue;
+      *end_++ = {slot.offset(), slotOffset, slot.length()};
     }
-    end_ = end;
+    const auto isBefore = [](const Entry& a, const Entry& b) {
+      return a.dataOffset < b.dataOffset;
+    };
     // Mostly one value alone is out of order, which merging makes use of.
-    if (!isSorted) {
-      std::stable_sort(begin_, end_,
-                       [](const Entry& a, const Entry& b) { return a.bits < b.bits; });
-    }
-    end_->bits = 0;
+    if (!std::is_sorted(begin_, end_, isBefore)) std::stable_sort(begin_, end_, isBefore);
+    *end_ = {};
   }
   PackingOrder(const PackingOrder&) = delete;
   PackingOrder& operator=(const PackingOrder&) = delete;
 
-  /// From its highest bits to its lowest: data offset, place in the list of slots (columns with one
-  /// offset stay in column order), slot offset, length.
   struct Entry {
-    std::uint64_t bits;
+    len_t dataOffset;
+    len_t slotOffset;
+    len_t length;
 
-    len_t dataOffset() const { return static_cast<len_t>(bits >> 48); }
-    len_t slotOffset() const { return static_cast<len_t>(bits >> 16); }
-    len_t length() const { return static_cast<len_t>(bits); }
     /// Of columns that claim the same data, the last keeps it.
-    bool keepsData() const { return dataOffset() != (this + 1)->dataOffset(); }
+    bool keepsData() const { return dataOffset != (this + 1)->dataOffset; }
   };
   const Entry* begin() const { return begin_; }
   const Entry* end() const { return end_; }
@@ -82,8 +70,8 @@ class PackingOrder {
     len_t position = baseRowLength;
     for (const Entry& column : *this) {
       if (!column.keepsData()) continue;
-      if (column.dataOffset() > position) return false;
-      position = static_cast<len_t>(position + column.length());
+      if (column.dataOffset > position) return false;
+      position = static_cast<len_t>(position + column.length);
     }
     return true;
   }
@@ -95,35 +83,27 @@ class PackingOrder {
   Entry* end_;
 };
 
-/// Packs a buffer that may be written. Values that stand one behind the other are moved at once.
+/// Packs a buffer that may be written.
 len_t pack(byte_t* buf, const PackingOrder& order, len_t baseRowLength) {
   len_t position = baseRowLength;
-  unsigned int runBegin = 0;
-  unsigned int runEnd = 0;
-  const auto moveRun = [&] {
-    const unsigned int length = runEnd - runBegin;
-    if (length != 0) std::memmove(buf + position - length, buf + runBegin, length);
-  };
   for (const PackingOrder::Entry& column : order) {
     if (!column.keepsData()) continue;
-    const unsigned int from = column.dataOffset();
-    if (from != runEnd) {
-      moveRun();
-      runBegin = runEnd = from;
+    if (column.dataOffset > position) {
+      detail::moveBytes(buf + position, buf + column.dataOffset, column.length);
+      storeOffset(buf, column.slotOffset, position);
     }
-    if (from > position) {
-      storeOffset(buf, column.slotOffset(), position);
-      runEnd += column.length();
-    } else {
-      runBegin = runEnd;
-    }
-    position = static_cast<len_t>(position + column.length());
+    position = static_cast<len_t>(position + column.length);
   }
-  moveRun();
   return position;
 }
 
 // ---------------------------------------------------------------------------------------------
+
+void requireBaseLength(len_t baseRowLength) {
+  KORVO_ASSERT(baseRowLength != 0, "baseRowLength != 0", "src/baseRow.cpp",
+               "Korvo::len_t Korvo::BaseRow::makeFreeSpace(Korvo::len_t, Korvo::len_t, "
+               "Korvo::len_t)");
+}
 
 /// Out of the way of the writes that succeed.
 [[noreturn, gnu::noinline]] void refuse(const char* reason, std::size_t length) {
@@ -212,21 +192,16 @@ len_t BaseRow::takeRoom(byte_t*& buf, const Room& room, const Demand& demand, co
 byte_t* BaseRow::grow(byte_t* buf, len_t newLength) {
   const len_t length = loadField<len_t>(buf + rowLengthOffset);
   if (newLength <= length) return buf;
-  buf = install(resized(buf, newLength));
+  buf = resize(buf, newLength);
   std::memset(buf + length, 0, newLength - std::size_t{length});
   storeField(buf + rowLengthOffset, newLength);
   return buf;
 }
 
-/// The block `buf` with another size.
-byte_t* BaseRow::resized(byte_t* buf, std::size_t size) {
+/// Gives the row's block another size. Returns its buffer, which is what its class makes of it.
+byte_t* BaseRow::resize(byte_t* buf, std::size_t size) {
   auto* const block = static_cast<byte_t*>(std::realloc(buf, size));
   if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-
-/// Gives the row its resized block. Returns its buffer, which is what the row's class makes of it.
-byte_t* BaseRow::install(byte_t* block) {
   replaceRow(block);
   return rwRowBuf();
 }
@@ -238,8 +213,8 @@ byte_t* BaseRow::install(byte_t* block) {
 /// decides. What a shared row gives up is given back on a throw.
 class BaseRow::SoleBuffer {
  public:
-  explicit SoleBuffer(BaseRow& row) : row_(row) {
-    if (!row.isSoleHolder()) copy();
+  SoleBuffer(BaseRow& row, bool isCopied) : row_(row), isCopied_(isCopied) {
+    if (isCopied) former_ = row.copyBuffer();
   }
   ~SoleBuffer() {
     if (isCopied_) row_.rowBuf_ = std::move(former_);
@@ -247,11 +222,6 @@ class BaseRow::SoleBuffer {
   SoleBuffer(const SoleBuffer&) = delete;
   SoleBuffer& operator=(const SoleBuffer&) = delete;
 
-  void copy() {
-    if (isCopied_) return;
-    former_ = row_.copyBuffer();
-    isCopied_ = true;
-  }
   /// Ends the guard; returns what was given up.
   KoPtr<KoRowBuf> keep() {
     isCopied_ = false;
@@ -261,7 +231,7 @@ class BaseRow::SoleBuffer {
  private:
   BaseRow& row_;
   KoPtr<KoRowBuf> former_;
-  bool isCopied_ = false;
+  bool isCopied_;
 };
 
 [[gnu::flatten]] BaseRow::Place BaseRow::makePlace(const Demand& demand, const Known& known) {
@@ -271,10 +241,9 @@ class BaseRow::SoleBuffer {
     refuse("Encoded value exceeds 32767 bytes: ", demand.length);
   }
   const Room room = findRoom(present, demand, known);
-  SoleBuffer own(*this);
-  if (room.movesRow && refersInto(present, demand.source)) [[unlikely]] {
-    own.copy();  // the value stays readable in the former buffer
-  }
+  // A value that refers into a row that may move stays readable in the former buffer.
+  const bool isCopied = !isSoleHolder() || (room.movesRow && refersInto(present, demand.source));
+  SoleBuffer own(*this, isCopied);
   byte_t* buf = rwRowBuf();
   const len_t offset = takeRoom(buf, room, demand, known);
   return {buf, offset, own.keep()};
@@ -294,8 +263,7 @@ len_t BaseRow::makeFreeSpace(len_t slotOffset, len_t needed, len_t baseRowLength
   byte_t* buf = rwRowBuf();
   const Room room = findRoom(buf, demand, {});
   if (room.kind == Room::Kind::behindPackedData) {
-    makeExclusive();  // as moving a column does
-    buf = rwRowBuf();
+    buf = exclusiveBuf();  // as moving a column does
   }
   const len_t offset = takeRoom(buf, room, demand, {});
   if (room.kind != Room::Kind::ofPresentValue) VColType::at(buf, slotOffset).clear();
@@ -306,10 +274,7 @@ len_t BaseRow::makeFreeSpace(len_t slotOffset, len_t needed, len_t baseRowLength
 len_t BaseRow::compactVariableData(len_t baseRowLength) {
   byte_t* buf = rowBuf();
   const PackingOrder order(buf, vcd(), 0);
-  if (!order.isPacked(baseRowLength)) {
-    makeExclusive();
-    buf = rwRowBuf();
-  }
+  if (!order.isPacked(baseRowLength)) buf = exclusiveBuf();
   return pack(buf, order, baseRowLength);
 }
 
@@ -317,8 +282,7 @@ len_t BaseRow::moveVariableColumn(VColType* slot, len_t slotOffset, len_t to) {
   const len_t from = slot->offset();
   const len_t length = slot->length();
   if (length == 0) return to;
-  makeExclusive();
-  byte_t* const buf = rwRowBuf();
+  byte_t* const buf = exclusiveBuf();
   detail::moveBytes(buf + to, buf + from, length);
   storeOffset(buf, slotOffset, to);
   return static_cast<len_t>(to + length);

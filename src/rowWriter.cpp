@@ -19,7 +19,7 @@ RowWriter::~RowWriter() {
   if (block_.length == block_.rowLength || row_.isNull() || !isOwnBlock(row_.rowBuf())) return;
   try {
     if (row_.isSoleHolder()) {
-      row_.install(BaseRow::resized(block_.begin, block_.rowLength));
+      row_.resize(block_.begin, block_.rowLength);
     } else {
       row_.copyBuffer();
     }
@@ -113,7 +113,7 @@ byte_t* RowWriter::lengthenRow(byte_t* buf, std::size_t newLength) {
     const std::size_t rowLength = loadField<len_t>(buf + rowLengthOffset);
     const std::size_t length =
         std::clamp<std::size_t>(2 * newLength, ordinaryRowLength, maxRowLength);
-    buf = row_.install(BaseRow::resized(buf, length));
+    buf = row_.resize(buf, length);
     std::memset(buf + rowLength, 0, length - rowLength);
     block_ = {buf, length, 0};
   }

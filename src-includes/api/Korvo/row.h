@@ -94,17 +94,26 @@ class KORVO_API BaseRow {
   std::uint16_t rowType() const { return loadField<std::uint16_t>(rowBuf() + rowTypeOffset); }
   /// The row's object id.
   oid_t rowOid() const { return loadField<oid_t>(rowBuf() + rowOidOffset); }
-  void rowTypeIs(std::uint16_t type) { setField(rowTypeOffset, type); }
-  void rowOidIs(oid_t oid) { setField(rowOidOffset, oid); }
+  void rowTypeIs(std::uint16_t type) { setFixedColumn(rowTypeOffset, type); }
+  void rowOidIs(oid_t oid) { setFixedColumn(rowOidOffset, oid); }
 
   // Fixed-width columns.
 
   /// The column's value; zero for a null row. T is a fixed-width type of the catalogue.
   template <typename T>
-  T fixedColumn(len_t offset) const;
+  T fixedColumn(len_t offset) const {
+    static_assert(detail::isFixed<T>, "fixedColumn<T>: T is a fixed-width type of the catalogue");
+    if (isNull()) return T();
+    return detail::fixedAt<T>(rowBuf() + offset);
+  }
   /// Writes a fixed-width column.
   template <typename T>
-  void setFixedColumn(len_t offset, const T& value);
+  void setFixedColumn(len_t offset, const T& value) {
+    static_assert(detail::isFixed<T>,
+                  "setFixedColumn<T>: T is a fixed-width type of the catalogue");
+    const T copy = value;  // it may stand in the buffer that is given up
+    storeField(exclusiveBuf() + offset, copy);
+  }
 
   // Variable-length columns.
 
@@ -127,16 +136,30 @@ class KORVO_API BaseRow {
 
   /// As getColumn() of an array.
   template <typename T>
-  void getVarElemArray(len_t slotOffset, std::vector<T>& out) const;
+  void getVarElemArray(len_t slotOffset, std::vector<T>& out) const {
+    getColumn(slotOffset, out);
+  }
   /// As setColumn(), but for its assertion.
   template <typename T>
-  void updateVarElement(len_t slotOffset, len_t fdLen, const T& value);
+  void updateVarElement(len_t slotOffset, len_t fdLen, const T& value) {
+    static_assert(detail::isVariable<T>,
+                  "updateVarElement<T>: T is std::string, IpGenAddr, IpGenPrefix, one of their "
+                  "references or SubRowReference");
+    write(slotOffset, detail::encoded(value), fdLen, {});
+  }
   /// As setColumn() of an array, but for its assertion.
   template <typename T>
-  void updateVarElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values);
+  void updateVarElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values) {
+    static_assert(detail::isArrayElement<T>,
+                  "updateVarElemArray<T>: T is std::string, IpGenAddr or IpGenPrefix");
+    write(slotOffset, detail::EncodedArray(values), fdLen, {});
+  }
   /// Writes an array of bool, one byte each.
   template <typename T>
-  void updateFixElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values);
+  void updateFixElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values) {
+    static_assert(std::is_same_v<T, bool>, "updateFixElemArray<T>: T is bool");
+    write(slotOffset, detail::EncodedArray(values), fdLen, {});
+  }
   /// The view of an array column; one that refers to nothing for an empty column or a null row.
   template <typename T>
   ArrayReference<T> arrayReference(len_t slotOffset) const;
@@ -146,19 +169,29 @@ class KORVO_API BaseRow {
 
   /// Whether this row's column == the other's.
   template <typename T>
-  bool columnEqual(len_t slotOffset, const BaseRow& other, len_t otherSlotOffset) const;
+  bool columnEqual(len_t slotOffset, const BaseRow& other, len_t otherSlotOffset) const {
+    return columnReference<T>(slotOffset) == other.columnReference<T>(otherSlotOffset);
+  }
   /// Whether this row's column == the value.
   template <typename T>
-  bool columnEqualConst(len_t slotOffset, const T& value) const;
+  bool columnEqualConst(len_t slotOffset, const T& value) const {
+    return columnReference<T>(slotOffset) == value;
+  }
   /// Whether this row's column < the other's.
   template <typename T>
-  bool columnLess(len_t slotOffset, const BaseRow& other, len_t otherSlotOffset) const;
+  bool columnLess(len_t slotOffset, const BaseRow& other, len_t otherSlotOffset) const {
+    return columnReference<T>(slotOffset) < other.columnReference<T>(otherSlotOffset);
+  }
   /// A hash of the column's bytes, 32 bits wide and the same on every host.
   template <typename T>
-  unsigned int columnHash(len_t slotOffset) const;
+  unsigned int columnHash(len_t slotOffset) const {
+    return detail::hashOf(columnReference<T>(slotOffset));
+  }
   /// The reference's orderKey().
   template <typename T>
-  std::uint64_t columnOrderKey(len_t slotOffset) const;
+  std::uint64_t columnOrderKey(len_t slotOffset) const {
+    return columnReference<T>(slotOffset).orderKey();
+  }
 
   // Encoded values.
 
@@ -238,7 +271,7 @@ class KORVO_API BaseRow {
 
   // Ownership.
   bool isSoleHolder() const noexcept;
-  void makeExclusive();
+  byte_t* exclusiveBuf();
   KoPtr<KoRowBuf> copyBuffer();
 
   // Room; see src/rowSpace.cpp. Every value that is not empty comes through makePlace().
@@ -246,12 +279,10 @@ class KORVO_API BaseRow {
   Room findRoom(const byte_t* buf, const Demand& demand, const Known& known) const;
   len_t takeRoom(byte_t*& buf, const Room& room, const Demand& demand, const Known& known);
   byte_t* grow(byte_t* buf, len_t newLength);
-  static byte_t* resized(byte_t* buf, std::size_t size);
-  byte_t* install(byte_t* block);
+  byte_t* resize(byte_t* buf, std::size_t size);
   std::span<const len_t> slotsOf(const Known& known) const;
   static detail::Extent extentWithout(const byte_t* buf, std::span<const len_t> slots,
                                       len_t slotOffset, len_t baseRowLength);
-  static void requireBaseLength(len_t baseRowLength);
   static bool refersInto(const byte_t* buf, std::span<const byte_t> value);
 
   // Writing.
@@ -263,8 +294,6 @@ class KORVO_API BaseRow {
   void writeBehind(byte_t* buf, len_t slotOffset, const Value& value);
   void write(len_t slotOffset, const detail::EncodedValue& value, len_t fdLen, const Known& known);
   void clearColumn(len_t slotOffset);
-  template <typename T>
-  void setField(len_t offset, const T& value);
   [[noreturn]] void failSetColumn(const char* type, bool isArray) const;
 
   template <typename T>
@@ -294,8 +323,7 @@ inline byte_t* BaseRow::rowBuf() const {
 }
 
 inline byte_t* BaseRow::rwRowBuf() {
-  if (!rowBuf_) throwNullRow();
-  return rowBuf_->buf_;
+  return BaseRow::rowBuf();
 }
 
 inline bool BaseRow::isNull() const {
@@ -334,13 +362,6 @@ inline len_t BaseRow::baseRowLength() {
 // Reading
 
 template <typename T>
-T BaseRow::fixedColumn(len_t offset) const {
-  static_assert(detail::isFixed<T>, "fixedColumn<T>: T is a fixed-width type of the catalogue");
-  if (isNull()) return T();
-  return detail::fixedAt<T>(rowBuf() + offset);
-}
-
-template <typename T>
 void BaseRow::getColumn(len_t slotOffset, T& out) const {
   static_assert(detail::isVariable<T>,
                 "getColumn<T>: T is std::string, IpGenAddr, IpGenPrefix, one of their references, "
@@ -358,21 +379,17 @@ void BaseRow::getColumn(len_t slotOffset, std::vector<T>& out) const {
   static_assert(detail::isArrayElement<T>,
                 "getColumn of an array: the elements are std::string, IpGenAddr or IpGenPrefix; "
                 "arrayReference<T> reads the others");
-  if (isNull()) return;
-  const byte_t* const buf = rowBuf();
-  const VColType& column = VColType::at(buf, slotOffset);
-  if (column.length() == 0) return;
-  const byte_t* const array = buf + column.offset();
-  const unsigned int count = loadField<std::uint16_t>(array) & arrayCountMask;
+  const ArrayReference<T> array = arrayReference<T>(slotOffset);
+  const unsigned int count = array.size();
   const std::size_t before = out.size();
   out.reserve(count);  // not behind what is there: gathering many columns would copy it each time
   try {
     for (unsigned int i = 0; i < count; ++i) {
-      const VColType& slot = VColType::at(array, arrayHeaderLength + sizeof(VColType) * i);
-      const byte_t* data = array + slot.offset();
+      const VColType& slot = array.slotAt(i);
+      const byte_t* data = array.dataOf(slot);
       std::array<byte_t, ipv4Length + 1> own;
       if (slot.length() == 0) {  // decoding looks at bytes of an empty element too
-        detail::copyOwnBytes(own, data, buf + loadField<len_t>(buf + rowLengthOffset));
+        own = array.template elementBytes<ipv4Length + 1>(slot);
         data = own.data();
       }
       out.emplace_back();
@@ -401,31 +418,6 @@ T BaseRow::columnReference(len_t slotOffset) const {
   const byte_t* const buf = rowBuf();
   const VColType& slot = VColType::at(buf, slotOffset);
   return detail::referenceTo<T>(buf + slot.offset(), slot.length());
-}
-
-template <typename T>
-bool BaseRow::columnEqual(len_t slotOffset, const BaseRow& other, len_t otherSlotOffset) const {
-  return columnReference<T>(slotOffset) == other.columnReference<T>(otherSlotOffset);
-}
-
-template <typename T>
-bool BaseRow::columnEqualConst(len_t slotOffset, const T& value) const {
-  return columnReference<T>(slotOffset) == value;
-}
-
-template <typename T>
-bool BaseRow::columnLess(len_t slotOffset, const BaseRow& other, len_t otherSlotOffset) const {
-  return columnReference<T>(slotOffset) < other.columnReference<T>(otherSlotOffset);
-}
-
-template <typename T>
-unsigned int BaseRow::columnHash(len_t slotOffset) const {
-  return detail::hashOf(columnReference<T>(slotOffset));
-}
-
-template <typename T>
-std::uint64_t BaseRow::columnOrderKey(len_t slotOffset) const {
-  return columnReference<T>(slotOffset).orderKey();
 }
 
 template <typename T>
@@ -482,22 +474,10 @@ void BaseRow::setToNull(T& out) {
 // ---------------------------------------------------------------------------------------------
 // Writing
 
-/// Copy on write: afterwards this row is the only holder of its buffer.
-inline void BaseRow::makeExclusive() {
+/// Copy on write: the row's buffer, of which it is the only holder afterwards.
+inline byte_t* BaseRow::exclusiveBuf() {
   if (!isSoleHolder()) copyBuffer();
-}
-
-template <typename T>
-void BaseRow::setField(len_t offset, const T& value) {
-  const T copy = value;  // it may stand in the buffer that is given up
-  makeExclusive();
-  storeField(rwRowBuf() + offset, copy);
-}
-
-template <typename T>
-void BaseRow::setFixedColumn(len_t offset, const T& value) {
-  static_assert(detail::isFixed<T>, "setFixedColumn<T>: T is a fixed-width type of the catalogue");
-  setField(offset, value);
+  return rwRowBuf();
 }
 
 /// Whether a value has a byte in a row, from wherever it begins.
@@ -573,32 +553,6 @@ void BaseRow::setColumn(len_t slotOffset, const std::vector<T>& values, len_t fd
     failSetColumn(detail::nameInSignatures<T>, true);
   }
   updateVarElemArray(slotOffset, fdLen, values);
-}
-
-template <typename T>
-void BaseRow::getVarElemArray(len_t slotOffset, std::vector<T>& out) const {
-  getColumn(slotOffset, out);
-}
-
-template <typename T>
-void BaseRow::updateVarElement(len_t slotOffset, len_t fdLen, const T& value) {
-  static_assert(detail::isVariable<T>,
-                "updateVarElement<T>: T is std::string, IpGenAddr, IpGenPrefix, one of their "
-                "references or SubRowReference");
-  write(slotOffset, detail::encoded(value), fdLen, {});
-}
-
-template <typename T>
-void BaseRow::updateVarElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values) {
-  static_assert(detail::isArrayElement<T>,
-                "updateVarElemArray<T>: T is std::string, IpGenAddr or IpGenPrefix");
-  write(slotOffset, detail::EncodedArray(values), fdLen, {});
-}
-
-template <typename T>
-void BaseRow::updateFixElemArray(len_t slotOffset, len_t fdLen, const std::vector<T>& values) {
-  static_assert(std::is_same_v<T, bool>, "updateFixElemArray<T>: T is bool");
-  write(slotOffset, detail::EncodedArray(values), fdLen, {});
 }
 
 }  // namespace Korvo

@@ -12,21 +12,9 @@
 #include <ranges>
 #include <string>
 #include <type_traits>
+#include <utility>
 
 namespace Korvo {
-
-namespace detail {
-
-/// Copies bytes from `from`, where those from `end` on count as zero: an address or prefix without
-/// a family is stored as an element of length 0, which may stand at the row's very end.
-template <std::size_t count>
-void copyOwnBytes(std::array<byte_t, count>& to, const byte_t* from, const byte_t* end) {
-  to = {};
-  if (from >= end) return;
-  std::memcpy(to.data(), from, std::min(count, static_cast<std::size_t>(end - from)));
-}
-
-}  // namespace detail
 
 /// An indexed view of an array column. It owns nothing, and is valid until the row it points into
 /// is next written, adopted, or destroyed by its last holder.
@@ -63,13 +51,31 @@ class ArrayReference {
   Iterator end() const { return Iterator(*this, size()); }
 
  private:
+  friend BaseRow;
+
   const VColType& slotAt(unsigned int index) const {
     return VColType::at(array_, arrayHeaderLength + sizeof(VColType) * index);
   }
-  const byte_t* endOfElements() const;
-  /// The first bytes of an element, as many as its type has and not as many as its slot says.
+  const byte_t* dataOf(const VColType& slot) const { return array_ + slot.offset(); }
+  /// The array's own knowledge of where the row ends: the farthest end of its elements.
+  const byte_t* endOfElements() const {
+    detail::Extent elements{0};
+    for (unsigned int i = 0; i < size(); ++i) elements.add(slotAt(i));
+    return array_ + elements.end;
+  }
+  /// The first bytes of an element, as many as its type has and not as many as its slot says. Those
+  /// behind the row count as zero: an address or prefix without a family is stored as an element of
+  /// length 0, which may stand at the row's very end.
   template <std::size_t count>
-  std::array<byte_t, count> elementBytes(const VColType& slot) const;
+  std::array<byte_t, count> elementBytes(const VColType& slot) const {
+    std::array<byte_t, count> bytes{};
+    const byte_t* const data = dataOf(slot);
+    const byte_t* end = rowEnd_;
+    if (end == nullptr) end = slot.length() == 0 ? endOfElements() : data + count;
+    const std::size_t own = data < end ? static_cast<std::size_t>(end - data) : 0;
+    std::memcpy(bytes.data(), data, std::min(count, own));
+    return bytes;
+  }
 
   const byte_t* array_ = nullptr;
   const byte_t* rowEnd_ = nullptr;
@@ -106,16 +112,8 @@ class ArrayReference<T>::Iterator {
   /// Moves to the next element.
   Iterator& operator++() { return *this += 1; }
   Iterator& operator--() { return *this += -1; }
-  Iterator operator++(int) {
-    const Iterator before = *this;
-    ++*this;
-    return before;
-  }
-  Iterator operator--(int) {
-    const Iterator before = *this;
-    --*this;
-    return before;
-  }
+  Iterator operator++(int) { return std::exchange(*this, *this + 1); }
+  Iterator operator--(int) { return std::exchange(*this, *this - 1); }
   /// The iterator `n` elements further on.
   friend Iterator operator+(Iterator it, difference_type n) { return it += n; }
   friend Iterator operator+(difference_type n, Iterator it) { return it += n; }
@@ -138,27 +136,6 @@ class ArrayReference<T>::Iterator {
 // ---------------------------------------------------------------------------------------------
 // Inline bodies
 
-/// The array's own knowledge of where the row ends: the farthest end of its elements.
-template <typename T>
-const byte_t* ArrayReference<T>::endOfElements() const {
-  detail::Extent elements{0};
-  for (unsigned int i = 0; i < size(); ++i) elements.add(slotAt(i));
-  return array_ + elements.end;
-}
-
-template <typename T>
-template <std::size_t count>
-std::array<byte_t, count> ArrayReference<T>::elementBytes(const VColType& slot) const {
-  std::array<byte_t, count> bytes{};
-  const byte_t* const data = array_ + slot.offset();
-  if (rowEnd_ == nullptr && slot.length() != 0) {
-    std::memcpy(bytes.data(), data, count);
-  } else {
-    detail::copyOwnBytes(bytes, data, rowEnd_ == nullptr ? endOfElements() : rowEnd_);
-  }
-  return bytes;
-}
-
 template <typename T>
 T ArrayReference<T>::operator[](unsigned int index) const {
   static_assert(detail::isVariable<T> || std::is_same_v<T, bool>,
@@ -169,7 +146,7 @@ T ArrayReference<T>::operator[](unsigned int index) const {
     return array_[arrayHeaderLength + index] != 0;
   } else {
     const VColType& slot = slotAt(index);
-    const byte_t* const data = array_ + slot.offset();
+    const byte_t* const data = dataOf(slot);
     const len_t length = slot.length();
     if constexpr (detail::isReference<T>) {
       return detail::referenceTo<T>(data, length);

@@ -105,34 +105,24 @@ struct EncodedValue {
   }
 };
 
-inline EncodedValue encodedAddress(AddressFamily af, const byte_t* bytes) {
-  return {bytes, encodedAddressLength(af)};
-}
-/// A prefix without a family encodes to nothing.
-inline EncodedValue encodedPrefix(AddressFamily af, unsigned int mask, const byte_t* bytes) {
-  const std::size_t count = encodedAddressLength(af);
-  return {bytes, count, count != 0, static_cast<byte_t>(mask)};
-}
 inline EncodedValue encoded(std::string_view text) {
   return {reinterpret_cast<const byte_t*>(text.data()), text.size()};
 }
-inline EncodedValue encoded(const std::string& text) {
-  return encoded(std::string_view(text));
-}
-inline EncodedValue encoded(const StringValueReference& text) {
-  return encoded(text.view());
+inline EncodedValue encoded(const IpGenAddrReference& addr) {
+  return {addr.addr(), encodedAddressLength(addr.af())};
 }
 inline EncodedValue encoded(const IpGenAddr& addr) {
-  return encodedAddress(addr.af(), addr.bytes());
+  return encoded(IpGenAddrReference(addr.bytes(), addr.af()));
 }
-inline EncodedValue encoded(const IpGenAddrReference& addr) {
-  return encodedAddress(addr.af(), addr.addr());
+/// A prefix without a family encodes to nothing.
+inline EncodedValue encoded(const IpGenPrefixReference& prefix) {
+  const std::size_t count = encodedAddressLength(prefix.af());
+  return {prefix.addr(), count, count != 0, prefix.mask()};
 }
 inline EncodedValue encoded(const IpGenPrefix& prefix) {
-  return encodedPrefix(prefix.addr().af(), prefix.mask(), prefix.addr().bytes());
-}
-inline EncodedValue encoded(const IpGenPrefixReference& prefix) {
-  return encodedPrefix(prefix.af(), prefix.mask(), prefix.addr());
+  const IpGenAddr& addr = prefix.addr();
+  const auto mask = static_cast<byte_t>(prefix.mask());
+  return encoded(IpGenPrefixReference(addr.bytes(), addr.af(), mask));
 }
 /// Throws KoNullRow for a reference to nothing.
 EncodedValue encoded(const SubRowReference& row);

@@ -15,15 +15,10 @@ class KORVO_API SubRowReference : public BaseRow {
   SubRowReference() = default;
   /// The row that begins at `row`.
   explicit SubRowReference(const byte_t* row) : row_(const_cast<byte_t*>(row)) {}
-  SubRowReference(const SubRowReference&) = default;
-  SubRowReference(SubRowReference&&) noexcept = default;
-  SubRowReference& operator=(const SubRowReference&) = default;
-  SubRowReference& operator=(SubRowReference&&) noexcept = default;
 
   byte_t* rowBuf() const override;
   /// Stops the process: a nested row is never written in place.
   byte_t* rwRowBuf() override;
-  ~SubRowReference() override = default;
   /// Stops the process.
   void nullifyRow() override;
   /// Whether this refers to nothing.

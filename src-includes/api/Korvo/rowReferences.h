@@ -8,6 +8,7 @@
 #include <Korvo/rowFormat.h>
 
 #include <algorithm>
+#include <compare>
 #include <cstring>
 #include <iosfwd>
 #include <string>
@@ -52,7 +53,6 @@ class StringValueReference {
   bool operator==(const StringValueReference& other) const {
     return length_ == other.length_ && compareCommon(other) == 0;
   }
-  bool operator!=(const StringValueReference& other) const { return !(*this == other); }
   /// With any text: `row.view<"name">() == "eth0"`.
   friend bool operator==(const StringValueReference& text, std::string_view other) {
     return text.view() == other;
@@ -96,25 +96,26 @@ class IpGenAddrReference {
   constexpr AddressFamily af() const { return static_cast<AddressFamily>(af_); }
 
   /// What the value would give; "<null>" without a family.
-  std::string toString() const;
+  std::string toString() const { return af_ == unknown_ ? "<null>" : IpGenAddr(*this).toString(); }
   /// The same with IPv6 in its short form (RFC 5952).
-  std::string toShortString() const;
+  std::string toShortString() const {
+    return af_ == unknown_ ? "<null>" : IpGenAddr(*this).toShortString();
+  }
 
   /// By family first, then by address; all references of family unknown_ are equal, and no byte of
   /// theirs is read.
-  bool operator==(const IpGenAddrReference& other) const {
-    return af_ == other.af_ && compareBytes(other) == 0;
-  }
-  bool operator!=(const IpGenAddrReference& other) const { return !(*this == other); }
+  bool operator==(const IpGenAddrReference& other) const { return std::is_eq(*this <=> other); }
   /// With a value: `row.view<"peer">() == address`.
   friend bool operator==(const IpGenAddrReference& addr, const IpGenAddr& value) {
     return addr == IpGenAddrReference(value.bytes(), value.af());
   }
   /// By family first, then by address.
-  bool operator<(const IpGenAddrReference& other) const { return compare(other) < 0; }
-  bool operator>(const IpGenAddrReference& other) const { return compare(other) > 0; }
-  bool operator<=(const IpGenAddrReference& other) const { return compare(other) <= 0; }
-  bool operator>=(const IpGenAddrReference& other) const { return compare(other) >= 0; }
+  std::strong_ordering operator<=>(const IpGenAddrReference& other) const {
+    if (af_ != other.af_) return af_ <=> other.af_;
+    if (af_ == unknown_) return std::strong_ordering::equal;
+    return (af_ == ipv6_ ? std::memcmp(addr_, other.addr_, ipv6Length)
+                         : std::memcmp(addr_, other.addr_, ipv4Length)) <=> 0;
+  }
 
   /// As StringValueReference's. IPv4 addresses of one key are equal.
   std::uint64_t orderKey() const noexcept {
@@ -123,15 +124,6 @@ class IpGenAddrReference {
   }
 
  private:
-  int compareBytes(const IpGenAddrReference& other) const {
-    if (af_ == unknown_) return 0;
-    return af_ == ipv6_ ? std::memcmp(addr_, other.addr_, ipv6Length)
-                        : std::memcmp(addr_, other.addr_, ipv4Length);
-  }
-  int compare(const IpGenAddrReference& other) const {
-    return af_ != other.af_ ? (af_ < other.af_ ? -1 : 1) : compareBytes(other);
-  }
-
   const byte_t* addr_ = nullptr;
   byte_t af_ = unknown_;
 };
@@ -156,9 +148,13 @@ class IpGenPrefixReference {
   /// length that the family does not have.
   IpGenPrefix network() const { return IpGenPrefix(*this).network(); }
   /// What the value would give; "<null>" without a family.
-  std::string toString() const;
+  std::string toString() const {
+    return af_ == unknown_ ? "<null>" : IpGenPrefix(*this).toString();
+  }
   /// The same with IPv6 in its short form (RFC 5952).
-  std::string toShortString() const;
+  std::string toShortString() const {
+    return af_ == unknown_ ? "<null>" : IpGenPrefix(*this).toShortString();
+  }
 
   /// Whether the other's address lies in this prefix; the other's length is not looked at, on
   /// purpose. Stops the process when both families are unknown_.
@@ -166,21 +162,18 @@ class IpGenPrefixReference {
 
   /// All address bytes count, host bits included.
   bool operator==(const IpGenPrefixReference& other) const {
-    return af_ == other.af_ && mask_ == other.mask_ && compareBytes(other) == 0;
+    return mask_ == other.mask_ && address() == other.address();
   }
-  bool operator!=(const IpGenPrefixReference& other) const { return !(*this == other); }
   /// With a value: `row.view<"net">() == prefix`.
   friend bool operator==(const IpGenPrefixReference& prefix, const IpGenPrefix& value) {
-    return prefix.mask_ == value.mask() &&
-           IpGenAddrReference(prefix.addr_, prefix.af()) == value.addr();
+    return prefix.mask_ == value.mask() && prefix.address() == value.addr();
   }
   /// A more specific prefix comes before one that contains it, others by address. Prefixes of one
   /// length that differ only in host bits are neither < nor > nor ==. Ordering two references of
   /// family unknown_ stops the process: contains() comes before the family is looked at.
   bool operator<(const IpGenPrefixReference& other) const {
-    if (af_ != other.af_) return af_ < other.af_;
     if (mask_ < other.mask_ ? contains(other) : other.contains(*this)) return mask_ > other.mask_;
-    return compareBytes(other) < 0;
+    return address() < other.address();
   }
   bool operator>(const IpGenPrefixReference& other) const { return other < *this; }
   bool operator<=(const IpGenPrefixReference& other) const {
@@ -194,11 +187,7 @@ class IpGenPrefixReference {
   std::uint64_t orderKey() const noexcept;
 
  private:
-  int compareBytes(const IpGenPrefixReference& other) const {
-    if (af_ == unknown_) return 0;
-    return af_ == ipv6_ ? std::memcmp(addr_, other.addr_, ipv6Length)
-                        : std::memcmp(addr_, other.addr_, ipv4Length);
-  }
+  constexpr IpGenAddrReference address() const { return {addr_, af()}; }
 
   const byte_t* addr_ = nullptr;
   byte_t af_ = unknown_;
@@ -216,19 +205,6 @@ KORVO_API std::ostream& operator<<(std::ostream& os, const IpGenPrefixReference&
 
 // ---------------------------------------------------------------------------------------------
 // Inline bodies
-
-inline std::string IpGenAddrReference::toString() const {
-  return af_ == unknown_ ? "<null>" : IpGenAddr(*this).toString();
-}
-inline std::string IpGenAddrReference::toShortString() const {
-  return af_ == unknown_ ? "<null>" : IpGenAddr(*this).toShortString();
-}
-inline std::string IpGenPrefixReference::toString() const {
-  return af_ == unknown_ ? "<null>" : IpGenPrefix(*this).toString();
-}
-inline std::string IpGenPrefixReference::toShortString() const {
-  return af_ == unknown_ ? "<null>" : IpGenPrefix(*this).toShortString();
-}
 
 inline bool IpGenPrefixReference::contains(const IpGenPrefixReference& other) const {
   if (af_ != other.af_) return false;

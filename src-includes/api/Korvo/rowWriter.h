@@ -31,18 +31,33 @@ class KORVO_API RowWriter {
   RowWriter(const RowWriter&) = delete;
   RowWriter& operator=(const RowWriter&) = delete;
 
-  // As BaseRow's.
-  /// Writes a fixed-width column.
-  template <typename T>
-  void setFixedColumn(len_t offset, const T& value);
   /// As BaseRow's.
   template <typename T>
-  void setColumn(len_t slotOffset, const T& value);
-  template <typename T>
-  void setColumn(len_t slotOffset, const std::vector<T>& values);
+  void setFixedColumn(len_t offset, const T& value) {
+    row_.setFixedColumn(offset, value);
+    forgetFormerBlock();
+  }
   /// As BaseRow's.
   template <typename T>
-  void updateFixElemArray(len_t slotOffset, const std::vector<T>& values);
+  void setColumn(len_t slotOffset, const T& value) {
+    static_assert(detail::isVariable<T>,
+                  "setColumn<T>: T is std::string, IpGenAddr, IpGenPrefix, one of their "
+                  "references, SubRowReference, or a vector of the first three");
+    write(slotOffset, detail::encoded(value));
+  }
+  template <typename T>
+  void setColumn(len_t slotOffset, const std::vector<T>& values) {
+    static_assert(detail::isArrayElement<T>,
+                  "setColumn of an array: the elements are std::string, IpGenAddr or IpGenPrefix; "
+                  "updateFixElemArray<bool> writes an array of bool");
+    write(slotOffset, detail::EncodedArray(values));
+  }
+  /// As BaseRow's.
+  template <typename T>
+  void updateFixElemArray(len_t slotOffset, const std::vector<T>& values) {
+    static_assert(std::is_same_v<T, bool>, "updateFixElemArray<T>: T is bool");
+    write(slotOffset, detail::EncodedArray(values));
+  }
 
  protected:
   // For the writers of row classes.
@@ -51,7 +66,11 @@ class KORVO_API RowWriter {
   RowWriter(BaseRow& row, len_t fdLen, std::span<const len_t> slots);
   /// Writes a column of the row's class, a value or an array.
   template <typename Value>
-  void write(len_t slotOffset, const Value& value);
+  void write(len_t slotOffset, const Value& value) {
+    if (value.isEmpty()) return clearColumn(slotOffset);
+    const BaseRow::Place place = makePlace(slotOffset, value.length(), value.source());
+    BaseRow::put(place.buf, slotOffset, place.offset, value);
+  }
   void write(len_t slotOffset, const detail::EncodedValue& value);
 
  private:
@@ -82,43 +101,5 @@ class KORVO_API RowWriter {
   };
   Block block_;
 };
-
-// ---------------------------------------------------------------------------------------------
-// Inline bodies
-
-template <typename T>
-void RowWriter::setFixedColumn(len_t offset, const T& value) {
-  row_.setFixedColumn(offset, value);
-  forgetFormerBlock();
-}
-
-template <typename T>
-void RowWriter::setColumn(len_t slotOffset, const T& value) {
-  static_assert(detail::isVariable<T>,
-                "setColumn<T>: T is std::string, IpGenAddr, IpGenPrefix, one of their references, "
-                "SubRowReference, or a vector of the first three");
-  write(slotOffset, detail::encoded(value));
-}
-
-template <typename T>
-void RowWriter::setColumn(len_t slotOffset, const std::vector<T>& values) {
-  static_assert(detail::isArrayElement<T>,
-                "setColumn of an array: the elements are std::string, IpGenAddr or IpGenPrefix; "
-                "updateFixElemArray<bool> writes an array of bool");
-  write(slotOffset, detail::EncodedArray(values));
-}
-
-template <typename T>
-void RowWriter::updateFixElemArray(len_t slotOffset, const std::vector<T>& values) {
-  static_assert(std::is_same_v<T, bool>, "updateFixElemArray<T>: T is bool");
-  write(slotOffset, detail::EncodedArray(values));
-}
-
-template <typename Value>
-void RowWriter::write(len_t slotOffset, const Value& value) {
-  if (value.isEmpty()) return clearColumn(slotOffset);
-  const BaseRow::Place place = makePlace(slotOffset, value.length(), value.source());
-  BaseRow::put(place.buf, slotOffset, place.offset, value);
-}
 
 }  // namespace Korvo
