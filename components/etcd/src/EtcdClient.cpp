@@ -88,6 +88,10 @@ grpc::ChannelArguments channelArguments() {
   arguments.SetInt(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 5000);
   arguments.SetMaxReceiveMessageSize(-1);
   arguments.SetMaxSendMessageSize(-1);
+  // As much as a server may send ahead of what is read, for each stream. gRPC's own measure of it
+  // grows to many times of that where a server is near and its reader is held up.
+  arguments.SetInt(GRPC_ARG_HTTP2_BDP_PROBE, 0);
+  arguments.SetInt(GRPC_ARG_HTTP2_STREAM_LOOKAHEAD_BYTES, 1 << 20);
   // Channels of several clients in one process do not share a connection.
   arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
   return arguments;

@@ -246,7 +246,6 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
         watch_.reset();
         return look();
       }
-      watch_->next();
     });
   }
 
@@ -335,12 +334,11 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
           if (fault) {
             return later([this] { end("the state was compacted while it was read"); });
           }
-          const auto answer = std::make_shared<etcd::RangeResponse>(std::move(response));
-          // The next page comes while this one is taken in.
-          const bool isLast = !page_->goOn(*answer);
-          if (!isLast) readPage();
-          later([this, number = paged_->second, isLast, answer] {
-            for (const etcd::KeyValue& kv : answer->kvs()) takeRow(number, kv);
+          later([this, answer = std::make_shared<etcd::RangeResponse>(std::move(response))] {
+            const bool isLast = !page_->goOn(*answer);
+            // The next page comes while this one is taken in, and no other one.
+            if (!isLast) readPage();
+            for (const etcd::KeyValue& kv : answer->kvs()) takeRow(paged_->second, kv);
             if (!isLast) return;
             ++paged_;
             readTable();
@@ -425,7 +423,7 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
                                                 const Fault& fault, etcd::WatchResponse& response) {
       if (fault) return lose(fault);
       later([this, revision, told,
-             answer = std::make_shared<etcd::WatchResponse>(std::move(response))] {
+             answer = std::make_shared<etcd::WatchResponse>(std::move(response))]() mutable {
         if (answer->canceled()) return canceled(*answer);
         // It would be silent until it came to that revision, with another history.
         const etcd::ResponseHeader& header = answer->header();
@@ -433,6 +431,9 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
           return this->end(source_->client_.member() + " is of another cluster than before");
         }
         told(*answer);
+        // The next message may be as large: this one makes room for it.
+        answer.reset();
+        if (!over_ && watch_ != nullptr) watch_->next();
       });
     }));
     etcd::WatchRequest request;
@@ -464,7 +465,6 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
     for (int i = 0; i < events.size() && !over_; ++i) {
       if (isNew(events[i])) takeEvent(events[i], i == last);
     }
-    if (!over_) watch_->next();
   }
 
   /// A server may repeat what it told before.

@@ -78,6 +78,8 @@ void StoredRows::exchange(Slot slot, Row& row, bool isHeld) noexcept {
     words_[slot] = wordOf(shared_.size() - 1);
   } else if (row.owner != nullptr) {
     words_[slot] = wordOf(std::exchange(row.owner->buf_, nullptr));
+  } else {
+    words_[slot] = wordOf(row.own.release());
   }
   row = std::move(gone);
 }

@@ -27,13 +27,16 @@ namespace Korvo::detail {
 
 class StoredRows {
  public:
+  struct Free {
+    void operator()(byte_t* block) const noexcept { std::free(block); }
+  };
+  /// A row's bytes, of malloc().
+  using Bytes = std::unique_ptr<byte_t, Free>;
+
   /// A row on its way into a slot or out of one: in an owner, its bytes alone, or no row.
   struct Row {
-    struct Free {
-      void operator()(byte_t* block) const noexcept { std::free(block); }
-    };
     KoPtr<KoRowBuf> owner;
-    std::unique_ptr<byte_t, Free> own;
+    Bytes own;
 
     const byte_t* bytes() const { return owner != nullptr ? owner->buf_ : own.get(); }
   };
@@ -57,7 +60,7 @@ class StoredRows {
   void grow() { words_.grow(); }
   /// From now on `count` rows that are held elsewhere can be put without failing.
   void reserveShared(std::size_t count);
-  /// What is in the slot, and `row`, change places. A row comes in an owner; unless it `isHeld`
+  /// What is in the slot, and `row`, change places. Unless a row that comes in an owner `isHeld`
   /// elsewhere, the owner's other holders lose the bytes.
   void exchange(Slot slot, Row& row, bool isHeld) noexcept;
   /// Looks at `most` rows that were shared, in turn, for such as nobody else holds any more.

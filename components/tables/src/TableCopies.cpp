@@ -16,11 +16,17 @@ namespace {
 constexpr std::size_t keptOfRow = 64;
 constexpr std::size_t mostProblems = 1000;  ///< that wait for being told
 
-KoPtr<KoRowBuf> newBuffer(std::size_t length) {
-  auto buffer = std::make_shared<KoRowBuf>();
-  buffer->buf_ = static_cast<byte_t*>(std::malloc(length));
-  if (buffer->buf_ == nullptr) throw std::bad_alloc();
-  return buffer;
+StoredRows::Bytes newBytes(std::size_t length) {
+  StoredRows::Bytes bytes(static_cast<byte_t*>(std::malloc(length)));
+  if (bytes == nullptr) throw std::bad_alloc();
+  return bytes;
+}
+
+StoredRows::Bytes copyOf(const byte_t* row) {
+  const auto length = loadField<len_t>(row + rowLengthOffset);
+  StoredRows::Bytes bytes = newBytes(length);
+  std::memcpy(bytes.get(), row, length);
+  return bytes;
 }
 
 }  // namespace
@@ -37,17 +43,18 @@ const TableCopy::Round::Row* TableCopy::Round::find(oid_t oid) const {
 }
 
 /// Null: the row is removed.
-void TableCopy::Round::operate(Row& row, KoPtr<KoRowBuf> buffer) {
+void TableCopy::Round::operate(Row& row, StoredRows::Bytes bytes) {
   if (operations.size() == none) throw std::bad_alloc();
-  if (buffer != nullptr) changedBytes += loadField<len_t>(buffer->buf_);
-  operations.push_back({row.oid, std::move(buffer)});
+  const std::size_t length = bytes == nullptr ? 0 : loadField<len_t>(bytes.get());
+  operations.push_back({row.oid, std::move(bytes)});
+  changedBytes += length;
   row.operation = (operations.size() - 1) & none;
 }
 
 void TableCopy::Round::dropOperation(Row& row) {
   if (row.operation == none) return;
-  RowOperation& dropped = operations[row.operation];
-  if (dropped.buffer != nullptr) changedBytes -= loadField<len_t>(dropped.buffer->buf_);
+  OwnOperation& dropped = operations[row.operation];
+  if (dropped.bytes != nullptr) changedBytes -= loadField<len_t>(dropped.bytes.get());
   rows[numbers.find(operations.back().oid)].operation = row.operation;
   dropped = std::move(operations.back());
   operations.pop_back();
@@ -96,7 +103,7 @@ void TableCopy::keepPresent() {
   for (Round::Row& row : round_.rows) {
     if (row.operation != Round::none || row.isGone || row.isRefused) continue;
     const Slot present = store()->find(row.oid);
-    if (present != noSlot) round_.operate(row, store()->buffer(present));
+    if (present != noSlot) round_.operate(row, copyOf(store()->bytes(present)));
   }
 }
 
@@ -114,6 +121,10 @@ void TableCopy::prepare() {
     if (!row.isGone && !row.isKept) round_.otherwise.emplace(row.oid, row.hash);
   }
   if (!round_.isWhole) otherwise_.reserve(otherwise_.size() + round_.otherwise.size());
+  // By the rows that were told, adopt() only finds what is known otherwise. The commit needs room.
+  if (!round_.isWhole && !otherwise_.empty()) return;
+  round_.rows = {};
+  round_.numbers = {};
 }
 
 void TableCopy::adopt(const TablePosition& position) noexcept {
@@ -175,11 +186,11 @@ void TableCopies::removeStaleRows() {
     TableStore* const table = copy->store();
     if (table == nullptr || table->state() == TableState::current) continue;
     copy->keepPresent();
-    std::vector<RowOperation> removals;
+    std::vector<OwnOperation> removals;
     for (Slot slot = table->slotFrom(0); slot != noSlot; slot = table->slotFrom(slot + 1)) {
       removals.push_back({table->oid(slot), nullptr});
     }
-    auto commit = std::make_unique<TableStore::Commit>(*table, removals);
+    auto commit = std::make_unique<TableStore::Commit>(*table, std::move(removals));
     if (!commit->changesNothing()) commits.push_back(std::move(commit));
   }
   const std::uint64_t sequence = source_->last + 1;
@@ -358,15 +369,16 @@ void TableCopies::takeRow(std::size_t number, std::span<const byte_t> row) {
     told.isKept = loadField<len_t>(own) == length && std::memcmp(bytes, own, length) == 0;
     return;
   }
-  KoPtr<KoRowBuf> buffer = newBuffer(length);
+  StoredRows::Bytes taken;
   if (copy.isSame_) {
-    std::memcpy(buffer->buf_, bytes, length);
+    taken = copyOf(bytes);
     told.isKept = true;
   } else {
-    copy.plan_->write(bytes, buffer->buf_);
-    if (equalsPresent(buffer->buf_)) return;
+    taken = newBytes(length);
+    copy.plan_->write(bytes, taken.get());
+    if (equalsPresent(taken.get())) return;
   }
-  copy.round_.operate(told, std::move(buffer));
+  copy.round_.operate(told, std::move(taken));
 }
 
 void TableCopies::remove(std::size_t number, oid_t oid) {
@@ -410,8 +422,8 @@ std::string TableCopies::mark(const TableMark& mark) {
   // From here on nothing may be half done: all that can fail comes first.
   std::vector<std::unique_ptr<TableStore::Commit>> commits;
   for (TableCopy* copy : parts) {
-    copy->prepare();
     copy->removeUntold();
+    copy->prepare();
     commits.push_back(
         std::make_unique<TableStore::Commit>(*copy->store(), std::move(copy->round_.operations)));
   }

@@ -52,14 +52,14 @@ class TableCopy final : public TableStore::Cursor {
     std::uint64_t digest = 0;  ///< of all of them
     std::vector<Row> rows;
     OidMap numbers;                        ///< of `rows`
-    std::vector<RowOperation> operations;  ///< what changes in the table, each oid once
+    std::vector<OwnOperation> operations;  ///< what changes in the table, each oid once
     std::size_t changedBytes = 0;          ///< of the operations
     std::size_t weight = 0;                ///< as it was counted last
     /// What it adds to the hashes that the table cannot tell.
     std::unordered_map<oid_t, std::uint64_t> otherwise;
 
     const Row* find(oid_t oid) const;
-    void operate(Row& row, KoPtr<KoRowBuf> buffer);
+    void operate(Row& row, StoredRows::Bytes bytes);
     void dropOperation(Row& row);
     std::size_t memory() const;
   };
@@ -70,7 +70,7 @@ class TableCopy final : public TableStore::Cursor {
   Round::Row& tell(oid_t oid, Slot present);
   void keepPresent();
   void removeUntold();
-  /// Makes room, so that adopt() cannot fail.
+  /// Makes room, so that adopt() cannot fail, and gives up what only the round's rows need.
   void prepare();
   void adopt(const TablePosition& position) noexcept;
 

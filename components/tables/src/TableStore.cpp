@@ -460,17 +460,16 @@ TableStore::Commit::Commit(TableStore& store, const std::vector<RowOperation>& o
   number = 0;
   for (const RowOperation& operation : operations) {
     if (last.find(operation.oid) != number++) continue;
-    select(operation.oid, operation.buffer, operation.buffer.use_count() > 1);
+    select(operation.oid, {operation.buffer, nullptr}, operation.buffer.use_count() > 1);
   }
   prepare();
 }
 
-TableStore::Commit::Commit(TableStore& store, std::vector<RowOperation>&& operations)
+TableStore::Commit::Commit(TableStore& store, std::vector<OwnOperation> operations)
     : store_(store), asked_(operations.size()) {
   touches_.reserve(operations.size());
-  for (RowOperation& operation : operations) {
-    const bool isHeld = operation.buffer.use_count() > 1;
-    select(operation.oid, std::move(operation.buffer), isHeld);
+  for (OwnOperation& operation : operations) {
+    select(operation.oid, {nullptr, std::move(operation.bytes)}, false);
   }
   prepare();
 }
@@ -478,9 +477,13 @@ TableStore::Commit::Commit(TableStore& store, std::vector<RowOperation>&& operat
 void TableStore::Commit::prepare() {
   store_.checkThread();
   if (changesNothing()) return;
-  for (const Touch& touch : touches_) {
+  for (Touch& touch : touches_) {
     for (const KnownIndex& known : store_.indexes_) {
       if (!known.index->computes()) continue;
+      if (touch.row.own != nullptr) {
+        touch.row.owner = std::make_shared<KoRowBuf>();
+        touch.row.owner->buf_ = touch.row.own.release();
+      }
       computed_.push_back(touch.isRemoval ? std::string()
                                           : known.index->compute(HeldRow(touch.row.owner)));
     }
@@ -537,14 +540,14 @@ void TableStore::Commit::releaseIndexes() noexcept {
 }
 
 /// Takes what changes anything.
-void TableStore::Commit::select(oid_t oid, KoPtr<KoRowBuf> buffer, bool isHeld) {
+void TableStore::Commit::select(oid_t oid, StoredRows::Row row, bool isHeld) {
   const Slot slot = store_.find(oid);
-  const bool isRemoval = buffer == nullptr;
-  if (isRemoval && slot == noSlot) return;
-  if (!isRemoval && slot != noSlot && rowsEqual(buffer->buf_, store_.bytes(slot), store_.layout_)) {
+  const byte_t* const bytes = row.bytes();
+  if (bytes == nullptr && slot == noSlot) return;
+  if (bytes != nullptr && slot != noSlot && rowsEqual(bytes, store_.bytes(slot), store_.layout_)) {
     return;
   }
-  touches_.push_back({oid, slot, {std::move(buffer), nullptr}, isRemoval, isHeld});
+  touches_.push_back({oid, slot, std::move(row), bytes == nullptr, isHeld});
 }
 
 void TableStore::Commit::checkUnique() const {

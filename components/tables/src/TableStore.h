@@ -57,6 +57,12 @@ struct RowOperation {
   KoPtr<KoRowBuf> buffer;  ///< null: the row is removed
 };
 
+/// The same of who made the row's bytes and gives them away.
+struct OwnOperation {
+  oid_t oid;
+  StoredRows::Bytes bytes;  ///< null: the row is removed
+};
+
 /// Numbers the batches of all tables that have one owner.
 struct SequenceSource {
   std::uint64_t last = 0;
@@ -284,8 +290,8 @@ class TableStore::Commit {
 
   /// The last word on each oid counts.
   Commit(TableStore& store, const std::vector<RowOperation>& operations);
-  /// Each oid is there once. Takes the buffers, also when it throws.
-  Commit(TableStore& store, std::vector<RowOperation>&& operations);
+  /// Each oid is there once.
+  Commit(TableStore& store, std::vector<OwnOperation> operations);
   Commit(const Commit&) = delete;
   Commit& operator=(const Commit&) = delete;
 
@@ -304,7 +310,7 @@ class TableStore::Commit {
     bool isHeld;  ///< by others than the batch
   };
 
-  void select(oid_t oid, KoPtr<KoRowBuf> buffer, bool isHeld);
+  void select(oid_t oid, StoredRows::Row row, bool isHeld);
   void prepare();
   void checkUnique() const;
   void reserve();

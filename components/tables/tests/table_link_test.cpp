@@ -58,6 +58,27 @@ TEST_F(LinkTest, RowsComeAndChangesFollow) {
   EXPECT_EQ(viewer->ports.size(), 2U);
 }
 
+TEST_F(LinkTest, KeysAreComputedOfTheRowsThatCome) {
+  auto& byLength =
+      viewer->ports.equalBy([](const Port& row) { return row.view<"name">().view().size(); });
+  const auto isOnly = [&](std::size_t length, oid_t oid) {
+    const auto found = byLength.find(length);
+    return std::ranges::distance(found) == 1 && (*found.begin()).rowOid() == oid;
+  };
+  agent->put(port(1, "eth0"), port(2, "longer"));
+  connect();
+  loop->runUntilQuiet();
+  expectSame();
+  EXPECT_TRUE(isOnly(4, 1));
+  EXPECT_TRUE(isOnly(6, 2));
+  agent->put(port(1, "longer"), port(3, "eth3"));
+  agent->remove(2);
+  loop->runUntilQuiet();
+  expectSame();
+  EXPECT_TRUE(isOnly(4, 3));
+  EXPECT_TRUE(isOnly(6, 1));
+}
+
 // Lesson: the end of the first rows is a message, for an empty table too.
 TEST_F(LinkTest, EmptyTableBecomesCurrentAndIsToldOnce) {
   const TableReader<Port> reader(viewer->ports, loop, writeDown());

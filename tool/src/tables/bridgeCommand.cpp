@@ -32,10 +32,9 @@ constexpr std::chrono::milliseconds lookPause{200};
 /// cluster stays there.
 class Bridge final : public Follower::User {
  public:
-  Bridge(Work& work, const BridgeOptions& options, std::string name)
+  Bridge(Work& work, const BridgeOptions& options)
       : work_(work),
         options_(options),
-        name_(std::move(name)),
         browser_(options.address, work.loop()),
         ask_(work, [this] { browser_.ask(); }),
         look_(work, [this] { lookAtTarget(); }) {
@@ -47,7 +46,24 @@ class Bridge final : public Follower::User {
     browser_.onFailure([this](const std::string&) { ask_.after(askPause); });
   }
 
-  void followerIs(Follower& follower) { follower_ = &follower; }
+  /// What the source has, as soon as it can be asked; nothing once a signal came.
+  std::optional<PublisherInfo> waitForSource() {
+    for (std::string told;;) {
+      const PublisherAnswer answer = askOnce(work_, options_);
+      if (answer.info || answer.failure.empty()) return answer.info;
+      if (std::exchange(told, answer.failure) != answer.failure) {
+        report("loading", answer.failure + "; it is waited for");
+      }
+      Alarm again(work_, [this] { work_.done(); });
+      again.after(askPause);
+      if (!work_.run()) return std::nullopt;
+    }
+  }
+
+  void followerIs(Follower& follower, const std::string& publisher) {
+    follower_ = &follower;
+    name_ = publisher;
+  }
 
   void begins() override {
     publisher_.reset();
@@ -68,6 +84,11 @@ class Bridge final : public Follower::User {
     isCurrent_ = false;
     publishAnew();
     ask_.after(askPause);
+  }
+
+  /// The others go on.
+  void notUnderstood(const std::string& name, const std::string& why) override {
+    report("refused", name + " is left out: its layout: " + why);
   }
 
   void changes(std::size_t number, Korvo::LearnedChanges& changes) override {
@@ -164,10 +185,13 @@ class Bridge final : public Follower::User {
   /// Why the source's tables are not current, if that was not told before.
   void tellFault() {
     if (isCurrent_ || text_.empty()) return;
-    const std::string text = std::exchange(text_, {});
+    report("stale", std::exchange(text_, {}));
+  }
+
+  void report(const char* state, const std::string& text) {
     if (options_.json) {
       Json json = Json::object();
-      json.add("state", "stale").add("text", text);
+      json.add("state", state).add("text", text);
       print(json);
     } else if (!options_.quiet) {
       complain(printable(text));
@@ -195,9 +219,16 @@ class Bridge final : public Follower::User {
   /// The source may have other tables than it had. While it loads its rows it may not have all.
   void learn(const PublisherInfo& info) {
     if (!options_.tables.empty() || !info.isComplete || info.tables.empty()) return;
-    const bool isSame = std::ranges::is_permutation(
-        info.tables, tables_, {}, &PublisherInfo::Table::name,
-        [](const auto& table) -> const std::string& { return table->name(); });
+    const auto& leftOut = follower_->leftOut();
+    const auto isKnown = [&](const PublisherInfo::Table& told) {
+      return std::ranges::any_of(tables_,
+                                 [&](const auto& table) { return table->name() == told.name; }) ||
+             std::ranges::any_of(leftOut, [&](const auto& table) {
+               return table.name == told.name && table.layoutText == told.layoutText;
+             });
+    };
+    const bool isSame = info.tables.size() == tables_.size() + leftOut.size() &&
+                        std::ranges::all_of(info.tables, isKnown);
     if (!isSame) follower_->follow(info.tables);
   }
 
@@ -208,7 +239,7 @@ class Bridge final : public Follower::User {
 
   Work& work_;
   const BridgeOptions& options_;
-  const std::string name_;
+  std::string name_;
   Output out_;
   Follower* follower_ = nullptr;
   std::vector<std::unique_ptr<LearnedTable>> tables_;
@@ -236,12 +267,18 @@ int bridgeTables(const BridgeOptions& options) {
   makeKnown(options.address);
   makeKnown(options.target);
   Work work;
-  const PublisherInfo info = askPublisher(work, options);
-  const auto tables = tablesOf(info, options.tables);
-  if (tables.empty()) throw Failure(statusUnavailable, printable(info.name) + " has no tables");
-  Bridge bridge(work, options, info.name);
+  checkAddress(work, options.address);
+  checkAddress(work, options.target);
+  Bridge bridge(work, options);
+  const std::optional<PublisherInfo> info = bridge.waitForSource();
+  if (!info) {
+    bridge.finish();
+    return statusGood;
+  }
+  const auto tables = tablesOf(*info, options.tables);
+  if (tables.empty()) throw Failure(statusUnavailable, printable(info->name) + " has no tables");
   Follower follower(work, options.address, bridge);
-  bridge.followerIs(follower);
+  bridge.followerIs(follower, info->name);
   try {
     follower.follow(tables);
     work.run();

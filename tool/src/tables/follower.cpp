@@ -49,31 +49,39 @@ void Alarm::onTimeout() {
   work_.guard(told_);
 }
 
-PublisherInfo askPublisher(Work& work, const PublisherOptions& options) {
-  PublisherInfo answer;
-  std::string failure;
-  const auto askNow = [&] {
-    Korvo::TableBrowser browser(options.address, work.loop(),
-                                {.patience = std::chrono::seconds(options.patience)});
-    browser.onAnswer([&](const PublisherInfo& info) {
-      answer = info;
-      work.done();
-    });
-    browser.onFailure([&](const std::string& text) {
-      failure = text;
-      work.done();
-    });
-    browser.ask();
-    return work.run();
-  };
+/// A browser takes an engine's address as it is, and tells what is wrong with it as it tells of a
+/// publisher that is not there; a subscriber reads it.
+void checkAddress(Work& work, const std::string& address) {
   try {
-    if (!askNow()) failure = "interrupted";
+    const Korvo::TableSubscriber subscriber(address, work.loop());
   } catch (const Korvo::KoInvalidArgument& e) {
     throw Failure(statusUsage, e.what());
   }
-  if (!failure.empty())
-    throw Failure(statusUnavailable, options.address + ": " + printable(failure));
+}
+
+PublisherAnswer askOnce(Work& work, const PublisherOptions& options) {
+  PublisherAnswer answer;
+  Korvo::TableBrowser browser(options.address, work.loop(),
+                              {.patience = std::chrono::seconds(options.patience)});
+  browser.onAnswer([&](const PublisherInfo& info) {
+    answer.info = info;
+    work.done();
+  });
+  browser.onFailure([&](const std::string& text) {
+    answer.failure = options.address + ": " + printable(text);
+    work.done();
+  });
+  browser.ask();
+  if (!work.run()) return {};
   return answer;
+}
+
+PublisherInfo askPublisher(Work& work, const PublisherOptions& options) {
+  checkAddress(work, options.address);
+  const PublisherAnswer answer = askOnce(work, options);
+  if (answer.info) return *answer.info;
+  throw Failure(statusUnavailable,
+                answer.failure.empty() ? options.address + ": interrupted" : answer.failure);
 }
 
 std::vector<PublisherInfo::Table> tablesOf(const PublisherInfo& publisher,
@@ -104,6 +112,10 @@ constexpr std::chrono::seconds pause{1};
 
 }  // namespace
 
+void Follower::User::notUnderstood(const std::string& name, const std::string& why) {
+  throw Failure(statusBadData, "the layout of " + printable(name) + ": " + why);
+}
+
 Follower::Follower(Work& work, const std::string& address, User& user)
     : work_(work),
       address_(address),
@@ -119,11 +131,14 @@ void Follower::follow(const std::vector<PublisherInfo::Table>& tables) {
   subscriber_.reset();
   tables_.clear();
   fingerprints_.clear();
+  leftOut_.clear();
   for (const PublisherInfo::Table& told : tables) {
     try {
       tables_.push_back(std::make_unique<Korvo::LearnedTable>(told));
     } catch (const Korvo::KoTextError& e) {
-      throw Failure(statusBadData, "the layout of " + printable(told.name) + ": " + e.what());
+      user_.notUnderstood(told.name, e.what());
+      leftOut_.push_back(told);
+      continue;
     }
     fingerprints_.push_back(told.fingerprint);
   }
@@ -157,6 +172,10 @@ void Follower::learn(const PublisherInfo& info) {
     if (found == info.tables.end()) return again_.after(pause);
     if (found->fingerprint != fingerprints_[i]) isOther = true;
     tables.push_back(*found);
+  }
+  for (const PublisherInfo::Table& table : leftOut_) {
+    const auto found = std::ranges::find(info.tables, table.name, &PublisherInfo::Table::name);
+    if (found != info.tables.end()) tables.push_back(*found);
   }
   if (isOther) {
     follow(tables);

@@ -55,7 +55,18 @@ class Alarm final : private Velto::Platform::TimeoutHandler {
   std::unique_ptr<Velto::Platform::TimerControl> control_;
 };
 
-/// Asks the publisher what it has. Throws Failure.
+/// Throws Failure for an address that is none.
+void checkAddress(Work& work, const std::string& address);
+
+/// What a publisher has, or why that is not known; neither once a signal came.
+struct PublisherAnswer {
+  std::optional<Korvo::PublisherInfo> info;
+  std::string failure;
+};
+
+/// Asks the publisher what it has. The address was checked.
+PublisherAnswer askOnce(Work& work, const PublisherOptions& options);
+/// The same for those who need an answer, with the check. Throws Failure.
 Korvo::PublisherInfo askPublisher(Work& work, const PublisherOptions& options);
 
 /// Its tables of these names, or all of them. Throws Failure if it does not have one.
@@ -74,6 +85,8 @@ class Follower {
 
     /// The tables have these layouts from now on; all rows of them come.
     virtual void begins() = 0;
+    /// The layout of a table cannot be understood: throws, or the table is left out.
+    virtual void notUnderstood(const std::string& name, const std::string& why);
     /// Pulls changes of a table.
     virtual void changes(std::size_t number, Korvo::LearnedChanges& changes) = 0;
     /// A table's state is another one; what was told of it before counts until then.
@@ -83,11 +96,12 @@ class Follower {
   /// Throws Failure for an address that is none.
   Follower(Work& work, const std::string& address, User& user);
 
-  /// Begins to follow these tables. Throws Failure for a layout that is none.
+  /// Begins to follow these tables, but for those that the user leaves out. Throws what he throws.
   void follow(const std::vector<Korvo::PublisherInfo::Table>& tables);
 
   std::size_t size() const { return tables_.size(); }
   const Korvo::LearnedTable& table(std::size_t number) const { return *tables_[number]; }
+  const std::vector<Korvo::PublisherInfo::Table>& leftOut() const { return leftOut_; }
 
  private:
   void learn(const Korvo::PublisherInfo& info);
@@ -96,6 +110,7 @@ class Follower {
   std::string address_;
   User& user_;
   std::vector<Korvo::LayoutFingerprint> fingerprints_;
+  std::vector<Korvo::PublisherInfo::Table> leftOut_;
   std::vector<std::unique_ptr<Korvo::LearnedTable>> tables_;
   std::unique_ptr<Korvo::TableSubscriber> subscriber_;
   std::vector<std::unique_ptr<Korvo::LearnedReader>> readers_;

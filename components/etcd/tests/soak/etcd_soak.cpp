@@ -9,7 +9,6 @@
 
 #include <Korvo/EtcdTables.h>
 
-#include <cstdlib>
 #include <exception>
 #include <span>
 #include <string_view>
@@ -79,23 +78,10 @@ void beRival(const std::string& address) {
 int run(std::span<char*> arguments) {
   const std::shared_ptr<Korvo::EtcdEngine> engine = addEngine();
   const std::string_view role = arguments.size() > 1 ? arguments[1] : "";
-  if (role == "publish" && arguments.size() == 6) {
-    std::thread([engine] { tellCounters(*engine); }).detach();
-    const auto generation = static_cast<std::uint32_t>(std::atoi(arguments[4]));
-    if (std::string_view(arguments[3]) == "old") {
-      Publisher<OldPort>(arguments[2], generation, publisherOptions(), arguments[5]).run();
-    } else {
-      Publisher<NewPort>(arguments[2], generation, publisherOptions(), arguments[5]).run();
-    }
-  } else if (role == "subscribe" && arguments.size() == 5) {
-    if (std::string_view(arguments[3]) == "old") {
-      Subscriber<OldPort>(arguments[2], subscriberOptions(), arguments[4]).run();
-    } else {
-      Subscriber<NewPort>(arguments[2], subscriberOptions(), arguments[4]).run();
-    }
-  } else if (role == "rival" && arguments.size() == 3) {
+  if (role == "publish") std::thread([engine] { tellCounters(*engine); }).detach();
+  if (role == "rival" && arguments.size() == 3) {
     beRival(arguments[2]);
-  } else {
+  } else if (!play(arguments, publisherOptions(), subscriberOptions())) {
     std::cerr << "etcd_soak publish|subscribe|rival ADDRESS ...\n";
     return 2;
   }

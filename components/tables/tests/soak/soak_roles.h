@@ -16,14 +16,17 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
 #include <random>
+#include <span>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -302,5 +305,30 @@ class Subscriber {
   std::pair<std::uint32_t, std::uint64_t> last_;
   std::uint64_t checks_ = 0;
 };
+
+/// Does what the words of a command say, behind the program: publish ADDRESS LAYOUT GENERATION
+/// [FILE], or subscribe ADDRESS LAYOUT [FILE]; LAYOUT is "old" or "new", FILE is for dumpTo().
+/// False: it is neither.
+inline bool play(std::span<char*> words, const Korvo::PublisherOptions& publisher,
+                 const Korvo::SubscriberOptions& subscriber) {
+  const std::string_view role = words.size() > 1 ? words[1] : "";
+  const std::size_t least = role == "publish" ? 5 : 4;
+  if ((role != "publish" && role != "subscribe") || words.size() < least ||
+      words.size() > least + 1) {
+    return false;
+  }
+  const std::string dump = words.size() > least ? words[least] : "";
+  const auto as = [&]<typename Port>(Port /*layout*/) {
+    if (role == "subscribe") return Subscriber<Port>(words[2], subscriber, dump).run();
+    const auto generation = static_cast<std::uint32_t>(std::atoi(words[4]));
+    Publisher<Port>(words[2], generation, publisher, dump).run();
+  };
+  if (std::string_view(words[3]) == "old") {
+    as(OldPort());
+  } else {
+    as(NewPort());
+  }
+  return true;
+}
 
 }  // namespace soak

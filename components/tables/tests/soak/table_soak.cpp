@@ -211,22 +211,9 @@ int run(std::span<char*> arguments) {
     Driver driver(static_cast<unsigned int>(std::atoi(arguments[3])),
                   {arguments.begin() + 4, arguments.end()});
     driver.run(std::chrono::seconds(std::atoi(arguments[2])));
-  } else if (role == "publish" && arguments.size() == 5) {
-    const auto generation = static_cast<std::uint32_t>(std::atoi(arguments[4]));
-    if (std::string_view(arguments[3]) == "old") {
-      Publisher<OldPort>(arguments[2], generation, publisherOptions()).run();
-    } else {
-      Publisher<NewPort>(arguments[2], generation, publisherOptions()).run();
-    }
-  } else if (role == "subscribe" && arguments.size() == 4) {
-    if (std::string_view(arguments[3]) == "old") {
-      Subscriber<OldPort>(arguments[2], subscriberOptions()).run();
-    } else {
-      Subscriber<NewPort>(arguments[2], subscriberOptions()).run();
-    }
   } else if (role == "stranger" && arguments.size() == 3) {
     beStranger(arguments[2]);
-  } else {
+  } else if (!play(arguments, publisherOptions(), subscriberOptions())) {
     std::cerr << "table_soak drive SECONDS SEED PROGRAM...\n";
     return 2;
   }
