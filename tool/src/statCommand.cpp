@@ -69,7 +69,7 @@ std::string percent(std::uint64_t part, std::uint64_t whole) {
 }
 
 /// Lines of words, each as wide as the widest of its place; numbers to the right.
-class Grid {
+class AlignedLines {
  public:
   void add(std::vector<std::string> line) { lines_.push_back(std::move(line)); }
   std::string text() const {
@@ -105,8 +105,8 @@ void print(Output& out, const Style& style, const NamedLayout& named, const Coun
   out << "  gaps    " << counted(counts.gapBytes, "byte") << " in "
       << counted(counts.gapRows, "row") << ", " << percent(counts.gapBytes, counts.bytes)
       << " of all bytes\n\n";
-  Grid grid;
-  grid.add({"column", "type", "filled", "share", "mean", "longest", "bytes"});
+  AlignedLines lines;
+  lines.add({"column", "type", "filled", "share", "mean", "longest", "bytes"});
   const auto& infos = named.layout.info().columns;
   for (std::size_t i = 0; i < infos.size(); ++i) {
     const ColumnCounts& column = counts.columns[i];
@@ -118,9 +118,9 @@ void print(Output& out, const Style& style, const NamedLayout& named, const Coun
       line.push_back(std::to_string(column.longest));
       line.push_back(std::to_string(column.bytes));
     }
-    grid.add(std::move(line));
+    lines.add(std::move(line));
   }
-  out << grid.text();
+  out << lines.text();
 }
 
 std::string countsJson(const NamedLayout& named, const Counts& counts) {
