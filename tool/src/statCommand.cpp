@@ -18,7 +18,7 @@ struct ColumnCounts {
   std::size_t longest = 0;
 };
 
-struct Counts {
+struct RowCounts {
   std::uint64_t rows = 0;
   std::uint64_t bytes = 0;
   std::uint64_t gapBytes = 0;
@@ -97,7 +97,7 @@ class AlignedLines {
   std::vector<std::vector<std::string>> lines_;
 };
 
-void print(Output& out, const Style& style, const NamedLayout& named, const Counts& counts) {
+void print(Output& out, const Style& style, const NamedLayout& named, const RowCounts& counts) {
   out << style.bold(printable(named.title())) << ": " << counted(counts.rows, "row") << ", "
       << counted(counts.bytes, "byte") << "\n";
   out << "  length  " << std::to_string(counts.shortest) << " to " << std::to_string(counts.longest)
@@ -123,7 +123,7 @@ void print(Output& out, const Style& style, const NamedLayout& named, const Coun
   out << lines.text();
 }
 
-std::string countsJson(const NamedLayout& named, const Counts& counts) {
+std::string countsJson(const NamedLayout& named, const RowCounts& counts) {
   Json json = Json::object();
   if (!named.name.empty()) json.add("name", named.name);
   json.add("type", named.layout.info().rowType).add("rows", counts.rows);
@@ -147,9 +147,9 @@ std::string countsJson(const NamedLayout& named, const Counts& counts) {
 
 int statRows(const RowOptions& options) {
   Layouts layouts(options.layout, options.row);
-  std::map<std::uint16_t, Counts> all;
+  std::map<std::uint16_t, RowCounts> all;
   const NamedLayout* last = nullptr;
-  Counts* counts = nullptr;
+  RowCounts* counts = nullptr;
   const bool allGood = forEachGoodRow(options, layouts, [&](const Piece& piece) {
     if (counts == nullptr || piece.layout != last) {
       last = piece.layout;
