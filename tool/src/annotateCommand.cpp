@@ -1,6 +1,7 @@
 // korvo annotate: what each byte of a row is, also of one that does not pass the check.
 
 #include "failure.h"
+#include "prefixText.h"
 #include "reading.h"
 
 #include <Korvo/AnyRow.h>
@@ -9,7 +10,6 @@
 #include <cstdio>
 #include <set>
 #include <span>
-#include <sstream>
 
 namespace korvotool {
 namespace {
@@ -47,13 +47,6 @@ std::string quotedShort(std::string_view text) {
   json.append(text.substr(0, longest));
   const std::string all = json.text();
   return printable(all.substr(1, all.size() - 2)) + (text.size() > longest ? "..." : "");
-}
-
-template <typename T>
-std::string inserted(const T& value) {
-  std::ostringstream text;
-  text << value;
-  return text.str();
 }
 
 /// Finds the regions of a row, of which `length` bytes are there. It believes nothing that the row

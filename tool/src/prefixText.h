@@ -1,12 +1,21 @@
 #pragma once
 
-// Prefixes as people write them.
+// Addresses and prefixes as people write them.
 
 #include <Korvo/korvo_types.h>
 
+#include <sstream>
 #include <string>
 
 namespace korvotool {
+
+/// An address or a prefix, as streams get it.
+template <typename T>
+std::string inserted(const T& value) {
+  std::ostringstream text;
+  text << value;
+  return text.str();
+}
 
 /// An address is taken for the prefix of all its bits. Throws Failure.
 Korvo::IpGenPrefix parsedPrefixOrAddress(const std::string& text);

@@ -18,7 +18,7 @@ struct ColumnCounts {
   std::size_t longest = 0;
 };
 
-struct Counts {
+struct RowCounts {
   std::uint64_t rows = 0;
   std::uint64_t bytes = 0;
   std::uint64_t gapBytes = 0;
@@ -69,7 +69,7 @@ std::string percent(std::uint64_t part, std::uint64_t whole) {
 }
 
 /// Lines of words, each as wide as the widest of its place; numbers to the right.
-class Grid {
+class AlignedLines {
  public:
   void add(std::vector<std::string> line) { lines_.push_back(std::move(line)); }
   std::string text() const {
@@ -97,7 +97,7 @@ class Grid {
   std::vector<std::vector<std::string>> lines_;
 };
 
-void print(Output& out, const Style& style, const NamedLayout& named, const Counts& counts) {
+void print(Output& out, const Style& style, const NamedLayout& named, const RowCounts& counts) {
   out << style.bold(printable(named.title())) << ": " << counted(counts.rows, "row") << ", "
       << counted(counts.bytes, "byte") << "\n";
   out << "  length  " << std::to_string(counts.shortest) << " to " << std::to_string(counts.longest)
@@ -105,8 +105,8 @@ void print(Output& out, const Style& style, const NamedLayout& named, const Coun
   out << "  gaps    " << counted(counts.gapBytes, "byte") << " in "
       << counted(counts.gapRows, "row") << ", " << percent(counts.gapBytes, counts.bytes)
       << " of all bytes\n\n";
-  Grid grid;
-  grid.add({"column", "type", "filled", "share", "mean", "longest", "bytes"});
+  AlignedLines lines;
+  lines.add({"column", "type", "filled", "share", "mean", "longest", "bytes"});
   const auto& infos = named.layout.info().columns;
   for (std::size_t i = 0; i < infos.size(); ++i) {
     const ColumnCounts& column = counts.columns[i];
@@ -118,12 +118,12 @@ void print(Output& out, const Style& style, const NamedLayout& named, const Coun
       line.push_back(std::to_string(column.longest));
       line.push_back(std::to_string(column.bytes));
     }
-    grid.add(std::move(line));
+    lines.add(std::move(line));
   }
-  out << grid.text();
+  out << lines.text();
 }
 
-std::string countsJson(const NamedLayout& named, const Counts& counts) {
+std::string countsJson(const NamedLayout& named, const RowCounts& counts) {
   Json json = Json::object();
   if (!named.name.empty()) json.add("name", named.name);
   json.add("type", named.layout.info().rowType).add("rows", counts.rows);
@@ -147,9 +147,9 @@ std::string countsJson(const NamedLayout& named, const Counts& counts) {
 
 int statRows(const RowOptions& options) {
   Layouts layouts(options.layout, options.row);
-  std::map<std::uint16_t, Counts> all;
+  std::map<std::uint16_t, RowCounts> all;
   const NamedLayout* last = nullptr;
-  Counts* counts = nullptr;
+  RowCounts* counts = nullptr;
   const bool allGood = forEachGoodRow(options, layouts, [&](const Piece& piece) {
     if (counts == nullptr || piece.layout != last) {
       last = piece.layout;

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <optional>
-#include <sstream>
 
 namespace korvotool {
 namespace {
@@ -18,13 +17,6 @@ namespace {
 using Korvo::IpGenAddr;
 using Korvo::IpGenPrefix;
 using Korvo::KoStrUtils;
-
-template <typename T>
-std::string inserted(const T& value) {
-  std::ostringstream text;
-  text << value;
-  return text.str();
-}
 
 /// Throws Failure in the library's words.
 template <typename T>

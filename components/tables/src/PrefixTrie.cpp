@@ -10,8 +10,11 @@
 namespace Korvo::detail {
 
 AddressBits AddressBits::of(AddressFamily af, const byte_t* bytes) {
-  if (af == ipv6_) return {leadingBytes(bytes, 8), leadingBytes(bytes + 8, 8)};
-  return {leadingBytes(bytes, ipv4Length), 0};
+  if (af != ipv6_) {
+    return {std::uint64_t{__builtin_bswap32(loadField<std::uint32_t>(bytes))} << 32, 0};
+  }
+  return {__builtin_bswap64(loadField<std::uint64_t>(bytes)),
+          __builtin_bswap64(loadField<std::uint64_t>(bytes + 8))};
 }
 
 AddressBits AddressBits::cutTo(unsigned int length) const {
@@ -35,6 +38,8 @@ constexpr std::array<std::uint64_t, sixBitValues> upperPrefixes = [] {
   }
   return maps;
 }();
+
+const bool hasPopcnt = __builtin_cpu_supports("popcnt") != 0;
 
 std::size_t unitsFor(std::size_t bytes) {
   return (bytes + BlockPool::unit - 1) / BlockPool::unit;
@@ -76,6 +81,10 @@ void PrefixTrie::shrink(Node& node) noexcept {
   } catch (const std::bad_alloc&) {
     // It stays as large as it is.
   }
+}
+
+bool PrefixTrie::Node::covers(unsigned int six) const {
+  return (sixth >> six & 1) != 0 || (upper & upperPrefixes[six]) != 0;
 }
 
 unsigned int PrefixTrie::Node::longest(unsigned int most, unsigned int six) const {
@@ -221,33 +230,46 @@ void PrefixTrie::removePlace(const Prefix& prefix) noexcept {
   if (!skipIfIdle(*above)) shrink(*above);
 }
 
-Slot PrefixTrie::mostSpecific(const Prefix& prefix) const {
+Slot PrefixTrie::search(const Prefix& prefix) const {
   const Node* found = nullptr;
-  unsigned int foundMore = 0;
-  unsigned int decided = 0;  // bits that the way here has compared
-  for (const Node* at = &root_;; decided += stride) {
-    if (at->depth != decided) {
+  unsigned int depth = 0;          // bits that the way here has compared
+  AddressBits rest = prefix.bits;  // behind those
+  for (const Node* at = &root_;; depth += stride, rest = rest.behind(stride)) {
+    if (at->depth != depth) {
       if (!isOn(*at, prefix)) break;
-      decided = at->depth;
+      rest = rest.behind(at->depth - depth);
+      depth = at->depth;
     }
-    if (decided >= prefix.length) break;
-    const unsigned int six = prefix.bits.sixBits(decided);
-    const unsigned int most = moreThan(decided, prefix.length);
-    if (const unsigned int more = at->longest(most, six); more != 0) {
-      found = at;
-      foundMore = more;
+    const unsigned int six = rest.firstSix();
+    if (depth + stride > prefix.length) {
+      // What is here may be longer than what is asked for.
+      if (depth < prefix.length && at->longest(prefix.length - depth, six) != 0) found = at;
+      break;
     }
-    if (most < stride || !at->hasNode(six)) break;
+    if (at->covers(six)) found = at;
+    if (!at->hasNode(six)) break;
     at = &at->node(six);
   }
   if (found == nullptr) return all_;
   const unsigned int six = prefix.bits.sixBits(found->depth);
-  const Slot slot = found->slots()[found->slotIndex(foundMore, six)];
+  const unsigned int more = found->longest(moreThan(found->depth, prefix.length), six);
+  const Slot slot = found->slots()[found->slotIndex(more, six)];
   if (slot != noSlot) return slot;
   // Its row has not come yet.
   Slot last = noSlot;
   covering(prefix, [&last](Slot wider) { last = wider; });
   return last;
+}
+
+/// search() for processors that count bits in one instruction. Compilers may not use it for all,
+/// and call a function instead; that makes up a third of a look-up.
+[[gnu::target("popcnt"), gnu::flatten]] Slot PrefixTrie::searchByPopcnt(
+    const Prefix& prefix) const {
+  return search(prefix);
+}
+
+Slot PrefixTrie::mostSpecific(const Prefix& prefix) const {
+  return hasPopcnt ? searchByPopcnt(prefix) : search(prefix);
 }
 
 }  // namespace Korvo::detail

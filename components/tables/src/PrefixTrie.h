@@ -38,6 +38,12 @@ struct AddressBits {
     if (depth == 60) return static_cast<unsigned int>((high << 2 | low >> 62) & 63);
     return static_cast<unsigned int>((depth == 126 ? low << 4 : low >> (122 - depth)) & 63);
   }
+  unsigned int firstSix() const { return static_cast<unsigned int>(high >> 58); }
+  /// Without the first `count` bits, of which there is one at least.
+  AddressBits behind(unsigned int count) const {
+    if (count >= 64) return {low << (count - 64), 0};
+    return {high << count | low >> (64 - count), low << count};
+  }
   friend bool operator==(const AddressBits&, const AddressBits&) = default;
 };
 
@@ -115,6 +121,8 @@ class PrefixTrie {
       if (more != stride) return countBelow(upper, bitOf(more, six));
       return static_cast<unsigned int>(std::popcount(upper)) + countBelow(sixth, six);
     }
+    /// Whether there is a prefix here that contains all of the six bits.
+    bool covers(unsigned int six) const;
     /// Of the prefixes here that contain all of the first `most` bits of `six`, the number of bits
     /// of the most specific one; 0 if there is none.
     unsigned int longest(unsigned int most, unsigned int six) const;
@@ -138,6 +146,8 @@ class PrefixTrie {
     return node.depth < prefix.length && node.bits.commonBits(prefix.bits) >= node.depth;
   }
 
+  Slot search(const Prefix& prefix) const;
+  Slot searchByPopcnt(const Prefix& prefix) const;
   void giveBack(Node& node) noexcept;
   void moveTo(Node& node, std::size_t units);
   void makeRoom(Node& node, unsigned int nodes, unsigned int slots);

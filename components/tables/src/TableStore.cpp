@@ -131,13 +131,18 @@ void TableStore::stateIs(TableState state, std::string text) {
 }
 
 std::uint64_t TableStore::changesBehind(std::uint64_t sequence) const {
+  const auto absolute = [this](const auto& of) { return base_ + of.sequence; };
   std::uint64_t count = 0;
-  for (Slot slot = latest_; slot != noSlot && entries_[slot].sequence > sequence;
-       slot = entries_[slot].previous) {
-    ++count;
+  if (oldest_ != noSlot && absolute(entries_[oldest_]) > sequence) {
+    count = size_;  // without a walk: whoever reads nothing is behind by all rows after a while
+  } else {
+    for (Slot slot = latest_; slot != noSlot && absolute(entries_[slot]) > sequence;
+         slot = entries_[slot].previous) {
+      ++count;
+    }
   }
   const std::span<const Deletion> all = deletions();
-  const auto first = std::ranges::upper_bound(all, sequence, {}, &Deletion::sequence);
+  const auto first = std::ranges::upper_bound(all, sequence, {}, absolute);
   return count + static_cast<std::uint64_t>(all.end() - first);
 }
 

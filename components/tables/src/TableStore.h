@@ -128,7 +128,8 @@ class TableStore {
   /// The sequence of the latest removal that was forgotten.
   std::uint64_t floor() const { return floor_; }
 
-  /// Rows that were put or removed last behind `sequence`. Takes as long as there are such rows.
+  /// Rows that were put or removed last behind `sequence`. Takes as long as there are such rows, if
+  /// these are not all.
   std::uint64_t changesBehind(std::uint64_t sequence) const;
 
   /// Stops the process when a thread other than the table's calls.

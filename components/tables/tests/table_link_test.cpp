@@ -2,6 +2,7 @@
 
 #include <Korvo/LearnedTable.h>
 
+#include "memory_taken.h"
 #include "table_link_support.h"
 
 namespace {
@@ -425,6 +426,69 @@ TEST_F(LinkTest, SlowSubscriberHoldsUpNobody) {
   loop->runUntilQuiet();
   EXPECT_EQ(contents(fast.ports), contents(agent->ports));
   EXPECT_EQ(fast.ports.state(), TableState::current);
+}
+
+// Whoever does not read costs the rows that it is to be told once, and what waits to be sent.
+TEST_F(LinkTest, MuteSubscriberCostsOneTableAtTheMost) {
+  constexpr oid_t count = 1000;
+  constexpr std::size_t besideARow = 128;  // whoever shares it, and the word on it
+  constexpr std::size_t sending = std::size_t{256} * 1024;
+  const auto name = [](int round) { return std::string(200, static_cast<char>('a' + round % 26)); };
+  agent->putMany(1, count + 1, name(0));
+  connect();
+  loop->runUntilQuiet();
+  const std::uint64_t acknowledged = agent->publisher.sequence();
+  const std::size_t tableBytes = count * std::size_t{port(1, name(0) + "1000").rowLength()};
+  const std::size_t before = memoryTaken();
+  const std::uint64_t bytesBefore = link.bytesToSubscriber();
+  int round = 0;
+  const auto change = [&] {
+    agent->putMany(1, count + 1, name(++round));
+    loop->advance(milliseconds(100));
+    return memoryTaken();
+  };
+  link.roomIs(0);
+  std::size_t most = 0;
+  for (int i = 0; i < 30; ++i) most = std::max(most, change());
+  EXPECT_LE(most, before + sending);
+
+  // After so long the publisher keeps the rest of the round, of which only a part is taken.
+  link.roomIs(30'000);
+  loop->run(4, 0.0, true);
+  link.roomIs(0);
+  const std::uint64_t received = link.bytesToSubscriber() - bytesBefore;
+  EXPECT_LT(received, tableBytes / 2);
+  for (int i = 0; i < 60; ++i) most = std::max(most, change());
+  EXPECT_GE(most, before + tableBytes / 2);
+  EXPECT_LE(most, before + tableBytes + count * besideARow + sending + received);
+
+  const auto status = agent->publisher.subscribers().at(0);
+  EXPECT_EQ(status.lag, agent->publisher.sequence() - acknowledged);
+  EXPECT_EQ(status.lagRows, count);
+  EXPECT_LE(status.unsent, sending);
+  link.roomIs(65536);
+  loop->runUntilQuiet();
+  expectSame();
+  EXPECT_EQ(link.connections(), 1U);
+}
+
+TEST_F(LinkTest, RowsBehindAreCountedInAHistoryThatGoesOn) {
+  agent->putMany(1, 10);
+  agent->publisher.historyIs(1, 100);
+  const auto lagRows = [this] { return agent->publisher.subscribers().at(0).lagRows; };
+  link.roomIs(1000);
+  connect();
+  loop->runUntilQuiet();
+  EXPECT_EQ(lagRows(), 0U);
+  link.roomIs(0);
+  agent->put(port(3, "new"), port(20, "new"));
+  agent->remove(4);
+  loop->runUntilQuiet();
+  EXPECT_EQ(agent->publisher.subscribers().at(0).lag, 2U);
+  EXPECT_EQ(lagRows(), 3U);
+  agent->putMany(1, 4, "all");
+  agent->putMany(5, 21, "all");
+  EXPECT_EQ(lagRows(), 20U);
 }
 
 TEST_F(LinkTest, TableThatChangesFasterThanItIsSentComesToAMark) {

@@ -1,9 +1,8 @@
 // How rows are kept: who shares them, for how long, and what they take.
 
 #include "../src/TableStore.h"
+#include "memory_taken.h"
 #include "table_test_support.h"
-
-#include <malloc.h>
 
 #include <algorithm>
 #include <random>
@@ -197,20 +196,7 @@ TEST_F(TableRowsTest, RandomHoldersSeeWhatTheyTook) {
   }
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-#if !defined(__has_feature)
-#define KORVO_MEASURES_MEMORY 1
-#elif !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer)
-#define KORVO_MEASURES_MEMORY 1
-#endif
-#endif
-
-#ifdef KORVO_MEASURES_MEMORY
-
-std::size_t memoryTaken() {
-  const struct mallinfo2 info = mallinfo2();
-  return info.uordblks + info.hblkhd;
-}
+#ifndef KORVO_SANITIZED_HEAP  // whose rows take what they need for themselves
 
 TEST_F(TableRowsTest, ARowTakesItsLengthAnd64BytesAtTheMost) {
   constexpr oid_t count = 100'000;

@@ -67,7 +67,7 @@ class Body {
   bool isGood_ = true;
 };
 
-[[noreturn]] void failAt(const std::string& path) {
+[[noreturn]] void failToWrite(const std::string& path) {
   throw Failure(statusNoOutput, path + ": " + std::strerror(errno));  // NOLINT: one thread
 }
 
@@ -77,7 +77,7 @@ RecordingWriter::RecordingWriter(const std::string& path)
     : path_(path == "-" ? "standard output" : path),
       fd_(path == "-" ? STDOUT_FILENO
                       : open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666)) {
-  if (fd_ < 0) failAt(path_);
+  if (fd_ < 0) failToWrite(path_);
   buffer_ = std::string(recordingMagic) + bytesOf(version) + bytesOf(std::uint32_t{0});
   flush();
 }
@@ -91,7 +91,7 @@ void RecordingWriter::flush() {
   while (!left.empty()) {
     const ssize_t written = write(fd_, left.data(), left.size());
     if (written < 0 && errno == EINTR) continue;
-    if (written < 0) failAt(path_);
+    if (written < 0) failToWrite(path_);
     left.remove_prefix(static_cast<std::size_t>(written));
   }
   buffer_.clear();
