@@ -8,7 +8,6 @@
 #include <Korvo/rowFormat.h>
 
 #include <algorithm>
-#include <compare>
 #include <cstring>
 #include <iosfwd>
 #include <string>
@@ -53,6 +52,7 @@ class StringValueReference {
   bool operator==(const StringValueReference& other) const {
     return length_ == other.length_ && compareCommon(other) == 0;
   }
+  bool operator!=(const StringValueReference& other) const { return !(*this == other); }
   /// With any text: `row.view<"name">() == "eth0"`.
   friend bool operator==(const StringValueReference& text, std::string_view other) {
     return text.view() == other;
@@ -104,18 +104,17 @@ class IpGenAddrReference {
 
   /// By family first, then by address; all references of family unknown_ are equal, and no byte of
   /// theirs is read.
-  bool operator==(const IpGenAddrReference& other) const { return std::is_eq(*this <=> other); }
+  bool operator==(const IpGenAddrReference& other) const { return compare(other) == 0; }
+  bool operator!=(const IpGenAddrReference& other) const { return compare(other) != 0; }
   /// With a value: `row.view<"peer">() == address`.
   friend bool operator==(const IpGenAddrReference& addr, const IpGenAddr& value) {
     return addr == IpGenAddrReference(value.bytes(), value.af());
   }
   /// By family first, then by address.
-  std::strong_ordering operator<=>(const IpGenAddrReference& other) const {
-    if (af_ != other.af_) return af_ <=> other.af_;
-    if (af_ == unknown_) return std::strong_ordering::equal;
-    return (af_ == ipv6_ ? std::memcmp(addr_, other.addr_, ipv6Length)
-                         : std::memcmp(addr_, other.addr_, ipv4Length)) <=> 0;
-  }
+  bool operator<(const IpGenAddrReference& other) const { return compare(other) < 0; }
+  bool operator>(const IpGenAddrReference& other) const { return compare(other) > 0; }
+  bool operator<=(const IpGenAddrReference& other) const { return compare(other) <= 0; }
+  bool operator>=(const IpGenAddrReference& other) const { return compare(other) >= 0; }
 
   /// As StringValueReference's. IPv4 addresses of one key are equal.
   std::uint64_t orderKey() const noexcept {
@@ -124,6 +123,13 @@ class IpGenAddrReference {
   }
 
  private:
+  int compare(const IpGenAddrReference& other) const {
+    if (af_ != other.af_) return af_ < other.af_ ? -1 : 1;
+    if (af_ == unknown_) return 0;
+    return af_ == ipv6_ ? std::memcmp(addr_, other.addr_, ipv6Length)
+                        : std::memcmp(addr_, other.addr_, ipv4Length);
+  }
+
   const byte_t* addr_ = nullptr;
   byte_t af_ = unknown_;
 };
@@ -164,6 +170,7 @@ class IpGenPrefixReference {
   bool operator==(const IpGenPrefixReference& other) const {
     return mask_ == other.mask_ && address() == other.address();
   }
+  bool operator!=(const IpGenPrefixReference& other) const { return !(*this == other); }
   /// With a value: `row.view<"net">() == prefix`.
   friend bool operator==(const IpGenPrefixReference& prefix, const IpGenPrefix& value) {
     return prefix.mask_ == value.mask() && prefix.address() == value.addr();
