@@ -159,7 +159,11 @@ std::string BaseRow::toString() const {
 }
 
 std::ostream& operator<<(std::ostream& os, const BaseRow& row) {
-  return os << row.BaseRow::toString();
+  if (row.isNull()) return os << row.BaseRow::toString();
+  const std::ios_base::fmtflags before = os.setf(std::ios_base::dec, std::ios_base::basefield);
+  os << "len = " << row.rowLength() << ", type = " << row.rowType() << ", oid = " << row.rowOid();
+  os.setf(before & std::ios_base::basefield, std::ios_base::basefield);
+  return os;
 }
 
 std::ostream& operator<<(std::ostream& os, const StringValueReference& text) {
