@@ -491,6 +491,7 @@ void TableStore::Commit::prepare() {
       }
       computed_.push_back(touch.isRemoval ? std::string()
                                           : known.index->compute(HeldRow(touch.row.owner)));
+      touch.isHeld = touch.isHeld || touch.row.owner.use_count() > 1;  // the function may keep it
     }
   }
   // A copy is as its owner has it.

@@ -107,6 +107,20 @@ TEST(TableComputedKeyTest, RefusesRowsThatAreNotUnique) {
   EXPECT_EQ(ports.size(), 2U);
 }
 
+TEST(TableComputedKeyTest, FunctionMayKeepTheRow) {
+  Table<Port> ports("net/port");
+  std::vector<Port> kept;
+  ports.equalBy([&](const Port& row) {
+    kept.push_back(row);
+    return row.get<"name">();
+  });
+  putAll(ports, port(1, "a"));
+  ASSERT_EQ(kept.size(), 1U);
+  EXPECT_EQ(kept.front().get<"name">(), "a");
+  kept.front().set<"name">("mine");
+  EXPECT_EQ(ports.find(1).get<"name">(), "a");
+}
+
 TEST(TableComputedKeyTest, IsComputedOnceARowAndAThrowEndsTheCommit) {
   Table<Port> ports("net/port");
   int calls = 0;

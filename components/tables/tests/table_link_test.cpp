@@ -60,8 +60,11 @@ TEST_F(LinkTest, RowsComeAndChangesFollow) {
 }
 
 TEST_F(LinkTest, KeysAreComputedOfTheRowsThatCome) {
-  auto& byLength =
-      viewer->ports.equalBy([](const Port& row) { return row.view<"name">().view().size(); });
+  std::vector<Port> kept;  // which the function may do
+  auto& byLength = viewer->ports.equalBy([&](const Port& row) {
+    kept.push_back(row);
+    return row.view<"name">().view().size();
+  });
   const auto isOnly = [&](std::size_t length, oid_t oid) {
     const auto found = byLength.find(length);
     return std::ranges::distance(found) == 1 && (*found.begin()).rowOid() == oid;
@@ -78,6 +81,9 @@ TEST_F(LinkTest, KeysAreComputedOfTheRowsThatCome) {
   expectSame();
   EXPECT_TRUE(isOnly(4, 3));
   EXPECT_TRUE(isOnly(6, 1));
+  ASSERT_EQ(kept.size(), 4U);
+  EXPECT_EQ(kept.front().get<"name">(), "eth0");
+  EXPECT_EQ(kept.back().get<"name">(), "eth3");
 }
 
 // Lesson: the end of the first rows is a message, for an empty table too.
