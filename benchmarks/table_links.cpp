@@ -1,6 +1,7 @@
 // What published tables cost over sockets, between processes.
 //
-//   table_links latency [CHANGES]          one change at a time, beside write() and read()
+//   table_links latency [CHANGES]          one change at a time, beside write() and read(), and
+//                                          what Redis publishes
 //   table_links fanout [SUBSCRIBERS]       a tenth of which reads nothing, beside none that does so
 //   table_links churn [SECONDS]            10,000 changes a second to 100 subscribers
 //
@@ -32,6 +33,8 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "redis_peer.h"
 
 namespace {
 
@@ -192,39 +195,73 @@ void subscribe(const std::string& address, std::size_t count, Shared& shared) {
 
 // ---------------------------------------------------------------------------------------------
 
-/// The median time from write() to what read() gives, of messages as long as a change's frames.
+/// As long as a change's frames; it begins with the time.
+using Message = std::array<char, 130>;
+
+Message messageOf(std::uint64_t time) {
+  Message message{};
+  std::copy_n(reinterpret_cast<const char*>(&time), sizeof time, message.data());
+  return message;
+}
+
+void addTimeSince(const char* message, Shared& shared) {
+  const std::uint64_t time = now();
+  std::uint64_t sent = 0;
+  std::copy_n(message, sizeof sent, reinterpret_cast<char*>(&sent));
+  shared.add(time - sent);
+}
+
+/// The median time of messages, each of which is sent when the one before it has come.
+double medianOf(std::size_t count, const Shared& shared,
+                const std::function<void(const Message&)>& send) {
+  for (std::size_t i = 1; i <= count; ++i) {
+    usleep(1000);
+    send(messageOf(now()));
+    while (shared.told < i) usleep(100);
+  }
+  return median(shared.timesSince(0));
+}
+
+/// From write() to what read() gives.
 double bareMedian(std::size_t count) {
-  constexpr std::size_t frameLength = 130;
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
     throw std::runtime_error("no sockets");
   }
   Shared& shared = *newShared();
   const Process reader([&] {
-    std::array<char, frameLength> bytes;
-    for (;;) {
-      if (read(ends[1], bytes.data(), bytes.size()) <= 0) return;
-      const std::uint64_t time = now();
-      std::uint64_t sent = 0;
-      std::copy_n(bytes.data(), sizeof sent, reinterpret_cast<char*>(&sent));
-      shared.add(time - sent);
-    }
+    Message message;
+    while (read(ends[1], message.data(), message.size()) > 0) addTimeSince(message.data(), shared);
   });
-  std::array<char, frameLength> bytes{};
-  for (std::size_t i = 1; i <= count; ++i) {
-    usleep(1000);
-    const std::uint64_t time = now();
-    std::copy_n(reinterpret_cast<const char*>(&time), sizeof time, bytes.data());
-    if (write(ends[0], bytes.data(), bytes.size()) < 0) throw std::runtime_error("no reader");
-    while (shared.told < i) usleep(100);
-  }
+  const double found = medianOf(count, shared, [&](const Message& message) {
+    if (write(ends[0], message.data(), message.size()) < 0) throw std::runtime_error("no reader");
+  });
   close(ends[0]);
   close(ends[1]);
-  return median(shared.timesSince(0));
+  return found;
+}
+
+/// From PUBLISH to what a subscriber of the channel is given.
+double redisMedian(std::size_t count) {
+  const peers::RedisServer server;
+  Shared& shared = *newShared();
+  const Process reader([&] {
+    peers::Redis redis(server.socket());
+    redis.append({"SUBSCRIBE", "changes"});
+    redis.reply();
+    for (++shared.current;;) addTimeSince(redis.reply()->element[2]->str, shared);
+  });
+  peers::Redis redis(server.socket());
+  while (shared.current == 0) usleep(1000);
+  return medianOf(count, shared, [&](const Message& message) {
+    redis.append({"PUBLISH", "changes", {message.data(), message.size()}});
+    redis.reply();
+  });
 }
 
 int latency(std::size_t count) {
   const double bare = bareMedian(count);
+  const double redis = redisMedian(count);
   Shared& shared = *newShared();
   Agent agent;
   const Process reader([&] { subscribe(agent.address, 1, shared); });
@@ -236,7 +273,8 @@ int latency(std::size_t count) {
   const double ours = median(shared.timesSince(0));
   std::cout << "one change seen by a reader in another process, median of " << count << ": " << ours
             << " us\nwrite() to read() of as many bytes, median: " << bare
-            << " us\nratio: " << ours / bare << "\nlimit: 50 us\n";
+            << " us\nratio: " << ours / bare << "\nPUBLISH of Redis to its subscriber: " << redis
+            << " us\nratio: " << ours / redis << "\nlimit: 50 us\n";
   return ours <= 50 ? 0 : 1;
 }
 
