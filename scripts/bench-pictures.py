@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Draws the pictures of docs/benchmarks.md from docs/benchmarks/results.json.
+"""Draws the pictures of docs/benchmarks.md from docs/benchmarks/{results,routes}.json.
 
     bench-pictures.py           writes the .svg files beside the results
     bench-pictures.py --check   fails, with a word, if one is not what would be drawn
@@ -144,6 +144,9 @@ PEERS = {
     "protobuf": ("Protocol Buffers", 3),
     "struct": ("struct", 4),
     "limit": ("limit", 5),
+    "multi_index": ("Boost.MultiIndex", 1),
+    "sqlite": ("SQLite", 2),
+    "patricia": ("radix tree", 3),
 }
 OTHER = ("another peer", 6)
 
@@ -223,10 +226,27 @@ def draw(results):
         "table_sort_by_prefix": "sort by prefix",
         "table_random_text": "read at random",
     }
+    shown = ("korvo", "multi_index", "sqlite", "patricia")
+    routes = {
+        "routes_most_specific_v4": "most specific, IPv4",
+        "routes_most_specific_v6": "most specific, IPv6",
+        "routes_exact": "exact prefix",
+        "routes_by_name": "by unique name",
+        "routes_ordered_thousand": "a thousand in order",
+        "routes_insert": "put all in",
+        "routes_remove": "take all out",
+    }
     return {
         "one-row": comparison("One row", [(each, results[name]) for name, each in one_row.items()]),
         "million-rows": comparison(
             "A million rows", [(each, results[name]) for name, each in million.items()]
+        ),
+        "routes": comparison(
+            "A table of a million routes",
+            [
+                (each, {who: time for who, time in results[name].items() if who in shown})
+                for name, each in routes.items()
+            ],
         ),
         "columns": growth(
             "Setting all columns of a row, and changing one",
@@ -286,7 +306,9 @@ def draw(results):
 
 
 def main():
-    results = json.loads((FOLDER / "results.json").read_text(encoding="utf-8"))["nanoseconds"]
+    results = {}
+    for name in ("results.json", "routes.json"):
+        results |= json.loads((FOLDER / name).read_text(encoding="utf-8"))["nanoseconds"]
     faults = 0
     for name, picture in draw(results).items():
         path = FOLDER / f"{name}.svg"
