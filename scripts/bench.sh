@@ -60,7 +60,7 @@ for program in build/bench/benchmarks/*_bench; do
 done
 python3 scripts/bench-table.py $results/*.json >$results/table.md
 if [ "$mode" = --publish ]; then
-  # Routes take a million rows of memory, and are measured again where only tables have changed.
+  # Routes have a file of their own: they are published again when nothing but tables has changed.
   routes=$results/table_index_bench.json
   mapfile -t others < <(find $results -name '*.json' ! -path "$routes" | sort)
   python3 scripts/bench-table.py --json "${others[@]}" >docs/benchmarks/results.json
