@@ -3,8 +3,11 @@
 // Running the program as a person does: what it prints, where, and its exit status. Tests run in a
 // folder of their own, and may write into it.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -49,6 +52,20 @@ inline Outcome shell(const std::string& line) {
 inline Outcome korvo(const std::string& arguments) {
   return shell("korvo " + arguments);
 }
+
+/// Tests on a terminal, which a root folder without the devpts file system does not have.
+class OnATerminal : public testing::Test {
+ protected:
+  void SetUp() override {
+    int ours = -1;
+    int theirs = -1;
+    if (openpty(&ours, &theirs, nullptr, nullptr, nullptr) != 0) {
+      GTEST_SKIP() << "there are no pseudo terminals here";
+    }
+    close(ours);
+    close(theirs);
+  }
+};
 
 /// The command succeeds with this output and no word on standard error.
 inline void expectOut(const std::string& arguments, const std::string& out) {

@@ -67,7 +67,7 @@ Ends run(const std::string& line, const std::string& files = "") {
   return ends;
 }
 
-class Terminal : public testing::Test {
+class Terminal : public korvotest::OnATerminal {
  protected:
   static void SetUpTestSuite() {
     write("port.korvo", "row Port 7 {\n  speed uint32_t\n}\n");
