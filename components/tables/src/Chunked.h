@@ -2,6 +2,7 @@
 
 // A vector that grows without moving what it holds, and takes little more memory than that.
 
+#include <bit>
 #include <cstddef>
 #include <vector>
 
@@ -17,6 +18,24 @@ class Chunked {
   std::size_t size() const {
     return chunks_.empty() ? 0 : (chunks_.size() - 1) * chunkSize + chunks_.back().size();
   }
+
+  class Iterator {
+   public:
+    Iterator(Chunked& chunked, std::size_t index) : chunked_(chunked), index_(index) {}
+    Entry& operator*() const { return chunked_[index_]; }
+    Iterator& operator++() {
+      ++index_;
+      return *this;
+    }
+    bool operator==(const Iterator& other) const { return index_ == other.index_; }
+
+   private:
+    Chunked& chunked_;
+    std::size_t index_;
+  };
+  Iterator begin() { return {*this, 0}; }
+  Iterator end() { return {*this, size()}; }
+  Entry& back() { return chunks_.back().back(); }
 
   /// Throws std::bad_alloc with all as before.
   void grow() {
@@ -35,9 +54,19 @@ class Chunked {
     chunks_.back().pop_back();
     if (chunks_.back().empty()) chunks_.pop_back();
   }
+  /// Calls use(entry) for each, in order, and lets go of them on the way. What is filled meanwhile
+  /// gets their room: chunks are of one size, whatever they hold.
+  template <typename Use>
+  void drain(const Use& use) {
+    for (std::vector<Entry>& chunk : chunks_) {
+      for (Entry& entry : chunk) use(entry);
+      std::vector<Entry>().swap(chunk);
+    }
+    chunks_.clear();
+  }
 
  private:
-  static constexpr std::size_t chunkSize = 1024;
+  static constexpr std::size_t chunkSize = std::bit_floor(32768 / sizeof(Entry));
   std::vector<std::vector<Entry>> chunks_;
 };
 

@@ -461,37 +461,38 @@ TableStore::Commit::Commit(TableStore& store, const std::vector<RowOperation>& o
   if (operations.size() > 1) last.reserve(operations.size());
   std::uint32_t number = 0;
   for (const RowOperation& operation : operations) last.insert(operation.oid, 0) = number++;
-  touches_.reserve(last.size());
   number = 0;
   for (const RowOperation& operation : operations) {
     if (last.find(operation.oid) != number++) continue;
-    select(operation.oid, {operation.buffer, nullptr}, operation.buffer.use_count() > 1);
+    const bool isHeld = operation.buffer.use_count() > 1;
+    if (select(operation.oid, {operation.buffer, nullptr}) && isHeld) hold(touches_.size() - 1);
   }
   prepare();
 }
 
-TableStore::Commit::Commit(TableStore& store, std::vector<OwnOperation> operations)
+TableStore::Commit::Commit(TableStore& store, Chunked<OwnOperation> operations)
     : store_(store), asked_(operations.size()) {
-  touches_.reserve(operations.size());
-  for (OwnOperation& operation : operations) {
-    select(operation.oid, {nullptr, std::move(operation.bytes)}, false);
-  }
+  operations.drain([this](OwnOperation& operation) {
+    if (operation.bytes == nullptr && !operation.isGone) return;
+    select(operation.oid, {nullptr, std::move(operation.bytes)});
+  });
   prepare();
 }
 
 void TableStore::Commit::prepare() {
   store_.checkThread();
   if (changesNothing()) return;
-  for (Touch& touch : touches_) {
+  for (std::size_t i = 0; i < touches_.size(); ++i) {
+    StoredRows::Row& row = touches_[i].row;
     for (const KnownIndex& known : store_.indexes_) {
       if (!known.index->computes()) continue;
-      if (touch.row.own != nullptr) {
-        touch.row.owner = std::make_shared<KoRowBuf>();
-        touch.row.owner->buf_ = touch.row.own.release();
+      if (row.own != nullptr) {
+        row.owner = std::make_shared<KoRowBuf>();
+        row.owner->buf_ = row.own.release();
       }
-      computed_.push_back(touch.isRemoval ? std::string()
-                                          : known.index->compute(HeldRow(touch.row.owner)));
-      touch.isHeld = touch.isHeld || touch.row.owner.use_count() > 1;  // the function may keep it
+      computed_.push_back(row.owner == nullptr ? std::string()
+                                               : known.index->compute(HeldRow(row.owner)));
+      if (row.owner.use_count() > 1) hold(i);  // the function may keep it
     }
   }
   // A copy is as its owner has it.
@@ -523,7 +524,7 @@ void TableStore::Commit::forEachKey(const Use& use) {
 void TableStore::Commit::prepareIndexes() {
   try {
     forEachKey([](const Touch& touch, const KnownIndex& known, std::string& computed, bool moves) {
-      if (!moves || touch.isRemoval) return;
+      if (!moves || touch.row.bytes() == nullptr) return;
       const SubRowReference row(touch.row.bytes());
       known.index->prepare(known.index->key(row, computed).parts());
     });
@@ -546,14 +547,21 @@ void TableStore::Commit::releaseIndexes() noexcept {
 }
 
 /// Takes what changes anything.
-void TableStore::Commit::select(oid_t oid, StoredRows::Row row, bool isHeld) {
+bool TableStore::Commit::select(oid_t oid, StoredRows::Row row) {
   const Slot slot = store_.find(oid);
   const byte_t* const bytes = row.bytes();
-  if (bytes == nullptr && slot == noSlot) return;
+  if (bytes == nullptr && slot == noSlot) return false;
   if (bytes != nullptr && slot != noSlot && rowsEqual(bytes, store_.bytes(slot), store_.layout_)) {
-    return;
+    return false;
   }
-  touches_.push_back({oid, slot, std::move(row), bytes == nullptr, isHeld});
+  touches_.grow();
+  touches_.back() = {oid, slot, std::move(row)};
+  return true;
+}
+
+void TableStore::Commit::hold(std::size_t number) {
+  isHeld_.resize(std::max(isHeld_.size(), number + 1));
+  isHeld_[number] = true;
 }
 
 void TableStore::Commit::checkUnique() const {
@@ -566,8 +574,8 @@ void TableStore::Commit::checkUnique() const {
     if (known.kind != IndexKind::unique) continue;
     const auto& index = static_cast<const EqualIndex&>(*known.index);
     if (touched.empty()) {
-      for (const Touch& touch : touches_) {
-        if (touch.slot != noSlot) touched.insert(touch.slot);
+      for (std::size_t i = 0; i < touches_.size(); ++i) {
+        if (touches_[i].slot != noSlot) touched.insert(touches_[i].slot);
       }
     }
     const auto keyOf = [&](std::size_t i) {
@@ -577,7 +585,7 @@ void TableStore::Commit::checkUnique() const {
     std::unordered_multimap<std::uint64_t, std::size_t> fresh;
     for (std::size_t i = 0; i < touches_.size(); ++i) {
       const Touch& touch = touches_[i];
-      if (touch.isRemoval) continue;
+      if (touch.row.bytes() == nullptr) continue;
       const TableIndex::Key key = keyOf(i);
       for (Slot holder = index.find(key.parts()); holder != noSlot;
            holder = index.findNext(holder)) {
@@ -598,18 +606,17 @@ void TableStore::Commit::checkUnique() const {
 void TableStore::Commit::reserve() {
   std::size_t added = 0;
   std::size_t removed = 0;
-  std::size_t held = 0;
   const std::string* computed = computed_.data();
   moves_.reserve(touches_.size() * store_.indexes_.size());
   for (const Touch& touch : touches_) {
     const bool isNew = touch.slot == noSlot;
+    const bool isRemoval = touch.row.bytes() == nullptr;
     if (isNew) ++added;
-    if (touch.isRemoval) ++removed;
-    if (touch.isHeld) ++held;
+    if (isRemoval) ++removed;
     for (const KnownIndex& known : store_.indexes_) {
       const TableIndex& index = *known.index;
       const std::string_view key = index.computes() ? *computed++ : std::string_view();
-      moves_.push_back(isNew || touch.isRemoval ||
+      moves_.push_back(isNew || isRemoval ||
                        compareKeys(index.key(touch.slot).parts(),
                                    index.key(SubRowReference(touch.row.bytes()), key).parts()) !=
                            0);
@@ -617,7 +624,7 @@ void TableStore::Commit::reserve() {
   }
   store_.reserveOids(added);
   while (store_.freeCount_ < added) store_.addSlot();
-  store_.rows_.reserveShared(held);
+  store_.rows_.reserveShared(static_cast<std::size_t>(std::ranges::count(isHeld_, true)));
   for (const KnownIndex& known : store_.indexes_) {
     known.index->reserve(store_.entries_.size(), touches_.size());
   }
@@ -645,8 +652,10 @@ void TableStore::Commit::apply(std::uint64_t sequence) noexcept {
   forEachKey([](const Touch& touch, const KnownIndex& known, std::string&, bool moves) {
     if (moves && touch.slot != noSlot) known.index->takeOut(touch.slot);
   });
-  for (Touch& touch : touches_) {
+  for (std::size_t i = 0; i < touches_.size(); ++i) {
+    Touch& touch = touches_[i];
     const bool isNew = touch.slot == noSlot;
+    const bool isRemoval = touch.row.bytes() == nullptr;
     if (isNew) {
       touch.slot = store_.takeSlot();
       store_.entries_[touch.slot].oid = touch.oid;
@@ -657,7 +666,7 @@ void TableStore::Commit::apply(std::uint64_t sequence) noexcept {
       store_.unlink(touch.slot);
     }
     Entry& entry = store_.entries_[touch.slot];
-    if (touch.isRemoval) {
+    if (isRemoval) {
       store_.deletions_.push_back({now, entry.added, touch.oid});
       store_.unmapOid(touch.slot);
       --store_.size_;
@@ -669,12 +678,13 @@ void TableStore::Commit::apply(std::uint64_t sequence) noexcept {
     }
     if (store_.keepsDigest_) {
       if (!isNew) store_.digest_ ^= rowHash(store_.bytes(touch.slot));
-      if (!touch.isRemoval) store_.digest_ ^= rowHash(touch.row.bytes());
+      if (!isRemoval) store_.digest_ ^= rowHash(touch.row.bytes());
     }
-    store_.rows_.exchange(touch.slot, touch.row, touch.isHeld);
+    store_.rows_.exchange(touch.slot, touch.row, i < isHeld_.size() && isHeld_[i]);
+    if (isRemoval) touch.slot = noSlot;
   }
   forEachKey([](const Touch& touch, const KnownIndex& known, std::string& computed, bool moves) {
-    if (moves && !touch.isRemoval) known.index->put(touch.slot, computed);
+    if (moves && touch.slot != noSlot) known.index->put(touch.slot, computed);
   });
   for (std::size_t i = 0; i < before_.size(); ++i) store_.cursors_[i]->before_.merge(before_[i]);
   store_.sequence_ = sequence;
