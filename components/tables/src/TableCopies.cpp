@@ -59,7 +59,8 @@ OwnOperation& TableCopy::tell(oid_t oid, Slot present) {
     --round_.count;
     round_.digest ^= hash;
   };
-  const std::size_t number = round_.numbers.insert(oid, round_.rows.size() & OidMap::none);
+  const std::size_t number =
+      round_.numbers.insert(oid, round_.rows.size() & OidMap::none, round_.oidOf());
   if (number == round_.rows.size()) {
     round_.rows.grow();
     round_.rows.back().oid = oid;
@@ -97,7 +98,7 @@ void TableCopy::removeUntold() {
   if (!round_.isWhole) return;
   const TableStore& table = *store();
   for (Slot slot = table.slotFrom(0); slot != noSlot; slot = table.slotFrom(slot + 1)) {
-    if (round_.numbers.find(table.oid(slot)) != OidMap::none) continue;
+    if (round_.numbers.find(table.oid(slot), round_.oidOf()) != OidMap::none) continue;
     round_.rows.grow();
     round_.rows.back() = {nullptr, table.oid(slot), true};
   }

@@ -48,6 +48,9 @@ class TableCopy final : public TableStore::Cursor {
     std::unordered_map<oid_t, std::uint64_t> otherwise;
     std::vector<oid_t> formerly;  ///< of `rows`: those that were told otherwise before
 
+    auto oidOf() const {
+      return [this](std::uint32_t number) { return rows[number].oid; };
+    }
     void put(OwnOperation& row, StoredRows::Bytes bytes);
     std::size_t memory() const;
   };

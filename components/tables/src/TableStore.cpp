@@ -457,13 +457,17 @@ bool TableStore::Cursor::nextRow(Told& told) {
 
 TableStore::Commit::Commit(TableStore& store, const std::vector<RowOperation>& operations)
     : store_(store), asked_(operations.size()) {
+  const auto oidOf = [&](std::uint32_t number) { return operations[number].oid; };
   OidMap last;
-  if (operations.size() > 1) last.reserve(operations.size());
+  if (operations.size() > 1) last.reserve(operations.size(), oidOf);
   std::uint32_t number = 0;
-  for (const RowOperation& operation : operations) last.insert(operation.oid, 0) = number++;
+  for (const RowOperation& operation : operations) {
+    last.insert(operation.oid, number, oidOf) = number;
+    ++number;
+  }
   number = 0;
   for (const RowOperation& operation : operations) {
-    if (last.find(operation.oid) != number++) continue;
+    if (last.find(operation.oid, oidOf) != number++) continue;
     const bool isHeld = operation.buffer.use_count() > 1;
     if (select(operation.oid, {operation.buffer, nullptr}) && isHeld) hold(touches_.size() - 1);
   }
