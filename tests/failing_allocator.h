@@ -1,6 +1,6 @@
 #pragma once
 
-// An allocator that can be told to fail and to fill what it hands out, in place of the
+// An allocator that counts, and can be told to fail and to fill what it hands out, in place of the
 // executable's: malloc, calloc, realloc, free, operator new and operator delete. The library uses
 // it too, linked either way. Included by one source per executable.
 //
@@ -56,7 +56,9 @@ struct Allocator {
   unsigned allocations = 0;
   unsigned failures = 0;
   long liveBlocks = 0;
-  int fill = -1;  ///< what new blocks and freed ones are filled with; none if negative
+  std::size_t liveBytes = 0;
+  std::size_t mostBytes = 0;  ///< that were ever alive
+  int fill = -1;              ///< what new blocks and freed ones are filled with; none if negative
 };
 inline constinit Allocator allocator{};
 
@@ -78,11 +80,17 @@ inline void fillBlock(void* block, std::size_t from) {
   if (from < size) std::memset(static_cast<char*>(block) + from, allocator.fill, size - from);
 }
 
+inline void count(void* block) {
+  allocator.liveBytes += malloc_usable_size(block);
+  if (allocator.mostBytes < allocator.liveBytes) allocator.mostBytes = allocator.liveBytes;
+}
+
 inline void* allocate(std::size_t size) {
   if (nextFails()) return nullptr;
   void* const block = KORVO_UNDERLYING(malloc)(size);
   if (block == nullptr) return nullptr;
   ++allocator.liveBlocks;
+  count(block);
   fillBlock(block, 0);
   return block;
 }
@@ -90,6 +98,7 @@ inline void* allocate(std::size_t size) {
 inline void release(void* block) {
   if (block == nullptr) return;
   --allocator.liveBlocks;
+  allocator.liveBytes -= malloc_usable_size(block);
   fillBlock(block, 0);
   KORVO_UNDERLYING(free)(block);
 }
@@ -97,6 +106,14 @@ inline void release(void* block) {
 /// Blocks that were handed out and not given back.
 inline long liveBlocks() {
   return allocator.liveBlocks;
+}
+
+/// The most bytes that are alive at once while `action` runs, beyond those before it.
+template <typename Action>
+std::size_t bytesOf(Action action) {
+  const std::size_t before = allocator.mostBytes = allocator.liveBytes;
+  action();
+  return allocator.mostBytes - before;
 }
 
 /// Lets allocation number `first` fail, counted from 0, and none or all after it.
@@ -151,7 +168,13 @@ KORVO_REPLACES void* calloc(std::size_t count, std::size_t size) {
 KORVO_REPLACES void* realloc(void* block, std::size_t size) {
   if (block == nullptr) return alloctest::allocate(size);
   if (alloctest::allocator.fill < 0) {
-    return alloctest::nextFails() ? nullptr : KORVO_UNDERLYING(realloc)(block, size);
+    if (alloctest::nextFails()) return nullptr;
+    const std::size_t before = malloc_usable_size(block);
+    void* const resized = KORVO_UNDERLYING(realloc)(block, size);
+    if (resized == nullptr) return nullptr;
+    alloctest::allocator.liveBytes -= before;
+    alloctest::count(resized);
+    return resized;
   }
   void* const moved = alloctest::allocate(size);
   if (moved == nullptr) return nullptr;

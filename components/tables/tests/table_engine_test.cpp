@@ -4,6 +4,7 @@
 
 #include <Korvo/TableEngine.h>
 
+#include "failing_allocator.h"
 #include "table_link_support.h"
 
 namespace {
@@ -312,6 +313,35 @@ TEST_F(EngineTest, LostLinkGoesOnFromItsPosition) {
   loop->advance(seconds(30));
   expectEqual();
 }
+
+#if KORVO_FAILING_ALLOCATOR
+
+// What is gathered until the mark takes no more than a second table of the rows that changed, nor
+// does the commit: what it needs takes the place of what it no longer needs.
+TEST_F(EngineTest, OneMergedCopyIsKeptBesideTheTable) {
+  constexpr oid_t count = 20'000;
+  const auto readAll = [&] {
+    fromShelf.emplace("shelf:one", loop);
+    fromShelf->add(ports);
+    loop->runUntilQuiet();
+  };
+  agent->publisher.listen("shelf:one");
+  agent->putMany(1, count + 1, "one");
+  loop->runUntilQuiet();
+  const std::size_t before = alloctest::allocator.liveBytes;
+  const std::size_t most = alloctest::bytesOf(readAll);
+  const std::size_t table = alloctest::allocator.liveBytes - before;
+  EXPECT_EQ(ports.size(), count);
+  EXPECT_LE(most, table + 32 * count + 65536);  // the rows go into the table as they are
+
+  fromShelf.reset();
+  agent->putMany(1, count + 1, "two");
+  loop->runUntilQuiet();
+  EXPECT_LE(alloctest::bytesOf(readAll), table);
+  EXPECT_EQ(contents(ports), contents(agent->ports));
+}
+
+#endif
 
 TEST_F(EngineTest, RestartedPublisherTellsOnlyTheDifferences) {
   agent->putMany(1, 100);
