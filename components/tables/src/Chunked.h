@@ -4,6 +4,7 @@
 
 #include <bit>
 #include <cstddef>
+#include <utility>
 #include <vector>
 
 namespace Korvo::detail {
@@ -38,15 +39,15 @@ class Chunked {
   Entry& back() { return chunks_.back().back(); }
 
   /// Throws std::bad_alloc with all as before.
-  void grow() {
+  void push_back(Entry entry) {
     if (chunks_.empty() || chunks_.back().size() == chunkSize) {
       std::vector<Entry> chunk;
       // Small tables stay small: only the first chunk grows by moving.
       if (!chunks_.empty()) chunk.reserve(chunkSize);
-      chunk.emplace_back();
+      chunk.push_back(std::move(entry));
       chunks_.push_back(std::move(chunk));
     } else {
-      chunks_.back().emplace_back();
+      chunks_.back().push_back(std::move(entry));
     }
   }
   /// Takes the last one away, which there is.

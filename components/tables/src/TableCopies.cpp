@@ -62,8 +62,7 @@ OwnOperation& TableCopy::tell(oid_t oid, Slot present) {
   const std::size_t number =
       round_.numbers.insert(oid, round_.rows.size() & OidMap::none, round_.oidOf());
   if (number == round_.rows.size()) {
-    round_.rows.grow();
-    round_.rows.back().oid = oid;
+    round_.rows.push_back({nullptr, oid});
     if (round_.isWhole) return round_.rows.back();
     const auto other = otherwise_.find(oid);
     if (other != otherwise_.end()) {
@@ -99,8 +98,7 @@ void TableCopy::removeUntold() {
   const TableStore& table = *store();
   for (Slot slot = table.slotFrom(0); slot != noSlot; slot = table.slotFrom(slot + 1)) {
     if (round_.numbers.find(table.oid(slot), round_.oidOf()) != OidMap::none) continue;
-    round_.rows.grow();
-    round_.rows.back() = {nullptr, table.oid(slot), true};
+    round_.rows.push_back({nullptr, table.oid(slot), true});
   }
 }
 
@@ -170,8 +168,7 @@ void TableCopies::removeStaleRows() {
     copy->keepPresent();
     Chunked<OwnOperation> removals;
     for (Slot slot = table->slotFrom(0); slot != noSlot; slot = table->slotFrom(slot + 1)) {
-      removals.grow();
-      removals.back() = {nullptr, table->oid(slot), true};
+      removals.push_back({nullptr, table->oid(slot), true});
     }
     auto commit = std::make_unique<TableStore::Commit>(*table, std::move(removals));
     if (!commit->changesNothing()) commits.push_back(std::move(commit));

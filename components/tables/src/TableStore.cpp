@@ -208,7 +208,7 @@ Slot TableStore::slotFrom(Slot slot) const {
 void TableStore::addSlot() {
   const std::size_t slot = entries_.size();
   if (slot >= noSlot) throw std::bad_alloc();
-  entries_.grow();
+  entries_.push_back({});
   try {
     rows_.grow();
   } catch (...) {
@@ -458,16 +458,15 @@ bool TableStore::Cursor::nextRow(Told& told) {
 TableStore::Commit::Commit(TableStore& store, const std::vector<RowOperation>& operations)
     : store_(store), asked_(operations.size()) {
   const auto oidOf = [&](std::uint32_t number) { return operations[number].oid; };
-  OidMap last;
-  if (operations.size() > 1) last.reserve(operations.size(), oidOf);
-  std::uint32_t number = 0;
-  for (const RowOperation& operation : operations) {
-    last.insert(operation.oid, number, oidOf) = number;
-    ++number;
+  OidMap last;  // a single word is the last one
+  const bool areSeveral = operations.size() > 1;
+  if (areSeveral) last.reserve(operations.size(), oidOf);
+  for (std::uint32_t number = 0; areSeveral && number < operations.size(); ++number) {
+    last.insert(operations[number].oid, number, oidOf) = number;
   }
-  number = 0;
-  for (const RowOperation& operation : operations) {
-    if (last.find(operation.oid, oidOf) != number++) continue;
+  for (std::uint32_t number = 0; number < operations.size(); ++number) {
+    const RowOperation& operation = operations[number];
+    if (areSeveral && last.find(operation.oid, oidOf) != number) continue;
     const bool isHeld = operation.buffer.use_count() > 1;
     if (select(operation.oid, {operation.buffer, nullptr}) && isHeld) hold(touches_.size() - 1);
   }
@@ -558,8 +557,7 @@ bool TableStore::Commit::select(oid_t oid, StoredRows::Row row) {
   if (bytes != nullptr && slot != noSlot && rowsEqual(bytes, store_.bytes(slot), store_.layout_)) {
     return false;
   }
-  touches_.grow();
-  touches_.back() = {oid, slot, std::move(row)};
+  touches_.push_back({oid, slot, std::move(row)});
   return true;
 }
 
