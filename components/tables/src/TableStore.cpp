@@ -467,8 +467,7 @@ TableStore::Commit::Commit(TableStore& store, const std::vector<RowOperation>& o
   for (std::uint32_t number = 0; number < operations.size(); ++number) {
     const RowOperation& operation = operations[number];
     if (areSeveral && last.find(operation.oid, oidOf) != number) continue;
-    const bool isHeld = operation.buffer.use_count() > 1;
-    if (select(operation.oid, {operation.buffer, nullptr}) && isHeld) hold(touches_.size() - 1);
+    select(operation.oid, {operation.buffer, nullptr}, operation.buffer.use_count() > 1);
   }
   prepare();
 }
@@ -477,7 +476,7 @@ TableStore::Commit::Commit(TableStore& store, Chunked<OwnOperation> operations)
     : store_(store), asked_(operations.size()) {
   operations.drain([this](OwnOperation& operation) {
     if (operation.bytes == nullptr && !operation.isGone) return;
-    select(operation.oid, {nullptr, std::move(operation.bytes)});
+    select(operation.oid, {nullptr, std::move(operation.bytes)}, false);
   });
   prepare();
 }
@@ -485,17 +484,16 @@ TableStore::Commit::Commit(TableStore& store, Chunked<OwnOperation> operations)
 void TableStore::Commit::prepare() {
   store_.checkThread();
   if (changesNothing()) return;
-  for (std::size_t i = 0; i < touches_.size(); ++i) {
-    StoredRows::Row& row = touches_[i].row;
+  for (Touch& touch : touches_) {
     for (const KnownIndex& known : store_.indexes_) {
       if (!known.index->computes()) continue;
-      if (row.own != nullptr) {
-        row.owner = std::make_shared<KoRowBuf>();
-        row.owner->buf_ = row.own.release();
+      if (touch.row.own != nullptr) {
+        touch.row.owner = std::make_shared<KoRowBuf>();
+        touch.row.owner->buf_ = touch.row.own.release();
       }
-      computed_.push_back(row.owner == nullptr ? std::string()
-                                               : known.index->compute(HeldRow(row.owner)));
-      if (row.owner.use_count() > 1) hold(i);  // the function may keep it
+      computed_.push_back(touch.isRemoval ? std::string()
+                                          : known.index->compute(HeldRow(touch.row.owner)));
+      touch.isHeld = touch.isHeld || touch.row.owner.use_count() > 1;  // the function may keep it
     }
   }
   // A copy is as its owner has it.
@@ -527,7 +525,7 @@ void TableStore::Commit::forEachKey(const Use& use) {
 void TableStore::Commit::prepareIndexes() {
   try {
     forEachKey([](const Touch& touch, const KnownIndex& known, std::string& computed, bool moves) {
-      if (!moves || touch.row.bytes() == nullptr) return;
+      if (!moves || touch.isRemoval) return;
       const SubRowReference row(touch.row.bytes());
       known.index->prepare(known.index->key(row, computed).parts());
     });
@@ -550,20 +548,15 @@ void TableStore::Commit::releaseIndexes() noexcept {
 }
 
 /// Takes what changes anything.
-bool TableStore::Commit::select(oid_t oid, StoredRows::Row row) {
+void TableStore::Commit::select(oid_t oid, StoredRows::Row row, bool isHeld) {
   const Slot slot = store_.find(oid);
   const byte_t* const bytes = row.bytes();
-  if (bytes == nullptr && slot == noSlot) return false;
+  if (bytes == nullptr && slot == noSlot) return;
   if (bytes != nullptr && slot != noSlot && rowsEqual(bytes, store_.bytes(slot), store_.layout_)) {
-    return false;
+    return;
   }
-  touches_.push_back({oid, slot, std::move(row)});
-  return true;
-}
-
-void TableStore::Commit::hold(std::size_t number) {
-  isHeld_.resize(std::max(isHeld_.size(), number + 1));
-  isHeld_[number] = true;
+  const bool isNew = slot == noSlot;
+  touches_.push_back({isNew ? oid : slot, isNew, bytes == nullptr, isHeld, std::move(row)});
 }
 
 void TableStore::Commit::checkUnique() const {
@@ -577,7 +570,7 @@ void TableStore::Commit::checkUnique() const {
     const auto& index = static_cast<const EqualIndex&>(*known.index);
     if (touched.empty()) {
       for (std::size_t i = 0; i < touches_.size(); ++i) {
-        if (touches_[i].slot != noSlot) touched.insert(touches_[i].slot);
+        if (!touches_[i].isNew) touched.insert(touches_[i].place);
       }
     }
     const auto keyOf = [&](std::size_t i) {
@@ -587,17 +580,17 @@ void TableStore::Commit::checkUnique() const {
     std::unordered_multimap<std::uint64_t, std::size_t> fresh;
     for (std::size_t i = 0; i < touches_.size(); ++i) {
       const Touch& touch = touches_[i];
-      if (touch.row.bytes() == nullptr) continue;
+      if (touch.isRemoval) continue;
       const TableIndex::Key key = keyOf(i);
       for (Slot holder = index.find(key.parts()); holder != noSlot;
            holder = index.findNext(holder)) {
-        if (!touched.contains(holder)) store_.refuse(store_.oid(holder), touch.oid);
+        if (!touched.contains(holder)) store_.refuse(store_.oid(holder), oidOf(touch));
       }
       const std::uint64_t hash = hashKey(key.parts());
       const auto [begin, end] = fresh.equal_range(hash);
       for (auto at = begin; at != end; ++at) {
         if (compareKeys(keyOf(at->second).parts(), key.parts()) == 0) {
-          store_.refuse(touches_[at->second].oid, touch.oid);
+          store_.refuse(oidOf(touches_[at->second]), oidOf(touch));
         }
       }
       fresh.emplace(hash, i);
@@ -608,25 +601,25 @@ void TableStore::Commit::checkUnique() const {
 void TableStore::Commit::reserve() {
   std::size_t added = 0;
   std::size_t removed = 0;
+  std::size_t held = 0;
   const std::string* computed = computed_.data();
   moves_.reserve(touches_.size() * store_.indexes_.size());
   for (const Touch& touch : touches_) {
-    const bool isNew = touch.slot == noSlot;
-    const bool isRemoval = touch.row.bytes() == nullptr;
-    if (isNew) ++added;
-    if (isRemoval) ++removed;
+    if (touch.isNew) ++added;
+    if (touch.isRemoval) ++removed;
+    if (touch.isHeld) ++held;
     for (const KnownIndex& known : store_.indexes_) {
       const TableIndex& index = *known.index;
       const std::string_view key = index.computes() ? *computed++ : std::string_view();
-      moves_.push_back(isNew || isRemoval ||
-                       compareKeys(index.key(touch.slot).parts(),
+      moves_.push_back(touch.isNew || touch.isRemoval ||
+                       compareKeys(index.key(touch.place).parts(),
                                    index.key(SubRowReference(touch.row.bytes()), key).parts()) !=
                            0);
     }
   }
   store_.reserveOids(added);
   while (store_.freeCount_ < added) store_.addSlot();
-  store_.rows_.reserveShared(static_cast<std::size_t>(std::ranges::count(isHeld_, true)));
+  store_.rows_.reserveShared(held);
   for (const KnownIndex& known : store_.indexes_) {
     known.index->reserve(store_.entries_.size(), touches_.size());
   }
@@ -639,8 +632,9 @@ void TableStore::Commit::reserve() {
     Cursor& cursor = *store_.cursors_[i];
     if (!cursor.keepsBefore_ || cursor.isWhole_) continue;
     for (const Touch& touch : touches_) {
-      if (cursor.before_.contains(touch.oid)) continue;
-      before_[i].emplace(touch.oid, touch.slot == noSlot ? nullptr : store_.buffer(touch.slot));
+      const oid_t oid = oidOf(touch);
+      if (cursor.before_.contains(oid)) continue;
+      before_[i].emplace(oid, touch.isNew ? nullptr : store_.buffer(touch.place));
     }
     cursor.before_.reserve(cursor.before_.size() + before_[i].size());
   }
@@ -652,41 +646,38 @@ void TableStore::Commit::apply(std::uint64_t sequence) noexcept {
   if (sequence - store_.base_ > mostRelative) store_.countFrom(sequence - mostRelative / 2);
   const std::uint32_t now = store_.relative(sequence);
   forEachKey([](const Touch& touch, const KnownIndex& known, std::string&, bool moves) {
-    if (moves && touch.slot != noSlot) known.index->takeOut(touch.slot);
+    if (moves && !touch.isNew) known.index->takeOut(touch.place);
   });
-  for (std::size_t i = 0; i < touches_.size(); ++i) {
-    Touch& touch = touches_[i];
-    const bool isNew = touch.slot == noSlot;
-    const bool isRemoval = touch.row.bytes() == nullptr;
-    if (isNew) {
-      touch.slot = store_.takeSlot();
-      store_.entries_[touch.slot].oid = touch.oid;
-      store_.entries_[touch.slot].added = now & mostRelative;
-      store_.mapOid(touch.slot);
+  for (Touch& touch : touches_) {
+    if (touch.isNew) {
+      const Slot slot = store_.takeSlot();
+      store_.entries_[slot].oid = std::exchange(touch.place, slot);
+      store_.entries_[slot].added = now & mostRelative;
+      store_.mapOid(slot);
       ++store_.size_;
     } else {
-      store_.unlink(touch.slot);
+      store_.unlink(touch.place);
     }
-    Entry& entry = store_.entries_[touch.slot];
-    if (isRemoval) {
-      store_.deletions_.push_back({now, entry.added, touch.oid});
-      store_.unmapOid(touch.slot);
+    const Slot slot = touch.place;
+    Entry& entry = store_.entries_[slot];
+    if (touch.isRemoval) {
+      store_.deletions_.push_back({now, entry.added, entry.oid});
+      store_.unmapOid(slot);
       --store_.size_;
-      entry.next = std::exchange(store_.free_, touch.slot);
+      entry.next = std::exchange(store_.free_, slot);
       ++store_.freeCount_;
     } else {
       entry.sequence = now;
-      store_.link(touch.slot);
+      store_.link(slot);
     }
     if (store_.keepsDigest_) {
-      if (!isNew) store_.digest_ ^= rowHash(store_.bytes(touch.slot));
-      if (!isRemoval) store_.digest_ ^= rowHash(touch.row.bytes());
+      if (!touch.isNew) store_.digest_ ^= rowHash(store_.bytes(slot));
+      if (!touch.isRemoval) store_.digest_ ^= rowHash(touch.row.bytes());
     }
-    store_.rows_.exchange(touch.slot, touch.row, i < isHeld_.size() && isHeld_[i]);
-    if (isRemoval) touch.slot = noSlot;
+    store_.rows_.exchange(slot, touch.row, touch.isHeld);
   }
   forEachKey([](const Touch& touch, const KnownIndex& known, std::string& computed, bool moves) {
-    if (moves && touch.slot != noSlot) known.index->put(touch.slot, computed);
+    if (moves && !touch.isRemoval) known.index->put(touch.place, computed);
   });
   for (std::size_t i = 0; i < before_.size(); ++i) store_.cursors_[i]->before_.merge(before_[i]);
   store_.sequence_ = sequence;

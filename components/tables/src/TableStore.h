@@ -308,13 +308,17 @@ class TableStore::Commit {
  private:
   // A million rows may change at once: each byte of these counts.
   struct Touch {
-    oid_t oid;
-    Slot slot;            ///< before apply(), noSlot: the row is new; after it: the row is gone
-    StoredRows::Row row;  ///< null: it is removed; after apply(): the former one
+    std::uint32_t place;  ///< the slot; of a new row the oid, until apply()
+    bool isNew;
+    bool isRemoval;
+    bool isHeld;          ///< by others than the batch
+    StoredRows::Row row;  ///< after apply(): the former one
   };
 
-  bool select(oid_t oid, StoredRows::Row row);
-  void hold(std::size_t number);
+  oid_t oidOf(const Touch& touch) const {
+    return touch.isNew ? touch.place : store_.oid(touch.place);
+  }
+  void select(oid_t oid, StoredRows::Row row, bool isHeld);
   void prepare();
   void checkUnique() const;
   void reserve();
@@ -327,7 +331,6 @@ class TableStore::Commit {
   TableStore& store_;
   std::size_t asked_;  ///< how many operations there were
   Chunked<Touch> touches_;
-  std::vector<bool> isHeld_;           ///< for each touch, as far as there are such, by others
   std::vector<bool> moves_;            ///< for each touch and index: whether the row's key changes
   std::vector<std::string> computed_;  ///< for each touch and index that computes its keys
   std::vector<std::unordered_map<oid_t, KoPtr<KoRowBuf>>> before_;  ///< for each cursor
