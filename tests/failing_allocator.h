@@ -56,9 +56,10 @@ struct Allocator {
   unsigned allocations = 0;
   unsigned failures = 0;
   long liveBlocks = 0;
-  std::size_t liveBytes = 0;
-  std::size_t mostBytes = 0;  ///< that were ever alive
-  int fill = -1;              ///< what new blocks and freed ones are filled with; none if negative
+  bool countsBytes = false;
+  long liveBytes = 0;  ///< beyond those when counting began
+  long mostBytes = 0;  ///< the most of them
+  int fill = -1;       ///< what new blocks and freed ones are filled with; none if negative
 };
 inline constinit Allocator allocator{};
 
@@ -80,8 +81,13 @@ inline void fillBlock(void* block, std::size_t from) {
   if (from < size) std::memset(static_cast<char*>(block) + from, allocator.fill, size - from);
 }
 
-inline void count(void* block) {
-  allocator.liveBytes += malloc_usable_size(block);
+inline long sizeOf(void* block) {
+  return static_cast<long>(malloc_usable_size(block));
+}
+
+/// Only while bytes are counted: the sanitizer cannot be asked before it has begun.
+inline void countBytes(long more) {
+  allocator.liveBytes += more;
   if (allocator.mostBytes < allocator.liveBytes) allocator.mostBytes = allocator.liveBytes;
 }
 
@@ -90,7 +96,7 @@ inline void* allocate(std::size_t size) {
   void* const block = KORVO_UNDERLYING(malloc)(size);
   if (block == nullptr) return nullptr;
   ++allocator.liveBlocks;
-  count(block);
+  if (allocator.countsBytes) countBytes(sizeOf(block));
   fillBlock(block, 0);
   return block;
 }
@@ -98,7 +104,7 @@ inline void* allocate(std::size_t size) {
 inline void release(void* block) {
   if (block == nullptr) return;
   --allocator.liveBlocks;
-  allocator.liveBytes -= malloc_usable_size(block);
+  if (allocator.countsBytes) countBytes(-sizeOf(block));
   fillBlock(block, 0);
   KORVO_UNDERLYING(free)(block);
 }
@@ -108,12 +114,18 @@ inline long liveBlocks() {
   return allocator.liveBlocks;
 }
 
-/// The most bytes that are alive at once while `action` runs, beyond those before it.
+/// What `action` takes, in bytes.
+struct Taken {
+  long most;  ///< at once, while it runs
+  long left;  ///< that it has not given back
+};
 template <typename Action>
-std::size_t bytesOf(Action action) {
-  const std::size_t before = allocator.mostBytes = allocator.liveBytes;
+Taken bytesOf(Action action) {
+  allocator.liveBytes = allocator.mostBytes = 0;
+  allocator.countsBytes = true;
   action();
-  return allocator.mostBytes - before;
+  allocator.countsBytes = false;
+  return {allocator.mostBytes, allocator.liveBytes};
 }
 
 /// Lets allocation number `first` fail, counted from 0, and none or all after it.
@@ -169,11 +181,10 @@ KORVO_REPLACES void* realloc(void* block, std::size_t size) {
   if (block == nullptr) return alloctest::allocate(size);
   if (alloctest::allocator.fill < 0) {
     if (alloctest::nextFails()) return nullptr;
-    const std::size_t before = malloc_usable_size(block);
+    const bool counts = alloctest::allocator.countsBytes;
+    const long before = counts ? alloctest::sizeOf(block) : 0;
     void* const resized = KORVO_UNDERLYING(realloc)(block, size);
-    if (resized == nullptr) return nullptr;
-    alloctest::allocator.liveBytes -= before;
-    alloctest::count(resized);
+    if (counts && resized != nullptr) alloctest::countBytes(alloctest::sizeOf(resized) - before);
     return resized;
   }
   void* const moved = alloctest::allocate(size);

@@ -297,7 +297,7 @@ void EtcdOutlet::There::add(const etcd::RangeResponse& page, const EtcdKeys& key
     const auto key = keys.rowOf(kv.key());
     if (!key) continue;
     const std::string& value = kv.value();
-    std::memcpy(bytes, value.data(), value.size());
+    value.copy(bytes, value.size());
     rows.push_back({key->oid, static_cast<std::uint32_t>(value.size()), bytes});
     bytes += value.size();
   }

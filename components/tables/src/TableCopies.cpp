@@ -396,6 +396,7 @@ std::string TableCopies::mark(const TableMark& mark) {
 
   // From here on nothing may be half done: all that can fail comes first.
   std::vector<std::unique_ptr<TableStore::Commit>> commits;
+  commits.reserve(parts.size());
   for (TableCopy* copy : parts) commits.push_back(copy->prepare());
   const std::uint64_t sequence = source_->last + 1;
   for (const auto& commit : commits) commit->apply(sequence);
