@@ -331,7 +331,7 @@ TEST_F(EngineTest, OneMergedCopyIsKeptBesideTheTable) {
   const alloctest::Taken loading = alloctest::bytesOf(readAll);
   EXPECT_EQ(ports.size(), count);
   // The rows go into the table as they are.
-  EXPECT_LE(loading.most, loading.left + long{32} * count + 65536);
+  EXPECT_LE(loading.most, loading.left + 32 * static_cast<long>(count) + 65536);
 
   fromShelf.reset();
   agent->putMany(1, count + 1, "two");
