@@ -66,7 +66,7 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
     struct Row {
       oid_t oid;
       std::uint32_t length;
-      const char* bytes;  ///< in a page; null: the row's table was asked for it already
+      const char* bytes;  ///< in a page; null: it was compared with the table's row
     };
     std::vector<Row> rows;  ///< by oid, as they come
     std::vector<std::unique_ptr<char[]>> pages;
