@@ -1,6 +1,6 @@
 #pragma once
 
-// An allocator that can be told to fail and to fill what it hands out, in place of the
+// An allocator that counts, and can be told to fail and to fill what it hands out, in place of the
 // executable's: malloc, calloc, realloc, free, operator new and operator delete. The library uses
 // it too, linked either way. Included by one source per executable.
 //
@@ -56,7 +56,10 @@ struct Allocator {
   unsigned allocations = 0;
   unsigned failures = 0;
   long liveBlocks = 0;
-  int fill = -1;  ///< what new blocks and freed ones are filled with; none if negative
+  bool countsBytes = false;
+  long liveBytes = 0;  ///< beyond those when counting began
+  long mostBytes = 0;  ///< the most of them
+  int fill = -1;       ///< what new blocks and freed ones are filled with; none if negative
 };
 inline constinit Allocator allocator{};
 
@@ -78,11 +81,22 @@ inline void fillBlock(void* block, std::size_t from) {
   if (from < size) std::memset(static_cast<char*>(block) + from, allocator.fill, size - from);
 }
 
+inline long sizeOf(void* block) {
+  return static_cast<long>(malloc_usable_size(block));
+}
+
+/// Only while bytes are counted: the sanitizer cannot be asked before it has begun.
+inline void countBytes(long more) {
+  allocator.liveBytes += more;
+  if (allocator.mostBytes < allocator.liveBytes) allocator.mostBytes = allocator.liveBytes;
+}
+
 inline void* allocate(std::size_t size) {
   if (nextFails()) return nullptr;
   void* const block = KORVO_UNDERLYING(malloc)(size);
   if (block == nullptr) return nullptr;
   ++allocator.liveBlocks;
+  if (allocator.countsBytes) countBytes(sizeOf(block));
   fillBlock(block, 0);
   return block;
 }
@@ -90,6 +104,7 @@ inline void* allocate(std::size_t size) {
 inline void release(void* block) {
   if (block == nullptr) return;
   --allocator.liveBlocks;
+  if (allocator.countsBytes) countBytes(-sizeOf(block));
   fillBlock(block, 0);
   KORVO_UNDERLYING(free)(block);
 }
@@ -97,6 +112,20 @@ inline void release(void* block) {
 /// Blocks that were handed out and not given back.
 inline long liveBlocks() {
   return allocator.liveBlocks;
+}
+
+/// What `action` takes, in bytes.
+struct Taken {
+  long most;  ///< at once, while it runs
+  long left;  ///< that it has not given back
+};
+template <typename Action>
+Taken bytesOf(Action action) {
+  allocator.liveBytes = allocator.mostBytes = 0;
+  allocator.countsBytes = true;
+  action();
+  allocator.countsBytes = false;
+  return {allocator.mostBytes, allocator.liveBytes};
 }
 
 /// Lets allocation number `first` fail, counted from 0, and none or all after it.
@@ -151,7 +180,12 @@ KORVO_REPLACES void* calloc(std::size_t count, std::size_t size) {
 KORVO_REPLACES void* realloc(void* block, std::size_t size) {
   if (block == nullptr) return alloctest::allocate(size);
   if (alloctest::allocator.fill < 0) {
-    return alloctest::nextFails() ? nullptr : KORVO_UNDERLYING(realloc)(block, size);
+    if (alloctest::nextFails()) return nullptr;
+    const bool counts = alloctest::allocator.countsBytes;
+    const long before = counts ? alloctest::sizeOf(block) : 0;
+    void* const resized = KORVO_UNDERLYING(realloc)(block, size);
+    if (counts && resized != nullptr) alloctest::countBytes(alloctest::sizeOf(resized) - before);
+    return resized;
   }
   void* const moved = alloctest::allocate(size);
   if (moved == nullptr) return nullptr;

@@ -266,7 +266,7 @@ void EtcdOutlet::work() {
   if (stage_ == Stage::ready && sender_.isComplete()) {
     stage_ = Stage::reading;
     tables_ = sender_.tables();
-    there_.assign(tables_.size(), {});
+    there_ = std::vector<There>(tables_.size());
     paged_ = 0;
     sender_.restart();
     readTable();
@@ -288,12 +288,31 @@ void EtcdOutlet::readTable() {
   });
 }
 
+void EtcdOutlet::There::add(const etcd::RangeResponse& page, const EtcdKeys& keys) {
+  std::size_t length = 0;
+  for (const etcd::KeyValue& kv : page.kvs()) length += kv.value().size();
+  pages.push_back(std::make_unique<char[]>(length));
+  char* bytes = pages.back().get();
+  for (const etcd::KeyValue& kv : page.kvs()) {
+    const auto key = keys.rowOf(kv.key());
+    if (!key) continue;
+    const std::string& value = kv.value();
+    value.copy(bytes, value.size());
+    rows.push_back({key->oid, static_cast<std::uint32_t>(value.size()), bytes});
+    bytes += value.size();
+  }
+}
+
+EtcdOutlet::There::Row* EtcdOutlet::There::find(oid_t oid) {
+  const auto found = std::ranges::lower_bound(rows, oid, {}, &Row::oid);
+  const bool isThere = found != rows.end() && found->oid == oid && found->bytes != nullptr;
+  return isThere ? &*found : nullptr;
+}
+
 void EtcdOutlet::readPage() {
   client_.range(page_->request(), [this](const Fault& fault, etcd::RangeResponse& response) {
     if (fault) return lose(fault);
-    for (const etcd::KeyValue& kv : response.kvs()) {
-      if (const auto key = keys_.rowOf(kv.key())) there_[paged_].rows[key->oid] = kv.value();
-    }
+    there_[paged_].add(response, keys_);
     if (page_->goOn(response)) return readPage();
     ++paged_;
     readTable();
@@ -392,16 +411,15 @@ void EtcdOutlet::add(Change change) {
 
 void EtcdOutlet::keep(TableSender::Change& change) {
   if (!isCompared_) {
-    auto& rows = there_[change.table].rows;
-    const auto known = rows.find(change.oid);
-    bool isSame = false;
-    if (known != rows.end()) {
-      isSame = change.row != nullptr && known->second.size() == rowLength(change.row) &&
-               std::memcmp(known->second.data(), change.row->buf_, known->second.size()) == 0;
-      // What is removed from here on is told, or written as any other change.
-      if (isSame || change.row != nullptr) rows.erase(known);
+    There::Row* const known = there_[change.table].find(change.oid);
+    // What is removed from here on is told, or written as any other change.
+    if (known != nullptr && change.row != nullptr) {
+      const char* const bytes = std::exchange(known->bytes, nullptr);
+      if (known->length == rowLength(change.row) &&
+          std::memcmp(bytes, change.row->buf_, known->length) == 0) {
+        return;
+      }
     }
-    if (isSame) return;
   }
   const auto [place, isNew] =
       places_.try_emplace(placeOf(change.table, change.oid), taken_ + changes_.size());
@@ -416,9 +434,10 @@ void EtcdOutlet::keep(TableSender::Change& change) {
 void EtcdOutlet::addRemovals() {
   isCompared_ = true;
   for (std::size_t i = 0; i < there_.size(); ++i) {
-    for (const auto& [oid, row] : there_[i].rows) {
+    for (const There::Row& row : there_[i].rows) {
+      if (row.bytes == nullptr) continue;
       const auto number = static_cast<std::uint16_t>(i);
-      TableSender::Change removal{TableSender::Kind::removed, number, oid, nullptr};
+      TableSender::Change removal{TableSender::Kind::removed, number, row.oid, nullptr};
       keep(removal);
     }
   }

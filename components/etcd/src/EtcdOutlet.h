@@ -63,8 +63,17 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
 
   /// A table as it stands in the cluster, while what differs is looked for.
   struct There {
-    std::unordered_map<oid_t, std::string> rows;
+    struct Row {
+      oid_t oid;
+      std::uint32_t length;
+      const char* bytes;  ///< in a page; null: it was compared with the table's row
+    };
+    std::vector<Row> rows;  ///< by oid, as they come
+    std::vector<std::unique_ptr<char[]>> pages;
     std::string layout;
+
+    void add(const etcd::RangeResponse& page, const EtcdKeys& keys);
+    Row* find(oid_t oid);
   };
 
   void onTimeout() override;

@@ -239,7 +239,8 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
   /// No state is there: until one comes there is nothing to read.
   void waitForMark() {
     startWatch(source_->keys_.mark(), "", head_ + 1, [this](const etcd::WatchResponse& response) {
-      for (const etcd::Event& event : response.events()) {
+      for (const std::string& text : response.events()) {
+        const etcd::Event event = eventOf(text);
         if (event.type() != etcd::Event::PUT) continue;
         const std::optional<EtcdMark> mark = EtcdMark::decode(event.kv().value());
         if (!mark || mark->part != 0) continue;
@@ -455,15 +456,23 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
     end(source_->client_.member() + ": " + response.cancel_reason());
   }
 
+  static etcd::Event eventOf(const std::string& text) {
+    etcd::Event event;
+    if (!event.ParseFromString(text)) throw TableFault("an event of another form");
+    return event;
+  }
+
   void takeEvents(const etcd::WatchResponse& response) {
     const auto& events = response.events();
     // Of several states that come together only the last one is made.
-    int last = -1;
-    for (int i = 0; i < events.size(); ++i) {
-      if (isNew(events[i]) && isState(events[i])) last = i;
+    int last = events.size();
+    while (last-- > 0) {
+      const etcd::Event event = eventOf(events[last]);
+      if (isNew(event) && isState(event)) break;
     }
     for (int i = 0; i < events.size() && !over_; ++i) {
-      if (isNew(events[i])) takeEvent(events[i], i == last);
+      const etcd::Event event = eventOf(events[i]);
+      if (isNew(event)) takeEvent(event, i == last);
     }
   }
 

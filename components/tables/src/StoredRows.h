@@ -57,7 +57,7 @@ class StoredRows {
   KoPtr<KoRowBuf> share(Slot slot);
 
   /// One more slot, which is free. Throws std::bad_alloc with all as before.
-  void grow() { words_.grow(); }
+  void grow() { words_.push_back(0); }
   /// From now on `count` rows that are held elsewhere can be put without failing.
   void reserveShared(std::size_t count);
   /// What is in the slot, and `row`, change places. Unless a row that comes in an owner `isHeld`

@@ -37,32 +37,13 @@ StoredRows::Bytes copyOf(const byte_t* row) {
 TableCopy::TableCopy(TableStore& table, ConversionRules rules)
     : Cursor(table, false), rules_(std::move(rules)) {}
 
-const TableCopy::Round::Row* TableCopy::Round::find(oid_t oid) const {
-  const std::uint32_t number = numbers.find(oid);
-  return number == OidMap::none ? nullptr : &rows[number];
-}
-
-/// Null: the row is removed.
-void TableCopy::Round::operate(Row& row, StoredRows::Bytes bytes) {
-  if (operations.size() == none) throw std::bad_alloc();
-  const std::size_t length = bytes == nullptr ? 0 : loadField<len_t>(bytes.get());
-  operations.push_back({row.oid, std::move(bytes)});
-  changedBytes += length;
-  row.operation = (operations.size() - 1) & none;
-}
-
-void TableCopy::Round::dropOperation(Row& row) {
-  if (row.operation == none) return;
-  OwnOperation& dropped = operations[row.operation];
-  if (dropped.bytes != nullptr) changedBytes -= loadField<len_t>(dropped.bytes.get());
-  rows[numbers.find(operations.back().oid)].operation = row.operation;
-  dropped = std::move(operations.back());
-  operations.pop_back();
-  row.operation = none;
+void TableCopy::Round::put(OwnOperation& row, StoredRows::Bytes bytes) {
+  changedBytes += loadField<len_t>(bytes.get());
+  row.bytes = std::move(bytes);
 }
 
 std::size_t TableCopy::Round::memory() const {
-  return changedBytes + keptOfRow * (rows.size() + operations.size());
+  return changedBytes + keptOfRow * rows.size();
 }
 
 void TableCopy::newRound(bool isWhole) noexcept {
@@ -73,37 +54,42 @@ void TableCopy::newRound(bool isWhole) noexcept {
   round_.digest = digest_;
 }
 
-TableCopy::Round::Row& TableCopy::tell(oid_t oid, Slot present) {
+OwnOperation& TableCopy::tell(oid_t oid, Slot present) {
   const auto forget = [this](std::uint64_t hash) {
     --round_.count;
     round_.digest ^= hash;
   };
-  const std::size_t number = round_.numbers.insert(oid, round_.rows.size() & OidMap::none);
-  if (number < round_.rows.size()) {
-    Round::Row& row = round_.rows[number];
-    if (!row.isGone) forget(row.hash);
-    round_.dropOperation(row);
-    row = {0, oid, Round::none, false, false, false};
-    return row;
-  }
-  round_.rows.push_back({0, oid, Round::none, false, false, false});
-  if (!round_.isWhole) {
+  const std::size_t number =
+      round_.numbers.insert(oid, round_.rows.size() & OidMap::none, round_.oidOf());
+  if (number == round_.rows.size()) {
+    round_.rows.push_back({nullptr, oid});
+    if (round_.isWhole) return round_.rows.back();
     const auto other = otherwise_.find(oid);
     if (other != otherwise_.end()) {
+      round_.formerly.push_back(oid);
       forget(other->second);
     } else if (present != noSlot) {
       forget(rowHash(store()->bytes(present)));
     }
+    return round_.rows.back();
   }
-  return round_.rows.back();
+  OwnOperation& row = round_.rows[number];
+  if (const auto other = round_.otherwise.extract(oid)) {
+    forget(other.mapped());
+  } else if (!row.isGone) {
+    forget(rowHash(row.bytes != nullptr ? row.bytes.get() : store()->bytes(present)));
+  }
+  if (row.bytes != nullptr) round_.changedBytes -= loadField<len_t>(row.bytes.get());
+  row = {nullptr, oid};
+  return row;
 }
 
 /// What was told to be as it is in the table no longer needs the table for that.
 void TableCopy::keepPresent() {
-  for (Round::Row& row : round_.rows) {
-    if (row.operation != Round::none || row.isGone || row.isRefused) continue;
+  for (OwnOperation& row : round_.rows) {
+    if (row.bytes != nullptr || row.isGone || row.isRefused) continue;
     const Slot present = store()->find(row.oid);
-    if (present != noSlot) round_.operate(row, copyOf(store()->bytes(present)));
+    if (present != noSlot) round_.put(row, copyOf(store()->bytes(present)));
   }
 }
 
@@ -111,20 +97,16 @@ void TableCopy::removeUntold() {
   if (!round_.isWhole) return;
   const TableStore& table = *store();
   for (Slot slot = table.slotFrom(0); slot != noSlot; slot = table.slotFrom(slot + 1)) {
-    if (round_.find(table.oid(slot)) != nullptr) continue;
-    round_.operations.push_back({table.oid(slot), nullptr});
+    if (round_.numbers.find(table.oid(slot), round_.oidOf()) != OidMap::none) continue;
+    round_.rows.push_back({nullptr, table.oid(slot), true});
   }
 }
 
-void TableCopy::prepare() {
-  for (const Round::Row& row : round_.rows) {
-    if (!row.isGone && !row.isKept) round_.otherwise.emplace(row.oid, row.hash);
-  }
+std::unique_ptr<TableStore::Commit> TableCopy::prepare() {
+  removeUntold();
   if (!round_.isWhole) otherwise_.reserve(otherwise_.size() + round_.otherwise.size());
-  // By the rows that were told, adopt() only finds what is known otherwise. The commit needs room.
-  if (!round_.isWhole && !otherwise_.empty()) return;
-  round_.rows = {};
-  round_.numbers = {};
+  round_.numbers = {};  // the commit needs room
+  return std::make_unique<TableStore::Commit>(*store(), std::move(round_.rows));
 }
 
 void TableCopy::adopt(const TablePosition& position) noexcept {
@@ -134,9 +116,7 @@ void TableCopy::adopt(const TablePosition& position) noexcept {
   if (round_.isWhole) {
     otherwise_ = std::move(round_.otherwise);
   } else {
-    if (!otherwise_.empty()) {
-      for (const Round::Row& row : round_.rows) otherwise_.erase(row.oid);
-    }
+    for (const oid_t oid : round_.formerly) otherwise_.erase(oid);
     otherwise_.merge(round_.otherwise);
   }
   newRound(false);
@@ -186,9 +166,9 @@ void TableCopies::removeStaleRows() {
     TableStore* const table = copy->store();
     if (table == nullptr || table->state() == TableState::current) continue;
     copy->keepPresent();
-    std::vector<OwnOperation> removals;
+    Chunked<OwnOperation> removals;
     for (Slot slot = table->slotFrom(0); slot != noSlot; slot = table->slotFrom(slot + 1)) {
-      removals.push_back({table->oid(slot), nullptr});
+      removals.push_back({nullptr, table->oid(slot), true});
     }
     auto commit = std::make_unique<TableStore::Commit>(*table, std::move(removals));
     if (!commit->changesNothing()) commits.push_back(std::move(commit));
@@ -339,12 +319,13 @@ void TableCopies::takeRow(std::size_t number, std::span<const byte_t> row) {
   const byte_t* const bytes = row.data();
   const auto oid = loadField<oid_t>(bytes + rowOidOffset);
   const Slot present = table.find(oid);
-  TableCopy::Round::Row& told = copy.tell(oid, present);
-  told.hash = rowHash(bytes);
+  OwnOperation& told = copy.tell(oid, present);
+  const std::uint64_t hash = rowHash(bytes);
   ++copy.round_.count;
-  copy.round_.digest ^= told.hash;
+  copy.round_.digest ^= hash;
   const auto refuse = [&](const std::string& text) {
     told.isRefused = true;
+    copy.round_.otherwise.emplace(oid, hash);
     refuseRow(number, oid, text);
   };
 
@@ -366,28 +347,22 @@ void TableCopies::takeRow(std::size_t number, std::span<const byte_t> row) {
   };
   if (copy.isSame_ && equalsPresent(bytes)) {
     const byte_t* const own = table.bytes(present);
-    told.isKept = loadField<len_t>(own) == length && std::memcmp(bytes, own, length) == 0;
+    const bool isKept = loadField<len_t>(own) == length && std::memcmp(bytes, own, length) == 0;
+    if (!isKept) copy.round_.otherwise.emplace(oid, hash);
     return;
   }
-  StoredRows::Bytes taken;
-  if (copy.isSame_) {
-    taken = copyOf(bytes);
-    told.isKept = true;
-  } else {
-    taken = newBytes(length);
-    copy.plan_->write(bytes, taken.get());
-    if (equalsPresent(taken.get())) return;
-  }
-  copy.round_.operate(told, std::move(taken));
+  if (copy.isSame_) return copy.round_.put(told, copyOf(bytes));
+  StoredRows::Bytes taken = newBytes(length);
+  copy.plan_->write(bytes, taken.get());
+  copy.round_.otherwise.emplace(oid, hash);
+  if (!equalsPresent(taken.get())) copy.round_.put(told, std::move(taken));
 }
 
 void TableCopies::remove(std::size_t number, oid_t oid) {
   TableCopy& copy = *copies_[number];
   if (!copy.isTaken()) return;
   const Slot present = copy.store()->find(oid);
-  TableCopy::Round::Row& told = copy.tell(oid, present);
-  told.isGone = true;
-  if (present != noSlot) copy.round_.operate(told, nullptr);
+  copy.tell(oid, present).isGone = true;
   weigh(number);
 }
 
@@ -421,12 +396,8 @@ std::string TableCopies::mark(const TableMark& mark) {
 
   // From here on nothing may be half done: all that can fail comes first.
   std::vector<std::unique_ptr<TableStore::Commit>> commits;
-  for (TableCopy* copy : parts) {
-    copy->removeUntold();
-    copy->prepare();
-    commits.push_back(
-        std::make_unique<TableStore::Commit>(*copy->store(), std::move(copy->round_.operations)));
-  }
+  commits.reserve(parts.size());
+  for (TableCopy* copy : parts) commits.push_back(copy->prepare());
   const std::uint64_t sequence = source_->last + 1;
   for (const auto& commit : commits) commit->apply(sequence);
   for (TableCopy* copy : parts) copy->adopt({history_, mark.sequence});

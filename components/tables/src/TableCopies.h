@@ -3,8 +3,8 @@
 // The tables of a subscriber, and what is under way to them.
 //
 // Between two marks, rows are only collected: those that differ from the table's wait, of the
-// others a hash is kept. At the mark all tables change in one batch, or none does. Each row that
-// is told is looked up once among those that were told, and once in the table.
+// others it is kept that they were told. At the mark all tables change in one batch, or none does.
+// Each row that is told is looked up once among those that were told, and once in the table.
 
 #include <Korvo/RowConverter.h>
 #include <Korvo/TableEngine.h>
@@ -36,42 +36,34 @@ class TableCopy final : public TableStore::Cursor {
 
   /// What was told since the last mark.
   struct Round {
-    /// The last word on an oid.
-    struct Row {
-      std::uint64_t hash;  ///< of the bytes as they were sent
-      oid_t oid;
-      std::uint32_t operation : 29;  ///< its number, or none
-      std::uint32_t isGone : 1;
-      std::uint32_t isRefused : 1;
-      std::uint32_t isKept : 1;  ///< the table will have these very bytes
-    };
-    static constexpr std::uint32_t none = (std::uint32_t{1} << 29) - 1;
-
     bool isWhole = false;
     std::uint64_t count = 0;   ///< of the publisher's rows after it
     std::uint64_t digest = 0;  ///< of all of them
-    std::vector<Row> rows;
-    OidMap numbers;                        ///< of `rows`
-    std::vector<OwnOperation> operations;  ///< what changes in the table, each oid once
-    std::size_t changedBytes = 0;          ///< of the operations
-    std::size_t weight = 0;                ///< as it was counted last
-    /// What it adds to the hashes that the table cannot tell.
+    /// The last words on oids. A million of them wait beside the table: each byte of these counts.
+    Chunked<OwnOperation> rows;
+    OidMap numbers;                ///< of `rows`
+    std::size_t changedBytes = 0;  ///< of `rows`
+    std::size_t weight = 0;        ///< as it was counted last
+    /// The hashes of those, as they were sent, whose bytes the table will not have.
     std::unordered_map<oid_t, std::uint64_t> otherwise;
+    std::vector<oid_t> formerly;  ///< of `rows`: those that were told otherwise before
 
-    const Row* find(oid_t oid) const;
-    void operate(Row& row, StoredRows::Bytes bytes);
-    void dropOperation(Row& row);
+    auto oidOf() const {
+      return [this](std::uint32_t number) { return rows[number].oid; };
+    }
+    void put(OwnOperation& row, StoredRows::Bytes bytes);
     std::size_t memory() const;
   };
 
   bool isTaken() const { return plan_.has_value() && store() != nullptr; }
   void newRound(bool isWhole) noexcept;
   /// The row, of which nothing has been told yet.
-  Round::Row& tell(oid_t oid, Slot present);
+  OwnOperation& tell(oid_t oid, Slot present);
   void keepPresent();
   void removeUntold();
-  /// Makes room, so that adopt() cannot fail, and gives up what only the round's rows need.
-  void prepare();
+  /// What the round changes. Makes room, so that adopt() cannot fail, and gives up what only the
+  /// round's rows need.
+  std::unique_ptr<TableStore::Commit> prepare();
   void adopt(const TablePosition& position) noexcept;
 
   const ConversionRules rules_;

@@ -208,7 +208,7 @@ Slot TableStore::slotFrom(Slot slot) const {
 void TableStore::addSlot() {
   const std::size_t slot = entries_.size();
   if (slot >= noSlot) throw std::bad_alloc();
-  entries_.grow();
+  entries_.push_back({});
   try {
     rows_.grow();
   } catch (...) {
@@ -457,25 +457,27 @@ bool TableStore::Cursor::nextRow(Told& told) {
 
 TableStore::Commit::Commit(TableStore& store, const std::vector<RowOperation>& operations)
     : store_(store), asked_(operations.size()) {
-  OidMap last;
-  if (operations.size() > 1) last.reserve(operations.size());
-  std::uint32_t number = 0;
-  for (const RowOperation& operation : operations) last.insert(operation.oid, 0) = number++;
-  touches_.reserve(last.size());
-  number = 0;
-  for (const RowOperation& operation : operations) {
-    if (last.find(operation.oid) != number++) continue;
+  const auto oidOf = [&](std::uint32_t number) { return operations[number].oid; };
+  OidMap last;  // a single word is the last one
+  const bool areSeveral = operations.size() > 1;
+  if (areSeveral) last.reserve(operations.size(), oidOf);
+  for (std::uint32_t number = 0; areSeveral && number < operations.size(); ++number) {
+    last.insert(operations[number].oid, number, oidOf) = number;
+  }
+  for (std::uint32_t number = 0; number < operations.size(); ++number) {
+    const RowOperation& operation = operations[number];
+    if (areSeveral && last.find(operation.oid, oidOf) != number) continue;
     select(operation.oid, {operation.buffer, nullptr}, operation.buffer.use_count() > 1);
   }
   prepare();
 }
 
-TableStore::Commit::Commit(TableStore& store, std::vector<OwnOperation> operations)
+TableStore::Commit::Commit(TableStore& store, Chunked<OwnOperation> operations)
     : store_(store), asked_(operations.size()) {
-  touches_.reserve(operations.size());
-  for (OwnOperation& operation : operations) {
+  operations.drain([this](OwnOperation& operation) {
+    if (operation.bytes == nullptr && !operation.isGone) return;
     select(operation.oid, {nullptr, std::move(operation.bytes)}, false);
-  }
+  });
   prepare();
 }
 
@@ -553,7 +555,8 @@ void TableStore::Commit::select(oid_t oid, StoredRows::Row row, bool isHeld) {
   if (bytes != nullptr && slot != noSlot && rowsEqual(bytes, store_.bytes(slot), store_.layout_)) {
     return;
   }
-  touches_.push_back({oid, slot, std::move(row), bytes == nullptr, isHeld});
+  const bool isNew = slot == noSlot;
+  touches_.push_back({isNew ? oid : slot, isNew, bytes == nullptr, isHeld, std::move(row)});
 }
 
 void TableStore::Commit::checkUnique() const {
@@ -566,8 +569,8 @@ void TableStore::Commit::checkUnique() const {
     if (known.kind != IndexKind::unique) continue;
     const auto& index = static_cast<const EqualIndex&>(*known.index);
     if (touched.empty()) {
-      for (const Touch& touch : touches_) {
-        if (touch.slot != noSlot) touched.insert(touch.slot);
+      for (std::size_t i = 0; i < touches_.size(); ++i) {
+        if (!touches_[i].isNew) touched.insert(touches_[i].place);
       }
     }
     const auto keyOf = [&](std::size_t i) {
@@ -581,13 +584,13 @@ void TableStore::Commit::checkUnique() const {
       const TableIndex::Key key = keyOf(i);
       for (Slot holder = index.find(key.parts()); holder != noSlot;
            holder = index.findNext(holder)) {
-        if (!touched.contains(holder)) store_.refuse(store_.oid(holder), touch.oid);
+        if (!touched.contains(holder)) store_.refuse(store_.oid(holder), oidOf(touch));
       }
       const std::uint64_t hash = hashKey(key.parts());
       const auto [begin, end] = fresh.equal_range(hash);
       for (auto at = begin; at != end; ++at) {
         if (compareKeys(keyOf(at->second).parts(), key.parts()) == 0) {
-          store_.refuse(touches_[at->second].oid, touch.oid);
+          store_.refuse(oidOf(touches_[at->second]), oidOf(touch));
         }
       }
       fresh.emplace(hash, i);
@@ -602,15 +605,14 @@ void TableStore::Commit::reserve() {
   const std::string* computed = computed_.data();
   moves_.reserve(touches_.size() * store_.indexes_.size());
   for (const Touch& touch : touches_) {
-    const bool isNew = touch.slot == noSlot;
-    if (isNew) ++added;
+    if (touch.isNew) ++added;
     if (touch.isRemoval) ++removed;
     if (touch.isHeld) ++held;
     for (const KnownIndex& known : store_.indexes_) {
       const TableIndex& index = *known.index;
       const std::string_view key = index.computes() ? *computed++ : std::string_view();
-      moves_.push_back(isNew || touch.isRemoval ||
-                       compareKeys(index.key(touch.slot).parts(),
+      moves_.push_back(touch.isNew || touch.isRemoval ||
+                       compareKeys(index.key(touch.place).parts(),
                                    index.key(SubRowReference(touch.row.bytes()), key).parts()) !=
                            0);
     }
@@ -630,8 +632,9 @@ void TableStore::Commit::reserve() {
     Cursor& cursor = *store_.cursors_[i];
     if (!cursor.keepsBefore_ || cursor.isWhole_) continue;
     for (const Touch& touch : touches_) {
-      if (cursor.before_.contains(touch.oid)) continue;
-      before_[i].emplace(touch.oid, touch.slot == noSlot ? nullptr : store_.buffer(touch.slot));
+      const oid_t oid = oidOf(touch);
+      if (cursor.before_.contains(oid)) continue;
+      before_[i].emplace(oid, touch.isNew ? nullptr : store_.buffer(touch.place));
     }
     cursor.before_.reserve(cursor.before_.size() + before_[i].size());
   }
@@ -643,38 +646,38 @@ void TableStore::Commit::apply(std::uint64_t sequence) noexcept {
   if (sequence - store_.base_ > mostRelative) store_.countFrom(sequence - mostRelative / 2);
   const std::uint32_t now = store_.relative(sequence);
   forEachKey([](const Touch& touch, const KnownIndex& known, std::string&, bool moves) {
-    if (moves && touch.slot != noSlot) known.index->takeOut(touch.slot);
+    if (moves && !touch.isNew) known.index->takeOut(touch.place);
   });
   for (Touch& touch : touches_) {
-    const bool isNew = touch.slot == noSlot;
-    if (isNew) {
-      touch.slot = store_.takeSlot();
-      store_.entries_[touch.slot].oid = touch.oid;
-      store_.entries_[touch.slot].added = now & mostRelative;
-      store_.mapOid(touch.slot);
+    if (touch.isNew) {
+      const Slot slot = store_.takeSlot();
+      store_.entries_[slot].oid = std::exchange(touch.place, slot);
+      store_.entries_[slot].added = now & mostRelative;
+      store_.mapOid(slot);
       ++store_.size_;
     } else {
-      store_.unlink(touch.slot);
+      store_.unlink(touch.place);
     }
-    Entry& entry = store_.entries_[touch.slot];
+    const Slot slot = touch.place;
+    Entry& entry = store_.entries_[slot];
     if (touch.isRemoval) {
-      store_.deletions_.push_back({now, entry.added, touch.oid});
-      store_.unmapOid(touch.slot);
+      store_.deletions_.push_back({now, entry.added, entry.oid});
+      store_.unmapOid(slot);
       --store_.size_;
-      entry.next = std::exchange(store_.free_, touch.slot);
+      entry.next = std::exchange(store_.free_, slot);
       ++store_.freeCount_;
     } else {
       entry.sequence = now;
-      store_.link(touch.slot);
+      store_.link(slot);
     }
     if (store_.keepsDigest_) {
-      if (!isNew) store_.digest_ ^= rowHash(store_.bytes(touch.slot));
+      if (!touch.isNew) store_.digest_ ^= rowHash(store_.bytes(slot));
       if (!touch.isRemoval) store_.digest_ ^= rowHash(touch.row.bytes());
     }
-    store_.rows_.exchange(touch.slot, touch.row, touch.isHeld);
+    store_.rows_.exchange(slot, touch.row, touch.isHeld);
   }
   forEachKey([](const Touch& touch, const KnownIndex& known, std::string& computed, bool moves) {
-    if (moves && !touch.isRemoval) known.index->put(touch.slot, computed);
+    if (moves && !touch.isRemoval) known.index->put(touch.place, computed);
   });
   for (std::size_t i = 0; i < before_.size(); ++i) store_.cursors_[i]->before_.merge(before_[i]);
   store_.sequence_ = sequence;

@@ -57,10 +57,13 @@ struct RowOperation {
   KoPtr<KoRowBuf> buffer;  ///< null: the row is removed
 };
 
-/// The same of who made the row's bytes and gives them away.
+/// A word on a row of who made its bytes and gives them away. Without bytes, and not gone, the
+/// row stays as it is.
 struct OwnOperation {
-  oid_t oid;
-  StoredRows::Bytes bytes;  ///< null: the row is removed
+  StoredRows::Bytes bytes;
+  oid_t oid = 0;
+  bool isGone = false;     ///< the row is removed, if there is one
+  bool isRefused = false;  ///< the row that was told cannot be taken
 };
 
 /// Numbers the batches of all tables that have one owner.
@@ -291,26 +294,30 @@ class TableStore::Commit {
 
   /// The last word on each oid counts.
   Commit(TableStore& store, const std::vector<RowOperation>& operations);
-  /// Each oid is there once.
-  Commit(TableStore& store, std::vector<OwnOperation> operations);
+  /// Each oid is there once. What was taken of the operations makes room for what is taken next.
+  Commit(TableStore& store, Chunked<OwnOperation> operations);
   Commit(const Commit&) = delete;
   Commit& operator=(const Commit&) = delete;
 
-  bool changesNothing() const { return touches_.empty(); }
+  bool changesNothing() const { return touches_.size() == 0; }
   std::size_t size() const { return touches_.size(); }
   void apply(std::uint64_t sequence) noexcept;
   /// One that was not applied leaves the table as it was.
   ~Commit();
 
  private:
+  // A million rows may change at once: each byte of these counts.
   struct Touch {
-    oid_t oid;
-    Slot slot;            ///< noSlot: the row is new
-    StoredRows::Row row;  ///< after apply(): the former one
+    std::uint32_t place;  ///< the slot; of a new row the oid, until apply()
+    bool isNew;
     bool isRemoval;
-    bool isHeld;  ///< by others than the batch
+    bool isHeld;          ///< by others than the batch
+    StoredRows::Row row;  ///< after apply(): the former one
   };
 
+  oid_t oidOf(const Touch& touch) const {
+    return touch.isNew ? touch.place : store_.oid(touch.place);
+  }
   void select(oid_t oid, StoredRows::Row row, bool isHeld);
   void prepare();
   void checkUnique() const;
@@ -323,7 +330,7 @@ class TableStore::Commit {
 
   TableStore& store_;
   std::size_t asked_;  ///< how many operations there were
-  std::vector<Touch> touches_;
+  Chunked<Touch> touches_;
   std::vector<bool> moves_;            ///< for each touch and index: whether the row's key changes
   std::vector<std::string> computed_;  ///< for each touch and index that computes its keys
   std::vector<std::unordered_map<oid_t, KoPtr<KoRowBuf>>> before_;  ///< for each cursor

@@ -4,6 +4,7 @@
 
 #include <Korvo/TableEngine.h>
 
+#include "failing_allocator.h"
 #include "table_link_support.h"
 
 namespace {
@@ -312,6 +313,34 @@ TEST_F(EngineTest, LostLinkGoesOnFromItsPosition) {
   loop->advance(seconds(30));
   expectEqual();
 }
+
+#if KORVO_FAILING_ALLOCATOR
+
+// What is gathered until the mark takes no more than a second table of the rows that changed, nor
+// does the commit: what it needs takes the place of what it no longer needs.
+TEST_F(EngineTest, OneMergedCopyIsKeptBesideTheTable) {
+  constexpr oid_t count = 20'000;
+  const auto readAll = [&] {
+    fromShelf.emplace("shelf:one", loop);
+    fromShelf->add(ports);
+    loop->runUntilQuiet();
+  };
+  agent->publisher.listen("shelf:one");
+  agent->putMany(1, count + 1, "one");
+  loop->runUntilQuiet();
+  const alloctest::Taken loading = alloctest::bytesOf(readAll);
+  EXPECT_EQ(ports.size(), count);
+  // The rows go into the table as they are.
+  EXPECT_LE(loading.most, loading.left + 32 * static_cast<long>(count) + 65536);
+
+  fromShelf.reset();
+  agent->putMany(1, count + 1, "two");
+  loop->runUntilQuiet();
+  EXPECT_LE(alloctest::bytesOf(readAll).most, loading.left);
+  EXPECT_EQ(contents(ports), contents(agent->ports));
+}
+
+#endif
 
 TEST_F(EngineTest, RestartedPublisherTellsOnlyTheDifferences) {
   agent->putMany(1, 100);
