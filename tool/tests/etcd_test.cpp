@@ -467,6 +467,38 @@ TEST_F(Bridges, WaitForTheirSources) {
   EXPECT_EQ(bridge.end(SIGTERM), 0);
 }
 
+TEST_F(Bridges, WaitForTheTablesOfTheirSources) {
+  Recording none;
+  none.publisher("portAgent");
+  auto agent = std::make_unique<Agent>(none, std::vector<std::string>{});
+  Background all({"bridge", "unix:agent.sock", "unix:all.sock"}, "all");
+  Background two({"bridge", "unix:agent.sock", "unix:two.sock", "net/link", "net/port"}, "two");
+  ASSERT_TRUE(says(all, "korvo: portAgent has no tables; it is waited for\n")) << all.err();
+  const std::string noLink = "korvo: no table net/link: portAgent has ";
+  ASSERT_TRUE(says(two, noLink + "none; it is waited for\n")) << two.err();
+
+  // Who named tables has none of them before all are there.
+  agent->process->end(SIGKILL);
+  Recording ports;
+  ports.publisher("portAgent").table(0, "net/port", portLayout).row(0, 7, "{}").mark(0);
+  agent = std::make_unique<Agent>(ports, std::vector<std::string>{});
+  ASSERT_TRUE(says(all, "is current: 1 table, 1 row\n")) << all.err();
+  ASSERT_TRUE(says(two, noLink + "net/port; it is waited for\n")) << two.err();
+  EXPECT_EQ(korvo("tables unix:two.sock").status, 69);
+
+  agent->process->end(SIGKILL);
+  agent =
+      std::make_unique<Agent>(portRecording(), std::vector<std::string>{"--as-fast-as-possible"});
+  ASSERT_TRUE(says(all, "is current: 2 tables, ")) << all.err();
+  ASSERT_TRUE(says(two, "is current: 2 tables, ")) << two.err();
+  ASSERT_TRUE(waitFor([&] { return korvo("get unix:two.sock net/link 5").status == 0; }));
+  EXPECT_EQ(all.end(SIGTERM), 0);
+  EXPECT_EQ(two.end(SIGINT), 0);
+  // Each was said once.
+  EXPECT_EQ(all.err().rfind("has no tables"), all.err().find("has no tables"));
+  EXPECT_EQ(two.err().rfind(noLink + "net/port;"), two.err().find(noLink + "net/port;"));
+}
+
 TEST_F(Bridges, LeaveOutTablesThatTheyDoNotUnderstand) {
   const Background publisher = publish({"--as-fast-as-possible"});
   ASSERT_TRUE(waitFor([&] { return korvo("get " + address + " net/link 5").err.empty(); }));
@@ -481,9 +513,12 @@ TEST_F(Bridges, LeaveOutTablesThatTheyDoNotUnderstand) {
   ASSERT_TRUE(says(bridge, "korvo: net/port is left out: its layout: ")) << bridge.err();
   ASSERT_TRUE(says(bridge, "is current: 1 table, ")) << bridge.err();
   EXPECT_EQ(korvo("get unix:copy.sock net/link 5").status, 0);
+  Background named({"bridge", address, "unix:named.sock", "net/link", "net/port"}, "named");
+  ASSERT_TRUE(says(named, "is current: 1 table, ")) << named.err();
   // As soon as it is understood, it comes along.
   layoutIs(layout);
   ASSERT_TRUE(says(bridge, "is current: 2 tables, ")) << bridge.err();
+  ASSERT_TRUE(says(named, "is current: 2 tables, ")) << named.err();
   ASSERT_TRUE(waitFor([&] { return korvo("get unix:copy.sock net/port").status == 0; }));
   EXPECT_EQ(bridge.end(SIGTERM), 0);
 }
@@ -492,8 +527,6 @@ TEST_F(Bridges, MistakesAreTold) {
   const Agent agent(portRecording(), {"--subscribers", "9"});
   expectAll("bridge unix:agent.sock unix:agent.sock", 64, "",
             "korvo: a bridge leads from one address to another one (see korvo bridge --help)\n");
-  expectAll("bridge unix:agent.sock " + address + " net/prt", 69, "",
-            "korvo: no table net/prt: portAgent has net/port, net/link\n");
   expectAll("bridge unix:agent.sock nowhere", 64, "",
             "korvo: Unknown address - (nowhere) (see korvo bridge --help)\n");
   EXPECT_EQ(korvo("bridge unix:agent.sock etcd://nowhere").status, 64);

@@ -59,29 +59,24 @@ void checkAddress(Work& work, const std::string& address) {
   }
 }
 
-PublisherAnswer askOnce(Work& work, const PublisherOptions& options) {
-  PublisherAnswer answer;
+PublisherInfo askPublisher(Work& work, const PublisherOptions& options) {
+  checkAddress(work, options.address);
+  std::optional<PublisherInfo> answer;
+  std::string failure = "interrupted";
   Korvo::TableBrowser browser(options.address, work.loop(),
                               {.patience = std::chrono::seconds(options.patience)});
   browser.onAnswer([&](const PublisherInfo& info) {
-    answer.info = info;
+    answer = info;
     work.done();
   });
   browser.onFailure([&](const std::string& text) {
-    answer.failure = options.address + ": " + printable(text);
+    failure = printable(text);
     work.done();
   });
   browser.ask();
-  if (!work.run()) return {};
-  return answer;
-}
-
-PublisherInfo askPublisher(Work& work, const PublisherOptions& options) {
-  checkAddress(work, options.address);
-  const PublisherAnswer answer = askOnce(work, options);
-  if (answer.info) return *answer.info;
-  throw Failure(statusUnavailable,
-                answer.failure.empty() ? options.address + ": interrupted" : answer.failure);
+  work.run();
+  if (!answer) throw Failure(statusUnavailable, options.address + ": " + failure);
+  return *answer;
 }
 
 std::vector<PublisherInfo::Table> tablesOf(const PublisherInfo& publisher,

@@ -58,15 +58,7 @@ class Alarm final : private Velto::Platform::TimeoutHandler {
 /// Throws Failure for an address that is none.
 void checkAddress(Work& work, const std::string& address);
 
-/// What a publisher has, or why that is not known; neither once a signal came.
-struct PublisherAnswer {
-  std::optional<Korvo::PublisherInfo> info;
-  std::string failure;
-};
-
-/// Asks the publisher what it has. The address was checked.
-PublisherAnswer askOnce(Work& work, const PublisherOptions& options);
-/// The same for those who need an answer, with the check. Throws Failure.
+/// What the publisher has. Throws Failure if the address is none, or it does not tell.
 Korvo::PublisherInfo askPublisher(Work& work, const PublisherOptions& options);
 
 /// Its tables of these names, or all of them. Throws Failure if it does not have one.
