@@ -510,6 +510,8 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
     for (std::size_t i = 0; i < receiver_.size(); ++i) {
       const AnyTable* const table = receiver_.table(i);
       if (table != nullptr && isListed(mark, table->name()) != isListed(mark_, table->name())) {
+        // From the position one would come to this state again.
+        source_->position_.reset();
         return end(source_->address_.publisher + " has other tables");
       }
     }

@@ -466,6 +466,30 @@ TEST(EtcdReturn, ARefusedTableIsTakenOnceTheSubscriberHasAnother) {
   EXPECT_EQ(contents(ports), contents(publisher.ports));
 }
 
+TEST(EtcdReturn, ATableThatThePublisherAddsLaterIsTaken) {
+  Cluster cluster(1);
+  cluster.waitUntilReady();
+  Table<Link> copyOfLinks("net/link");
+  Copy copy(cluster.address());
+  copy.subscriber.add(copyOfLinks);
+  Table<Link> links("net/link");
+  Publisher publisher(cluster.address());
+  publisher.put({port(1, "one")});
+  ASSERT_TRUE(
+      runUntil([&] { return copy.equals(publisher) && copyOfLinks.state() == TableState::refused; },
+               publisher, copy))
+      << copy.text() << copyOfLinks.stateText();
+  Batch batch(links);
+  batch.put(link(7, true));
+  batch.commit();
+  publisher.publisher.add(links);
+  ASSERT_TRUE(runUntil(
+      [&] { return copy.equals(publisher) && copyOfLinks.state() == TableState::current; },
+      publisher, copy))
+      << copy.text() << copyOfLinks.stateText();
+  EXPECT_EQ(copyOfLinks.size(), 1U);
+}
+
 TEST(EtcdReturn, TransactionsGetAsSmallAsTheServerWantsThem) {
   Cluster cluster(1, {"--max-request-bytes", "8000"});
   cluster.waitUntilReady();
