@@ -50,6 +50,12 @@ std::unique_ptr<TableQuestion> EtcdEngine::ask(const std::string& address,
       detail::EtcdAddress(address), detail::EtcdSettings::fromEnvironment(), scheduler, user);
 }
 
+void EtcdEngine::check(const std::string& address) const {
+  static_cast<void>(detail::EtcdAddress(address));
+  const auto settings = detail::EtcdSettings::fromEnvironment();
+  if (settings.wantsTls()) static_cast<void>(settings.texts());
+}
+
 EtcdEngine::Counters EtcdEngine::counters() const {
   return {counters_->transactions, counters_->rows, counters_->retried, counters_->recognised};
 }

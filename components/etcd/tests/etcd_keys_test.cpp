@@ -131,6 +131,8 @@ TEST_F(Settings, ComeFromAFileAndThenTheEnvironment) {
   EXPECT_EQ(all.password, "a = b");
   EXPECT_EQ(all.ca, "/ca.pem");
   EXPECT_TRUE(all.wantsTls());
+  read("user = agent\n");
+  Korvo::EtcdEngine().check("etcd://a:1/net/agent");
   setenv("KORVO_ETCD_USER", "other", 1);
   EXPECT_EQ(EtcdSettings::fromEnvironment().user, "other");
 }
@@ -147,7 +149,13 @@ TEST_F(Settings, OfAnotherFormAreRefusedWithoutTheirValue) {
   EXPECT_THROW(
       read("user = a\n", std::filesystem::perms::owner_read | std::filesystem::perms::others_read),
       Korvo::KoInvalidArgument);
+  // Who checks an address learns it, too, and that a file is not there.
+  const Korvo::EtcdEngine engine;
+  EXPECT_THROW(engine.check("etcd://a:1/net"), Korvo::KoInvalidArgument);
+  read("ca = /nowhere/at/all\n");
+  EXPECT_THROW(engine.check("etcd://a:1/net/agent"), Korvo::KoInvalidArgument);
   setenv("KORVO_ETCD_SETTINGS", "/nowhere/at/all", 1);
+  EXPECT_THROW(engine.check("etcd://a:1/net/agent"), Korvo::KoInvalidArgument);
   EXPECT_THROW(EtcdSettings::fromEnvironment(), Korvo::KoInvalidArgument);
 }
 

@@ -483,9 +483,9 @@ TEST(EtcdReturn, ATableThatThePublisherAddsLaterIsTaken) {
   batch.put(link(7, true));
   batch.commit();
   publisher.publisher.add(links);
-  ASSERT_TRUE(runUntil(
-      [&] { return copy.equals(publisher) && copyOfLinks.state() == TableState::current; },
-      publisher, copy))
+  ASSERT_TRUE(
+      runUntil([&] { return copy.equals(publisher) && copyOfLinks.state() == TableState::current; },
+               publisher, copy))
       << copy.text() << copyOfLinks.stateText();
   EXPECT_EQ(copyOfLinks.size(), 1U);
 }

@@ -282,8 +282,8 @@ int bridgeTables(const BridgeOptions& options) {
   makeKnown(options.address);
   makeKnown(options.target);
   Work work;
-  checkAddress(work, options.address);
-  checkAddress(work, options.target);
+  checkAddress(options.address);
+  checkAddress(options.target);
   Bridge bridge(work, options);
   try {
     work.run();

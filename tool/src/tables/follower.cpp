@@ -3,6 +3,8 @@
 #include "../failure.h"
 #include "../output.h"
 
+#include <Korvo/TableEngine.h>
+
 #include <algorithm>
 #include <csignal>
 #include <exception>
@@ -49,18 +51,16 @@ void Alarm::onTimeout() {
   work_.guard(told_);
 }
 
-/// A browser takes an engine's address as it is, and tells what is wrong with it as it tells of a
-/// publisher that is not there; a subscriber reads it.
-void checkAddress(Work& work, const std::string& address) {
+void checkAddress(const std::string& address) {
   try {
-    const Korvo::TableSubscriber subscriber(address, work.loop());
+    Korvo::TableEngine::checkAddress(address);
   } catch (const Korvo::KoInvalidArgument& e) {
     throw Failure(statusUsage, e.what());
   }
 }
 
 PublisherInfo askPublisher(Work& work, const PublisherOptions& options) {
-  checkAddress(work, options.address);
+  checkAddress(options.address);
   std::optional<PublisherInfo> answer;
   std::string failure = "interrupted";
   Korvo::TableBrowser browser(options.address, work.loop(),

@@ -56,7 +56,7 @@ class Alarm final : private Velto::Platform::TimeoutHandler {
 };
 
 /// Throws Failure for an address that is none.
-void checkAddress(Work& work, const std::string& address);
+void checkAddress(const std::string& address);
 
 /// What the publisher has. Throws Failure if the address is none, or it does not tell.
 Korvo::PublisherInfo askPublisher(Work& work, const PublisherOptions& options);
