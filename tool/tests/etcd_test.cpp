@@ -523,6 +523,57 @@ TEST_F(Bridges, LeaveOutTablesThatTheyDoNotUnderstand) {
   EXPECT_EQ(bridge.end(SIGTERM), 0);
 }
 
+TEST_F(Bridges, KeepWhatTheyLeaveOut) {
+  const Background publisher = publish({"--as-fast-as-possible"});
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + address + " net/link 5").err.empty(); }));
+  const std::string layout = valueOf("net/port/layout");
+  const std::string mark = valueOf("mark");
+  const std::string copy = server.address("copy");
+  const auto row = [&] {
+    return server.tool("get -w fields korvo/test/copy/net/port/row/000003e9 | grep ModRevision");
+  };
+  auto bridge =
+      std::make_unique<Background>(std::vector<std::string>{"bridge", address, copy}, "bridge");
+  ASSERT_TRUE(says(*bridge, "is current: 2 tables, ")) << bridge->err();
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + copy + " net/port").err.empty(); }));
+  const std::string written = row();
+  ASSERT_NE(written, "");
+
+  // Whether it was there when the bridge began, or came later.
+  const std::string kept = "korvo: no table net/port: copy has net/link\n";
+  const auto isKept = [&] { return korvo("get " + copy + " net/port").err == kept; };
+  put("net/port/layout", "row of ports");
+  put("mark", mark);
+  ASSERT_TRUE(says(*bridge, "korvo: net/port is left out: its layout: ")) << bridge->err();
+  ASSERT_TRUE(waitFor(isKept)) << bridge->err();
+  EXPECT_EQ(row(), written);
+  EXPECT_EQ(bridge->end(SIGTERM), 0);
+  bridge =
+      std::make_unique<Background>(std::vector<std::string>{"bridge", address, copy}, "bridge");
+  ASSERT_TRUE(says(*bridge, "is current: 1 table, ")) << bridge->err();
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + copy + " net/link 5").err.empty(); }));
+  EXPECT_TRUE(isKept());
+  EXPECT_EQ(row(), written);
+
+  put("net/port/layout", layout);
+  put("mark", mark);
+  ASSERT_TRUE(says(*bridge, "is current: 2 tables, ")) << bridge->err();
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + copy + " net/port").err.empty(); }));
+  EXPECT_EQ(row(), written);
+
+  // What the source has no more goes, also if it was left out before.
+  put("net/port/layout", "row of ports");
+  put("mark", mark);
+  ASSERT_TRUE(waitFor(isKept)) << bridge->err();
+  const std::size_t ports = mark.find('\n') + 1;
+  ASSERT_TRUE(mark.substr(0, mark.find('\n', ports)).ends_with(" net/port"));
+  put("mark", mark.substr(0, ports) + mark.substr(mark.find('\n', ports) + 1));
+  ASSERT_TRUE(waitFor([&] {
+    return server.tool("get --prefix --keys-only korvo/test/copy/net/port").empty();
+  })) << bridge->err();
+  EXPECT_EQ(bridge->end(SIGTERM), 0);
+}
+
 TEST_F(Bridges, MistakesAreTold) {
   const Agent agent(portRecording(), {"--subscribers", "9"});
   expectAll("bridge unix:agent.sock unix:agent.sock", 64, "",

@@ -86,6 +86,7 @@ void EtcdQuestion::stateIs(const EtcdMark& mark, std::int64_t revision) {
   info_.isComplete = owner_ != 0 && revision > owner_;
   info_.store = {ownerText_, static_cast<std::uint64_t>(revision)};
   for (const EtcdMark::Table& table : mark.tables) {
+    if (table.isKept) continue;
     PublisherInfo::Table& told = info_.tables.emplace_back();
     told.name = table.name;
     told.rows = table.rows;

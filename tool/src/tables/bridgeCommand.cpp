@@ -122,7 +122,9 @@ class Bridge final : public Follower::User {
  private:
   void publishAnew() {
     publisher_.reset();
-    publisher_ = std::make_unique<Korvo::TablePublisher>(name_, work_.loop());
+    Korvo::PublisherOptions options;
+    for (const auto& table : follower_->leftOut()) options.keptTables.push_back(table.name);
+    publisher_ = std::make_unique<Korvo::TablePublisher>(name_, work_.loop(), options);
     publisher_->completeIs(false);
     for (const auto& table : tables_) publisher_->add(*table);
     publisher_->listen(options_.target);
