@@ -269,6 +269,42 @@ TEST_F(Etcd, StatesBetweenAreNotShown) {
   EXPECT_EQ(korvo("get " + address + " net/link 5").status, 0);
 }
 
+TEST_F(Etcd, StatesAreToldHoweverMuchOthersWriteAndForget) {
+  publishAllAndGo();
+  const std::string cut = revisionOf("mark");
+  server.tool("put others/key value");
+  server.compact();
+  const Outcome listed = korvo("tables --timeout 5 " + address);
+  EXPECT_NE(listed.out.find(": 2 tables, batch 1, revision " + cut + "\n"), std::string::npos)
+      << listed.out << listed.err;
+  EXPECT_EQ(korvo("get --json " + address + " net/port").out, rowsAtLast);
+  server.tool("del others/key");
+}
+
+TEST_F(Etcd, LayoutsThatOthersWriteAreToldAndGoneOnFrom) {
+  const Background publisher = publish({"--as-fast-as-possible"});
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + address + " net/link 5").err.empty(); }));
+  const std::string layout = valueOf("net/port/layout");
+  Background watch({"watch", "--changes", address, "net/port"}, "watch");
+  Background bridge({"bridge", address, "unix:copy.sock"}, "bridge");
+  ASSERT_TRUE(waitFor([&] { return korvo("get unix:copy.sock net/port").status == 0; }));
+  ASSERT_TRUE(waitFor([&] { return korvo("tables --timeout 1 " + address).status == 0; }));
+  put("net/port/layout", "row of ports");
+  ASSERT_TRUE(waitFor([&] {
+    return bridge.err().find("left out: its layout: ") != std::string::npos;
+  })) << bridge.err();
+  const std::string told = "expected a row type from 0 to 65535\n";
+  ASSERT_TRUE(waitFor([&] {
+    return watch.err().find("the layout of net/port: ") != std::string::npos &&
+           watch.err().ends_with(told);
+  })) << watch.err();
+  EXPECT_EQ(watch.wait(), 65);
+  put("net/port/layout", layout);
+  ASSERT_TRUE(waitFor([&] { return bridge.err().ends_with("is current: 2 tables, 2 rows\n"); }))
+      << bridge.err();
+  EXPECT_EQ(bridge.end(SIGTERM), 0);
+}
+
 TEST_F(Etcd, UsersAreAskedForTheirPasswords) {
   publishAllAndGo();
   server.tool("user add root:top");
@@ -503,12 +539,7 @@ TEST_F(Bridges, LeaveOutTablesThatTheyDoNotUnderstand) {
   const Background publisher = publish({"--as-fast-as-possible"});
   ASSERT_TRUE(waitFor([&] { return korvo("get " + address + " net/link 5").err.empty(); }));
   const std::string layout = valueOf("net/port/layout");
-  const std::string mark = valueOf("mark");
-  const auto layoutIs = [&](const std::string& text) {
-    put("net/port/layout", text);
-    put("mark", mark);  // layouts are read as of a state
-  };
-  layoutIs("row of ports");
+  put("net/port/layout", "row of ports");
   Background bridge({"bridge", address, "unix:copy.sock"}, "bridge");
   ASSERT_TRUE(says(bridge, "korvo: net/port is left out: its layout: ")) << bridge.err();
   ASSERT_TRUE(says(bridge, "is current: 1 table, ")) << bridge.err();
@@ -516,7 +547,7 @@ TEST_F(Bridges, LeaveOutTablesThatTheyDoNotUnderstand) {
   Background named({"bridge", address, "unix:named.sock", "net/link", "net/port"}, "named");
   ASSERT_TRUE(says(named, "is current: 1 table, ")) << named.err();
   // As soon as it is understood, it comes along.
-  layoutIs(layout);
+  put("net/port/layout", layout);
   ASSERT_TRUE(says(bridge, "is current: 2 tables, ")) << bridge.err();
   ASSERT_TRUE(says(named, "is current: 2 tables, ")) << named.err();
   ASSERT_TRUE(waitFor([&] { return korvo("get unix:copy.sock net/port").status == 0; }));
