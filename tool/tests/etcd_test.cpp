@@ -323,6 +323,21 @@ TEST_F(Etcd, UsersAreAskedForTheirPasswords) {
     const Outcome wrong = korvo("tables " + address);
     EXPECT_EQ(wrong.status, 69);
     EXPECT_NE(wrong.err.find("authentication failed"), std::string::npos) << wrong.err;
+    // Who waits says for what.
+    Background bridge({"bridge", address, "unix:copy.sock"}, "bridge");
+    Background replay({"replay", "ports.rec", address, "--as-fast-as-possible"}, "replay");
+    const std::string fault = server.member(0) + ": etcdserver: authentication failed, ";
+    ASSERT_TRUE(waitFor([&] { return bridge.err().ends_with("; it is waited for\n"); }));
+    EXPECT_TRUE(bridge.err().starts_with("korvo: " + address + ": " + fault)) << bridge.err();
+    ASSERT_TRUE(waitFor([&] { return replay.err().find(fault) != std::string::npos; }));
+    EXPECT_EQ(bridge.end(SIGINT), 0);
+    EXPECT_EQ(replay.end(SIGTERM), 0);
+  }
+  {
+    const Variable ca("KORVO_ETCD_CA", "ports.rec");
+    expectAll("tables " + address, 64, "",
+              "korvo: No certificate or key, as PEM, is in it - (ports.rec) (see korvo tables "
+              "--help)\n");
   }
   expectAll("tables etcd://root:top@" + server.member(0) + "/test/agent", 64, "",
             "korvo: A user does not belong into an address: KORVO_ETCD_SETTINGS names a file for "

@@ -105,7 +105,13 @@ EtcdAddress::EtcdAddress(const std::string& text) {
 }
 
 EtcdSettings::Texts EtcdSettings::texts() const {
-  const auto textOf = [](const std::string& path) { return path.empty() ? "" : fileContent(path); };
+  const auto textOf = [](const std::string& path) {
+    std::string text = path.empty() ? "" : fileContent(path);
+    if (!path.empty() && text.find("-----BEGIN ") == std::string::npos) {
+      throw KoInvalidArgument("No certificate or key, as PEM, is in it - (" + path + ")");
+    }
+    return text;
+  };
   return {textOf(ca), textOf(certificate), textOf(key)};
 }
 

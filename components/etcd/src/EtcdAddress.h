@@ -39,7 +39,7 @@ struct EtcdSettings {
     std::string certificate;
     std::string key;
   };
-  /// Throws KoInvalidArgument if one cannot be read.
+  /// Throws KoInvalidArgument if one cannot be read, or is another kind of file.
   Texts texts() const;
 
   /// From the file that KORVO_ETCD_SETTINGS names, with lines such as "user = agent", and then from

@@ -190,15 +190,10 @@ class Bridge final : public Follower::User {
     }
   }
 
-  /// A cluster tells why nothing is written there; who comes and goes at a socket is no fault.
   void lookAtTarget() {
     look_.after(lookPause);
-    std::string problem;
-    if (!options_.target.starts_with("unix:")) {
-      for (const auto& subscriber : publisher_->subscribers()) problem = subscriber.lastReason;
-    }
-    if (problem == problem_) return;
-    problem_ = problem;
+    const std::string problem = problemAt(options_.target, *publisher_);
+    if (std::exchange(problem_, problem) == problem) return;
     if (options_.json) {
       Json json = Json::object();
       json.add("problem", problem);

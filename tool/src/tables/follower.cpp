@@ -59,6 +59,13 @@ void checkAddress(const std::string& address) {
   }
 }
 
+std::string problemAt(const std::string& address, const Korvo::TablePublisher& publisher) {
+  std::string problem;
+  if (address.starts_with("unix:")) return problem;
+  for (const auto& subscriber : publisher.subscribers()) problem = subscriber.lastReason;
+  return problem;
+}
+
 PublisherInfo askPublisher(Work& work, const PublisherOptions& options) {
   checkAddress(options.address);
   std::optional<PublisherInfo> answer;

@@ -8,6 +8,7 @@
 #include <Korvo/EventLoop.h>
 #include <Korvo/LearnedTable.h>
 #include <Korvo/TableBrowser.h>
+#include <Korvo/TablePublisher.h>
 #include <Korvo/TableSubscriber.h>
 
 #include <chrono>
@@ -57,6 +58,10 @@ class Alarm final : private Velto::Platform::TimeoutHandler {
 
 /// Throws Failure for an address that is none.
 void checkAddress(const std::string& address);
+
+/// Why nothing is written on the cluster at that address; empty: it is, or it is a socket, where
+/// who comes and goes is no fault.
+std::string problemAt(const std::string& address, const Korvo::TablePublisher& publisher);
 
 /// What the publisher has. Throws Failure if the address is none, or it does not tell.
 Korvo::PublisherInfo askPublisher(Work& work, const PublisherOptions& options);
