@@ -36,11 +36,11 @@ std::shared_ptr<TableSource> EtcdEngine::source(const std::string& address,
 
 std::unique_ptr<TableOutlet> EtcdEngine::outlet(const std::string& address,
                                                 const KoPtr<Scheduler>& scheduler,
-                                                const PublisherOptions& publisher,
+                                                const PublisherOptions& options,
                                                 TableSender& sender, TableOutlet::User& user) {
   return std::make_unique<detail::EtcdOutlet>(
       detail::EtcdAddress(address), detail::EtcdSettings::fromEnvironment(), scheduler, options_,
-      publisher.keptTables, sender, user, counters_);
+      options.keptTables, sender, user, counters_);
 }
 
 std::unique_ptr<TableQuestion> EtcdEngine::ask(const std::string& address,
