@@ -269,6 +269,42 @@ TEST_F(Etcd, StatesBetweenAreNotShown) {
   EXPECT_EQ(korvo("get " + address + " net/link 5").status, 0);
 }
 
+TEST_F(Etcd, StatesAreToldHoweverMuchOthersWriteAndForget) {
+  publishAllAndGo();
+  const std::string cut = revisionOf("mark");
+  server.tool("put others/key value");
+  server.compact();
+  const Outcome listed = korvo("tables --timeout 5 " + address);
+  EXPECT_NE(listed.out.find(": 2 tables, batch 1, revision " + cut + "\n"), std::string::npos)
+      << listed.out << listed.err;
+  EXPECT_EQ(korvo("get --json " + address + " net/port").out, rowsAtLast);
+  server.tool("del others/key");
+}
+
+TEST_F(Etcd, LayoutsThatOthersWriteAreToldAndGoneOnFrom) {
+  const Background publisher = publish({"--as-fast-as-possible"});
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + address + " net/link 5").err.empty(); }));
+  const std::string layout = valueOf("net/port/layout");
+  Background watch({"watch", "--changes", address, "net/port"}, "watch");
+  Background bridge({"bridge", address, "unix:copy.sock"}, "bridge");
+  ASSERT_TRUE(waitFor([&] { return korvo("get unix:copy.sock net/port").status == 0; }));
+  ASSERT_TRUE(waitFor([&] { return korvo("tables --timeout 1 " + address).status == 0; }));
+  put("net/port/layout", "row of ports");
+  ASSERT_TRUE(waitFor([&] {
+    return bridge.err().find("left out: its layout: ") != std::string::npos;
+  })) << bridge.err();
+  const std::string told = "expected a row type from 0 to 65535\n";
+  ASSERT_TRUE(waitFor([&] {
+    return watch.err().find("the layout of net/port: ") != std::string::npos &&
+           watch.err().ends_with(told);
+  })) << watch.err();
+  EXPECT_EQ(watch.wait(), 65);
+  put("net/port/layout", layout);
+  ASSERT_TRUE(waitFor([&] { return bridge.err().ends_with("is current: 2 tables, 2 rows\n"); }))
+      << bridge.err();
+  EXPECT_EQ(bridge.end(SIGTERM), 0);
+}
+
 TEST_F(Etcd, UsersAreAskedForTheirPasswords) {
   publishAllAndGo();
   server.tool("user add root:top");
@@ -287,6 +323,21 @@ TEST_F(Etcd, UsersAreAskedForTheirPasswords) {
     const Outcome wrong = korvo("tables " + address);
     EXPECT_EQ(wrong.status, 69);
     EXPECT_NE(wrong.err.find("authentication failed"), std::string::npos) << wrong.err;
+    // Who waits says for what.
+    Background bridge({"bridge", address, "unix:copy.sock"}, "bridge");
+    Background replay({"replay", "ports.rec", address, "--as-fast-as-possible"}, "replay");
+    const std::string fault = server.member(0) + ": etcdserver: authentication failed, ";
+    ASSERT_TRUE(waitFor([&] { return bridge.err().ends_with("; it is waited for\n"); }));
+    EXPECT_TRUE(bridge.err().starts_with("korvo: " + address + ": " + fault)) << bridge.err();
+    ASSERT_TRUE(waitFor([&] { return replay.err().find(fault) != std::string::npos; }));
+    EXPECT_EQ(bridge.end(SIGINT), 0);
+    EXPECT_EQ(replay.end(SIGTERM), 0);
+  }
+  {
+    const Variable ca("KORVO_ETCD_CA", "ports.rec");
+    expectAll("tables " + address, 64, "",
+              "korvo: No certificate or key, as PEM, is in it - (ports.rec) (see korvo tables "
+              "--help)\n");
   }
   expectAll("tables etcd://root:top@" + server.member(0) + "/test/agent", 64, "",
             "korvo: A user does not belong into an address: KORVO_ETCD_SETTINGS names a file for "
@@ -467,33 +518,112 @@ TEST_F(Bridges, WaitForTheirSources) {
   EXPECT_EQ(bridge.end(SIGTERM), 0);
 }
 
+TEST_F(Bridges, WaitForTheTablesOfTheirSources) {
+  Recording none;
+  none.publisher("portAgent");
+  auto agent = std::make_unique<Agent>(none, std::vector<std::string>{});
+  Background all({"bridge", "unix:agent.sock", "unix:all.sock"}, "all");
+  Background two({"bridge", "unix:agent.sock", "unix:two.sock", "net/link", "net/port"}, "two");
+  ASSERT_TRUE(says(all, "korvo: portAgent has no tables; it is waited for\n")) << all.err();
+  const std::string noLink = "korvo: no table net/link: portAgent has ";
+  ASSERT_TRUE(says(two, noLink + "none; it is waited for\n")) << two.err();
+
+  // Who named tables has none of them before all are there.
+  agent->process->end(SIGKILL);
+  Recording ports;
+  ports.publisher("portAgent").table(0, "net/port", portLayout).row(0, 7, "{}").mark(0);
+  agent = std::make_unique<Agent>(ports, std::vector<std::string>{});
+  ASSERT_TRUE(says(all, "is current: 1 table, 1 row\n")) << all.err();
+  ASSERT_TRUE(says(two, noLink + "net/port; it is waited for\n")) << two.err();
+  EXPECT_EQ(korvo("tables unix:two.sock").status, 69);
+
+  agent->process->end(SIGKILL);
+  agent =
+      std::make_unique<Agent>(portRecording(), std::vector<std::string>{"--as-fast-as-possible"});
+  ASSERT_TRUE(says(all, "is current: 2 tables, ")) << all.err();
+  ASSERT_TRUE(says(two, "is current: 2 tables, ")) << two.err();
+  ASSERT_TRUE(waitFor([&] { return korvo("get unix:two.sock net/link 5").status == 0; }));
+  EXPECT_EQ(all.end(SIGTERM), 0);
+  EXPECT_EQ(two.end(SIGINT), 0);
+  // Each was said once.
+  EXPECT_EQ(all.err().rfind("has no tables"), all.err().find("has no tables"));
+  EXPECT_EQ(two.err().rfind(noLink + "net/port;"), two.err().find(noLink + "net/port;"));
+}
+
 TEST_F(Bridges, LeaveOutTablesThatTheyDoNotUnderstand) {
   const Background publisher = publish({"--as-fast-as-possible"});
   ASSERT_TRUE(waitFor([&] { return korvo("get " + address + " net/link 5").err.empty(); }));
   const std::string layout = valueOf("net/port/layout");
-  const std::string mark = valueOf("mark");
-  const auto layoutIs = [&](const std::string& text) {
-    put("net/port/layout", text);
-    put("mark", mark);  // layouts are read as of a state
-  };
-  layoutIs("row of ports");
+  put("net/port/layout", "row of ports");
   Background bridge({"bridge", address, "unix:copy.sock"}, "bridge");
   ASSERT_TRUE(says(bridge, "korvo: net/port is left out: its layout: ")) << bridge.err();
   ASSERT_TRUE(says(bridge, "is current: 1 table, ")) << bridge.err();
   EXPECT_EQ(korvo("get unix:copy.sock net/link 5").status, 0);
+  Background named({"bridge", address, "unix:named.sock", "net/link", "net/port"}, "named");
+  ASSERT_TRUE(says(named, "is current: 1 table, ")) << named.err();
   // As soon as it is understood, it comes along.
-  layoutIs(layout);
+  put("net/port/layout", layout);
   ASSERT_TRUE(says(bridge, "is current: 2 tables, ")) << bridge.err();
+  ASSERT_TRUE(says(named, "is current: 2 tables, ")) << named.err();
   ASSERT_TRUE(waitFor([&] { return korvo("get unix:copy.sock net/port").status == 0; }));
   EXPECT_EQ(bridge.end(SIGTERM), 0);
+}
+
+TEST_F(Bridges, KeepWhatTheyLeaveOut) {
+  const Background publisher = publish({"--as-fast-as-possible"});
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + address + " net/link 5").err.empty(); }));
+  const std::string layout = valueOf("net/port/layout");
+  const std::string mark = valueOf("mark");
+  const std::string copy = server.address("copy");
+  const auto row = [&] {
+    return server.tool("get -w fields korvo/test/copy/net/port/row/000003e9 | grep ModRevision");
+  };
+  auto bridge =
+      std::make_unique<Background>(std::vector<std::string>{"bridge", address, copy}, "bridge");
+  ASSERT_TRUE(says(*bridge, "is current: 2 tables, ")) << bridge->err();
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + copy + " net/port").err.empty(); }));
+  const std::string written = row();
+  ASSERT_NE(written, "");
+
+  // Whether it was there when the bridge began, or came later.
+  const std::string kept = "korvo: no table net/port: copy has net/link\n";
+  const auto isKept = [&] { return korvo("get " + copy + " net/port").err == kept; };
+  put("net/port/layout", "row of ports");
+  put("mark", mark);
+  ASSERT_TRUE(says(*bridge, "korvo: net/port is left out: its layout: ")) << bridge->err();
+  ASSERT_TRUE(waitFor(isKept)) << bridge->err();
+  EXPECT_EQ(row(), written);
+  EXPECT_EQ(bridge->end(SIGTERM), 0);
+  bridge =
+      std::make_unique<Background>(std::vector<std::string>{"bridge", address, copy}, "bridge");
+  ASSERT_TRUE(says(*bridge, "is current: 1 table, ")) << bridge->err();
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + copy + " net/link 5").err.empty(); }));
+  EXPECT_TRUE(isKept());
+  EXPECT_EQ(row(), written);
+
+  put("net/port/layout", layout);
+  put("mark", mark);
+  ASSERT_TRUE(says(*bridge, "is current: 2 tables, ")) << bridge->err();
+  ASSERT_TRUE(waitFor([&] { return korvo("get " + copy + " net/port").err.empty(); }));
+  EXPECT_EQ(row(), written);
+
+  // What the source has no more goes, also if it was left out before.
+  put("net/port/layout", "row of ports");
+  put("mark", mark);
+  ASSERT_TRUE(waitFor(isKept)) << bridge->err();
+  const std::size_t ports = mark.find('\n') + 1;
+  ASSERT_TRUE(mark.substr(0, mark.find('\n', ports)).ends_with(" net/port"));
+  put("mark", mark.substr(0, ports) + mark.substr(mark.find('\n', ports) + 1));
+  ASSERT_TRUE(waitFor([&] {
+    return server.tool("get --prefix --keys-only korvo/test/copy/net/port").empty();
+  })) << bridge->err();
+  EXPECT_EQ(bridge->end(SIGTERM), 0);
 }
 
 TEST_F(Bridges, MistakesAreTold) {
   const Agent agent(portRecording(), {"--subscribers", "9"});
   expectAll("bridge unix:agent.sock unix:agent.sock", 64, "",
             "korvo: a bridge leads from one address to another one (see korvo bridge --help)\n");
-  expectAll("bridge unix:agent.sock " + address + " net/prt", 69, "",
-            "korvo: no table net/prt: portAgent has net/port, net/link\n");
   expectAll("bridge unix:agent.sock nowhere", 64, "",
             "korvo: Unknown address - (nowhere) (see korvo bridge --help)\n");
   EXPECT_EQ(korvo("bridge unix:agent.sock etcd://nowhere").status, 64);

@@ -59,6 +59,15 @@ constexpr std::array settings = {
     Setting{"key", "KORVO_ETCD_KEY", &EtcdSettings::key},
 };
 
+/// Throws KoInvalidArgument if it cannot be read.
+std::string fileContent(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream content;
+  if (file) content << file.rdbuf();
+  if (!file || !content) throw KoInvalidArgument("Cannot be read - (" + path + ")");
+  return content.str();
+}
+
 /// Throws without the line's value, which may be a password.
 void readLine(EtcdSettings& all, const std::string& path, const std::string& line) {
   if (line.empty() || line.front() == '#') return;
@@ -95,12 +104,15 @@ EtcdAddress::EtcdAddress(const std::string& text) {
   if (!isName(publisher)) refuse("Not a name of a publisher: " + publisher);
 }
 
-std::string fileContent(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream content;
-  if (file) content << file.rdbuf();
-  if (!file || !content) throw KoInvalidArgument("Cannot be read - (" + path + ")");
-  return content.str();
+EtcdSettings::Texts EtcdSettings::texts() const {
+  const auto textOf = [](const std::string& path) {
+    std::string text = path.empty() ? "" : fileContent(path);
+    if (!path.empty() && text.find("-----BEGIN ") == std::string::npos) {
+      throw KoInvalidArgument("No certificate or key, as PEM, is in it - (" + path + ")");
+    }
+    return text;
+  };
+  return {textOf(ca), textOf(certificate), textOf(key)};
 }
 
 EtcdSettings EtcdSettings::fromEnvironment() {

@@ -33,13 +33,19 @@ struct EtcdSettings {
 
   bool wantsTls() const { return !ca.empty() || !certificate.empty(); }
 
+  /// What stands in its files; empty where none is named.
+  struct Texts {
+    std::string ca;
+    std::string certificate;
+    std::string key;
+  };
+  /// Throws KoInvalidArgument if one cannot be read, or is another kind of file.
+  Texts texts() const;
+
   /// From the file that KORVO_ETCD_SETTINGS names, with lines such as "user = agent", and then from
   /// KORVO_ETCD_USER, _PASSWORD, _CA, _CERTIFICATE and _KEY. Throws KoInvalidArgument for a line of
   /// another form, and for a file that cannot be read or that everybody may read.
   static EtcdSettings fromEnvironment();
 };
-
-/// The file's content. Throws KoInvalidArgument if it cannot be read.
-std::string fileContent(const std::string& path);
 
 }  // namespace Korvo::detail

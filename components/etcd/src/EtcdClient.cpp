@@ -100,9 +100,10 @@ grpc::ChannelArguments channelArguments() {
 std::shared_ptr<grpc::ChannelCredentials> credentials(const EtcdSettings& settings) {
   if (!settings.wantsTls()) return grpc::InsecureChannelCredentials();
   grpc::SslCredentialsOptions options;
-  if (!settings.ca.empty()) options.pem_root_certs = fileContent(settings.ca);
-  if (!settings.certificate.empty()) options.pem_cert_chain = fileContent(settings.certificate);
-  if (!settings.key.empty()) options.pem_private_key = fileContent(settings.key);
+  const EtcdSettings::Texts texts = settings.texts();
+  options.pem_root_certs = texts.ca;
+  options.pem_cert_chain = texts.certificate;
+  options.pem_private_key = texts.key;
   return grpc::SslCredentials(options);
 }
 

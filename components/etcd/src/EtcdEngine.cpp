@@ -36,11 +36,11 @@ std::shared_ptr<TableSource> EtcdEngine::source(const std::string& address,
 
 std::unique_ptr<TableOutlet> EtcdEngine::outlet(const std::string& address,
                                                 const KoPtr<Scheduler>& scheduler,
-                                                const PublisherOptions&, TableSender& sender,
-                                                TableOutlet::User& user) {
-  return std::make_unique<detail::EtcdOutlet>(detail::EtcdAddress(address),
-                                              detail::EtcdSettings::fromEnvironment(), scheduler,
-                                              options_, sender, user, counters_);
+                                                const PublisherOptions& options,
+                                                TableSender& sender, TableOutlet::User& user) {
+  return std::make_unique<detail::EtcdOutlet>(
+      detail::EtcdAddress(address), detail::EtcdSettings::fromEnvironment(), scheduler, options_,
+      options.keptTables, sender, user, counters_);
 }
 
 std::unique_ptr<TableQuestion> EtcdEngine::ask(const std::string& address,
@@ -48,6 +48,12 @@ std::unique_ptr<TableQuestion> EtcdEngine::ask(const std::string& address,
                                                TableQuestion::User& user) {
   return std::make_unique<detail::EtcdQuestion>(
       detail::EtcdAddress(address), detail::EtcdSettings::fromEnvironment(), scheduler, user);
+}
+
+void EtcdEngine::check(const std::string& address) const {
+  static_cast<void>(detail::EtcdAddress(address));
+  const auto settings = detail::EtcdSettings::fromEnvironment();
+  if (settings.wantsTls()) static_cast<void>(settings.texts());
 }
 
 EtcdEngine::Counters EtcdEngine::counters() const {

@@ -1,5 +1,6 @@
 #include "EtcdKeys.h"
 
+#include <algorithm>
 #include <charconv>
 #include <sstream>
 
@@ -32,12 +33,28 @@ std::optional<oid_t> oidOf(std::string_view digits) {
   return oid;
 }
 
+const EtcdMark::Table* EtcdMark::find(std::string_view table) const {
+  const auto found = std::ranges::find(tables, table, &Table::name);
+  return found == tables.end() || found->isKept ? nullptr : &*found;
+}
+
+std::string EtcdMark::absence(const std::string& publisher, const std::string& table) const {
+  const bool isKept = std::ranges::find(tables, table, &Table::name) != tables.end();
+  return publisher + (isKept ? " keeps what is there of table " : " has no table ") + table +
+         (isKept ? ", and does not tell it for now" : "");
+}
+
 std::string EtcdMark::encode() const {
   std::ostringstream out;
   out << magic << ' ' << version << " history " << hex(history, 16) << " sequence " << sequence
       << " part " << part << " cut " << cut << " batches " << batches << '\n';
   for (const Table& table : tables) {
-    out << table.rows << ' ' << hex(table.digest, 16) << ' ' << table.name << '\n';
+    if (table.isKept) {
+      out << "kept";
+    } else {
+      out << table.rows << ' ' << hex(table.digest, 16);
+    }
+    out << ' ' << table.name << '\n';
   }
   return out.str();
 }
@@ -62,7 +79,12 @@ std::optional<EtcdMark> EtcdMark::decode(const std::string& text) {
   if (!in || in.get() != '\n' || mark.history == 0) return std::nullopt;
   while (in.peek() != std::istringstream::traits_type::eof()) {
     Table table;
-    in >> table.rows >> std::hex >> table.digest >> std::dec;
+    table.isKept = in.peek() == 'k';
+    if (table.isKept) {
+      named("kept");
+    } else {
+      in >> table.rows >> std::hex >> table.digest >> std::dec;
+    }
     if (in.get() != ' ' || !std::getline(in, table.name) || in.eof()) return std::nullopt;
     mark.tables.push_back(std::move(table));
   }

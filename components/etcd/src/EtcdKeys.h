@@ -28,6 +28,7 @@ struct EtcdMark {
     std::string name;
     std::uint64_t rows = 0;
     std::uint64_t digest = 0;
+    bool isKept = false;  ///< an earlier publisher left it; it is no part of the state
   };
   std::uint64_t history = 0;   ///< chosen by chance when it begins; kept by later publishers
   std::uint64_t sequence = 0;  ///< of the state, or of the one that parts lead to
@@ -35,6 +36,11 @@ struct EtcdMark {
   std::int64_t cut = 0;        ///< of parts: the revision of the last state; 0: there is none
   std::uint64_t batches = 0;   ///< of the publishers, since the history began
   std::vector<Table> tables;   ///< of parts: all that may have rows, without their numbers
+
+  /// The table, if it is part of the state; else null.
+  const Table* find(std::string_view table) const;
+  /// Why there is none.
+  std::string absence(const std::string& publisher, const std::string& table) const;
 
   /// As text, for people who look into the cluster.
   std::string encode() const;

@@ -59,10 +59,12 @@ void addRange(google::protobuf::RepeatedPtrField<etcd::RequestOp>& operations,
 
 EtcdOutlet::EtcdOutlet(const EtcdAddress& address, const EtcdSettings& settings,
                        const KoPtr<Scheduler>& scheduler, const EtcdOptions& options,
-                       TableSender& sender, User& user, std::shared_ptr<EtcdCounters> counters)
+                       std::vector<std::string> keptTables, TableSender& sender, User& user,
+                       std::shared_ptr<EtcdCounters> counters)
     : address_(address),
       keys_(address.prefix()),
       options_(options),
+      keptTables_(std::move(keptTables)),
       sender_(sender),
       user_(user),
       counters_(std::move(counters)),
@@ -324,12 +326,8 @@ void EtcdOutlet::haveRead() {
   isKnown_ = true;
   isCompared_ = false;
   isMarkDue_ = true;
-  const auto isPublished = [this](const std::string& name) {
-    return std::ranges::any_of(
-        tables_, [&](const auto& table) { return !table.isGone && table.name == name; });
-  };
   for (const EtcdMark::Table& table : mark_.tables) {
-    if (isPublished(table.name)) continue;
+    if (isPublished(table.name) || isKept(table.name)) continue;
     const std::string rows = keys_.rows(table.name);
     etcd::RequestOp removal;
     removal.mutable_request_delete_range()->set_key(rows);
@@ -450,11 +448,23 @@ bool EtcdOutlet::isStarved() const {
   return roundAge_ >= roundLimit;
 }
 
+bool EtcdOutlet::isPublished(const std::string& table) const {
+  return std::ranges::any_of(tables_,
+                             [&](const auto& own) { return !own.isGone && own.name == table; });
+}
+
+bool EtcdOutlet::isKept(const std::string& table) const {
+  return std::ranges::find(keptTables_, table) != keptTables_.end() && !isPublished(table);
+}
+
 std::vector<EtcdMark::Table> EtcdOutlet::markTables(const TableMark* state) const {
   std::vector<EtcdMark::Table> all;
   if (state != nullptr) {
     for (const TableMark::Table& table : state->tables) {
       all.push_back({tables_[table.number].name, table.rows, table.digest});
+    }
+    for (const EtcdMark::Table& table : mark_.tables) {
+      if (isKept(table.name)) all.push_back({table.name, 0, 0, true});
     }
     return all;
   }

@@ -31,8 +31,9 @@ struct EtcdCounters {
 class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHandler {
  public:
   EtcdOutlet(const EtcdAddress& address, const EtcdSettings& settings,
-             const KoPtr<Scheduler>& scheduler, const EtcdOptions& options, TableSender& sender,
-             User& user, std::shared_ptr<EtcdCounters> counters);
+             const KoPtr<Scheduler>& scheduler, const EtcdOptions& options,
+             std::vector<std::string> keptTables, TableSender& sender, User& user,
+             std::shared_ptr<EtcdCounters> counters);
   EtcdOutlet(const EtcdOutlet&) = delete;
   EtcdOutlet& operator=(const EtcdOutlet&) = delete;
   /// Lets go of the name, if a server answers soon.
@@ -106,11 +107,14 @@ class EtcdOutlet final : public TableOutlet, private Velto::Platform::TimeoutHan
   void refused(const etcd::TxnResponse& response);
   void takeBack();
   void adoptMark(std::int64_t revision);
+  bool isPublished(const std::string& table) const;
+  bool isKept(const std::string& table) const;
   std::vector<EtcdMark::Table> markTables(const TableMark* state) const;
 
   const EtcdAddress address_;
   const EtcdKeys keys_;
   const EtcdOptions options_;
+  const std::vector<std::string> keptTables_;
   TableSender& sender_;
   User& user_;
   const std::shared_ptr<EtcdCounters> counters_;

@@ -58,7 +58,10 @@ void EtcdQuestion::looked(const etcd::TxnResponse& response) {
   }
   const std::optional<EtcdMark> mark = EtcdMark::decode(marks[0].value());
   if (!mark) return fail("the mark of " + address_.publisher + " has another form");
-  if (mark->part == 0) return stateIs(*mark, marks[0].mod_revision());
+  if (mark->part == 0) {
+    // Of the mark's own revision the layouts may be compacted long since.
+    return stateIs(*mark, marks[0].mod_revision(), response.header().revision());
+  }
   // A batch is under way: what readers are shown is the state before.
   if (mark->cut == 0) return fail(ownerText_ + " has not written all its rows yet");
   readState(mark->cut);
@@ -74,18 +77,19 @@ void EtcdQuestion::readState(std::int64_t revision) {
     std::optional<EtcdMark> mark;
     if (response.kvs_size() == 1) mark = EtcdMark::decode(response.kvs(0).value());
     if (!mark || mark->part != 0) return fail("the last state has no mark");
-    stateIs(*mark, revision);
+    stateIs(*mark, revision, revision);
   });
 }
 
-void EtcdQuestion::stateIs(const EtcdMark& mark, std::int64_t revision) {
-  revision_ = revision;
+void EtcdQuestion::stateIs(const EtcdMark& mark, std::int64_t revision, std::int64_t readAt) {
+  revision_ = readAt;
   next_ = 0;
   info_.epoch = mark.history;
   info_.sequence = mark.sequence;
   info_.isComplete = owner_ != 0 && revision > owner_;
   info_.store = {ownerText_, static_cast<std::uint64_t>(revision)};
   for (const EtcdMark::Table& table : mark.tables) {
+    if (table.isKept) continue;
     PublisherInfo::Table& told = info_.tables.emplace_back();
     told.name = table.name;
     told.rows = table.rows;

@@ -24,7 +24,7 @@ class EtcdQuestion final : public TableQuestion {
   void look();
   void looked(const etcd::TxnResponse& response);
   void readState(std::int64_t revision);
-  void stateIs(const EtcdMark& mark, std::int64_t revision);
+  void stateIs(const EtcdMark& mark, std::int64_t revision, std::int64_t readAt);
   void readLayout();
 
   const EtcdAddress address_;
@@ -34,7 +34,7 @@ class EtcdQuestion final : public TableQuestion {
   std::int64_t owner_ = 0;
   std::string ownerText_;
   PublisherInfo info_;
-  std::int64_t revision_ = 0;  ///< at which all is read
+  std::int64_t revision_ = 0;  ///< at which layouts are read
   std::size_t next_ = 0;       ///< table without a layout
   EtcdClient client_;          // the last one: what it tells uses the others
 };

@@ -158,10 +158,8 @@ class EtcdReader::Impl::Question final : public std::enable_shared_from_this<Que
     const auto mark = marks.empty() ? std::nullopt : EtcdMark::decode(marks[0].value());
     if (!mark || mark->part != 0) return lookAgain("there is no state");
     found_.isKept = owner_ != 0 && marks[0].mod_revision() > owner_;
-    const auto table = std::ranges::find(mark->tables, table_, &EtcdMark::Table::name);
-    if (table == mark->tables.end()) {
-      return end(impl_.address_.publisher + " has no table " + table_);
-    }
+    const EtcdMark::Table* const table = mark->find(table_);
+    if (table == nullptr) return end(mark->absence(impl_.address_.publisher, table_));
     rows_ = table->rows;
     const auto& layouts = at(response, 1);
     if (layouts.empty()) return end(table_ + ": its layout is missing");

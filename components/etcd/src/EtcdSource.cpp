@@ -160,10 +160,7 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
       const TablePosition position = receiver_.position(i);
       if (position.history == mark.history && position.sequence == mark.sequence) continue;
       if (source_->refused_.contains(receiver_.table(i)->name())) continue;
-      if (std::ranges::find(mark.tables, receiver_.table(i)->name(), &EtcdMark::Table::name) !=
-          mark.tables.end()) {
-        return false;
-      }
+      if (mark.find(receiver_.table(i)->name()) != nullptr) return false;
     }
     return true;
   }
@@ -262,8 +259,8 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
     while (number < receiver_.size()) {
       const AnyTable* const table = receiver_.table(number);
       if (table != nullptr) {
-        if (isListed(mark_, table->name())) break;
-        receiver_.refuse(number, source_->address_.publisher + " has no table " + table->name());
+        if (mark_.find(table->name()) != nullptr) break;
+        receiver_.refuse(number, mark_.absence(source_->address_.publisher, table->name()));
       }
       ++number;
     }
@@ -373,10 +370,6 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
   }
 
   // --- States
-
-  static bool isListed(const EtcdMark& mark, const std::string& name) {
-    return std::ranges::find(mark.tables, name, &EtcdMark::Table::name) != mark.tables.end();
-  }
 
   /// What came leads to mark_, at revision_.
   void markIsTaken() {
@@ -518,9 +511,16 @@ class EtcdLink final : public TableLink, private TableReceiver::User {
     }
     for (std::size_t i = 0; i < receiver_.size(); ++i) {
       const AnyTable* const table = receiver_.table(i);
-      if (table != nullptr && isListed(mark, table->name()) != isListed(mark_, table->name())) {
+      if (table == nullptr) continue;
+      const bool isThere = mark.find(table->name()) != nullptr;
+      if (isThere != (mark_.find(table->name()) != nullptr)) {
+        // From the position one would come to this state again.
+        source_->position_.reset();
         return end(source_->address_.publisher + " has other tables");
       }
+      if (isThere) continue;
+      const std::string why = mark.absence(source_->address_.publisher, table->name());
+      if (why != table->stateText()) receiver_.refuse(i, why);
     }
     mark_ = mark;
     text_ = kv.value();

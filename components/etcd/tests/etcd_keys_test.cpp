@@ -65,16 +65,23 @@ TEST(EtcdKeys, MarksAreReadAsTheyAreWritten) {
   mark.part = 3;
   mark.cut = 99;
   mark.batches = 12;
-  mark.tables = {{"net/port", 5, 0xABC}, {"a name", 0, 0}};
+  mark.tables = {{"net/port", 5, 0xABC}, {"a name", 0, 0}, {"kept name", 0, 0, true}};
   const std::string text = mark.encode();
   EXPECT_EQ(text,
             "korvo 1 history fedcba9876543210 sequence 7 part 3 cut 99 batches 12\n"
             "5 0000000000000abc net/port\n"
-            "0 0000000000000000 a name\n");
+            "0 0000000000000000 a name\n"
+            "kept kept name\n");
   const auto read = EtcdMark::decode(text);
   ASSERT_TRUE(read);
   EXPECT_EQ(read->encode(), text);
-  EXPECT_EQ(read->tables.size(), 2U);
+  EXPECT_EQ(read->tables.size(), 3U);
+  ASSERT_NE(read->find("a name"), nullptr);
+  EXPECT_EQ(read->find("kept name"), nullptr);
+  EXPECT_EQ(read->absence("agent", "kept name"),
+            "agent keeps what is there of table kept name, and does not tell it for now");
+  EXPECT_EQ(read->find("name"), nullptr);
+  EXPECT_EQ(read->absence("agent", "name"), "agent has no table name");
   // Each shorter text is none, but where a line ends.
   for (std::size_t length = 0; length < text.size(); ++length) {
     const bool isWhole = length != 0 && text[length - 1] == '\n';
@@ -131,6 +138,8 @@ TEST_F(Settings, ComeFromAFileAndThenTheEnvironment) {
   EXPECT_EQ(all.password, "a = b");
   EXPECT_EQ(all.ca, "/ca.pem");
   EXPECT_TRUE(all.wantsTls());
+  read("user = agent\n");
+  Korvo::EtcdEngine().check("etcd://a:1/net/agent");
   setenv("KORVO_ETCD_USER", "other", 1);
   EXPECT_EQ(EtcdSettings::fromEnvironment().user, "other");
 }
@@ -147,7 +156,13 @@ TEST_F(Settings, OfAnotherFormAreRefusedWithoutTheirValue) {
   EXPECT_THROW(
       read("user = a\n", std::filesystem::perms::owner_read | std::filesystem::perms::others_read),
       Korvo::KoInvalidArgument);
+  // Who checks an address learns it, too, and that a file is not there.
+  const Korvo::EtcdEngine engine;
+  EXPECT_THROW(engine.check("etcd://a:1/net"), Korvo::KoInvalidArgument);
+  read("ca = /nowhere/at/all\n");
+  EXPECT_THROW(engine.check("etcd://a:1/net/agent"), Korvo::KoInvalidArgument);
   setenv("KORVO_ETCD_SETTINGS", "/nowhere/at/all", 1);
+  EXPECT_THROW(engine.check("etcd://a:1/net/agent"), Korvo::KoInvalidArgument);
   EXPECT_THROW(EtcdSettings::fromEnvironment(), Korvo::KoInvalidArgument);
 }
 

@@ -466,6 +466,30 @@ TEST(EtcdReturn, ARefusedTableIsTakenOnceTheSubscriberHasAnother) {
   EXPECT_EQ(contents(ports), contents(publisher.ports));
 }
 
+TEST(EtcdReturn, ATableThatThePublisherAddsLaterIsTaken) {
+  Cluster cluster(1);
+  cluster.waitUntilReady();
+  Table<Link> copyOfLinks("net/link");
+  Copy copy(cluster.address());
+  copy.subscriber.add(copyOfLinks);
+  Table<Link> links("net/link");
+  Publisher publisher(cluster.address());
+  publisher.put({port(1, "one")});
+  ASSERT_TRUE(
+      runUntil([&] { return copy.equals(publisher) && copyOfLinks.state() == TableState::refused; },
+               publisher, copy))
+      << copy.text() << copyOfLinks.stateText();
+  Batch batch(links);
+  batch.put(link(7, true));
+  batch.commit();
+  publisher.publisher.add(links);
+  ASSERT_TRUE(
+      runUntil([&] { return copy.equals(publisher) && copyOfLinks.state() == TableState::current; },
+               publisher, copy))
+      << copy.text() << copyOfLinks.stateText();
+  EXPECT_EQ(copyOfLinks.size(), 1U);
+}
+
 TEST(EtcdReturn, TransactionsGetAsSmallAsTheServerWantsThem) {
   Cluster cluster(1, {"--max-request-bytes", "8000"});
   cluster.waitUntilReady();
@@ -499,6 +523,73 @@ TEST(EtcdReturn, AfterARowThatNoServerTakesAllGoesOn) {
   publisher.putGeneration(2, 300);
   ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy))
       << copy.text() << publisher.problem();
+}
+
+TEST(EtcdReturn, KeptTablesStayAndAreToldToNobody) {
+  Cluster cluster(1);
+  cluster.waitUntilReady();
+  Table<Link> copyOfLinks("net/link");
+  Copy copy(cluster.address());
+  copy.subscriber.add(copyOfLinks);
+  struct {
+    std::shared_ptr<EventLoop> loop = std::make_shared<EventLoop>("agent");
+  } side;
+  Table<Port> ports("net/port");
+  Table<Link> links("net/link");
+  Batch batch(ports, links);
+  batch.put(port(1, "one"));
+  batch.put(link(7, true));
+  batch.commit();
+  const auto isEqual = [&] {
+    return copy.isCurrent() && contents(copy.ports) == contents(ports) &&
+           copyOfLinks.state() == TableState::current && copyOfLinks.size() == 1;
+  };
+  const auto row = [&] {
+    return cluster.tool(
+        "get -w fields korvo/test/agent/net/link/row/00000007 "
+        "| grep ModRevision");
+  };
+  std::optional<TablePublisher> agent;
+  const auto publish = [&](bool withLinks, const std::vector<std::string>& kept) {
+    agent.reset();
+    agent.emplace("agent", side.loop,
+                  TablePublisher::Options{.heartbeat = milliseconds(500), .keptTables = kept});
+    agent->add(ports);
+    if (withLinks) agent->add(links);
+    agent->listen(cluster.address());
+  };
+  publish(true, {});
+  ASSERT_TRUE(runUntil(isEqual, side, copy)) << copy.text();
+  const std::string written = row();
+
+  publish(false, {"net/link", "net/none"});
+  batch.put(port(2, "two"));
+  batch.commit();
+  ASSERT_TRUE(runUntil(
+      [&] {
+        return copy.isCurrent() && copy.ports.size() == 2 &&
+               copyOfLinks.state() == TableState::refused;
+      },
+      side, copy))
+      << copy.text();
+  EXPECT_EQ(copyOfLinks.stateText(),
+            "agent keeps what is there of table net/link, and does not tell it for now");
+  EXPECT_EQ(copyOfLinks.size(), 1U) << "who has rows keeps them";
+  EXPECT_EQ(row(), written);
+
+  // What is published again is compared with what was kept.
+  publish(true, {"net/link"});
+  ASSERT_TRUE(runUntil(isEqual, side, copy)) << copy.text() << copyOfLinks.stateText();
+  EXPECT_EQ(row(), written);
+
+  publish(false, {"net/link"});
+  ASSERT_TRUE(runUntil([&] { return copyOfLinks.state() == TableState::refused; }, side, copy));
+  publish(false, {});
+  ASSERT_TRUE(runUntil(
+      [&] { return copyOfLinks.stateText() == "agent has no table net/link" && copy.isCurrent(); },
+      side, copy))
+      << copy.text() << copyOfLinks.stateText();
+  EXPECT_EQ(cluster.tool("get --prefix --keys-only korvo/test/agent/net/link"), "");
 }
 
 TEST(EtcdReturn, APublisherWithFewerTablesRemovesTheOthers) {

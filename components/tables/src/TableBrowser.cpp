@@ -224,10 +224,10 @@ bool TableBrowser::Impl::take(const Frame& frame) {
 TableBrowser::TableBrowser(const std::string& address, const KoPtr<Scheduler>& scheduler,
                            const Options& options)
     : TableBrowser(scheduler, options) {
+  TableEngine::checkAddress(address);
   if (detail::isSocketAddress(address)) {
     connect(detail::connectorTo(address, scheduler));
   } else {
-    static_cast<void>(detail::engineFor(address));
     impl_->engineAddress = address;
   }
 }

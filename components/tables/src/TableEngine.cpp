@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "TableEngines.h"
+#include "UnixSocket.h"
 
 namespace Korvo {
 
@@ -28,6 +29,8 @@ std::unique_ptr<TableQuestion> TableEngine::ask(const std::string& address,
                                                 TableQuestion::User& /*user*/) {
   throw KoInvalidArgument("Not told what is published there - (" + address + ")");
 }
+
+void TableEngine::check(const std::string& /*address*/) const {}
 
 // ---------------------------------------------------------------------------------------------
 // Engines by scheme
@@ -67,6 +70,14 @@ void TableEngine::add(const std::string& scheme, std::shared_ptr<TableEngine> en
   const auto [place, isNew] = all.byScheme.emplace(scheme, engine);
   if (!isNew && place->second != engine) {
     throw KoInvalidArgument("The scheme is another engine's - (" + scheme + ")");
+  }
+}
+
+void TableEngine::checkAddress(const std::string& address) {
+  if (detail::isSocketAddress(address)) {
+    static_cast<void>(detail::socketPath(address));
+  } else {
+    detail::engineFor(address)->check(address);
   }
 }
 

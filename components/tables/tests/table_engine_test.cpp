@@ -2,6 +2,7 @@
 // what changed and its mark, and from which subscribers take it. It is also how small an engine
 // may be.
 
+#include <Korvo/TableBrowser.h>
 #include <Korvo/TableEngine.h>
 
 #include "failing_allocator.h"
@@ -226,12 +227,15 @@ class ShelfEngine final : public TableEngine {
                                              Korvo::TableOutlet::User&) override {
     return std::make_unique<ShelfOutlet>(at(address), sender);
   }
+  void check(const std::string& address) const override {
+    if (address != "shelf:one") throw Korvo::KoInvalidArgument("No such shelf - (" + address + ")");
+  }
 
   Shelf shelf;
 
  private:
   Shelf& at(const std::string& address) {
-    if (address != "shelf:one") throw Korvo::KoInvalidArgument("No such shelf - (" + address + ")");
+    check(address);
     return shelf;
   }
 };
@@ -409,6 +413,13 @@ TEST_F(EngineTest, AddressesWithoutAnEngineAreRefusedInWords) {
       agent->publisher.listen(address);
     } catch (const Korvo::KoInvalidArgument& error) {
       EXPECT_THROW(Korvo::TableSubscriber(address, loop), Korvo::KoInvalidArgument);
+      EXPECT_THROW(Korvo::TableBrowser(address, loop), Korvo::KoInvalidArgument);
+      try {
+        TableEngine::checkAddress(address);
+        ADD_FAILURE() << address << " is taken";
+      } catch (const Korvo::KoInvalidArgument& checked) {
+        EXPECT_STREQ(checked.what(), error.what());
+      }
       return error.what();
     }
     return "taken";
@@ -420,6 +431,10 @@ TEST_F(EngineTest, AddressesWithoutAnEngineAreRefusedInWords) {
   EXPECT_EQ(refusal("shelf"), "Unknown address - (shelf)");
   EXPECT_EQ(refusal(""), "Unknown address - ()");
   EXPECT_EQ(refusal("shelf:two"), "No such shelf - (shelf:two)");
+  EXPECT_EQ(refusal("unix:" + std::string(200, 'a')),
+            "Not the path of a socket - (unix:" + std::string(200, 'a') + ")");
+  TableEngine::checkAddress("shelf:one");
+  TableEngine::checkAddress("unix:nobody.sock");
 }
 
 TEST_F(EngineTest, SchemesBelongToOneEngine) {

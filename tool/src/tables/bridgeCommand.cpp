@@ -21,7 +21,7 @@ using Korvo::PublisherInfo;
 using Korvo::TableState;
 
 /// How often the source is asked what tables it has, and the target how it goes.
-constexpr std::chrono::seconds askPause{2};
+constexpr std::chrono::seconds askPause{1};
 constexpr std::chrono::milliseconds lookPause{200};
 
 /// Rows go from the tables of the follower into tables of the publisher, which share their bytes.
@@ -35,34 +35,19 @@ class Bridge final : public Follower::User {
   Bridge(Work& work, const BridgeOptions& options)
       : work_(work),
         options_(options),
-        browser_(options.address, work.loop()),
+        browser_(options.address, work.loop(),
+                 {.patience = std::chrono::seconds(options.patience)}),
         ask_(work, [this] { browser_.ask(); }),
         look_(work, [this] { lookAtTarget(); }) {
     browser_.onAnswer([this](const PublisherInfo& info) {
       ask_.after(askPause);
       work_.guard([&] { learn(info); });
     });
-    // The follower tells what is wrong.
-    browser_.onFailure([this](const std::string&) { ask_.after(askPause); });
-  }
-
-  /// What the source has, as soon as it can be asked; nothing once a signal came.
-  std::optional<PublisherInfo> waitForSource() {
-    for (std::string told;;) {
-      const PublisherAnswer answer = askOnce(work_, options_);
-      if (answer.info || answer.failure.empty()) return answer.info;
-      if (std::exchange(told, answer.failure) != answer.failure) {
-        report("loading", answer.failure + "; it is waited for");
-      }
-      Alarm again(work_, [this] { work_.done(); });
-      again.after(askPause);
-      if (!work_.run()) return std::nullopt;
-    }
-  }
-
-  void followerIs(Follower& follower, const std::string& publisher) {
-    follower_ = &follower;
-    name_ = publisher;
+    browser_.onFailure([this](const std::string& text) {
+      ask_.after(askPause);
+      work_.guard([&] { waitFor(options_.address + ": " + text); });
+    });
+    browser_.ask();
   }
 
   void begins() override {
@@ -83,7 +68,6 @@ class Bridge final : public Follower::User {
     states_.assign(tables_.size(), TableState::loading);
     isCurrent_ = false;
     publishAnew();
-    ask_.after(askPause);
   }
 
   /// The others go on.
@@ -138,7 +122,9 @@ class Bridge final : public Follower::User {
  private:
   void publishAnew() {
     publisher_.reset();
-    publisher_ = std::make_unique<Korvo::TablePublisher>(name_, work_.loop());
+    Korvo::PublisherOptions options;
+    for (const auto& table : follower_->leftOut()) options.keptTables.push_back(table.name);
+    publisher_ = std::make_unique<Korvo::TablePublisher>(name_, work_.loop(), options);
     publisher_->completeIs(false);
     for (const auto& table : tables_) publisher_->add(*table);
     publisher_->listen(options_.target);
@@ -162,13 +148,19 @@ class Bridge final : public Follower::User {
     }
     const bool isCurrent =
         std::ranges::all_of(states_, [](TableState state) { return state == TableState::current; });
-    if (isCurrent == isCurrent_) return tellFault();
-    isCurrent_ = isCurrent;
-    if (!isCurrent) {
+    if (std::exchange(isCurrent_, isCurrent) == isCurrent) return tellFault();
+    if (isCurrent) {
+      ask_.after(std::chrono::seconds(0));
+    } else {
       publishAnew();
-      return tellFault();
+      tellFault();
     }
+  }
+
+  /// The tables are current, and the source has no others.
+  void complete() {
     publisher_->completeIs(true);
+    waitedFor_.clear();
     std::size_t rows = 0;
     for (const auto& table : tables_) rows += table->size();
     text_.clear();
@@ -198,15 +190,10 @@ class Bridge final : public Follower::User {
     }
   }
 
-  /// A cluster tells why nothing is written there; who comes and goes at a socket is no fault.
   void lookAtTarget() {
     look_.after(lookPause);
-    std::string problem;
-    if (!options_.target.starts_with("unix:")) {
-      for (const auto& subscriber : publisher_->subscribers()) problem = subscriber.lastReason;
-    }
-    if (problem == problem_) return;
-    problem_ = problem;
+    const std::string problem = problemAt(options_.target, *publisher_);
+    if (std::exchange(problem_, problem) == problem) return;
     if (options_.json) {
       Json json = Json::object();
       json.add("problem", problem);
@@ -216,9 +203,35 @@ class Bridge final : public Follower::User {
     }
   }
 
-  /// The source may have other tables than it had. While it loads its rows it may not have all.
+  /// Tells it once. While the tables are not current, the follower tells why.
+  void waitFor(const std::string& what) {
+    if (follower_ != nullptr && (!isCurrent_ || publisher_->complete())) return;
+    if (std::exchange(waitedFor_, what) != what) report("loading", what + "; it is waited for");
+  }
+
+  /// Begins as soon as all tables are there that are wanted. Later the source may have others than
+  /// it had; while it loads its rows it may not have all of them.
   void learn(const PublisherInfo& info) {
-    if (!options_.tables.empty() || !info.isComplete || info.tables.empty()) return;
+    std::vector<PublisherInfo::Table> tables;
+    try {
+      tables = tablesOf(info, options_.tables);
+      if (tables.empty()) throw Failure(statusUnavailable, info.name + " has no tables");
+    } catch (const Failure& missing) {
+      return waitFor(missing.what());
+    }
+    if (follower_ == nullptr) {
+      name_ = info.name;
+      follower_ = std::make_unique<Follower>(work_, options_.address, *this);
+      follower_->follow(tables);
+    } else if (info.isComplete && !isFollowed(tables)) {
+      follower_->follow(tables);
+    } else if (info.isComplete && isCurrent_ && !publisher_->complete()) {
+      complete();
+    }
+  }
+
+  /// Whether these are the tables that are followed or left out, and no others.
+  bool isFollowed(const std::vector<PublisherInfo::Table>& tables) const {
     const auto& leftOut = follower_->leftOut();
     const auto isKnown = [&](const PublisherInfo::Table& told) {
       return std::ranges::any_of(tables_,
@@ -227,9 +240,7 @@ class Bridge final : public Follower::User {
                return table.name == told.name && table.layoutText == told.layoutText;
              });
     };
-    const bool isSame = info.tables.size() == tables_.size() + leftOut.size() &&
-                        std::ranges::all_of(info.tables, isKnown);
-    if (!isSame) follower_->follow(info.tables);
+    return tables.size() == tables_.size() + leftOut.size() && std::ranges::all_of(tables, isKnown);
   }
 
   void print(const Json& json) {
@@ -241,15 +252,16 @@ class Bridge final : public Follower::User {
   const BridgeOptions& options_;
   std::string name_;
   Output out_;
-  Follower* follower_ = nullptr;
+  std::unique_ptr<Follower> follower_;  ///< null until the source has what is wanted
   std::vector<std::unique_ptr<LearnedTable>> tables_;
   std::unique_ptr<Korvo::TablePublisher> publisher_;  // ends before its tables
   Korvo::AnyBatch batch_;
   std::vector<std::optional<std::uint64_t>> seen_;
   std::vector<TableState> states_;
   bool isOpen_ = false;     ///< readers were told something since the last commit
-  bool isCurrent_ = false;  ///< the publisher is complete
+  bool isCurrent_ = false;  ///< the source's tables, as far as they are followed
   std::string text_;        ///< what was not told yet
+  std::string waitedFor_;
   std::string problem_;
   std::uint64_t count_ = 0;
   std::uint64_t batches_ = 0;
@@ -267,20 +279,10 @@ int bridgeTables(const BridgeOptions& options) {
   makeKnown(options.address);
   makeKnown(options.target);
   Work work;
-  checkAddress(work, options.address);
-  checkAddress(work, options.target);
+  checkAddress(options.address);
+  checkAddress(options.target);
   Bridge bridge(work, options);
-  const std::optional<PublisherInfo> info = bridge.waitForSource();
-  if (!info) {
-    bridge.finish();
-    return statusGood;
-  }
-  const auto tables = tablesOf(*info, options.tables);
-  if (tables.empty()) throw Failure(statusUnavailable, printable(info->name) + " has no tables");
-  Follower follower(work, options.address, bridge);
-  bridge.followerIs(follower, info->name);
   try {
-    follower.follow(tables);
     work.run();
   } catch (const Korvo::KoInvalidArgument& e) {
     throw Failure(statusUsage, e.what());

@@ -3,6 +3,8 @@
 #include "../failure.h"
 #include "../output.h"
 
+#include <Korvo/TableEngine.h>
+
 #include <algorithm>
 #include <csignal>
 #include <exception>
@@ -49,39 +51,39 @@ void Alarm::onTimeout() {
   work_.guard(told_);
 }
 
-/// A browser takes an engine's address as it is, and tells what is wrong with it as it tells of a
-/// publisher that is not there; a subscriber reads it.
-void checkAddress(Work& work, const std::string& address) {
+void checkAddress(const std::string& address) {
   try {
-    const Korvo::TableSubscriber subscriber(address, work.loop());
+    Korvo::TableEngine::checkAddress(address);
   } catch (const Korvo::KoInvalidArgument& e) {
     throw Failure(statusUsage, e.what());
   }
 }
 
-PublisherAnswer askOnce(Work& work, const PublisherOptions& options) {
-  PublisherAnswer answer;
-  Korvo::TableBrowser browser(options.address, work.loop(),
-                              {.patience = std::chrono::seconds(options.patience)});
-  browser.onAnswer([&](const PublisherInfo& info) {
-    answer.info = info;
-    work.done();
-  });
-  browser.onFailure([&](const std::string& text) {
-    answer.failure = options.address + ": " + printable(text);
-    work.done();
-  });
-  browser.ask();
-  if (!work.run()) return {};
-  return answer;
+std::string problemAt(const std::string& address, const Korvo::TablePublisher& publisher) {
+  std::string problem;
+  if (address.starts_with("unix:")) return problem;
+  for (const auto& subscriber : publisher.subscribers()) problem = subscriber.lastReason;
+  return problem;
 }
 
 PublisherInfo askPublisher(Work& work, const PublisherOptions& options) {
-  checkAddress(work, options.address);
-  const PublisherAnswer answer = askOnce(work, options);
-  if (answer.info) return *answer.info;
-  throw Failure(statusUnavailable,
-                answer.failure.empty() ? options.address + ": interrupted" : answer.failure);
+  checkAddress(options.address);
+  std::optional<PublisherInfo> answer;
+  std::string failure = "interrupted";
+  Korvo::TableBrowser browser(options.address, work.loop(),
+                              {.patience = std::chrono::seconds(options.patience)});
+  browser.onAnswer([&](const PublisherInfo& info) {
+    answer = info;
+    work.done();
+  });
+  browser.onFailure([&](const std::string& text) {
+    failure = printable(text);
+    work.done();
+  });
+  browser.ask();
+  work.run();
+  if (!answer) throw Failure(statusUnavailable, options.address + ": " + failure);
+  return *answer;
 }
 
 std::vector<PublisherInfo::Table> tablesOf(const PublisherInfo& publisher,

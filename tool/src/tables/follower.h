@@ -8,6 +8,7 @@
 #include <Korvo/EventLoop.h>
 #include <Korvo/LearnedTable.h>
 #include <Korvo/TableBrowser.h>
+#include <Korvo/TablePublisher.h>
 #include <Korvo/TableSubscriber.h>
 
 #include <chrono>
@@ -56,17 +57,13 @@ class Alarm final : private Velto::Platform::TimeoutHandler {
 };
 
 /// Throws Failure for an address that is none.
-void checkAddress(Work& work, const std::string& address);
+void checkAddress(const std::string& address);
 
-/// What a publisher has, or why that is not known; neither once a signal came.
-struct PublisherAnswer {
-  std::optional<Korvo::PublisherInfo> info;
-  std::string failure;
-};
+/// Why nothing is written on the cluster at that address; empty: it is, or it is a socket, where
+/// who comes and goes is no fault.
+std::string problemAt(const std::string& address, const Korvo::TablePublisher& publisher);
 
-/// Asks the publisher what it has. The address was checked.
-PublisherAnswer askOnce(Work& work, const PublisherOptions& options);
-/// The same for those who need an answer, with the check. Throws Failure.
+/// What the publisher has. Throws Failure if the address is none, or it does not tell.
 Korvo::PublisherInfo askPublisher(Work& work, const PublisherOptions& options);
 
 /// Its tables of these names, or all of them. Throws Failure if it does not have one.

@@ -199,7 +199,8 @@ class Replay final : private Player::User {
         options_(options),
         reader_(reader),
         player_(reader, *this),
-        next_(work, [this] { goOn(); }) {}
+        next_(work, [this] { goOn(); }),
+        look_(work, [this] { lookAtTarget(); }) {}
 
   void begin() {
     hasNext_ = reader_.next(batch_);
@@ -210,10 +211,13 @@ class Replay final : private Player::User {
     }
     publisher_->listen(options_.address);
     next_.after(std::chrono::seconds(0));
+    look_.after(lookPause);
   }
 
  private:
   using Clock = std::chrono::steady_clock;
+  /// How often a cluster is asked how it goes.
+  static constexpr std::chrono::milliseconds lookPause{1000};
 
   void tableComes(LearnedTable& table) override { publisher_->add(table); }
   /// The publisher finds it gone.
@@ -261,12 +265,21 @@ class Replay final : private Player::User {
     work_.done();
   }
 
+  void lookAtTarget() {
+    look_.after(lookPause);
+    const std::string problem = problemAt(options_.address, *publisher_);
+    if (std::exchange(problem_, problem) == problem) return;
+    complain(options_.address + ": " + (problem.empty() ? "goes on" : printable(problem)));
+  }
+
   Work& work_;
   const ReplayOptions& options_;
   RecordingReader& reader_;
   std::unique_ptr<Korvo::TablePublisher> publisher_;
   Player player_;  // its tables go before the publisher
   Alarm next_;
+  Alarm look_;
+  std::string problem_;
   RecordedBatch batch_;
   bool hasNext_ = false;
   bool isToldEnd_ = false;

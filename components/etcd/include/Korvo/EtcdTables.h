@@ -65,6 +65,8 @@ class KORVO_API EtcdEngine final : public TableEngine {
   /// Tells the last state that is there, also if nobody publishes it any more.
   std::unique_ptr<TableQuestion> ask(const std::string& address, const KoPtr<Scheduler>& scheduler,
                                      TableQuestion::User& user) override;
+  /// Reads the settings, too.
+  void check(const std::string& address) const override;
   /// What its publishers have done until now.
   Counters counters() const;
 

@@ -331,11 +331,17 @@ class KORVO_API TableEngine {
   virtual std::unique_ptr<TableQuestion> ask(const std::string& address,
                                              const KoPtr<Scheduler>& scheduler,
                                              TableQuestion::User& user);
+  /// Throws KoInvalidArgument for an address that the others refuse so; nothing is connected. An
+  /// engine that does not override it takes all.
+  virtual void check(const std::string& address) const;
 
   /// Addresses that begin with `scheme` and a colon are this engine's from now on. From every
   /// thread. Throws KoInvalidArgument for a scheme that is no word of small letters and digits, is
   /// built in, or another engine's; adding one engine twice does nothing.
   static void add(const std::string& scheme, std::shared_ptr<TableEngine> engine);
+  /// Throws KoInvalidArgument for what is neither a socket's address nor one of an engine that the
+  /// program has registered. Whether there is anybody is not looked at. From every thread.
+  static void checkAddress(const std::string& address);
 };
 
 /// Tells the scheduler's thread that another thread has something for it.

@@ -46,6 +46,10 @@ struct PublisherOptions {
   /// Whether a user, if it is known which, may have a table; without it all that may subscribe may.
   /// A table is refused in words, and the others are not. Must not throw.
   std::function<bool(const std::string& table, std::optional<uid_t> user)> mayHave = nullptr;
+  /// Tables that an earlier publisher of the name left where an engine keeps rows, and that this
+  /// one does not have for now. They stay there, as they are and told to nobody, where others that
+  /// are not added go.
+  std::vector<std::string> keptTables = {};
 };
 
 /// Tells the tables that are added to it to subscribers.
