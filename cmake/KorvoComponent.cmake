@@ -27,7 +27,9 @@ function(korvo_add_library target export_name)
     EXPORT_NAME ${export_name}
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR}
+    # The objects of shared and of static libraries are the same.
     POSITION_INDEPENDENT_CODE ON
+    DEFINE_SYMBOL ""
     # All libraries beside each other, wherever their sources are.
     LIBRARY_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}"
     ARCHIVE_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}"
