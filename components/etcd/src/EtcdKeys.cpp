@@ -108,6 +108,13 @@ std::optional<EtcdKeys::Row> EtcdKeys::rowOf(std::string_view key) const {
   return Row{key, *oid};
 }
 
+bool EtcdKeys::mayName(std::string_view table) {
+  const bool isLine =
+      std::ranges::none_of(table, [](char c) { return (c >= 0 && c < ' ') || c == 0x7F; });
+  return isLine && !table.empty() && !table.ends_with("/row") &&
+         table.find(rowPart) == std::string_view::npos;
+}
+
 std::string EtcdKeys::endOf(std::string begin) {
   ++begin.back();  // prefixes end with '/'
   return begin;

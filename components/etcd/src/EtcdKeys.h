@@ -67,6 +67,9 @@ class EtcdKeys {
   };
   std::optional<Row> rowOf(std::string_view key) const;
 
+  /// Whether a table of that name has keys that are no other table's, and stands on a line of a
+  /// mark.
+  static bool mayName(std::string_view table);
   /// The end of the range of all keys that begin so.
   static std::string endOf(std::string begin);
 

@@ -268,6 +268,10 @@ void EtcdOutlet::work() {
   if (stage_ == Stage::ready && sender_.isComplete()) {
     stage_ = Stage::reading;
     tables_ = sender_.tables();
+    for (const TableSender::Table& table : tables_) {
+      if (table.isGone || EtcdKeys::mayName(table.name)) continue;
+      return lose({Fault::Kind::other, "no name of a table on a cluster: " + table.name});
+    }
     there_ = std::vector<There>(tables_.size());
     paged_ = 0;
     sender_.restart();

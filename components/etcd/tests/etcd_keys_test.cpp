@@ -40,6 +40,16 @@ TEST(EtcdKeys, RowsStandUnderTheirTablesAndOids) {
   EXPECT_EQ(EtcdKeys::endOf("korvo/net/agent/"), "korvo/net/agent0");
 }
 
+// Rows of "a/row" would stand among those of "a".
+TEST(EtcdKeys, NamesOfTablesAreOneLineAndNoPlaceOfRows) {
+  for (const std::string name : {"port", "net/port", "row", "net/row-1", "net/rows/port", "ä ö"}) {
+    EXPECT_TRUE(EtcdKeys::mayName(name)) << name;
+  }
+  for (const std::string name : {"", "net/row", "net/row/port", "/row", "net\nport", "a\x7f"}) {
+    EXPECT_FALSE(EtcdKeys::mayName(name)) << name;
+  }
+}
+
 TEST(EtcdKeys, KeysOfRowsAreKnown) {
   const EtcdKeys keys("korvo/net/agent/");
   for (const Korvo::oid_t oid : {0U, 1U, 0x2AU, 0xFFFFFFFFU}) {

@@ -628,4 +628,25 @@ TEST(EtcdReturn, APublisherWithFewerTablesRemovesTheOthers) {
   EXPECT_EQ(cluster.tool("get korvo/test/agent/mark").find("net/link"), std::string::npos);
 }
 
+TEST(EtcdReturn, ATableWhoseKeysWouldBeAnothersStopsItsPublisher) {
+  Cluster cluster(1);
+  cluster.waitUntilReady();
+  Publisher publisher(cluster.address());
+  publisher.put({port(1, "one")});
+  Copy copy(cluster.address());
+  ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy)) << copy.text();
+  {
+    Table<Link> among("net/port/row");
+    publisher.publisher.add(among);
+    ASSERT_TRUE(runUntil(
+        [&] {
+          return publisher.problem().ends_with("no name of a table on a cluster: net/port/row");
+        },
+        publisher, copy))
+        << publisher.problem();
+  }
+  publisher.put({port(1, "two")});
+  ASSERT_TRUE(runUntil([&] { return copy.equals(publisher); }, publisher, copy)) << copy.text();
+}
+
 }  // namespace
