@@ -109,8 +109,11 @@ std::optional<EtcdKeys::Row> EtcdKeys::rowOf(std::string_view key) const {
 }
 
 bool EtcdKeys::mayName(std::string_view table) {
-  const bool isLine =
-      std::ranges::none_of(table, [](char c) { return (c >= 0 && c < ' ') || c == 0x7F; });
+  const auto isControl = [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < ' ' || byte == 0x7F;
+  };
+  const bool isLine = std::ranges::none_of(table, isControl);
   return isLine && !table.empty() && !table.ends_with("/row") &&
          table.find(rowPart) == std::string_view::npos;
 }
