@@ -415,6 +415,22 @@ TEST_F(HostilePublisherTest, RowsWithoutAMarkAreRefusedAtTheLimit) {
   }
 }
 
+// Of a row that is told again and again only the last word waits.
+TEST_F(HostilePublisherTest, ARowThatIsToldAgainCountsOnce) {
+  begin();
+  const Port row = port(1, std::string(1000, 'x'));
+  std::string bytes;
+  for (int i = 0; i < 2000; ++i) bytes += wire::rowFrame(row);
+  bytes += wire::markFrame(1, 2001, 1, wire::digestOf(row));
+  std::size_t sent = 0;
+  ASSERT_TRUE(runUntil([&] {
+    sent += peer.send(std::string_view(bytes).substr(sent));
+    return sent == bytes.size();
+  }));
+  EXPECT_TRUE(runUntil([&] { return copy.state() == TableState::current; })) << copy.stateText();
+  EXPECT_EQ(copy.size(), 1U);
+}
+
 // Removals of rows that are not there count as well.
 TEST_F(HostilePublisherTest, RemovalsWithoutAMarkAreRefusedAtTheLimit) {
   begin();
